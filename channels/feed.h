@@ -1,0 +1,94 @@
+// One fetched and parsed edition of a channel: its channel-level fields and its items.
+#pragma once
+
+#include "lib/misc/threadSafetyWin32.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace channels {
+
+// One item of a feed. Two items are the same item exactly when their ids are equal.
+struct FeedItem {
+    std::string id;
+    std::string title;
+    std::string description;
+    std::string url;
+    std::string source;
+    std::string author;
+    std::string commentsUrl;
+    std::string pubDateString;
+
+    bool operator==(const FeedItem&) const = default;
+
+    // Reads the item from a section; returns false (leaving this item unchanged) when the
+    // section holds no item, that is when its "Id" reads empty.
+    bool load(const std::string& file, const std::string& section);
+    void save(const std::string& file, const std::string& section) const;
+};
+
+// The channel-level fields a feed carries, in storage order.
+struct FeedChannelFields {
+    std::string channelDisplayName;
+    std::string channelDescription;
+    std::string channelHomeUrl;
+    std::string channelImageUrl;
+    int channelImageWidth = 0;  // 0..500
+    int channelImageHeight = 0; // 0..500
+    std::string copyrightString;
+    std::string editorEmailAddress;
+    std::string webMasterEmailAddress;
+    std::string pubDateString;
+    std::string lastBuildDateString;
+    std::string feedGenerator;
+
+    bool operator==(const FeedChannelFields&) const = default;
+
+    // The twelve keys in any section (the channel file's "Cache" keeps a copy).
+    void load(const std::string& file, const std::string& section);
+    void save(const std::string& file, const std::string& section) const;
+};
+
+class Feed {
+public:
+    Feed() = default;
+    Feed(const Feed& other);
+    Feed& operator=(const Feed& other);
+    // Compares time, channel fields and items.
+    bool operator==(const Feed& other) const;
+
+    std::int32_t feedTime() const;
+    void setFeedTime(std::int32_t time);
+
+    const FeedChannelFields& channel() const { return m_channel; }
+    FeedChannelFields& channel() { return m_channel; }
+
+    std::size_t itemCount() const;
+    // The item at a 0-based index (a copy, taken under the feed's lock).
+    FeedItem item(std::size_t index) const;
+    std::vector<FeedItem> items() const;
+    void appendItem(FeedItem item);
+    // Keeps the first count items.
+    void truncateItems(std::size_t count);
+
+    // Loads from section S and its item sections "S (1)", "S (2)", ...; a gap ends the list.
+    void load(const std::string& file, const std::string& section);
+    // Saves under section S, deleting the old item sections first; the file is written once.
+    void save(const std::string& file, const std::string& section) const;
+
+    // The lock that guards the item list.
+    threadSafety::CriticalSection& lock() const { return m_lock; }
+
+private:
+    mutable threadSafety::CriticalSection m_lock{"Feed"};
+    std::int32_t m_feedTime = 0;
+    FeedChannelFields m_channel;
+    std::vector<FeedItem> m_items;
+};
+
+// "S (n)": the name of the section of the n-th item (from 1) of a feed stored under S.
+std::string feedItemSectionName(const std::string& section, std::size_t number);
+
+} // namespace channels

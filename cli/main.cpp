@@ -1,0 +1,62 @@
+// pelsu-cli: the headless front end of the Pelsu channel engine.
+
+#include "cli/commands.h"
+
+#include <cstring>
+#include <iostream>
+#include <string>
+
+namespace {
+
+constexpr const char* kVersion = PELSU_VERSION;
+
+void printUsage(std::ostream& out) {
+    out << "Pelsu Desktop Client " << kVersion << " - headless front end\n\n"
+        << "Usage: pelsu-cli [--home DIR] COMMAND [ARGUMENTS]\n"
+        << "       pelsu-cli --version | --help\n\n"
+        << "Commands:\n";
+    for (const cli::Command& command : cli::commands())
+        out << "  " << command.name << ' ' << command.usage << "\n      " << command.summary
+            << '\n';
+    if (cli::commands().empty())
+        out << "  (none yet)\n";
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    cli::CommandContext context;
+    int i = 1;
+    for (; i < argc && argv[i][0] == '-'; ++i) {
+        const std::string option = argv[i];
+        if (option == "--version") {
+            std::cout << "pelsu-cli " << kVersion << '\n';
+            return cli::kExitOk;
+        }
+        if (option == "--help" || option == "-h") {
+            printUsage(std::cout);
+            return cli::kExitOk;
+        }
+        if (option == "--home" && i + 1 < argc) {
+            context.home = argv[++i];
+            continue;
+        }
+        std::cerr << "pelsu-cli: unknown option " << option << "\n\n";
+        printUsage(std::cerr);
+        return cli::kExitUsage;
+    }
+    if (i == argc) {
+        printUsage(std::cout);
+        return cli::kExitOk;
+    }
+    const std::string name = argv[i++];
+    for (const cli::Command& command : cli::commands()) {
+        if (name != command.name)
+            continue;
+        context.args.assign(argv + i, argv + argc);
+        return command.run(context);
+    }
+    std::cerr << "pelsu-cli: unknown command " << name << "\n\n";
+    printUsage(std::cerr);
+    return cli::kExitUsage;
+}

@@ -1,0 +1,38 @@
+# Shared build settings, reached through INTERFACE targets rather than global flags.
+
+add_library(pelsu_options INTERFACE)
+target_compile_features(pelsu_options INTERFACE cxx_std_20)
+target_compile_options(pelsu_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow
+  -Wnon-virtual-dtor -Wcast-align -Wunused -Woverloaded-virtual -Wformat=2)
+if(PELSU_WERROR)
+  target_compile_options(pelsu_options INTERFACE -Werror)
+endif()
+if(PELSU_SANITIZE)
+  target_compile_options(pelsu_options INTERFACE -fsanitize=${PELSU_SANITIZE}
+    -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  target_link_options(pelsu_options INTERFACE -fsanitize=${PELSU_SANITIZE})
+endif()
+
+find_package(Threads REQUIRED)
+target_link_libraries(pelsu_options INTERFACE Threads::Threads)
+
+# pelsu_add_library(NAME SOURCES ... [DEPS ...])
+function(pelsu_add_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS" ${ARGN})
+  add_library(${name} STATIC ${ARG_SOURCES})
+  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR})
+  target_link_libraries(${name} PUBLIC pelsu_options ${ARG_DEPS})
+endfunction()
+
+# pelsu_add_test(NAME SOURCES ... [DEPS ...] [LABELS ...])
+# Labels: "threaded" marks tests that also run under ThreadSanitizer.
+function(pelsu_add_test name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS;LABELS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE pelsu_options ${ARG_DEPS} pelsu_testsupport
+    GTest::gtest GTest::gmock GTest::gtest_main)
+  gtest_discover_tests(${name}
+    WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}
+    PROPERTIES LABELS "${ARG_LABELS}" ENVIRONMENT "PELSU_SOURCE_DIR=${PROJECT_SOURCE_DIR};PELSU_BINARY_DIR=${PROJECT_BINARY_DIR}"
+    DISCOVERY_TIMEOUT 60)
+endfunction()

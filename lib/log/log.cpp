@@ -1,0 +1,343 @@
+#include "lib/log/log.h"
+
+#include <atomic>
+#include <cctype>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <iostream>
+#include <thread>
+
+namespace msglog {
+
+namespace {
+
+thread_local const LogSource* t_currentSource = nullptr;
+std::atomic<ReportHandler> g_reportHandler{nullptr};
+
+// Base name and extension (with its dot) of a path written with either kind of separator.
+void splitSourcePath(const char* file, std::string& base, std::string& extension) {
+    std::string path(file);
+    size_t slash = path.find_last_of("/\\");
+    std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+    size_t dot = name.rfind('.');
+    base = dot == std::string::npos ? name : name.substr(0, dot);
+    extension = dot == std::string::npos ? "" : name.substr(dot);
+}
+
+void fatalFromLocks(const char* message, const char* function, const char* file,
+                    unsigned line) {
+    programAbort(message, function, file, line);
+}
+
+// Deadlocks found by the lock module end the program through the abort report.
+const bool g_fatalHandlerInstalled = (threadSafety::setFatalHandler(&fatalFromLocks), true);
+
+} // namespace
+
+CMessageLog& CMessageLog::instance() {
+    // Never destroyed: threads and static destructors may still log while the process ends.
+    static CMessageLog* log = new CMessageLog;
+    return *log;
+}
+
+CMessageLog::CMessageLog() {
+    if (!g_fatalHandlerInstalled)
+        threadSafety::setFatalHandler(&fatalFromLocks);
+}
+
+CMessageLog::~CMessageLog() { close(); }
+
+bool CMessageLog::open(const std::string& path, std::string* error) {
+    std::lock_guard guard(m_fileMutex);
+    if (m_file)
+        std::fclose(m_file);
+    m_file = std::fopen(path.c_str(), "ab");
+    if (!m_file) {
+        if (error)
+            *error = "Can't open the log file " + path + ": " + std::strerror(errno);
+        return false;
+    }
+    m_path = path;
+    std::error_code ignored;
+    m_fileSize = std::filesystem::file_size(path, ignored);
+    return true;
+}
+
+void CMessageLog::close() {
+    std::lock_guard guard(m_fileMutex);
+    if (m_file)
+        std::fclose(m_file);
+    m_file = nullptr;
+}
+
+std::string CMessageLog::path() const { return m_path; }
+
+void CMessageLog::setMaxFileSize(std::uint64_t bytes) {
+    std::lock_guard guard(m_fileMutex);
+    m_maxFileSize = bytes;
+}
+
+void CMessageLog::setMirror(std::ostream* mirror) {
+    std::lock_guard guard(m_fileMutex);
+    m_mirror = mirror;
+}
+
+void CMessageLog::setSwitches(const LogSwitches& switches) {
+    lock();
+    m_switches = switches;
+    unlock();
+}
+
+LogSwitches CMessageLog::switches() const { return m_switches; }
+
+void CMessageLog::setIndentStep(int blanks) { m_step = blanks; }
+void CMessageLog::indent() {
+    lock();
+    ++m_depth;
+    unlock();
+}
+void CMessageLog::outdent() {
+    lock();
+    if (m_depth > 0)
+        --m_depth;
+    unlock();
+}
+
+void CMessageLog::setCurrentSource(const LogSource* source) { t_currentSource = source; }
+
+void CMessageLog::lock() {
+    const unsigned long self = threadSafety::currentThreadId();
+    for (;;) {
+        {
+            threadSafety::ScopedLock state(m_stateLock);
+            if (m_ownerCount == 0 || m_owner == self) {
+                m_owner = self;
+                ++m_ownerCount;
+                return;
+            }
+        }
+        threadSafety::waitForSingleObject(&m_released, threadSafety::INFINITE_WAIT);
+    }
+}
+
+void CMessageLog::unlock() {
+    threadSafety::ScopedLock state(m_stateLock);
+    if (m_ownerCount == 0 || m_owner != threadSafety::currentThreadId())
+        return;
+    if (--m_ownerCount == 0) {
+        m_owner = 0;
+        m_released.set();
+    }
+}
+
+std::string CMessageLog::formatPrefix(const char* file, unsigned line, std::time_t now) const {
+    std::string prefix;
+    char buffer[128];
+    if (m_switches.sourceNumber) {
+        if (t_currentSource) {
+            std::snprintf(buffer, sizeof buffer, "[%03d] ", t_currentSource->number);
+            prefix += buffer;
+        } else {
+            prefix += "      ";
+        }
+    }
+    if (m_switches.sequenceNumber) {
+        std::snprintf(buffer, sizeof buffer, "%06lu ", static_cast<unsigned long>(m_sequenceNumber));
+        prefix += buffer;
+    }
+    if (m_switches.date || m_switches.time) {
+        std::tm local{};
+        localtime_r(&now, &local);
+        char text[64];
+        asctime_r(&local, text); // "Wed Nov  5 14:07:09 2003\n"
+        if (m_switches.date) {
+            prefix += text[8] == ' ' ? '0' : text[8];
+            prefix += text[9];
+            for (int i = 4; i < 7; ++i)
+                prefix += static_cast<char>(std::tolower(static_cast<unsigned char>(text[i])));
+            prefix.append(text + 22, 2);
+            prefix += ' ';
+        }
+        if (m_switches.time) {
+            prefix.append(text + 11, 8);
+            prefix += ' ';
+        }
+    }
+    if (m_switches.sourcePosition) {
+        if (file) {
+            std::string base, extension;
+            splitSourcePath(file, base, extension);
+            std::snprintf(buffer, sizeof buffer, "%8s%-4s:%06lu", base.c_str(), extension.c_str(),
+                          static_cast<unsigned long>(line));
+            for (char* c = buffer; *c; ++c)
+                *c = static_cast<char>(std::tolower(static_cast<unsigned char>(*c)));
+            prefix += buffer;
+        } else {
+            prefix += "         ???:   ???";
+        }
+        prefix += ' ';
+    }
+    if (m_switches.sequenceNumber || m_switches.date || m_switches.time ||
+        m_switches.sourcePosition)
+        prefix += "| ";
+    prefix.append(static_cast<size_t>(std::max(0, m_depth * m_step)), ' ');
+    return prefix;
+}
+
+void CMessageLog::rollOverIfNeeded(std::size_t incoming) {
+    if (!m_file || m_maxFileSize == 0 || m_fileSize + incoming <= m_maxFileSize ||
+        m_fileSize == 0)
+        return;
+    std::fclose(m_file);
+    std::error_code ignored;
+    std::filesystem::rename(m_path, m_path + ".old", ignored);
+    m_file = std::fopen(m_path.c_str(), "ab");
+    m_fileSize = 0;
+}
+
+void CMessageLog::writeFormatted(const std::string& text) {
+    std::lock_guard guard(m_fileMutex);
+    rollOverIfNeeded(text.size());
+    if (m_file) {
+        std::fwrite(text.data(), 1, text.size(), m_file);
+        std::fflush(m_file);
+        m_fileSize += text.size();
+    }
+    if (m_mirror)
+        *m_mirror << text << std::flush;
+}
+
+void CMessageLog::writeLine(const char* file, unsigned line, const std::string& text,
+                            const MsgGroup* group) {
+    if (group && !group->isEnabled())
+        return;
+    lock();
+    ++m_sequenceNumber;
+    std::string formatted = formatPrefix(file, line, std::time(nullptr));
+    formatted += text;
+    formatted += '\n';
+    writeFormatted(formatted);
+    unlock();
+}
+
+void CMessageLog::writeBytes(const char* file, unsigned line, const void* data, std::size_t size,
+                             const MsgGroup* group) {
+    writeLine(file, line, dumpBytes(data, size), group);
+}
+
+void CMessageLog::writeReport(const std::string& report) {
+    std::lock_guard guard(m_fileMutex);
+    if (m_file) {
+        std::fwrite(report.data(), 1, report.size(), m_file);
+        std::fflush(m_file);
+    }
+}
+
+LogLine::LogLine(const MsgGroup& group, const char* file, unsigned line)
+    : m_group(group), m_file(file), m_line(line) {
+    pollMsgGroupSettings();
+    m_enabled = group.isEnabled();
+    if (m_enabled)
+        CMessageLog::instance().lock();
+}
+
+LogLine::~LogLine() {
+    if (!m_enabled)
+        return;
+    CMessageLog::instance().writeLine(m_file, m_line, m_text.str());
+    CMessageLog::instance().unlock();
+}
+
+CMessageLogStreamBuf::~CMessageLogStreamBuf() { sync(); }
+
+CMessageLogStreamBuf::int_type CMessageLogStreamBuf::overflow(int_type character) {
+    if (traits_type::eq_int_type(character, traits_type::eof()))
+        return traits_type::not_eof(character);
+    if (traits_type::to_char_type(character) == '\n') {
+        CMessageLog::instance().writeLine(m_file, m_line, m_pending, m_group);
+        m_pending.clear();
+    } else {
+        m_pending += traits_type::to_char_type(character);
+    }
+    return character;
+}
+
+int CMessageLogStreamBuf::sync() {
+    if (!m_pending.empty()) {
+        CMessageLog::instance().writeLine(m_file, m_line, m_pending, m_group);
+        m_pending.clear();
+    }
+    return 0;
+}
+
+std::string formatAbortReport(const char* message, const char* function, const char* file,
+                              unsigned line) {
+    std::string report = std::string("PROGRAM ABORT: ") + (message ? message : "") + "\n";
+    if (function)
+        report += std::string("- FUNCTION: ") + function + "()\n";
+    report += std::string("- FILE:     ") + (file ? file : "<unknown>") + " (line " +
+              std::to_string(line) + ")\n";
+    return report;
+}
+
+std::string formatAssertionReport(const char* message, const char* expression,
+                                  const char* function, const char* file, unsigned line) {
+    std::string report = std::string("ASSERTION FAILURE: ") + (message ? message : "") + "\n";
+    report += std::string("- EXPRESSION: ") + (expression ? expression : "") + "\n";
+    report += std::string("- FUNCTION:   ") + (function ? function : "") + "()\n";
+    report += std::string("- FILE:       ") + (file ? file : "<unknown>") + " (line " +
+              std::to_string(line) + ")\n";
+    return report;
+}
+
+std::string dumpBytes(const void* data, std::size_t size) {
+    std::string out;
+    const auto* bytes = static_cast<const unsigned char*>(data);
+    char buffer[8];
+    for (std::size_t i = 0; i < size; ++i) {
+        if (std::isprint(bytes[i])) {
+            out += static_cast<char>(bytes[i]);
+        } else {
+            std::snprintf(buffer, sizeof buffer, "<%02x>", bytes[i]);
+            out += buffer;
+        }
+    }
+    return out;
+}
+
+void setReportHandler(ReportHandler handler) { g_reportHandler = handler; }
+
+void programAbort(const char* message, const char* function, const char* file, unsigned line) {
+    static std::atomic<unsigned long> reportingThread{0};
+    unsigned long expected = 0;
+    const unsigned long self = threadSafety::currentThreadId();
+    if (!reportingThread.compare_exchange_strong(expected, self)) {
+        if (expected == self)
+            return; // raised again while the first report is being shown
+        for (;;) // the reporting thread ends the process
+            std::this_thread::sleep_for(std::chrono::seconds(1));
+    }
+    const std::string report = formatAbortReport(message, function, file, line);
+    std::fputs(report.c_str(), stderr);
+    std::fflush(stderr);
+    CMessageLog& log = CMessageLog::instance();
+    log.writeReport(log.formatPrefix(file, line, std::time(nullptr)) + report +
+                    threadSafety::listLocks());
+    if (ReportHandler handler = g_reportHandler.load())
+        handler("PROGRAM ABORT", report);
+    std::_Exit(1);
+}
+
+void assertionFailure(const char* message, const char* expression, const char* function,
+                      const char* file, unsigned line) {
+    const std::string report = formatAssertionReport(message, expression, function, file, line);
+    std::fputs(report.c_str(), stderr);
+    std::fflush(stderr);
+    CMessageLog& log = CMessageLog::instance();
+    log.writeReport(log.formatPrefix(file, line, std::time(nullptr)) + report);
+    if (ReportHandler handler = g_reportHandler.load())
+        handler("PROGRAM ASSERTION ERROR", report);
+}
+
+} // namespace msglog

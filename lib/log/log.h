@@ -1,0 +1,187 @@
+// The one diagnostic log of the program, its fatal-error and assertion reports, and a
+// stream-buffer adapter through which stream insertion lands in the log.
+#pragma once
+
+#include "lib/log/msgGroup.h"
+#include "lib/misc/threadSafetyWin32.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
+#include <ostream>
+#include <sstream>
+#include <streambuf>
+#include <string>
+
+namespace msglog {
+
+// Identifies where a thread's lines come from; its number fills the "[%03d] " field.
+struct LogSource {
+    int number;
+};
+
+// Which fields of the line prefix are written.
+struct LogSwitches {
+    bool sourceNumber = true;
+    bool sequenceNumber = true;
+    bool time = true;
+    bool date = true;
+    bool sourcePosition = true;
+};
+
+// Shows a report (title "PROGRAM ABORT" or "PROGRAM ASSERTION ERROR") to the user, for
+// example in a dialog; the report has already gone to standard error and the log.
+using ReportHandler = void (*)(const std::string& title, const std::string& report);
+
+class CMessageLog {
+public:
+    static CMessageLog& instance();
+    virtual ~CMessageLog();
+
+    // Opens (appends to) the log file; returns false with the reason in error on failure.
+    bool open(const std::string& path, std::string* error = nullptr);
+    void close();
+    std::string path() const;
+    // When the file would grow past this many bytes it is renamed to "<path>.old" (replacing
+    // the previous one) and a new file is started. 0 means no limit.
+    void setMaxFileSize(std::uint64_t bytes);
+    // Also copies every line to this stream (null stops it).
+    void setMirror(std::ostream* mirror);
+
+    void setSwitches(const LogSwitches& switches);
+    LogSwitches switches() const;
+    void setIndentStep(int blanks);
+    void indent();
+    void outdent();
+    // The calling thread's source (null for none).
+    static void setCurrentSource(const LogSource* source);
+
+    // Takes the log's re-entrant lock for a block of lines (bounded by the debugging timeout).
+    void lock();
+    void unlock();
+
+    // Writes one line with its prefix, when the group (if any) is enabled.
+    void writeLine(const char* file, unsigned line, const std::string& text,
+                   const MsgGroup* group = nullptr);
+    // Writes binary data, printable bytes as they are and others as "<%02x>".
+    void writeBytes(const char* file, unsigned line, const void* data, std::size_t size,
+                    const MsgGroup* group = nullptr);
+
+    // The prefix for a line from file:line written at the given time.
+    std::string formatPrefix(const char* file, unsigned line, std::time_t now) const;
+    std::uint32_t sequenceNumber() const { return m_sequenceNumber; }
+
+    // Writes already formatted report lines without taking the log's lock (used while the
+    // program ends, when the lock may be the very thing that is stuck).
+    void writeReport(const std::string& report);
+
+private:
+    CMessageLog();
+    void writeFormatted(const std::string& text);
+    void rollOverIfNeeded(std::size_t incoming);
+
+    LogSwitches m_switches;
+    std::uint32_t m_sequenceNumber = 0;
+    int m_depth = 0;
+    int m_step = 2;
+
+    threadSafety::CriticalSection m_stateLock{"CMessageLog state"};
+    unsigned long m_owner = 0;
+    unsigned m_ownerCount = 0;
+    threadSafety::Event m_released{false, false};
+
+    std::mutex m_fileMutex;
+    std::FILE* m_file = nullptr;
+    std::string m_path;
+    std::uint64_t m_maxFileSize = 5u * 1024u * 1024u;
+    std::uint64_t m_fileSize = 0;
+    std::ostream* m_mirror = nullptr;
+};
+
+// Holds the log's lock for a block of lines, so that a headline and its "- " detail lines
+// stay together.
+class LogBlock {
+public:
+    LogBlock() { CMessageLog::instance().lock(); }
+    ~LogBlock() { CMessageLog::instance().unlock(); }
+    LogBlock(const LogBlock&) = delete;
+    LogBlock& operator=(const LogBlock&) = delete;
+};
+
+// Indents the lines written during its life by one step.
+class LogIndent {
+public:
+    LogIndent() { CMessageLog::instance().indent(); }
+    ~LogIndent() { CMessageLog::instance().outdent(); }
+    LogIndent(const LogIndent&) = delete;
+    LogIndent& operator=(const LogIndent&) = delete;
+};
+
+// One line in a group: a stream when the group is enabled, nothing when it is disabled.
+// The log's lock is held from construction; the line is written on destruction.
+class LogLine {
+public:
+    LogLine(const MsgGroup& group, const char* file, unsigned line);
+    ~LogLine();
+    LogLine(const LogLine&) = delete;
+    LogLine& operator=(const LogLine&) = delete;
+    explicit operator bool() const { return m_enabled; }
+    std::ostream& stream() { return m_text; }
+
+private:
+    const MsgGroup& m_group;
+    const char* m_file;
+    unsigned m_line;
+    bool m_enabled;
+    std::ostringstream m_text;
+};
+
+// Characters inserted through this buffer reach the log, one line per line break.
+class CMessageLogStreamBuf : public std::streambuf {
+public:
+    CMessageLogStreamBuf(const MsgGroup* group, const char* file, unsigned line)
+        : m_group(group), m_file(file), m_line(line) {}
+    ~CMessageLogStreamBuf() override;
+
+protected:
+    int_type overflow(int_type character) override;
+    int sync() override;
+
+private:
+    const MsgGroup* m_group;
+    const char* m_file;
+    unsigned m_line;
+    std::string m_pending;
+};
+
+// Reports a fatal condition to standard error, the log and the report handler, then ends
+// the process with exit status 1. A second call on the thread already reporting returns at
+// once; one on another thread waits for the process to end.
+void programAbort(const char* message, const char* function, const char* file, unsigned line);
+// Reports a failed assertion like the abort, then returns.
+void assertionFailure(const char* message, const char* expression, const char* function,
+                      const char* file, unsigned line);
+void setReportHandler(ReportHandler handler);
+
+// The text of the abort and assertion reports.
+std::string formatAbortReport(const char* message, const char* function, const char* file,
+                              unsigned line);
+std::string formatAssertionReport(const char* message, const char* expression,
+                                  const char* function, const char* file, unsigned line);
+// Printable bytes as they are, every other byte as "<%02x>".
+std::string dumpBytes(const void* data, std::size_t size);
+
+} // namespace msglog
+
+#define PELSU_LOG(group, text)                                                                  \
+    do {                                                                                       \
+        ::msglog::LogLine pelsuLogLine_((group), __FILE__, __LINE__);                          \
+        if (pelsuLogLine_)                                                                     \
+            pelsuLogLine_.stream() << text;                                                    \
+    } while (0)
+
+#define PELSU_ASSERT(expression, message)                                                      \
+    do {                                                                                       \
+        if (!(expression))                                                                     \
+            ::msglog::assertionFailure((message), #expression, __func__, __FILE__, __LINE__);  \
+    } while (0)

@@ -1,0 +1,133 @@
+#include "lib/misc/iniValues.h"
+
+#include "lib/misc/profileFile.h"
+
+#include <cctype>
+#include <cstdint>
+#include <cstdio>
+
+namespace profile {
+
+namespace {
+
+int hexDigit(char c) {
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    if (c >= 'a' && c <= 'f')
+        return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F')
+        return c - 'A' + 10;
+    return -1;
+}
+
+std::string trimmedCopy(const std::string& text) {
+    size_t begin = 0;
+    size_t end = text.size();
+    while (begin < end && std::isspace(static_cast<unsigned char>(text[begin])))
+        ++begin;
+    while (end > begin && std::isspace(static_cast<unsigned char>(text[end - 1])))
+        --end;
+    return text.substr(begin, end - begin);
+}
+
+} // namespace
+
+std::string escapeIniValue(const std::string& value) {
+    static const char digits[] = "0123456789ABCDEF";
+    std::string out;
+    out.reserve(value.size());
+    for (char c : value) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte == '%' || !std::isprint(byte)) {
+            out += '%';
+            out += digits[byte >> 4];
+            out += digits[byte & 0x0F];
+        } else {
+            out += c;
+        }
+    }
+    return out;
+}
+
+std::string unescapeIniValue(const std::string& value) {
+    std::string out;
+    out.reserve(value.size());
+    for (size_t i = 0; i < value.size(); ++i) {
+        if (value[i] == '%' && i + 2 < value.size() && hexDigit(value[i + 1]) >= 0 &&
+            hexDigit(value[i + 2]) >= 0) {
+            out += static_cast<char>(hexDigit(value[i + 1]) * 16 + hexDigit(value[i + 2]));
+            i += 2;
+        } else {
+            out += value[i];
+        }
+    }
+    return out;
+}
+
+std::string readIniString(const std::string& file, const std::string& section,
+                          const std::string& key, const std::string& defaultValue, bool trim) {
+    auto raw = readValue(file, section, key);
+    if (!raw)
+        return defaultValue;
+    std::string value = unescapeIniValue(*raw);
+    return trim ? trimmedCopy(value) : value;
+}
+
+bool writeIniString(const std::string& file, const std::string& section, const std::string& key,
+                    const std::string& value) {
+    return writeValue(file, section, key, escapeIniValue(value));
+}
+
+int parseIniInt(const std::string& text) {
+    size_t i = 0;
+    while (i < text.size() && std::isspace(static_cast<unsigned char>(text[i])))
+        ++i;
+    bool negative = false;
+    if (i < text.size() && (text[i] == '-' || text[i] == '+'))
+        negative = text[i++] == '-';
+    std::uint32_t magnitude = 0; // wraps like the platform's conversion
+    for (; i < text.size() && std::isdigit(static_cast<unsigned char>(text[i])); ++i)
+        magnitude = magnitude * 10u + static_cast<std::uint32_t>(text[i] - '0');
+    if (negative)
+        magnitude = 0u - magnitude;
+    return static_cast<int>(magnitude);
+}
+
+int readIniInt(const std::string& file, const std::string& section, const std::string& key,
+               int defaultValue) {
+    auto raw = readValue(file, section, key);
+    if (!raw || raw->empty())
+        return defaultValue;
+    return parseIniInt(*raw);
+}
+
+int readIniIntRange(const std::string& file, const std::string& section, const std::string& key,
+                    int minimum, int maximum, int defaultValue) {
+    const int value = readIniInt(file, section, key, defaultValue);
+    return value < minimum || value > maximum ? defaultValue : value;
+}
+
+bool readIniBool(const std::string& file, const std::string& section, const std::string& key,
+                 bool defaultValue) {
+    return readIniInt(file, section, key, defaultValue ? 1 : 0) != 0;
+}
+
+bool writeIniInt(const std::string& file, const std::string& section, const std::string& key,
+                 int value) {
+    return writeValue(file, section, key, std::to_string(value));
+}
+
+bool writeIniBool(const std::string& file, const std::string& section, const std::string& key,
+                  bool value) {
+    return writeValue(file, section, key, value ? "1" : "0");
+}
+
+bool deleteIniSection(const std::string& file, const std::string& section) {
+    return deleteSection(file, section);
+}
+
+std::vector<std::string> listIniKeys(const std::string& file, const std::string& section) {
+    return listKeys(file, section);
+}
+
+} // namespace profile

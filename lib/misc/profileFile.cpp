@@ -1,0 +1,474 @@
+#include "lib/misc/profileFile.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <map>
+#include <mutex>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <unordered_map>
+
+namespace profile {
+
+namespace {
+
+bool equalsNoCase(const std::string& a, const std::string& b) {
+    if (a.size() != b.size())
+        return false;
+    for (size_t i = 0; i < a.size(); ++i) {
+        unsigned char x = static_cast<unsigned char>(a[i]);
+        unsigned char y = static_cast<unsigned char>(b[i]);
+        if (x != y && std::tolower(x) != std::tolower(y))
+            return false;
+    }
+    return true;
+}
+
+std::string lowered(std::string text) {
+    for (char& c : text)
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return text;
+}
+
+std::string trimmed(const std::string& text) {
+    size_t begin = 0;
+    size_t end = text.size();
+    while (begin < end && std::isspace(static_cast<unsigned char>(text[begin])))
+        ++begin;
+    while (end > begin && std::isspace(static_cast<unsigned char>(text[end - 1])))
+        --end;
+    return text.substr(begin, end - begin);
+}
+
+// One line of a section: a key with its value, or a line kept as it is (comment, blank).
+struct Line {
+    bool isKey = false;
+    std::string key;
+    std::string value;
+    std::string raw; // the line as read; empty once the key's value was changed
+};
+
+struct Section {
+    std::string name; // empty for the lines before the first section
+    bool isPrelude = false;
+    std::vector<Line> lines;
+};
+
+// A parsed profile file. The index maps a lower-cased section name to its first section.
+class Document {
+public:
+    void parse(const std::string& text);
+    std::string serialize() const;
+
+    const Section* findSection(const std::string& name) const;
+    std::optional<std::string> value(const std::string& section, const std::string& key) const;
+    void setValue(const std::string& section, const std::string& key, const std::string& value);
+    void deleteKey(const std::string& section, const std::string& key);
+    void deleteSection(const std::string& section);
+    std::vector<std::string> sectionNames() const;
+
+private:
+    void reindex();
+    std::vector<Section> m_sections;
+    std::unordered_map<std::string, size_t> m_index;
+};
+
+void Document::parse(const std::string& text) {
+    m_sections.clear();
+    m_sections.push_back(Section{"", true, {}});
+    size_t pos = 0;
+    while (pos < text.size()) {
+        size_t end = text.find('\n', pos);
+        if (end == std::string::npos)
+            end = text.size();
+        std::string raw = text.substr(pos, end - pos);
+        pos = end + 1;
+        if (!raw.empty() && raw.back() == '\r')
+            raw.pop_back();
+        const std::string line = trimmed(raw);
+        if (!line.empty() && line[0] == '[') {
+            size_t close = line.find(']');
+            std::string name = trimmed(line.substr(1, close == std::string::npos
+                                                            ? std::string::npos
+                                                            : close - 1));
+            m_sections.push_back(Section{name, false, {}});
+            continue;
+        }
+        Line entry;
+        entry.raw = raw;
+        if (!line.empty() && line[0] != ';') {
+            entry.isKey = true;
+            size_t equals = line.find('=');
+            entry.key = trimmed(line.substr(0, equals));
+            entry.value = equals == std::string::npos ? "" : trimmed(line.substr(equals + 1));
+        }
+        m_sections.back().lines.push_back(std::move(entry));
+    }
+    reindex();
+}
+
+std::string Document::serialize() const {
+    std::string out;
+    for (const Section& section : m_sections) {
+        if (!section.isPrelude)
+            out += "[" + section.name + "]\n";
+        for (const Line& line : section.lines) {
+            if (!line.raw.empty() || !line.isKey)
+                out += line.raw;
+            else
+                out += line.key + "=" + line.value;
+            out += '\n';
+        }
+    }
+    return out;
+}
+
+void Document::reindex() {
+    m_index.clear();
+    for (size_t i = 0; i < m_sections.size(); ++i)
+        if (!m_sections[i].isPrelude)
+            m_index.emplace(lowered(m_sections[i].name), i);
+}
+
+const Section* Document::findSection(const std::string& name) const {
+    auto it = m_index.find(lowered(name));
+    return it == m_index.end() ? nullptr : &m_sections[it->second];
+}
+
+std::optional<std::string> Document::value(const std::string& section,
+                                           const std::string& key) const {
+    const Section* found = findSection(section);
+    if (!found)
+        return std::nullopt;
+    for (const Line& line : found->lines)
+        if (line.isKey && equalsNoCase(line.key, key))
+            return line.value;
+    return std::nullopt;
+}
+
+void Document::setValue(const std::string& section, const std::string& key,
+                        const std::string& value) {
+    auto it = m_index.find(lowered(section));
+    if (it == m_index.end()) {
+        m_sections.push_back(Section{section, false, {}});
+        it = m_index.emplace(lowered(section), m_sections.size() - 1).first;
+    }
+    Section& target = m_sections[it->second];
+    size_t insertAt = 0;
+    for (size_t i = 0; i < target.lines.size(); ++i) {
+        Line& line = target.lines[i];
+        if (line.isKey && equalsNoCase(line.key, key)) {
+            if (line.value != value) {
+                line.value = value;
+                line.raw.clear();
+            }
+            return;
+        }
+        if (line.isKey || !trimmed(line.raw).empty())
+            insertAt = i + 1; // new keys go after the last non-blank line
+    }
+    Line entry;
+    entry.isKey = true;
+    entry.key = key;
+    entry.value = value;
+    target.lines.insert(target.lines.begin() + static_cast<std::ptrdiff_t>(insertAt),
+                        std::move(entry));
+}
+
+void Document::deleteKey(const std::string& section, const std::string& key) {
+    auto it = m_index.find(lowered(section));
+    if (it == m_index.end())
+        return;
+    auto& lines = m_sections[it->second].lines;
+    std::erase_if(lines, [&](const Line& line) { return line.isKey && equalsNoCase(line.key, key); });
+}
+
+void Document::deleteSection(const std::string& section) {
+    if (!findSection(section))
+        return;
+    std::erase_if(m_sections, [&](const Section& s) {
+        return !s.isPrelude && equalsNoCase(s.name, section);
+    });
+    reindex();
+}
+
+std::vector<std::string> Document::sectionNames() const {
+    std::vector<std::string> names;
+    for (const Section& section : m_sections)
+        if (!section.isPrelude && findSection(section.name) == &section)
+            names.push_back(section.name);
+    return names;
+}
+
+// What identifies one version of a file on disk.
+struct Stamp {
+    bool exists = false;
+    dev_t device = 0;
+    ino_t inode = 0;
+    off_t size = 0;
+    timespec modified{};
+    bool operator==(const Stamp& other) const {
+        return exists == other.exists && device == other.device && inode == other.inode &&
+               size == other.size && modified.tv_sec == other.modified.tv_sec &&
+               modified.tv_nsec == other.modified.tv_nsec;
+    }
+};
+
+Stamp stampOf(const std::string& path) {
+    Stamp stamp;
+    struct stat info {};
+    if (::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode)) {
+        stamp.exists = true;
+        stamp.device = info.st_dev;
+        stamp.inode = info.st_ino;
+        stamp.size = info.st_size;
+        stamp.modified = info.st_mtim;
+    }
+    return stamp;
+}
+
+// A change to a document, kept so that a batch can be replayed on a fresher copy.
+struct Operation {
+    enum Kind { Set, DeleteKey, DeleteSection } kind;
+    std::string section;
+    std::string key;
+    std::string value;
+    void applyTo(Document& document) const {
+        switch (kind) {
+        case Set: document.setValue(section, key, value); break;
+        case DeleteKey: document.deleteKey(section, key); break;
+        case DeleteSection: document.deleteSection(section); break;
+        }
+    }
+};
+
+struct CachedFile {
+    std::mutex mutex;
+    Document document;
+    Stamp stamp;
+    bool valid = false;
+};
+
+struct Cache {
+    std::mutex mutex;
+    std::unordered_map<std::string, std::shared_ptr<CachedFile>> files;
+};
+
+Cache& cache() {
+    static auto* instance = new Cache; // used from static destructors of other modules
+    return *instance;
+}
+
+struct BatchState {
+    int depth = 0;
+    Document document;
+    std::vector<Operation> operations;
+};
+
+thread_local std::map<std::string, BatchState> t_batches;
+thread_local std::string t_lastWriteError;
+
+std::string normalized(const std::string& path) {
+    std::error_code error;
+    auto absolute = std::filesystem::absolute(path, error);
+    return (error ? std::filesystem::path(path) : absolute).lexically_normal().string();
+}
+
+std::shared_ptr<CachedFile> cachedFile(const std::string& path) {
+    auto& instance = cache();
+    std::lock_guard guard(instance.mutex);
+    auto& slot = instance.files[path];
+    if (!slot)
+        slot = std::make_shared<CachedFile>();
+    return slot;
+}
+
+bool readWholeFile(const std::string& path, std::string& text) {
+    FILE* file = std::fopen(path.c_str(), "rb");
+    if (!file)
+        return false;
+    char buffer[65536];
+    size_t count;
+    while ((count = std::fread(buffer, 1, sizeof buffer, file)) > 0)
+        text.append(buffer, count);
+    std::fclose(file);
+    return true;
+}
+
+// Brings the parsed copy up to date with the disk; called with the file's mutex held.
+void refresh(CachedFile& file, const std::string& path) {
+    Stamp current = stampOf(path);
+    if (file.valid && current == file.stamp)
+        return;
+    std::string text;
+    if (current.exists)
+        readWholeFile(path, text);
+    file.document.parse(text);
+    file.stamp = current;
+    file.valid = true;
+}
+
+bool writeAtomically(const std::string& path, const std::string& text, std::string& error) {
+    std::string pattern = path + ".tmp-XXXXXX";
+    int descriptor = ::mkstemp(pattern.data());
+    if (descriptor < 0) {
+        error = "Can't create a temporary file beside " + path + ": " + std::strerror(errno);
+        return false;
+    }
+    struct stat info {};
+    ::fchmod(descriptor, ::stat(path.c_str(), &info) == 0 ? (info.st_mode & 07777) : 0644);
+    size_t written = 0;
+    while (written < text.size()) {
+        ssize_t n = ::write(descriptor, text.data() + written, text.size() - written);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0) {
+            error = "Can't write " + path + ": " + std::strerror(errno);
+            ::close(descriptor);
+            ::unlink(pattern.c_str());
+            return false;
+        }
+        written += static_cast<size_t>(n);
+    }
+    if (::close(descriptor) != 0 || ::rename(pattern.c_str(), path.c_str()) != 0) {
+        error = "Can't replace " + path + ": " + std::strerror(errno);
+        ::unlink(pattern.c_str());
+        return false;
+    }
+    return true;
+}
+
+// Applies operations to the shared copy and rewrites the file once.
+bool applyAndWrite(const std::string& path, const std::vector<Operation>& operations) {
+    auto file = cachedFile(path);
+    std::lock_guard guard(file->mutex);
+    refresh(*file, path);
+    for (const Operation& operation : operations)
+        operation.applyTo(file->document);
+    std::string error;
+    if (!writeAtomically(path, file->document.serialize(), error)) {
+        t_lastWriteError = error;
+        file->valid = false; // the disk still holds the old text: read it again next time
+        return false;
+    }
+    file->stamp = stampOf(path);
+    return true;
+}
+
+bool change(const std::string& rawPath, Operation operation) {
+    const std::string path = normalized(rawPath);
+    auto batch = t_batches.find(path);
+    if (batch != t_batches.end()) {
+        operation.applyTo(batch->second.document);
+        batch->second.operations.push_back(std::move(operation));
+        return true;
+    }
+    return applyAndWrite(path, {operation});
+}
+
+template <typename Function>
+auto withDocument(const std::string& rawPath, Function function) {
+    const std::string path = normalized(rawPath);
+    auto batch = t_batches.find(path);
+    if (batch != t_batches.end())
+        return function(static_cast<const Document&>(batch->second.document));
+    auto file = cachedFile(path);
+    std::lock_guard guard(file->mutex);
+    refresh(*file, path);
+    return function(static_cast<const Document&>(file->document));
+}
+
+} // namespace
+
+std::optional<std::string> readValue(const std::string& path, const std::string& section,
+                                     const std::string& key) {
+    return withDocument(path, [&](const Document& d) { return d.value(section, key); });
+}
+
+std::vector<std::string> listKeys(const std::string& path, const std::string& section) {
+    return withDocument(path, [&](const Document& d) {
+        std::vector<std::string> keys;
+        if (const Section* found = d.findSection(section))
+            for (const Line& line : found->lines)
+                if (line.isKey && std::none_of(keys.begin(), keys.end(), [&](const auto& k) {
+                        return equalsNoCase(k, line.key);
+                    }))
+                    keys.push_back(line.key);
+        return keys;
+    });
+}
+
+std::vector<std::string> listSections(const std::string& path) {
+    return withDocument(path, [](const Document& d) { return d.sectionNames(); });
+}
+
+bool hasSection(const std::string& path, const std::string& section) {
+    return withDocument(path, [&](const Document& d) { return d.findSection(section) != nullptr; });
+}
+
+bool writeValue(const std::string& path, const std::string& section, const std::string& key,
+                const std::string& value) {
+    if (value.find_first_of("\r\n") != std::string::npos ||
+        key.find_first_of("\r\n=") != std::string::npos ||
+        section.find_first_of("\r\n]") != std::string::npos) {
+        t_lastWriteError = "Can't write a line break into a profile file: [" + section + "] " + key;
+        return false;
+    }
+    return change(path, Operation{Operation::Set, section, key, value});
+}
+
+bool deleteKey(const std::string& path, const std::string& section, const std::string& key) {
+    return change(path, Operation{Operation::DeleteKey, section, key, {}});
+}
+
+bool deleteSection(const std::string& path, const std::string& section) {
+    return change(path, Operation{Operation::DeleteSection, section, {}, {}});
+}
+
+std::string lastWriteError() { return t_lastWriteError; }
+
+void clearCache() {
+    auto& instance = cache();
+    std::lock_guard guard(instance.mutex);
+    instance.files.clear();
+}
+
+WriteBatch::WriteBatch(const std::string& path) : m_path(normalized(path)) {
+    auto [it, inserted] = t_batches.try_emplace(m_path);
+    if (inserted) {
+        auto file = cachedFile(m_path);
+        std::lock_guard guard(file->mutex);
+        refresh(*file, m_path);
+        it->second.document = file->document;
+        m_outermost = true;
+    }
+    ++it->second.depth;
+}
+
+WriteBatch::~WriteBatch() {
+    if (!m_done)
+        commit();
+}
+
+bool WriteBatch::commit() {
+    if (m_done)
+        return true;
+    m_done = true;
+    auto it = t_batches.find(m_path);
+    if (it == t_batches.end())
+        return false;
+    if (--it->second.depth > 0)
+        return true;
+    std::vector<Operation> operations = std::move(it->second.operations);
+    t_batches.erase(it);
+    if (operations.empty())
+        return true;
+    return applyAndWrite(m_path, operations);
+}
+
+} // namespace profile

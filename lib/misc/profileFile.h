@@ -1,0 +1,64 @@
+// Profile (INI) files with the observable rules of the platform's private-profile
+// functions: section and key names match case-insensitively, the first occurrence
+// of a section or key wins, white space around names and values is ignored, and a
+// value runs to the end of its line (quotes are kept as they are).
+//
+// A parsed copy of each file is kept in memory and re-read when the file changes on
+// disk. Every write rewrites the whole file atomically (a temporary file beside it,
+// then a rename), so a crash leaves the old file or the new one, never a torn one.
+// A WriteBatch groups many writes to one file into a single rewrite.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace profile {
+
+// The raw value of a key (trimmed), or nothing when the file, section or key is missing.
+std::optional<std::string> readValue(const std::string& path, const std::string& section,
+                                     const std::string& key);
+// The key names of a section in file order (first occurrences only).
+std::vector<std::string> listKeys(const std::string& path, const std::string& section);
+// The section names of a file in file order (first occurrences only).
+std::vector<std::string> listSections(const std::string& path);
+bool hasSection(const std::string& path, const std::string& section);
+
+// Sets a key (creating section and file as needed). The value must not contain a line
+// break. Returns false when the file could not be written; the error text is then in
+// lastWriteError(). Outside a batch the file is on disk when this returns.
+bool writeValue(const std::string& path, const std::string& section, const std::string& key,
+                const std::string& value);
+// Removes one key; a missing key is no error.
+bool deleteKey(const std::string& path, const std::string& section, const std::string& key);
+// Removes every section of that name with all its keys.
+bool deleteSection(const std::string& path, const std::string& section);
+// The reason of the calling thread's last failed write.
+std::string lastWriteError();
+
+// Forgets the parsed copies (tests; or after moving files around).
+void clearCache();
+
+// While a batch on a file is open on a thread, that thread's writes to the file are
+// collected in memory (and its reads see them); the file is rewritten once when the
+// outermost batch commits. Other threads see the file as it was until then. Writes that
+// other threads make meanwhile are kept: the batch's changes are replayed on top of them.
+class WriteBatch {
+public:
+    explicit WriteBatch(const std::string& path);
+    // Commits if commit() was not called; a failure is then only recorded.
+    ~WriteBatch();
+    WriteBatch(const WriteBatch&) = delete;
+    WriteBatch& operator=(const WriteBatch&) = delete;
+
+    // Writes the file (outermost batch only); returns false on failure.
+    bool commit();
+
+private:
+    std::string m_path;
+    bool m_outermost = false;
+    bool m_done = false;
+};
+
+} // namespace profile

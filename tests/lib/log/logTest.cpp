@@ -1,0 +1,198 @@
+#include "lib/log/log.h"
+#include "lib/misc/profileFile.h"
+#include "tests/support/testSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <thread>
+
+using namespace msglog;
+using testing_support::readFile;
+using testing_support::runInChild;
+using testing_support::TempDir;
+using testing_support::writeFile;
+
+namespace {
+
+// 5 Nov 2003 14:07:09 local time.
+std::time_t sampleTime() {
+    std::tm local{};
+    local.tm_year = 103;
+    local.tm_mon = 10;
+    local.tm_mday = 5;
+    local.tm_hour = 14;
+    local.tm_min = 7;
+    local.tm_sec = 9;
+    local.tm_isdst = -1;
+    return std::mktime(&local);
+}
+
+// Opens the log on a fresh file with the given switches; restores the defaults afterwards.
+class LogTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(log().open(m_dir.file("test.log")));
+        log().setMaxFileSize(0);
+    }
+    void TearDown() override {
+        log().close();
+        log().setSwitches(LogSwitches{});
+        CMessageLog::setCurrentSource(nullptr);
+    }
+    static CMessageLog& log() { return CMessageLog::instance(); }
+    std::string contents() const { return readFile(m_dir.file("test.log")); }
+    TempDir m_dir;
+};
+
+} // namespace
+
+TEST_F(LogTest, PrefixWithEverySwitchOnAndNoSource) {
+    log().setSwitches(LogSwitches{});
+    const std::string prefix = log().formatPrefix("c:\\src\\tools\\net.cpp", 42, sampleTime());
+    char sequence[16];
+    std::snprintf(sequence, sizeof sequence, "%06lu",
+                  static_cast<unsigned long>(log().sequenceNumber()));
+    EXPECT_EQ(prefix, std::string("      ") + sequence + " 05nov03 14:07:09      net.cpp:000042 | ");
+}
+
+TEST_F(LogTest, PrefixFieldsFollowTheirSwitches) {
+    const std::time_t when = sampleTime();
+    LogSwitches only{false, false, false, false, false};
+    only.sourceNumber = true;
+    log().setSwitches(only);
+    EXPECT_EQ(log().formatPrefix("x.cpp", 1, when), "      ");
+    LogSource source{7};
+    CMessageLog::setCurrentSource(&source);
+    EXPECT_EQ(log().formatPrefix("x.cpp", 1, when), "[007] ");
+
+    LogSwitches timeOnly{false, false, true, false, false};
+    log().setSwitches(timeOnly);
+    EXPECT_EQ(log().formatPrefix("x.cpp", 1, when), "14:07:09 | ");
+    LogSwitches dateOnly{false, false, false, true, false};
+    log().setSwitches(dateOnly);
+    EXPECT_EQ(log().formatPrefix("x.cpp", 1, when), "05nov03 | ");
+
+    LogSwitches position{false, false, false, false, true};
+    log().setSwitches(position);
+    EXPECT_EQ(log().formatPrefix("/src/channels/ChannelManager.CPP", 1234567, when),
+              "channelmanager.cpp:1234567 | ")
+        << "a long base name widens the field; the line number is not cut";
+    EXPECT_EQ(log().formatPrefix(nullptr, 0, when), "         ???:   ??? | ");
+    EXPECT_EQ(log().formatPrefix("/src/Makefile", 3, when), "makefile    :000003 | ");
+
+    LogSwitches none{false, false, false, false, false};
+    log().setSwitches(none);
+    EXPECT_EQ(log().formatPrefix("x.cpp", 1, when), "");
+}
+
+TEST_F(LogTest, LinesGoToTheFileWithIndentationAndDisabledGroupsAreSilent) {
+    log().setSwitches(LogSwitches{false, false, false, false, false});
+    MsgGroup& on = registerMsgGroup("LogTestOn");
+    MsgGroup& off = registerMsgGroup("LogTestOff");
+    off.setEnabled(false);
+    PELSU_LOG(on, "Headline " << 42);
+    {
+        LogIndent indent;
+        PELSU_LOG(on, "- ID: abc");
+    }
+    PELSU_LOG(off, "never");
+    log().writeBytes(nullptr, 0, "a\x01\xff" "b", 4);
+    EXPECT_EQ(contents(), "Headline 42\n  - ID: abc\na<01><ff>b\n");
+}
+
+TEST_F(LogTest, StreamBufferAdapterWritesOneLinePerLineBreak) {
+    log().setSwitches(LogSwitches{false, false, false, false, false});
+    {
+        CMessageLogStreamBuf buffer(nullptr, __FILE__, __LINE__);
+        std::ostream out(&buffer);
+        out << "first " << 1 << "\nsecond";
+    }
+    EXPECT_EQ(contents(), "first 1\nsecond\n");
+}
+
+TEST_F(LogTest, GroupsAreSwitchedFromTheDebugFileWhileRunning) {
+    log().setSwitches(LogSwitches{false, false, false, false, false});
+    MsgGroup& group = registerMsgGroup("LogTestSwitched");
+    const std::string debugIni = m_dir.file("debug.ini");
+    writeFile(debugIni, "[MessageGroups]\nLogTestSwitched=0\n");
+    watchMsgGroupSettings({debugIni});
+    PELSU_LOG(group, "hidden");
+    writeFile(debugIni, "[MessageGroups]\n*=0\nlogtestswitched=1\n");
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    PELSU_LOG(group, "shown");
+    EXPECT_EQ(contents(), "shown\n");
+    EXPECT_FALSE(findMsgGroup("LogTestOn") && findMsgGroup("LogTestOn")->isEnabled());
+    watchMsgGroupSettings({});
+    applyMsgGroupSettings({});
+}
+
+TEST_F(LogTest, BlocksFromSeveralThreadsStayTogether) {
+    log().setSwitches(LogSwitches{false, false, false, false, false});
+    MsgGroup& group = registerMsgGroup("LogTestThreads");
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 50; ++i) {
+                LogBlock block;
+                PELSU_LOG(group, "head " << t);
+                PELSU_LOG(group, "- detail " << t);
+            }
+        });
+    for (auto& thread : threads)
+        thread.join();
+    std::istringstream lines(contents());
+    std::string head, detail;
+    int blocks = 0;
+    while (std::getline(lines, head) && std::getline(lines, detail)) {
+        EXPECT_EQ("- detail " + head.substr(5), detail);
+        ++blocks;
+    }
+    EXPECT_EQ(blocks, 200);
+}
+
+TEST_F(LogTest, FileRollsOverToOneOldFileAtItsSizeLimit) {
+    log().setSwitches(LogSwitches{false, false, false, false, false});
+    log().setMaxFileSize(1000);
+    for (int i = 0; i < 300; ++i)
+        log().writeLine(nullptr, 0, "line number " + std::to_string(i));
+    EXPECT_LE(contents().size(), 1000u);
+    EXPECT_LE(readFile(m_dir.file("test.log.old")).size(), 1000u);
+    EXPECT_NE(contents().find("line number 299\n"), std::string::npos);
+}
+
+TEST(ProgramAbort, ReportsOnceToStandardErrorAndTheLogAndExitsWithOne) {
+    TempDir dir;
+    const std::string logPath = dir.file("abort.log");
+    auto result = runInChild([&] {
+        CMessageLog::instance().open(logPath);
+        setReportHandler([](const std::string& title, const std::string&) {
+            std::fprintf(stderr, "[dialog %s]\n", title.c_str());
+            programAbort("second", nullptr, nullptr, 0); // returns at once
+        });
+        programAbort("first failure", "doWork", "/src/x.cpp", 12);
+        std::fprintf(stderr, "still running\n");
+    });
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.errorOutput, "PROGRAM ABORT: first failure\n"
+                                  "- FUNCTION: doWork()\n"
+                                  "- FILE:     /src/x.cpp (line 12)\n"
+                                  "[dialog PROGRAM ABORT]\n");
+    EXPECT_NE(readFile(logPath).find("PROGRAM ABORT: first failure\n"), std::string::npos);
+    EXPECT_EQ(formatAbortReport("m", nullptr, nullptr, 3), "PROGRAM ABORT: m\n- FILE:     <unknown> (line 3)\n");
+}
+
+TEST(ProgramAbort, AssertionFailureReportsAndReturns) {
+    auto result = runInChild([] {
+        int value = 1;
+        PELSU_ASSERT(value == 2, "value must be two");
+        std::fprintf(stderr, "went on\n");
+    });
+    EXPECT_EQ(result.status, 0);
+    EXPECT_NE(result.errorOutput.find("ASSERTION FAILURE: value must be two\n"
+                                      "- EXPRESSION: value == 2\n"
+                                      "- FUNCTION:   operator()()\n"),
+              std::string::npos)
+        << result.errorOutput;
+    EXPECT_NE(result.errorOutput.find("went on\n"), std::string::npos);
+}

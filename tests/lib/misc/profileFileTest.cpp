@@ -1,0 +1,194 @@
+#include "lib/misc/iniValues.h"
+#include "lib/misc/profileFile.h"
+#include "tests/support/testSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <set>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+using namespace profile;
+using testing_support::readFile;
+using testing_support::TempDir;
+using testing_support::writeFile;
+
+namespace {
+
+ino_t inodeOf(const std::string& path) {
+    struct stat info {};
+    ::stat(path.c_str(), &info);
+    return info.st_ino;
+}
+
+} // namespace
+
+TEST(ProfileFile, HandEditedFileFollowsThePlatformRules) {
+    TempDir dir;
+    const std::string path = dir.file("edited.ini");
+    writeFile(path, "; a comment\r\n"
+                    "  [ Config ]  \r\n"
+                    "  Name  =  My Channel  \r\n"
+                    "Quoted=\"kept\"\r\n"
+                    "name=second occurrence\r\n"
+                    "Flag\r\n"
+                    "Empty=\r\n"
+                    "Url=http://a/b?c=d\r\n"
+                    "[config]\n"
+                    "Hidden=in a duplicate section\n"
+                    "[Other]\n"
+                    "Name=other\n");
+    EXPECT_EQ(readValue(path, "CONFIG", "NAME"), "My Channel");
+    EXPECT_EQ(readValue(path, "Config", "Quoted"), "\"kept\"");
+    EXPECT_EQ(readValue(path, "Config", "Url"), "http://a/b?c=d");
+    EXPECT_EQ(readValue(path, "Config", "Flag"), "");
+    EXPECT_EQ(readValue(path, "Config", "Hidden"), std::nullopt);
+    EXPECT_EQ(readValue(path, "Other", "Name"), "other");
+    EXPECT_EQ(readValue(path, "Missing", "Name"), std::nullopt);
+    EXPECT_EQ(listKeys(path, "config"),
+              (std::vector<std::string>{"Name", "Quoted", "Flag", "Empty", "Url"}));
+    EXPECT_EQ(listSections(path), (std::vector<std::string>{"Config", "Other"}));
+    EXPECT_EQ(readIniInt(path, "Config", "Empty", 7), 7);
+}
+
+TEST(ProfileFile, WritesKeepCommentsAndUntouchedLinesAndAddKeysToTheirSection) {
+    TempDir dir;
+    const std::string path = dir.file("keep.ini");
+    writeFile(path, "; top comment\n[A]\n  x = 1 ; not a comment\n\n[B]\ny=2\n");
+    ASSERT_TRUE(writeValue(path, "a", "z", "3"));
+    ASSERT_TRUE(writeValue(path, "B", "Y", "4"));
+    ASSERT_TRUE(writeValue(path, "C", "w", "5"));
+    EXPECT_EQ(readFile(path),
+              "; top comment\n[A]\n  x = 1 ; not a comment\nz=3\n\n[B]\ny=4\n[C]\nw=5\n");
+}
+
+TEST(ProfileFile, DeletingASectionRemovesEveryOccurrence) {
+    TempDir dir;
+    const std::string path = dir.file("dup.ini");
+    writeFile(path, "[S]\na=1\n[T]\nb=2\n[s]\nc=3\n");
+    ASSERT_TRUE(deleteSection(path, "S"));
+    EXPECT_EQ(readFile(path), "[T]\nb=2\n");
+    ASSERT_TRUE(deleteKey(path, "T", "B"));
+    EXPECT_TRUE(listKeys(path, "T").empty());
+}
+
+TEST(ProfileFile, AnotherProcessChangeIsSeenAtTheNextRead) {
+    TempDir dir;
+    const std::string path = dir.file("shared.ini");
+    ASSERT_TRUE(writeValue(path, "S", "k", "ours"));
+    EXPECT_EQ(readValue(path, "S", "k"), "ours");
+    auto child = testing_support::runInChild([&] {
+        clearCache();
+        writeValue(path, "S", "k", "theirs");
+    });
+    ASSERT_EQ(child.status, 0);
+    EXPECT_EQ(readValue(path, "S", "k"), "theirs");
+    // Even a same-size edit made by hand within the same second.
+    writeFile(path, "[S]\nk=THEIRS\n");
+    EXPECT_EQ(readValue(path, "S", "k"), "THEIRS");
+}
+
+TEST(ProfileFile, WriteIntoAMissingDirectoryFailsWithAReason) {
+    TempDir dir;
+    const std::string path = dir.file("no/such/dir.ini");
+    EXPECT_FALSE(writeValue(path, "S", "k", "v"));
+    EXPECT_NE(lastWriteError().find(path), std::string::npos) << lastWriteError();
+    EXPECT_FALSE(writeValue(dir.file("x.ini"), "S", "k", "two\nlines"));
+}
+
+TEST(ProfileFile, BatchWritesTheFileOnceAndSeesItsOwnWrites) {
+    TempDir dir;
+    const std::string path = dir.file("batch.ini");
+    ASSERT_TRUE(writeValue(path, "S", "before", "1"));
+    const ino_t before = inodeOf(path);
+    {
+        WriteBatch batch(path);
+        for (int i = 0; i < 50; ++i)
+            writeIniInt(path, "Items", "k" + std::to_string(i), i);
+        deleteSection(path, "S");
+        EXPECT_EQ(readIniInt(path, "Items", "k49", -1), 49);
+        EXPECT_EQ(inodeOf(path), before) << "nothing is written before the commit";
+        std::thread other([&] { EXPECT_EQ(readIniInt(path, "Items", "k49", -1), -1); });
+        other.join();
+        ASSERT_TRUE(batch.commit());
+    }
+    EXPECT_NE(inodeOf(path), before);
+    EXPECT_EQ(readIniInt(path, "Items", "k0", -1), 0);
+    EXPECT_FALSE(readValue(path, "S", "before").has_value());
+}
+
+TEST(ProfileFile, BatchKeepsWritesOtherThreadsMadeMeanwhile) {
+    TempDir dir;
+    const std::string path = dir.file("merge.ini");
+    WriteBatch batch(path);
+    writeValue(path, "Mine", "a", "1");
+    std::thread other([&] { EXPECT_TRUE(writeValue(path, "Theirs", "b", "2")); });
+    other.join();
+    ASSERT_TRUE(batch.commit());
+    clearCache();
+    EXPECT_EQ(readValue(path, "Mine", "a"), "1");
+    EXPECT_EQ(readValue(path, "Theirs", "b"), "2");
+}
+
+TEST(ProfileFile, ManyThreadsWritingDifferentKeysLoseNothing) {
+    TempDir dir;
+    const std::string path = dir.file("threads.ini");
+    constexpr int kThreads = 8;
+    constexpr int kKeys = 40;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back([&, t] {
+            for (int k = 0; k < kKeys; ++k) {
+                const std::string section = "T" + std::to_string(t % 3);
+                EXPECT_TRUE(writeIniInt(path, section, "k" + std::to_string(t) + "_" +
+                                                           std::to_string(k),
+                                        t * 1000 + k));
+                readIniInt(path, section, "k0_0", 0);
+            }
+        });
+    for (auto& thread : threads)
+        thread.join();
+    clearCache();
+    for (int t = 0; t < kThreads; ++t)
+        for (int k = 0; k < kKeys; ++k)
+            EXPECT_EQ(readIniInt(path, "T" + std::to_string(t % 3),
+                                 "k" + std::to_string(t) + "_" + std::to_string(k), -1),
+                      t * 1000 + k);
+}
+
+TEST(ProfileFile, ProcessKilledWhileSavingLeavesAWholeFile) {
+    TempDir dir;
+    const std::string path = dir.file("channel.rss");
+    const std::string filler(2000, 'x');
+    // Each generation writes 200 keys holding its own number; a whole file has one number.
+    auto saveGeneration = [&](int generation) {
+        WriteBatch batch(path);
+        for (int k = 0; k < 200; ++k)
+            writeValue(path, "S" + std::to_string(k % 10), "k" + std::to_string(k),
+                       std::to_string(generation) + filler);
+        batch.commit();
+    };
+    saveGeneration(0);
+    for (int round = 0; round < 6; ++round) {
+        pid_t child = ::fork();
+        if (child == 0) {
+            clearCache();
+            for (int generation = 1;; ++generation)
+                saveGeneration(generation);
+        }
+        ::usleep(static_cast<useconds_t>(20000 + round * 7000));
+        ::kill(child, SIGKILL);
+        ::waitpid(child, nullptr, 0);
+        clearCache();
+        std::set<std::string> generations;
+        for (int k = 0; k < 200; ++k) {
+            auto value = readValue(path, "S" + std::to_string(k % 10), "k" + std::to_string(k));
+            ASSERT_TRUE(value.has_value()) << "key " << k << " missing after kill " << round;
+            generations.insert(value->substr(0, value->size() - filler.size()));
+        }
+        EXPECT_EQ(generations.size(), 1u) << "torn file after kill " << round;
+    }
+}

@@ -1,0 +1,191 @@
+#include "lib/log/log.h"
+#include "lib/misc/threadSafetyWin32.h"
+#include "tests/support/testSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+using namespace threadSafety;
+using testing_support::runInChild;
+
+namespace {
+
+// Restores the process-wide timeout after a test changes it.
+struct TimeoutGuard {
+    float saved = debuggingTimeout();
+    ~TimeoutGuard() { setDebuggingTimeout(saved); }
+};
+
+// Holds a lock on another thread until released.
+class Holder {
+public:
+    explicit Holder(CriticalSection& section) {
+        m_thread = std::thread([&] {
+            ScopedLock lock(section);
+            m_held = true;
+            m_release.wait(false);
+        });
+        while (!m_held)
+            std::this_thread::yield();
+    }
+    ~Holder() {
+        m_release = true;
+        m_release.notify_all();
+        m_thread.join();
+    }
+
+private:
+    std::atomic<bool> m_held{false};
+    std::atomic<bool> m_release{false};
+    std::thread m_thread;
+};
+
+} // namespace
+
+TEST(DebuggingTimeout, OnlyPositiveSettingsAreTaken) {
+    TimeoutGuard guard;
+    setDebuggingTimeout(-1.0f);
+    applyDebuggingTimeoutSetting(0);
+    EXPECT_FLOAT_EQ(debuggingTimeout(), -1.0f);
+    applyDebuggingTimeoutSetting(-3);
+    EXPECT_FLOAT_EQ(debuggingTimeout(), -1.0f);
+    applyDebuggingTimeoutSetting(5);
+    EXPECT_FLOAT_EQ(debuggingTimeout(), 5.0f);
+}
+
+TEST(CriticalSection, IsReentrantAndShowsItsState) {
+    CriticalSection section("test");
+    EXPECT_EQ(section.toString(), "[UNLOCKED]");
+    {
+        ScopedLock outer(section);
+        ScopedLock inner(section);
+        EXPECT_EQ(section.toString(), "[LOCKED]");
+    }
+    EXPECT_EQ(section.toString(), "[UNLOCKED]");
+}
+
+TEST(CriticalSection, WithoutTimeoutAHeldLockKeepsOthersWaitingWithoutReport) {
+    TimeoutGuard guard;
+    setDebuggingTimeout(-1.0f);
+    CriticalSection section;
+    std::atomic<bool> entered{false};
+    std::thread waiter;
+    {
+        Holder holder(section);
+        waiter = std::thread([&] {
+            ScopedLock lock(section);
+            entered = true;
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        EXPECT_FALSE(entered);
+    }
+    waiter.join();
+    EXPECT_TRUE(entered);
+}
+
+TEST(CriticalSection, TimeoutWhileAnotherThreadHoldsTheLockAbortsTheProgram) {
+    auto result = runInChild([] {
+        setDebuggingTimeout(0.3f);
+        CriticalSection section;
+        Holder holder(section);
+        enterCriticalSection(section);
+    });
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.errorOutput.find("PROGRAM ABORT: EnterCriticalSection() timed out.\n"),
+              std::string::npos)
+        << result.errorOutput;
+    EXPECT_NE(result.errorOutput.find("threadSafetyWin32.cpp (line 71)"), std::string::npos)
+        << result.errorOutput;
+}
+
+TEST(CriticalSection, LockHeldShorterThanTheTimeoutIsTaken) {
+    TimeoutGuard guard;
+    setDebuggingTimeout(5.0f);
+    CriticalSection section;
+    std::atomic<bool> entered{false};
+    std::thread waiter;
+    {
+        Holder holder(section);
+        waiter = std::thread([&] {
+            ScopedLock lock(section);
+            entered = true;
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    waiter.join();
+    EXPECT_TRUE(entered);
+}
+
+TEST(Waits, FiniteWaitTimesOutNormallyEvenWithTheDebuggingTimeout) {
+    TimeoutGuard guard;
+    setDebuggingTimeout(0.05f);
+    Event event;
+    EXPECT_EQ(waitForSingleObject(&event, 100), WAIT_TIMEOUT);
+    Waitable* both[2] = {&event, &event};
+    EXPECT_EQ(waitForMultipleObjects(2, both, false, 100), WAIT_TIMEOUT);
+}
+
+TEST(Waits, BoundedInfiniteWaitsAbortWithTheirOwnMessages) {
+    auto single = runInChild([] {
+        setDebuggingTimeout(0.2f);
+        Event event;
+        waitForSingleObject(&event, INFINITE_WAIT);
+    });
+    EXPECT_EQ(single.status, 1);
+    EXPECT_NE(single.errorOutput.find("PROGRAM ABORT: WaitForSingleObject() timed out."),
+              std::string::npos);
+    EXPECT_NE(single.errorOutput.find("(line 100)"), std::string::npos);
+
+    auto several = runInChild([] {
+        setDebuggingTimeout(0.2f);
+        Event a, b;
+        Waitable* handles[2] = {&a, &b};
+        waitForMultipleObjects(2, handles, true, INFINITE_WAIT);
+    });
+    EXPECT_EQ(several.status, 1);
+    EXPECT_NE(several.errorOutput.find("PROGRAM ABORT: WaitForMultipleObjects() timed out."),
+              std::string::npos);
+}
+
+TEST(Waits, FailedWaitAbortsWithTheResultCode) {
+    auto result = runInChild([] { waitForSingleObject(nullptr, 10); });
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.errorOutput.find("WaitForSingleObject() failed ; rc=4294967295"),
+              std::string::npos)
+        << result.errorOutput;
+}
+
+TEST(Waits, EventsWakeWaitersAndAutoResetOnesAreConsumed) {
+    Event manual(true), automatic(false);
+    std::thread setter([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        automatic.set();
+    });
+    Waitable* handles[2] = {&manual, &automatic};
+    EXPECT_EQ(waitForMultipleObjects(2, handles, false, 5000), WAIT_OBJECT_0 + 1);
+    setter.join();
+    EXPECT_FALSE(automatic.isSet());
+
+    manual.set();
+    EXPECT_EQ(waitForSingleObject(&manual, 0), WAIT_OBJECT_0);
+    EXPECT_TRUE(manual.isSet());
+    EXPECT_EQ(waitForMultipleObjects(2, handles, true, 50), WAIT_TIMEOUT);
+    automatic.set();
+    EXPECT_EQ(waitForMultipleObjects(2, handles, true, 50), WAIT_OBJECT_0);
+}
+
+TEST(LockListing, ShowsHoldersUnderTheExclusiveHeading) {
+    CriticalSection section("listed lock");
+    std::string idle = listLocks();
+    EXPECT_EQ(idle.rfind("SHARED LOCKS:\n- None.\nEXCLUSIVE LOCKS:\n", 0), 0u) << idle;
+
+    ScopedLock lock(section);
+    const std::string listing = listLocks();
+    char holder[32];
+    std::snprintf(holder, sizeof holder, "<%08lx>", currentThreadId());
+    EXPECT_NE(listing.find(std::string("- ") + holder + " listed lock"), std::string::npos)
+        << listing;
+}

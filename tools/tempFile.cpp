@@ -1,0 +1,60 @@
+#include "tools/tempFile.h"
+
+#include "lib/misc/exception.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <sstream>
+#include <unistd.h>
+
+namespace tools {
+
+TempFile::TempFile(const std::string& extension, bool deleteOnDestroy)
+    : m_deleteOnDestroy(deleteOnDestroy) {
+    std::error_code error;
+    std::filesystem::path directory = std::filesystem::temp_directory_path(error);
+    if (error)
+        directory = "/tmp";
+    std::string pattern = (directory / "pelsu-XXXXXX").string() + extension;
+    int descriptor = ::mkstemps(pattern.data(), static_cast<int>(extension.size()));
+    if (descriptor < 0)
+        throw channels::Exception("Can't create a temporary file in " + directory.string() +
+                                  ": " + std::strerror(errno));
+    ::close(descriptor);
+    m_path = pattern;
+}
+
+TempFile::~TempFile() {
+    close();
+    if (m_deleteOnDestroy)
+        ::unlink(m_path.c_str());
+}
+
+std::ofstream& TempFile::stream() {
+    if (!m_stream.is_open())
+        m_stream.open(m_path, std::ios::binary | std::ios::app);
+    return m_stream;
+}
+
+std::ofstream& TempFile::reopen(bool truncate) {
+    close();
+    m_stream.open(m_path, std::ios::binary | (truncate ? std::ios::trunc : std::ios::app));
+    return m_stream;
+}
+
+void TempFile::close() {
+    if (m_stream.is_open())
+        m_stream.close();
+    m_stream.clear();
+}
+
+std::string TempFile::read() const {
+    std::ifstream in(m_path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+} // namespace tools
