@@ -13,6 +13,11 @@ if(PELSU_SANITIZE)
   target_link_options(pelsu_options INTERFACE -fsanitize=${PELSU_SANITIZE})
 endif()
 
+if(PELSU_BUILD_FUZZ)
+  # Coverage instrumentation for every library the fuzz targets reach.
+  target_compile_options(pelsu_options INTERFACE -fsanitize=fuzzer-no-link)
+endif()
+
 find_package(Threads REQUIRED)
 target_link_libraries(pelsu_options INTERFACE Threads::Threads)
 
