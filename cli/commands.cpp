@@ -3,8 +3,7 @@
 namespace cli {
 
 const std::vector<Command>& commands() {
-    static const std::vector<Command> table = {
-    };
+    static const std::vector<Command> table = {};
     return table;
 }
 

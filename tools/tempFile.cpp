@@ -20,8 +20,8 @@ TempFile::TempFile(const std::string& extension, bool deleteOnDestroy)
     std::string pattern = (directory / "pelsu-XXXXXX").string() + extension;
     int descriptor = ::mkstemps(pattern.data(), static_cast<int>(extension.size()));
     if (descriptor < 0)
-        throw channels::Exception("Can't create a temporary file in " + directory.string() +
-                                  ": " + std::strerror(errno));
+        throw channels::Exception("Can't create a temporary file in " + directory.string() + ": " +
+                                  std::strerror(errno));
     ::close(descriptor);
     m_path = pattern;
 }

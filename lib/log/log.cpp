@@ -25,8 +25,7 @@ void splitSourcePath(const char* file, std::string& base, std::string& extension
     extension = dot == std::string::npos ? "" : name.substr(dot);
 }
 
-void fatalFromLocks(const char* message, const char* function, const char* file,
-                    unsigned line) {
+void fatalFromLocks(const char* message, const char* function, const char* file, unsigned line) {
     programAbort(message, function, file, line);
 }
 
@@ -143,7 +142,8 @@ std::string CMessageLog::formatPrefix(const char* file, unsigned line, std::time
         }
     }
     if (m_switches.sequenceNumber) {
-        std::snprintf(buffer, sizeof buffer, "%06lu ", static_cast<unsigned long>(m_sequenceNumber));
+        std::snprintf(buffer, sizeof buffer, "%06lu ",
+                      static_cast<unsigned long>(m_sequenceNumber));
         prefix += buffer;
     }
     if (m_switches.date || m_switches.time) {
@@ -186,8 +186,7 @@ std::string CMessageLog::formatPrefix(const char* file, unsigned line, std::time
 }
 
 void CMessageLog::rollOverIfNeeded(std::size_t incoming) {
-    if (!m_file || m_maxFileSize == 0 || m_fileSize + incoming <= m_maxFileSize ||
-        m_fileSize == 0)
+    if (!m_file || m_maxFileSize == 0 || m_fileSize + incoming <= m_maxFileSize || m_fileSize == 0)
         return;
     std::fclose(m_file);
     std::error_code ignored;
@@ -281,8 +280,8 @@ std::string formatAbortReport(const char* message, const char* function, const c
     return report;
 }
 
-std::string formatAssertionReport(const char* message, const char* expression,
-                                  const char* function, const char* file, unsigned line) {
+std::string formatAssertionReport(const char* message, const char* expression, const char* function,
+                                  const char* file, unsigned line) {
     std::string report = std::string("ASSERTION FAILURE: ") + (message ? message : "") + "\n";
     report += std::string("- EXPRESSION: ") + (expression ? expression : "") + "\n";
     report += std::string("- FUNCTION:   ") + (function ? function : "") + "()\n";
@@ -315,7 +314,7 @@ void programAbort(const char* message, const char* function, const char* file, u
     if (!reportingThread.compare_exchange_strong(expected, self)) {
         if (expected == self)
             return; // raised again while the first report is being shown
-        for (;;) // the reporting thread ends the process
+        for (;;)    // the reporting thread ends the process
             std::this_thread::sleep_for(std::chrono::seconds(1));
     }
     const std::string report = formatAbortReport(message, function, file, line);

@@ -166,22 +166,22 @@ void setReportHandler(ReportHandler handler);
 // The text of the abort and assertion reports.
 std::string formatAbortReport(const char* message, const char* function, const char* file,
                               unsigned line);
-std::string formatAssertionReport(const char* message, const char* expression,
-                                  const char* function, const char* file, unsigned line);
+std::string formatAssertionReport(const char* message, const char* expression, const char* function,
+                                  const char* file, unsigned line);
 // Printable bytes as they are, every other byte as "<%02x>".
 std::string dumpBytes(const void* data, std::size_t size);
 
 } // namespace msglog
 
-#define PELSU_LOG(group, text)                                                                  \
-    do {                                                                                       \
-        ::msglog::LogLine pelsuLogLine_((group), __FILE__, __LINE__);                          \
-        if (pelsuLogLine_)                                                                     \
-            pelsuLogLine_.stream() << text;                                                    \
+#define PELSU_LOG(group, text)                                                                     \
+    do {                                                                                           \
+        ::msglog::LogLine pelsuLogLine_((group), __FILE__, __LINE__);                              \
+        if (pelsuLogLine_)                                                                         \
+            pelsuLogLine_.stream() << text;                                                        \
     } while (0)
 
-#define PELSU_ASSERT(expression, message)                                                      \
-    do {                                                                                       \
-        if (!(expression))                                                                     \
-            ::msglog::assertionFailure((message), #expression, __func__, __FILE__, __LINE__);  \
+#define PELSU_ASSERT(expression, message)                                                          \
+    do {                                                                                           \
+        if (!(expression))                                                                         \
+            ::msglog::assertionFailure((message), #expression, __func__, __FILE__, __LINE__);      \
     } while (0)

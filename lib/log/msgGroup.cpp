@@ -22,9 +22,9 @@ const char* const kSettingsSection = "MessageGroups";
 
 struct Registry {
     std::mutex mutex;
-    std::map<std::string, std::unique_ptr<MsgGroup>> all;    // every record ever made
-    std::map<std::string, MsgGroup*> registered;             // the ones registered now
-    std::map<std::string, bool> settings;                    // by lower-cased name; "*" for all
+    std::map<std::string, std::unique_ptr<MsgGroup>> all; // every record ever made
+    std::map<std::string, MsgGroup*> registered;          // the ones registered now
+    std::map<std::string, bool> settings;                 // by lower-cased name; "*" for all
     std::vector<std::string> watchedFiles;
     std::string watchedSignature;
     std::chrono::steady_clock::time_point lastPoll{};

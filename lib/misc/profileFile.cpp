@@ -93,9 +93,8 @@ void Document::parse(const std::string& text) {
         const std::string line = trimmed(raw);
         if (!line.empty() && line[0] == '[') {
             size_t close = line.find(']');
-            std::string name = trimmed(line.substr(1, close == std::string::npos
-                                                            ? std::string::npos
-                                                            : close - 1));
+            std::string name =
+                trimmed(line.substr(1, close == std::string::npos ? std::string::npos : close - 1));
             m_sections.push_back(Section{name, false, {}});
             continue;
         }
@@ -185,15 +184,15 @@ void Document::deleteKey(const std::string& section, const std::string& key) {
     if (it == m_index.end())
         return;
     auto& lines = m_sections[it->second].lines;
-    std::erase_if(lines, [&](const Line& line) { return line.isKey && equalsNoCase(line.key, key); });
+    std::erase_if(lines,
+                  [&](const Line& line) { return line.isKey && equalsNoCase(line.key, key); });
 }
 
 void Document::deleteSection(const std::string& section) {
     if (!findSection(section))
         return;
-    std::erase_if(m_sections, [&](const Section& s) {
-        return !s.isPrelude && equalsNoCase(s.name, section);
-    });
+    std::erase_if(m_sections,
+                  [&](const Section& s) { return !s.isPrelude && equalsNoCase(s.name, section); });
     reindex();
 }
 
@@ -240,9 +239,15 @@ struct Operation {
     std::string value;
     void applyTo(Document& document) const {
         switch (kind) {
-        case Set: document.setValue(section, key, value); break;
-        case DeleteKey: document.deleteKey(section, key); break;
-        case DeleteSection: document.deleteSection(section); break;
+        case Set:
+            document.setValue(section, key, value);
+            break;
+        case DeleteKey:
+            document.deleteKey(section, key);
+            break;
+        case DeleteSection:
+            document.deleteSection(section);
+            break;
         }
     }
 };

@@ -163,7 +163,8 @@ std::mutex& Waitable::waitMutex() {
 
 void Waitable::notifyAll() { waitCondition().notify_all(); }
 
-Event::Event(bool manualReset, bool initiallySet) : m_manualReset(manualReset), m_set(initiallySet) {}
+Event::Event(bool manualReset, bool initiallySet)
+    : m_manualReset(manualReset), m_set(initiallySet) {}
 
 void Event::set() {
     std::lock_guard guard(waitMutex());
@@ -229,8 +230,8 @@ std::uint32_t doWait(std::uint32_t count, Waitable* const* handles, bool waitAll
         valid = handles[i] != nullptr;
     if (valid) {
         std::unique_lock lock(WaitAccess::mutex());
-        const int index = waitLocked(lock, count, handles, waitAll, timeoutMs == INFINITE_WAIT,
-                                     timeoutMs);
+        const int index =
+            waitLocked(lock, count, handles, waitAll, timeoutMs == INFINITE_WAIT, timeoutMs);
         result = index < 0 ? WAIT_TIMEOUT : WAIT_OBJECT_0 + static_cast<std::uint32_t>(index);
     }
     if (result == WAIT_TIMEOUT && limitFromDebugging)
@@ -269,8 +270,8 @@ std::string listLocks() {
             continue;
         any = true;
         out << "- " << formatThreadId(section->m_owner) << ' '
-            << (*section->m_name ? section->m_name : "(unnamed)") << " (depth "
-            << section->m_count << ")\n";
+            << (*section->m_name ? section->m_name : "(unnamed)") << " (depth " << section->m_count
+            << ")\n";
     }
     if (!any)
         out << "- None.\n";

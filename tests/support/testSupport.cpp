@@ -35,9 +35,7 @@ void writeFile(const std::string& path, const std::string& text) {
     out << text;
 }
 
-std::filesystem::path sourceDir() {
-    return PELSU_SOURCE_DIR;
-}
+std::filesystem::path sourceDir() { return PELSU_SOURCE_DIR; }
 
 ChildResult runInChild(const std::function<void()>& body) {
     int pipeEnds[2];

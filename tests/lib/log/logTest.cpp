@@ -53,7 +53,8 @@ TEST_F(LogTest, PrefixWithEverySwitchOnAndNoSource) {
     char sequence[16];
     std::snprintf(sequence, sizeof sequence, "%06lu",
                   static_cast<unsigned long>(log().sequenceNumber()));
-    EXPECT_EQ(prefix, std::string("      ") + sequence + " 05nov03 14:07:09      net.cpp:000042 | ");
+    EXPECT_EQ(prefix,
+              std::string("      ") + sequence + " 05nov03 14:07:09      net.cpp:000042 | ");
 }
 
 TEST_F(LogTest, PrefixFieldsFollowTheirSwitches) {
@@ -97,7 +98,10 @@ TEST_F(LogTest, LinesGoToTheFileWithIndentationAndDisabledGroupsAreSilent) {
         PELSU_LOG(on, "- ID: abc");
     }
     PELSU_LOG(off, "never");
-    log().writeBytes(nullptr, 0, "a\x01\xff" "b", 4);
+    log().writeBytes(nullptr, 0,
+                     "a\x01\xff"
+                     "b",
+                     4);
     EXPECT_EQ(contents(), "Headline 42\n  - ID: abc\na<01><ff>b\n");
 }
 
@@ -179,7 +183,8 @@ TEST(ProgramAbort, ReportsOnceToStandardErrorAndTheLogAndExitsWithOne) {
                                   "- FILE:     /src/x.cpp (line 12)\n"
                                   "[dialog PROGRAM ABORT]\n");
     EXPECT_NE(readFile(logPath).find("PROGRAM ABORT: first failure\n"), std::string::npos);
-    EXPECT_EQ(formatAbortReport("m", nullptr, nullptr, 3), "PROGRAM ABORT: m\n- FILE:     <unknown> (line 3)\n");
+    EXPECT_EQ(formatAbortReport("m", nullptr, nullptr, 3),
+              "PROGRAM ABORT: m\n- FILE:     <unknown> (line 3)\n");
 }
 
 TEST(ProgramAbort, AssertionFailureReportsAndReturns) {

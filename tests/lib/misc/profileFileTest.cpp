@@ -1,5 +1,5 @@
-#include "lib/misc/iniValues.h"
 #include "lib/misc/profileFile.h"
+#include "lib/misc/iniValues.h"
 #include "tests/support/testSupport.h"
 
 #include <gtest/gtest.h>
@@ -143,8 +143,8 @@ TEST(ProfileFile, ManyThreadsWritingDifferentKeysLoseNothing) {
         threads.emplace_back([&, t] {
             for (int k = 0; k < kKeys; ++k) {
                 const std::string section = "T" + std::to_string(t % 3);
-                EXPECT_TRUE(writeIniInt(path, section, "k" + std::to_string(t) + "_" +
-                                                           std::to_string(k),
+                EXPECT_TRUE(writeIniInt(path, section,
+                                        "k" + std::to_string(t) + "_" + std::to_string(k),
                                         t * 1000 + k));
                 readIniInt(path, section, "k0_0", 0);
             }
