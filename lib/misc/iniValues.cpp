@@ -2,6 +2,7 @@
 
 #include "lib/misc/profileFile.h"
 
+#include <array>
 #include <cctype>
 #include <cstdint>
 #include <cstdio>
@@ -33,19 +34,27 @@ std::string trimmedCopy(const std::string& text) {
 } // namespace
 
 std::string escapeIniValue(const std::string& value) {
+    // Which bytes are written as escapes: "%" and those that are not printable.
+    static const auto needsEscape = [] {
+        std::array<bool, 256> table{};
+        for (int byte = 0; byte < 256; ++byte)
+            table[static_cast<size_t>(byte)] = byte == '%' || !std::isprint(byte);
+        return table;
+    }();
     static const char digits[] = "0123456789ABCDEF";
     std::string out;
-    out.reserve(value.size());
-    for (char c : value) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte == '%' || !std::isprint(byte)) {
-            out += '%';
-            out += digits[byte >> 4];
-            out += digits[byte & 0x0F];
-        } else {
-            out += c;
-        }
+    out.reserve(value.size() + 8);
+    size_t runStart = 0;
+    for (size_t i = 0; i < value.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(value[i]);
+        if (!needsEscape[byte])
+            continue;
+        out.append(value, runStart, i - runStart);
+        const char escape[3] = {'%', digits[byte >> 4], digits[byte & 0x0F]};
+        out.append(escape, 3);
+        runStart = i + 1;
     }
+    out.append(value, runStart, std::string::npos);
     return out;
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -17,21 +18,21 @@ namespace profile {
 
 namespace {
 
+// Names compare as the platform compares them: ASCII letters without regard to case.
+inline char asciiLower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; }
+
 bool equalsNoCase(const std::string& a, const std::string& b) {
     if (a.size() != b.size())
         return false;
-    for (size_t i = 0; i < a.size(); ++i) {
-        unsigned char x = static_cast<unsigned char>(a[i]);
-        unsigned char y = static_cast<unsigned char>(b[i]);
-        if (x != y && std::tolower(x) != std::tolower(y))
+    for (size_t i = 0; i < a.size(); ++i)
+        if (a[i] != b[i] && asciiLower(a[i]) != asciiLower(b[i]))
             return false;
-    }
     return true;
 }
 
 std::string lowered(std::string text) {
     for (char& c : text)
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        c = asciiLower(c);
     return text;
 }
 
@@ -257,6 +258,7 @@ struct CachedFile {
     Document document;
     Stamp stamp;
     bool valid = false;
+    std::uint64_t version = 0; // counts every change of the parsed copy
 };
 
 struct Cache {
@@ -273,15 +275,22 @@ struct BatchState {
     int depth = 0;
     Document document;
     std::vector<Operation> operations;
+    std::uint64_t baseVersion = 0; // the shared copy's version the batch started from
 };
 
 thread_local std::map<std::string, BatchState> t_batches;
 thread_local std::string t_lastWriteError;
 
 std::string normalized(const std::string& path) {
+    // Channel saves and loads name the same file hundreds of times in a row.
+    thread_local std::string lastPath, lastNormalized;
     std::error_code error;
+    if (path == lastPath && !path.empty() && path[0] == '/')
+        return lastNormalized;
     auto absolute = std::filesystem::absolute(path, error);
-    return (error ? std::filesystem::path(path) : absolute).lexically_normal().string();
+    lastPath = path;
+    lastNormalized = (error ? std::filesystem::path(path) : absolute).lexically_normal().string();
+    return lastNormalized;
 }
 
 std::shared_ptr<CachedFile> cachedFile(const std::string& path) {
@@ -316,6 +325,7 @@ void refresh(CachedFile& file, const std::string& path) {
     file.document.parse(text);
     file.stamp = current;
     file.valid = true;
+    ++file.version;
 }
 
 bool writeAtomically(const std::string& path, const std::string& text, std::string& error) {
@@ -348,13 +358,20 @@ bool writeAtomically(const std::string& path, const std::string& text, std::stri
     return true;
 }
 
-// Applies operations to the shared copy and rewrites the file once.
-bool applyAndWrite(const std::string& path, const std::vector<Operation>& operations) {
+// Applies operations to the shared copy and rewrites the file once. A batch whose starting
+// copy is still current hands over its document instead of replaying its operations.
+bool applyAndWrite(const std::string& path, const std::vector<Operation>& operations,
+                   BatchState* batch = nullptr) {
     auto file = cachedFile(path);
     std::lock_guard guard(file->mutex);
     refresh(*file, path);
-    for (const Operation& operation : operations)
-        operation.applyTo(file->document);
+    if (batch && batch->baseVersion == file->version) {
+        file->document = std::move(batch->document);
+    } else {
+        for (const Operation& operation : operations)
+            operation.applyTo(file->document);
+    }
+    ++file->version;
     std::string error;
     if (!writeAtomically(path, file->document.serialize(), error)) {
         t_lastWriteError = error;
@@ -418,9 +435,13 @@ bool hasSection(const std::string& path, const std::string& section) {
 
 bool writeValue(const std::string& path, const std::string& section, const std::string& key,
                 const std::string& value) {
-    if (value.find_first_of("\r\n") != std::string::npos ||
-        key.find_first_of("\r\n=") != std::string::npos ||
-        section.find_first_of("\r\n]") != std::string::npos) {
+    const auto breaksLine = [](const std::string& text, char also) {
+        for (char c : text)
+            if (c == '\n' || c == '\r' || c == also)
+                return true;
+        return false;
+    };
+    if (breaksLine(value, '\n') || breaksLine(key, '=') || breaksLine(section, ']')) {
         t_lastWriteError = "Can't write a line break into a profile file: [" + section + "] " + key;
         return false;
     }
@@ -450,6 +471,7 @@ WriteBatch::WriteBatch(const std::string& path) : m_path(normalized(path)) {
         std::lock_guard guard(file->mutex);
         refresh(*file, m_path);
         it->second.document = file->document;
+        it->second.baseVersion = file->version;
         m_outermost = true;
     }
     ++it->second.depth;
@@ -469,11 +491,11 @@ bool WriteBatch::commit() {
         return false;
     if (--it->second.depth > 0)
         return true;
-    std::vector<Operation> operations = std::move(it->second.operations);
+    BatchState state = std::move(it->second);
     t_batches.erase(it);
-    if (operations.empty())
+    if (state.operations.empty())
         return true;
-    return applyAndWrite(m_path, operations);
+    return applyAndWrite(m_path, state.operations, &state);
 }
 
 } // namespace profile
