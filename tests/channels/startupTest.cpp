@@ -1,0 +1,87 @@
+#include "channels/startup.h"
+#include "lib/misc/exception.h"
+#include "lib/misc/iniValues.h"
+#include "lib/misc/systemValues.h"
+#include "tests/support/testSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+using namespace channels;
+using testing_support::TempDir;
+using testing_support::writeFile;
+namespace fs = std::filesystem;
+
+namespace {
+
+// A program directory like the one that ships: the resources of the source tree.
+std::string programDir() { return (testing_support::sourceDir() / "resources").string(); }
+
+} // namespace
+
+TEST(Startup, NewUserGetsTheFirstRunContentsAndTheOfflineNewsChannel) {
+    TempDir home;
+    const AppPaths paths = buildAppPaths(programDir(), home.path().string(), "alice");
+    EXPECT_TRUE(prepareUserDirectory(paths));
+    EXPECT_TRUE(fs::exists(fs::path(paths.userDir) / "DefaultChannelSummary.template"));
+    EXPECT_TRUE(fs::exists(fs::path(paths.userDir) / "DefaultChannelSummary.gif"));
+    EXPECT_TRUE(fs::is_directory(paths.logsDir));
+    const std::string channel = (fs::path(paths.channelsDir) / "PelsuNews.rss").string();
+    const std::string address = profile::readIniString(channel, "Config", "RssChannelUrl");
+    EXPECT_EQ(address, defaultNewsFeedAddress(programDir()));
+    EXPECT_TRUE(fs::exists(address)) << "the default channel must work offline";
+
+    // A second start keeps what the user changed.
+    fs::remove(channel);
+    EXPECT_FALSE(prepareUserDirectory(paths));
+    EXPECT_FALSE(fs::exists(channel));
+}
+
+TEST(Startup, UserDirectoryThatCannotBeCreatedIsReportedWithTheUserName) {
+    TempDir home;
+    writeFile(home.file("Users"), "a file where the directory should be");
+    const AppPaths paths = buildAppPaths(programDir(), home.path().string(), "bob");
+    try {
+        prepareUserDirectory(paths);
+        FAIL() << "expected a failure";
+    } catch (const Exception& failure) {
+        EXPECT_EQ(
+            std::string(failure.what()).rfind("Can't create a new directory for user: bob", 0), 0u)
+            << failure.what();
+    }
+}
+
+TEST(Startup, UserNameComesFromTheProgramDebugFileUnlessEmpty) {
+    TempDir dir;
+    const std::string debugIni = dir.file("debug.ini");
+    writeFile(debugIni, "[Debug]\nUserName=  tester  \n");
+    EXPECT_EQ(determineUserName(debugIni), "tester");
+    writeFile(debugIni, "[Debug]\nUserName=\n");
+    EXPECT_NE(determineUserName(debugIni), "");
+    EXPECT_NE(determineUserName(debugIni), "tester");
+}
+
+TEST(Startup, UserDebugSettingsWinOverTheProgramOnes) {
+    TempDir dir;
+    AppPaths paths = buildAppPaths(dir.path().string(), dir.path().string(), "u");
+    fs::create_directories(paths.userDir);
+    writeFile(paths.programDebugFile, "[Debug]\nA=1\nB=2\n");
+    writeFile(paths.userDebugFile, "[Debug]\nB=3\n");
+    EXPECT_EQ(readDebugInt(paths, "A", 0), 1);
+    EXPECT_EQ(readDebugInt(paths, "B", 0), 3);
+    EXPECT_EQ(readDebugInt(paths, "C", 9), 9);
+}
+
+TEST(Startup, PublishesTheSystemValues) {
+    const AppPaths paths = buildAppPaths("/opt/pelsu", "/home/x/.local/share/pelsu", "x");
+    publishSystemValues(paths, "1.2.3");
+    auto& values = misc::SystemValues::instance();
+    EXPECT_EQ(values.get("VersionString"), "1.2.3");
+    EXPECT_EQ(values.get("UserName"), "x");
+    EXPECT_EQ(values.get("ChannelsDir"), "/home/x/.local/share/pelsu/Users/x/Channels");
+    EXPECT_EQ(values.get("AppPluginsDir"), "/opt/pelsu/appPlugins");
+    for (const char* name :
+         {"AppHomeUrl", "FeedbackEmailAddress", "SupportEmailAddress", "UserConfigFile"})
+        EXPECT_FALSE(values.get(name).empty()) << name;
+}
