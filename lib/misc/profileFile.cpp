@@ -458,6 +458,20 @@ bool deleteSection(const std::string& path, const std::string& section) {
 
 std::string lastWriteError() { return t_lastWriteError; }
 
+std::string fileProblem(const std::string& path) {
+    struct stat info {};
+    if (::stat(path.c_str(), &info) != 0)
+        return errno == ENOENT ? "" : "Can't read " + path + ": " + std::strerror(errno);
+    if (!S_ISREG(info.st_mode))
+        return "Not a regular file: " + path;
+    std::string text;
+    if (!readWholeFile(path, text))
+        return "Can't read " + path + ": " + std::strerror(errno);
+    if (text.find('\0') != std::string::npos)
+        return "Not a text file (it holds NUL bytes): " + path;
+    return "";
+}
+
 void clearCache() {
     auto& instance = cache();
     std::lock_guard guard(instance.mutex);

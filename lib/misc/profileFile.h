@@ -37,6 +37,10 @@ bool deleteSection(const std::string& path, const std::string& section);
 // The reason of the calling thread's last failed write.
 std::string lastWriteError();
 
+// Why a file that exists can't serve as a profile file (it can't be read, or it holds NUL
+// bytes, as binary files do); empty when it can, or when it does not exist.
+std::string fileProblem(const std::string& path);
+
 // Forgets the parsed copies (tests; or after moving files around).
 void clearCache();
 

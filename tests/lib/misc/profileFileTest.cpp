@@ -99,6 +99,17 @@ TEST(ProfileFile, WriteIntoAMissingDirectoryFailsWithAReason) {
     EXPECT_FALSE(writeValue(dir.file("x.ini"), "S", "k", "two\nlines"));
 }
 
+TEST(ProfileFile, BinaryOrUnreadableFilesAreReportedAsProblems) {
+    TempDir dir;
+    EXPECT_EQ(fileProblem(dir.file("missing.ini")), "");
+    writeFile(dir.file("good.ini"), "[S]\nk=v\n");
+    EXPECT_EQ(fileProblem(dir.file("good.ini")), "");
+    writeFile(dir.file("binary.ini"), std::string("[S]\nk=\0\x01\x02", 9));
+    EXPECT_NE(fileProblem(dir.file("binary.ini")).find("NUL"), std::string::npos);
+    std::filesystem::create_directory(dir.file("dir.ini"));
+    EXPECT_NE(fileProblem(dir.file("dir.ini")), "");
+}
+
 TEST(ProfileFile, BatchWritesTheFileOnceAndSeesItsOwnWrites) {
     TempDir dir;
     const std::string path = dir.file("batch.ini");
