@@ -1,0 +1,69 @@
+#include "channels/channelState.h"
+
+#include "lib/misc/iniValues.h"
+
+namespace channels {
+
+namespace {
+const char* const kSection = "State";
+const char* const kFeedSection = "Last Feed";
+} // namespace
+
+ChannelState::ChannelState() : m_feed(std::make_unique<Feed>()) {}
+
+void ChannelState::load(const std::string& file) {
+    threadSafety::ScopedLock lock(m_lock);
+    m_lastFetchTime = profile::readIniInt(file, kSection, "LastFetchTime", 0);
+    m_httpLastModified = profile::readIniString(file, kSection, "HttpLastModified");
+    m_httpETag = profile::readIniString(file, kSection, "HttpETag");
+    auto feed = std::make_unique<Feed>();
+    feed->load(file, kFeedSection);
+    m_feed = std::move(feed);
+}
+
+void ChannelState::save(const std::string& file) const {
+    threadSafety::ScopedLock lock(m_lock);
+    profile::writeIniInt(file, kSection, "LastFetchTime", m_lastFetchTime);
+    profile::writeIniString(file, kSection, "HttpLastModified", m_httpLastModified);
+    profile::writeIniString(file, kSection, "HttpETag", m_httpETag);
+    m_feed->save(file, kFeedSection);
+}
+
+std::int32_t ChannelState::lastFetchTime() const {
+    threadSafety::ScopedLock lock(m_lock);
+    return m_lastFetchTime;
+}
+void ChannelState::setLastFetchTime(std::int32_t time) {
+    threadSafety::ScopedLock lock(m_lock);
+    m_lastFetchTime = time;
+}
+std::string ChannelState::httpLastModified() const {
+    threadSafety::ScopedLock lock(m_lock);
+    return m_httpLastModified;
+}
+void ChannelState::setHttpLastModified(const std::string& value) {
+    threadSafety::ScopedLock lock(m_lock);
+    m_httpLastModified = value;
+}
+std::string ChannelState::httpETag() const {
+    threadSafety::ScopedLock lock(m_lock);
+    return m_httpETag;
+}
+void ChannelState::setHttpETag(const std::string& value) {
+    threadSafety::ScopedLock lock(m_lock);
+    m_httpETag = value;
+}
+Feed& ChannelState::feed() {
+    threadSafety::ScopedLock lock(m_lock);
+    return *m_feed;
+}
+const Feed& ChannelState::feed() const {
+    threadSafety::ScopedLock lock(m_lock);
+    return *m_feed;
+}
+void ChannelState::replaceFeed(std::unique_ptr<Feed> feed) {
+    threadSafety::ScopedLock lock(m_lock);
+    m_feed = feed ? std::move(feed) : std::make_unique<Feed>();
+}
+
+} // namespace channels

@@ -1,0 +1,45 @@
+// What the engine last learnt about a channel: section "State" of its file and the last feed.
+#pragma once
+
+#include "channels/feed.h"
+#include "lib/misc/threadSafetyWin32.h"
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace channels {
+
+class ChannelState {
+public:
+    ChannelState();
+    virtual ~ChannelState() = default;
+    ChannelState(const ChannelState&) = delete;
+    ChannelState& operator=(const ChannelState&) = delete;
+
+    // Reads the keys, then replaces the feed with the one stored under "Last Feed".
+    virtual void load(const std::string& file);
+    virtual void save(const std::string& file) const;
+
+    std::int32_t lastFetchTime() const;
+    void setLastFetchTime(std::int32_t time);
+    std::string httpLastModified() const;
+    void setHttpLastModified(const std::string& value);
+    std::string httpETag() const;
+    void setHttpETag(const std::string& value);
+
+    // The current feed (never null). It stays valid until the next replaceFeed or load.
+    Feed& feed();
+    const Feed& feed() const;
+    // Hands over a new feed; the old one is dropped.
+    void replaceFeed(std::unique_ptr<Feed> feed);
+
+private:
+    mutable threadSafety::CriticalSection m_lock{"ChannelState"};
+    std::int32_t m_lastFetchTime = 0;
+    std::string m_httpLastModified;
+    std::string m_httpETag;
+    std::unique_ptr<Feed> m_feed;
+};
+
+} // namespace channels
