@@ -1,0 +1,448 @@
+#include "tools/net.h"
+
+#include "lib/log/log.h"
+#include "lib/misc/exception.h"
+
+#include <cerrno>
+#include <cstring>
+#include <curl/curl.h>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <sys/stat.h>
+#include <vector>
+
+namespace tools {
+
+namespace {
+
+using channels::Exception;
+
+msglog::MsgGroup& downloadsGroup() { return msglog::registerMsgGroup("InternetDownloads"); }
+msglog::MsgGroup& headersGroup() { return msglog::registerMsgGroup("HttpHeaders"); }
+const msglog::MsgGroupRegistration g_downloads("InternetDownloads");
+const msglog::MsgGroupRegistration g_headers("HttpHeaders");
+
+std::atomic<bool> g_useHttpHeaders{true};
+constexpr long kReadStep = 65536;
+
+// libcurl is set up once for the process, before any thread uses it.
+struct CurlGlobal {
+    CurlGlobal() { curl_global_init(CURL_GLOBAL_DEFAULT); }
+};
+void initCurl() { static CurlGlobal global; }
+
+std::string lowered(std::string text) {
+    for (char& c : text)
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return text;
+}
+
+// The scheme of an address ("http", "file", ...), lower-cased, or empty when it has none.
+// A one-letter scheme is a drive letter, not a scheme.
+std::string schemeOf(const std::string& url) {
+    const size_t colon = url.find(':');
+    if (colon == std::string::npos || colon < 2)
+        return "";
+    for (size_t i = 0; i < colon; ++i) {
+        const auto c = static_cast<unsigned char>(url[i]);
+        if (!(std::isalnum(c) || (i > 0 && (c == '+' || c == '-' || c == '.'))))
+            return "";
+    }
+    return lowered(url.substr(0, colon));
+}
+
+bool isRegularFile(const std::string& path) {
+    struct stat info {};
+    return ::stat(path.c_str(), &info) == 0 && !S_ISDIR(info.st_mode);
+}
+
+std::string percentDecoded(const std::string& text) {
+    std::string out;
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '%' && i + 2 < text.size() &&
+            std::isxdigit(static_cast<unsigned char>(text[i + 1])) &&
+            std::isxdigit(static_cast<unsigned char>(text[i + 2]))) {
+            out += static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16));
+            i += 2;
+        } else {
+            out += text[i];
+        }
+    }
+    return out;
+}
+
+// The local file an address names, or empty when it names none.
+std::string localFilePath(const std::string& url) {
+    const std::string scheme = schemeOf(url);
+    if (scheme == "file") {
+        std::string path = url.substr(5);
+        if (path.rfind("//", 0) == 0) {
+            const size_t slash = path.find('/', 2); // skip the (empty or local) host
+            path = slash == std::string::npos ? "" : path.substr(slash);
+        }
+        if (!isRegularFile(path) && isRegularFile(percentDecoded(path)))
+            path = percentDecoded(path);
+        return path.empty() ? url : path;
+    }
+    if ((scheme.empty() || (scheme != "http" && scheme != "https")) && isRegularFile(url))
+        return url;
+    return "";
+}
+
+void readLocalFile(const std::string& path, std::string& body) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in)
+        throw Exception("Can't open file: " + path);
+    std::ostringstream text;
+    text << in.rdbuf();
+    body = text.str();
+}
+
+bool tryLocalFile(const std::string& url, long* statusCode, std::string* statusText,
+                  std::string& body) {
+    const std::string path = localFilePath(url);
+    if (path.empty())
+        return false;
+    readLocalFile(path, body);
+    PELSU_LOG(downloadsGroup(), "Read the local file OK: #bytes="
+                                    << body.size() << " ; faking an HTTP 200 OK status.");
+    if (statusCode)
+        *statusCode = 200;
+    if (statusText)
+        *statusText = "OK";
+    return true;
+}
+
+} // namespace
+
+// The share handle and a pool of idle transfers, so that connections, DNS results and
+// transfer set-up are reused between downloads.
+struct InternetSession::Impl {
+    CURLSH* share = nullptr;
+    std::mutex shareLocks[CURL_LOCK_DATA_LAST];
+    std::mutex poolMutex;
+    std::vector<CURL*> idle;
+
+    static void lock(CURL*, curl_lock_data data, curl_lock_access, void* user) {
+        static_cast<Impl*>(user)->shareLocks[data].lock();
+    }
+    static void unlock(CURL*, curl_lock_data data, void* user) {
+        static_cast<Impl*>(user)->shareLocks[data].unlock();
+    }
+    CURL* acquire() {
+        {
+            std::lock_guard guard(poolMutex);
+            if (!idle.empty()) {
+                CURL* handle = idle.back();
+                idle.pop_back();
+                curl_easy_reset(handle);
+                return handle;
+            }
+        }
+        return curl_easy_init();
+    }
+    void release(CURL* handle) {
+        std::lock_guard guard(poolMutex);
+        idle.push_back(handle);
+    }
+};
+
+InternetSession::InternetSession(std::string userAgent, NetOptions options)
+    : m_userAgent(std::move(userAgent)), m_options(options), m_impl(std::make_unique<Impl>()) {
+    initCurl();
+    m_impl->share = curl_share_init();
+    if (!m_impl->share)
+        throw Exception("Can't open an Internet connection.");
+    curl_share_setopt(m_impl->share, CURLSHOPT_LOCKFUNC, &Impl::lock);
+    curl_share_setopt(m_impl->share, CURLSHOPT_UNLOCKFUNC, &Impl::unlock);
+    curl_share_setopt(m_impl->share, CURLSHOPT_USERDATA, m_impl.get());
+    curl_share_setopt(m_impl->share, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
+    curl_share_setopt(m_impl->share, CURLSHOPT_SHARE, CURL_LOCK_DATA_CONNECT);
+    curl_share_setopt(m_impl->share, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+}
+
+InternetSession::~InternetSession() {
+    for (CURL* handle : m_impl->idle)
+        curl_easy_cleanup(handle);
+    curl_share_cleanup(m_impl->share);
+}
+
+void InternetSession::abortAll() { ++m_abortGeneration; }
+
+void setUseHttpHeaders(bool use) { g_useHttpHeaders = use; }
+bool useHttpHeaders() { return g_useHttpHeaders; }
+
+namespace {
+
+// One transfer: its handle, what the callbacks collect, and how it ended.
+struct Transfer {
+    InternetSession& session;
+    std::string url;
+    std::string& body;
+    std::uint64_t startGeneration;
+    CURL* handle = nullptr;
+    curl_slist* headers = nullptr;
+    std::string statusLine;
+    std::string lastModified;
+    std::string etag;
+    bool haveLastModified = false;
+    bool haveETag = false;
+    bool tooLarge = false;
+    bool aborted = false;
+
+    Transfer(InternetSession& s, std::string u, std::string& b)
+        : session(s), url(std::move(u)), body(b), startGeneration(s.abortGeneration()) {}
+    ~Transfer() {
+        curl_slist_free_all(headers);
+        if (handle)
+            session.impl().release(handle);
+    }
+
+    static size_t onBody(char* data, size_t size, size_t count, void* user) {
+        auto* self = static_cast<Transfer*>(user);
+        const size_t bytes = size * count;
+        const std::uint64_t limit = self->session.options().maxBodyBytes;
+        if (limit != 0 && self->body.size() + bytes > limit) {
+            self->tooLarge = true;
+            return 0;
+        }
+        self->body.append(data, bytes);
+        return bytes;
+    }
+
+    // Keeps the status line and validators of the last response (after any redirects).
+    static size_t onHeader(char* data, size_t size, size_t count, void* user) {
+        auto* self = static_cast<Transfer*>(user);
+        std::string line(data, size * count);
+        while (!line.empty() && (line.back() == '\n' || line.back() == '\r'))
+            line.pop_back();
+        if (line.rfind("HTTP/", 0) == 0) {
+            self->statusLine = line;
+            self->haveLastModified = self->haveETag = false;
+            self->lastModified.clear();
+            self->etag.clear();
+            self->body.clear();
+            return size * count;
+        }
+        const size_t colon = line.find(':');
+        if (colon == std::string::npos)
+            return size * count;
+        const std::string name = lowered(line.substr(0, colon));
+        size_t start = colon + 1;
+        while (start < line.size() && (line[start] == ' ' || line[start] == '\t'))
+            ++start;
+        if (name == "last-modified") {
+            self->lastModified = line.substr(start);
+            self->haveLastModified = true;
+        } else if (name == "etag") {
+            self->etag = line.substr(start);
+            self->haveETag = true;
+        }
+        return size * count;
+    }
+
+    static int onProgress(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+        auto* self = static_cast<Transfer*>(user);
+        if (self->session.abortGeneration() != self->startGeneration) {
+            self->aborted = true;
+            return 1;
+        }
+        return 0;
+    }
+
+    // The status text: what follows the code on the status line.
+    std::string reasonPhrase() const {
+        const size_t first = statusLine.find(' ');
+        if (first == std::string::npos)
+            return "";
+        const size_t second = statusLine.find(' ', first + 1);
+        return second == std::string::npos ? "" : statusLine.substr(second + 1);
+    }
+};
+
+// The address as it is requested: with the classic rule, on port 80 as plain HTTP.
+std::string requestAddress(const std::string& url, const NetOptions& options) {
+    if (options.honourUrlPort)
+        return url;
+    if (schemeOf(url) == "https")
+        return "http" + url.substr(5);
+    return url;
+}
+
+void setUp(Transfer& transfer, bool forceDownload) {
+    CURL* h = transfer.handle;
+    const NetOptions& options = transfer.session.options();
+    curl_easy_setopt(h, CURLOPT_URL, requestAddress(transfer.url, options).c_str());
+    curl_easy_setopt(h, CURLOPT_DEFAULT_PROTOCOL, "http");
+    curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, options.honourUrlPort ? "http,https" : "http");
+    curl_easy_setopt(h, CURLOPT_REDIR_PROTOCOLS_STR, options.honourUrlPort ? "http,https" : "http");
+    if (!options.honourUrlPort)
+        curl_easy_setopt(h, CURLOPT_PORT, 80L);
+    curl_easy_setopt(h, CURLOPT_SHARE, transfer.session.impl().share);
+    curl_easy_setopt(h, CURLOPT_USERAGENT, transfer.session.userAgent().c_str());
+    curl_easy_setopt(h, CURLOPT_FOLLOWLOCATION, 1L);
+    curl_easy_setopt(h, CURLOPT_MAXREDIRS, 20L);
+    curl_easy_setopt(h, CURLOPT_ACCEPT_ENCODING, "");
+    curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(h, CURLOPT_BUFFERSIZE, kReadStep);
+    curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT, options.connectTimeoutSeconds);
+    if (options.lowSpeedTimeSeconds > 0) {
+        curl_easy_setopt(h, CURLOPT_LOW_SPEED_LIMIT, 1L);
+        curl_easy_setopt(h, CURLOPT_LOW_SPEED_TIME, options.lowSpeedTimeSeconds);
+    }
+    curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, &Transfer::onBody);
+    curl_easy_setopt(h, CURLOPT_WRITEDATA, &transfer);
+    curl_easy_setopt(h, CURLOPT_HEADERFUNCTION, &Transfer::onHeader);
+    curl_easy_setopt(h, CURLOPT_HEADERDATA, &transfer);
+    curl_easy_setopt(h, CURLOPT_NOPROGRESS, 0L);
+    curl_easy_setopt(h, CURLOPT_XFERINFOFUNCTION, &Transfer::onProgress);
+    curl_easy_setopt(h, CURLOPT_XFERINFODATA, &transfer);
+    if (forceDownload) {
+        transfer.headers = curl_slist_append(transfer.headers, "Cache-Control: no-cache");
+        transfer.headers = curl_slist_append(transfer.headers, "Pragma: no-cache");
+    }
+}
+
+// Runs the transfer; throws the message of a failure. failedText is the message of a
+// failure to reach the server.
+void perform(Transfer& transfer, const std::string& failedText) {
+    if (transfer.headers)
+        curl_easy_setopt(transfer.handle, CURLOPT_HTTPHEADER, transfer.headers);
+    char error[CURL_ERROR_SIZE] = "";
+    curl_easy_setopt(transfer.handle, CURLOPT_ERRORBUFFER, error);
+    const CURLcode rc = curl_easy_perform(transfer.handle);
+    if (rc == CURLE_OK)
+        return;
+    PELSU_LOG(downloadsGroup(), "- Transfer failed: " << (*error ? error : curl_easy_strerror(rc)));
+    const std::string& url = transfer.url;
+    if (transfer.aborted)
+        throw Exception("The download was aborted: " + url);
+    if (transfer.tooLarge)
+        throw Exception("The download is larger than the limit of " +
+                        std::to_string(transfer.session.options().maxBodyBytes) + " bytes: " + url);
+    switch (rc) {
+    case CURLE_URL_MALFORMAT:
+    case CURLE_UNSUPPORTED_PROTOCOL:
+        throw Exception("Can't parse URL: " + url);
+    case CURLE_OPERATION_TIMEDOUT:
+        throw Exception("The download timed out: " + url);
+    case CURLE_RECV_ERROR:
+    case CURLE_PARTIAL_FILE:
+    case CURLE_BAD_CONTENT_ENCODING:
+    case CURLE_WRITE_ERROR:
+        if (!transfer.statusLine.empty())
+            throw Exception("Can't read the URL: " + url);
+        break;
+    default:
+        break;
+    }
+    throw Exception(failedText + url);
+}
+
+void addValidator(Transfer& transfer, const std::string* value, const char* header,
+                  const char* missing) {
+    if (!value || value->empty()) {
+        PELSU_LOG(headersGroup(), missing);
+        return;
+    }
+    const std::string line = std::string(header) + *value;
+    PELSU_LOG(headersGroup(), "Setting HTTP header: " << line);
+    transfer.headers = curl_slist_append(transfer.headers, line.c_str());
+}
+
+void storeValidator(std::string* target, bool present, const std::string& value, const char* tag,
+                    const char* missing) {
+    if (!target)
+        return;
+    if (!present) {
+        PELSU_LOG(headersGroup(), missing);
+        target->clear();
+        return;
+    }
+    PELSU_LOG(headersGroup(), "Found HTTP tag: " << tag << "='" << value << "'");
+    *target = value;
+}
+
+void readWithHeaders(InternetSession& session, const std::string& url, std::string* lastModified,
+                     std::string* etag, bool forceDownload, long* statusCode,
+                     std::string* statusText, std::string& body) {
+    PELSU_LOG(downloadsGroup(), "Reading URL: " << url);
+    if (tryLocalFile(url, statusCode, statusText, body))
+        return;
+    body.clear();
+    Transfer transfer(session, url, body);
+    transfer.handle = session.impl().acquire();
+    if (!transfer.handle)
+        throw Exception("Can't open request: host= ; urlPath=" + url);
+    setUp(transfer, forceDownload);
+    if (forceDownload) {
+        PELSU_LOG(headersGroup(), "ForceDownload is requested - skipping HTTP headers.");
+    } else {
+        addValidator(transfer, lastModified,
+                     "If-Modified-Since: ", "No Last-Modified HTTP header was provided.");
+        addValidator(transfer, etag, "If-None-Match: ", "No ETag HTTP header was provided.");
+    }
+    perform(transfer, "Can't send the HTTP request: ");
+    long code = 0;
+    if (curl_easy_getinfo(transfer.handle, CURLINFO_RESPONSE_CODE, &code) != CURLE_OK || code == 0)
+        throw Exception("Can't read the HTTP response: " + url);
+    const std::string text = transfer.reasonPhrase();
+    if (statusCode)
+        *statusCode = code;
+    if (statusText)
+        *statusText = text;
+    PELSU_LOG(downloadsGroup(), "HTTP response: " << code << " " << text);
+    if (code == 200) {
+        storeValidator(lastModified, transfer.haveLastModified, transfer.lastModified,
+                       "LastModified", "No LastModified HTTP tag was returned.");
+        storeValidator(etag, transfer.haveETag, transfer.etag, "ETag",
+                       "No ETag HTTP tag was returned.");
+    }
+    PELSU_LOG(downloadsGroup(), "Received file OK: #bytes=" << body.size());
+}
+
+void readSimple(InternetSession& session, const std::string& url, bool forceDownload,
+                std::string& body) {
+    PELSU_LOG(downloadsGroup(), "Reading URL (old version): " << url);
+    if (tryLocalFile(url, nullptr, nullptr, body))
+        return;
+    body.clear();
+    Transfer transfer(session, url, body);
+    transfer.handle = session.impl().acquire();
+    if (!transfer.handle)
+        throw Exception("Can't open the URL: " + url);
+    setUp(transfer, forceDownload);
+    perform(transfer, "Can't open the URL: ");
+    PELSU_LOG(downloadsGroup(), "Received file OK: #bytes=" << body.size());
+}
+
+} // namespace
+
+void readUrl(InternetSession& session, const std::string& url, std::string* lastModified,
+             std::string* etag, bool forceDownload, long* statusCode, std::string* statusText,
+             std::string& body) {
+    if (g_useHttpHeaders) {
+        readWithHeaders(session, url, lastModified, etag, forceDownload, statusCode, statusText,
+                        body);
+        return;
+    }
+    readSimple(session, url, forceDownload, body);
+    PELSU_LOG(headersGroup(), "Faking an HTTP status of 200 OK.");
+    if (statusCode)
+        *statusCode = 200;
+    if (statusText)
+        *statusText = "OK";
+}
+
+std::string lastSystemErrorText() {
+    const int code = errno;
+    if (code != 0) {
+        const char* text = std::strerror(code);
+        if (text && *text)
+            return text;
+    }
+    return "system error " + std::to_string(code);
+}
+
+} // namespace tools
