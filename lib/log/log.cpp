@@ -58,6 +58,7 @@ bool CMessageLog::open(const std::string& path, std::string* error) {
         return false;
     }
     m_path = path;
+    m_writing = true;
     std::error_code ignored;
     m_fileSize = std::filesystem::file_size(path, ignored);
     return true;
@@ -68,9 +69,12 @@ void CMessageLog::close() {
     if (m_file)
         std::fclose(m_file);
     m_file = nullptr;
+    m_writing = m_mirror != nullptr;
 }
 
 std::string CMessageLog::path() const { return m_path; }
+
+bool CMessageLog::isWriting() const { return m_writing.load(std::memory_order_relaxed); }
 
 void CMessageLog::setMaxFileSize(std::uint64_t bytes) {
     std::lock_guard guard(m_fileMutex);
@@ -80,6 +84,7 @@ void CMessageLog::setMaxFileSize(std::uint64_t bytes) {
 void CMessageLog::setMirror(std::ostream* mirror) {
     std::lock_guard guard(m_fileMutex);
     m_mirror = mirror;
+    m_writing = m_file != nullptr || m_mirror != nullptr;
 }
 
 void CMessageLog::setSwitches(const LogSwitches& switches) {
@@ -147,10 +152,15 @@ std::string CMessageLog::formatPrefix(const char* file, unsigned line, std::time
         prefix += buffer;
     }
     if (m_switches.date || m_switches.time) {
-        std::tm local{};
-        localtime_r(&now, &local);
-        char text[64];
-        asctime_r(&local, text); // "Wed Nov  5 14:07:09 2003\n"
+        // The text form of the time changes once a second; it is made once per second.
+        thread_local std::time_t cachedTime = -1;
+        thread_local char text[64];
+        if (now != cachedTime) {
+            std::tm local{};
+            localtime_r(&now, &local);
+            asctime_r(&local, text); // "Wed Nov  5 14:07:09 2003\n"
+            cachedTime = now;
+        }
         if (m_switches.date) {
             prefix += text[8] == ' ' ? '0' : text[8];
             prefix += text[9];
@@ -209,7 +219,7 @@ void CMessageLog::writeFormatted(const std::string& text) {
 
 void CMessageLog::writeLine(const char* file, unsigned line, const std::string& text,
                             const MsgGroup* group) {
-    if (group && !group->isEnabled())
+    if ((group && !group->isEnabled()) || !isWriting())
         return;
     lock();
     ++m_sequenceNumber;
@@ -236,7 +246,7 @@ void CMessageLog::writeReport(const std::string& report) {
 LogLine::LogLine(const MsgGroup& group, const char* file, unsigned line)
     : m_group(group), m_file(file), m_line(line) {
     pollMsgGroupSettings();
-    m_enabled = group.isEnabled();
+    m_enabled = group.isEnabled() && CMessageLog::instance().isWriting();
     if (m_enabled)
         CMessageLog::instance().lock();
 }

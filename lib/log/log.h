@@ -5,6 +5,7 @@
 #include "lib/log/msgGroup.h"
 #include "lib/misc/threadSafetyWin32.h"
 
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
@@ -42,6 +43,8 @@ public:
     bool open(const std::string& path, std::string* error = nullptr);
     void close();
     std::string path() const;
+    // Whether lines go anywhere (a file or a mirror); lines are not even formatted otherwise.
+    bool isWriting() const;
     // When the file would grow past this many bytes it is renamed to "<path>.old" (replacing
     // the previous one) and a new file is started. 0 means no limit.
     void setMaxFileSize(std::uint64_t bytes);
@@ -96,6 +99,7 @@ private:
     std::uint64_t m_maxFileSize = 5u * 1024u * 1024u;
     std::uint64_t m_fileSize = 0;
     std::ostream* m_mirror = nullptr;
+    std::atomic<bool> m_writing{false};
 };
 
 // Holds the log's lock for a block of lines, so that a headline and its "- " detail lines
