@@ -6,6 +6,7 @@
 #include "lib/misc/profileFile.h"
 #include "lib/misc/systemValues.h"
 #include "lib/misc/threadSafetyWin32.h"
+#include "tools/net.h"
 
 #include <cstdlib>
 #include <filesystem>
@@ -138,6 +139,7 @@ int readDebugInt(const AppPaths& paths, const std::string& key, int defaultValue
 void applyDebugSettings(const AppPaths& paths) {
     threadSafety::applyDebuggingTimeoutSetting(
         readDebugInt(paths, "ThreadSafetyDebuggingTimeout", 0));
+    tools::setUseHttpHeaders(readDebugInt(paths, "DisableHttpHeaders", 0) == 0);
     msglog::watchMsgGroupSettings({paths.programDebugFile, paths.userDebugFile});
     const int maxLogKiB = readDebugInt(paths, "MaxLogFileSizeKB", 5 * 1024);
     msglog::CMessageLog::instance().setMaxFileSize(
