@@ -1,0 +1,44 @@
+// Turns the bytes of an RSS 0.9x/2.0 or RSS 1.0 document into a Feed.
+#pragma once
+
+#include "channels/feed.h"
+
+#include <memory>
+#include <string>
+
+namespace channels {
+
+class Channel;
+
+// What a parse needs to know about the channel it parses for.
+struct ParseOptions {
+    std::string channelName;           // for the log
+    bool logChannelProcessing = false; // write a trace of the parse to parseLogPath
+    std::string parseLogPath;
+    bool skipLeadingBinaryData = true; // "SkipLeadingRssFeedBinaryData"
+    bool allowEmptyFeeds = false;      // "AllowEmptyFeeds"
+};
+
+class RssParser {
+public:
+    virtual ~RssParser() = default;
+    // One parse attempt; returns the feed or throws (channels::Exception or expat::Exception).
+    virtual std::unique_ptr<Feed> parse(const ParseOptions& options, const std::string& feedText,
+                                        int maxItems);
+};
+
+// Parses, retrying once without the leading bytes of value 128 and above (when the options
+// allow it); rejects a feed without items unless empty feeds are allowed.
+std::unique_ptr<Feed> parseFeed(RssParser& parser, const ParseOptions& options,
+                                const std::string& feedText, int maxItems);
+// The same with the options taken from the channel.
+std::unique_ptr<Feed> parseFeed(RssParser& parser, Channel& channel, const std::string& feedText,
+                                int maxItems);
+
+// Title and description clean-up: trimmed, line breaks as blanks, entities decoded.
+std::string cleanFeedText(const std::string& text);
+// A title made from an item's description: at most twenty words, ended early at a sentence
+// boundary from the sixth word on; the default when nothing is left.
+std::string makeTitle(const std::string& description, const std::string& defaultTitle);
+
+} // namespace channels

@@ -1,0 +1,156 @@
+#include "expat/parser.h"
+
+#include "lib/log/log.h"
+
+#include <expat.h>
+
+#include <strings.h>
+
+namespace expat {
+
+struct Callbacks {
+    static void XMLCALL start(void* user, const XML_Char* name, const XML_Char** attributes) {
+        static_cast<Parser*>(user)->startElement(name, attributes);
+    }
+    static void XMLCALL end(void* user, const XML_Char* name) {
+        static_cast<Parser*>(user)->endElement(name);
+    }
+    static void XMLCALL characters(void* user, const XML_Char* text, int length) {
+        static_cast<Parser*>(user)->characters(text, length);
+    }
+};
+
+void appendUtf8AsLatin1(std::string& out, const char* text, std::size_t length) {
+    out.reserve(out.size() + length);
+    const auto* bytes = reinterpret_cast<const unsigned char*>(text);
+    std::size_t i = 0;
+    while (i < length) {
+        const unsigned char lead = bytes[i];
+        if (lead < 0x80) {
+            out += static_cast<char>(lead);
+            ++i;
+            continue;
+        }
+        // expat hands over well-formed UTF-8 only.
+        int extra = lead >= 0xF0 ? 3 : lead >= 0xE0 ? 2 : 1;
+        unsigned code = lead & (0x3F >> extra);
+        for (int k = 1; k <= extra && i + static_cast<std::size_t>(k) < length; ++k)
+            code = (code << 6) | (bytes[i + static_cast<std::size_t>(k)] & 0x3F);
+        i += static_cast<std::size_t>(extra) + 1;
+        if (code < 0x100)
+            out += static_cast<char>(code);
+        else
+            out.append(code >= 0x10000 ? 2 : 1, '?');
+    }
+}
+
+Parser::Parser(const ElementHandler* handlers) : m_handlers(handlers) {}
+
+Parser::~Parser() = default;
+
+void Parser::setTraceGroups(msglog::MsgGroup* elements, msglog::MsgGroup* tagStack,
+                            msglog::MsgGroup* characterData) {
+    m_elementGroup = elements;
+    m_tagStackGroup = tagStack;
+    m_characterDataGroup = characterData;
+}
+
+void Parser::parse(const char* data, std::size_t length) {
+    XML_Parser handle = XML_ParserCreate(nullptr);
+    if (!handle)
+        throw Exception("XML parse failed (1:L0/C0): out of memory");
+    m_handle = handle;
+    m_tagStack.clear();
+    m_characterData.clear();
+    try {
+        parseBuffer(data, length);
+    } catch (...) {
+        XML_ParserFree(handle);
+        m_handle = nullptr;
+        throw;
+    }
+    XML_ParserFree(handle);
+    m_handle = nullptr;
+}
+
+void Parser::parseBuffer(const char* data, std::size_t length) {
+    auto handle = static_cast<XML_Parser>(m_handle);
+    XML_SetElementHandler(handle, &Callbacks::start, &Callbacks::end);
+    XML_SetCharacterDataHandler(handle, &Callbacks::characters);
+    XML_SetUserData(handle, this);
+    // Buffers beyond what one call takes are fed in pieces; the last piece is final.
+    constexpr std::size_t kPiece = 1u << 30;
+    std::size_t offset = 0;
+    do {
+        const std::size_t piece = std::min(kPiece, length - offset);
+        const bool final = offset + piece == length;
+        if (XML_Parse(handle, data + offset, static_cast<int>(piece), final) == XML_STATUS_ERROR) {
+            const XML_Error code = XML_GetErrorCode(handle);
+            throw Exception("XML parse failed (" + std::to_string(static_cast<int>(code)) + ":L" +
+                            std::to_string(XML_GetCurrentLineNumber(handle)) + "/C" +
+                            std::to_string(XML_GetCurrentColumnNumber(handle)) +
+                            "): " + XML_ErrorString(code));
+        }
+        offset += piece;
+    } while (offset < length);
+}
+
+void Parser::onStartElement(const char*, const char**) {}
+void Parser::onEndElement(const char*) {}
+
+bool Parser::isParent(const char* name) const {
+    return m_tagStack.size() >= 2 &&
+           ::strcasecmp(m_tagStack[m_tagStack.size() - 2].c_str(), name) == 0;
+}
+
+std::string Parser::tagStackText() const {
+    std::string text;
+    for (const std::string& tag : m_tagStack)
+        text += (text.empty() ? "" : "/") + tag;
+    return text;
+}
+
+void Parser::dispatch(int event, const char* name) {
+    if (!m_handlers)
+        return;
+    for (const ElementHandler* row = m_handlers; row->event != kEndOfTable; ++row) {
+        if (row->event == event && ::strcasecmp(row->name, name) == 0) {
+            (this->*(row->handler))();
+            return;
+        }
+    }
+}
+
+void Parser::startElement(const char* name, const char** attributes) {
+    m_tagStack.emplace_back(name);
+    if (m_elementGroup && m_elementGroup->isEnabled()) {
+        std::string trace = std::string("START ELEMENT: ") + name + " ; ";
+        for (const char** attribute = attributes; attribute && *attribute; attribute += 2)
+            trace += std::string("- ") + attribute[0] + " = '" + attribute[1] + "'";
+        PELSU_LOG(*m_elementGroup, trace);
+    }
+    if (m_tagStackGroup && m_tagStackGroup->isEnabled())
+        PELSU_LOG(*m_tagStackGroup, "TagStack: " << tagStackText());
+    m_characterData.clear();
+    onStartElement(name, attributes);
+    dispatch(kStartElement, name);
+}
+
+void Parser::endElement(const char* name) {
+    if (m_elementGroup && m_elementGroup->isEnabled())
+        PELSU_LOG(*m_elementGroup, "END ELEMENT: " << name);
+    if (m_tagStackGroup && m_tagStackGroup->isEnabled())
+        PELSU_LOG(*m_tagStackGroup, "TagStack: " << tagStackText());
+    onEndElement(name);
+    dispatch(kEndElement, name);
+    m_tagStack.pop_back();
+}
+
+void Parser::characters(const char* text, int length) {
+    if (m_characterDataGroup && m_characterDataGroup->isEnabled())
+        PELSU_LOG(*m_characterDataGroup,
+                  "CHARACTER DATA: " << std::string(text, static_cast<std::size_t>(length)));
+    appendUtf8AsLatin1(m_characterData, text, static_cast<std::size_t>(length));
+}
+
+} // namespace expat

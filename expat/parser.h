@@ -1,0 +1,82 @@
+// A small event-driven XML reader over expat. A subclass hears about elements through two
+// virtual hooks and through a static table of handlers bound to element names; the base keeps
+// the stack of open elements and the text since the last start tag, converted to Latin-1.
+#pragma once
+
+#include "lib/misc/exception.h"
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace msglog {
+class MsgGroup;
+}
+
+namespace expat {
+
+class Parser;
+
+// A subclass's handler, called with no arguments: static_cast<Handler>(&Sub::onTitleEnd).
+using Handler = void (Parser::*)();
+
+enum ElementEvent : int { kStartElement = 0, kEndElement = 1, kEndOfTable = -1 };
+
+// One row of a handler table; the table ends with a row whose event is kEndOfTable.
+struct ElementHandler {
+    int event;
+    Handler handler;
+    const char* name; // compared without regard to case
+};
+
+class Parser {
+public:
+    explicit Parser(const ElementHandler* handlers = nullptr);
+    virtual ~Parser();
+    Parser(const Parser&) = delete;
+    Parser& operator=(const Parser&) = delete;
+
+    // Parses the whole buffer as one final piece. Throws expat::Exception with
+    // "XML parse failed (code:Lline/Ccolumn): text" when the document is not well-formed;
+    // handlers that ran before the fault keep their effects.
+    void parse(const char* data, std::size_t length);
+
+    // The text collected since the most recent start tag (Latin-1).
+    const std::string& characterData() const { return m_characterData; }
+    // The open elements, outermost first.
+    const std::vector<std::string>& tagStack() const { return m_tagStack; }
+    // True when the element below the top of the stack is named name (ignoring case).
+    bool isParent(const char* name) const;
+
+    // Trace groups; null (the default) writes no trace.
+    void setTraceGroups(msglog::MsgGroup* elements, msglog::MsgGroup* tagStack,
+                        msglog::MsgGroup* characterData);
+
+protected:
+    // Registers the callbacks and feeds the buffer to the expat parser in one final call.
+    virtual void parseBuffer(const char* data, std::size_t length);
+    virtual void onStartElement(const char* name, const char** attributes);
+    virtual void onEndElement(const char* name);
+
+private:
+    friend struct Callbacks;
+    void startElement(const char* name, const char** attributes);
+    void endElement(const char* name);
+    void characters(const char* text, int length);
+    void dispatch(int event, const char* name);
+    std::string tagStackText() const;
+
+    const ElementHandler* m_handlers;
+    void* m_handle = nullptr; // the expat parser while a parse runs
+    std::vector<std::string> m_tagStack;
+    std::string m_characterData;
+    msglog::MsgGroup* m_elementGroup = nullptr;
+    msglog::MsgGroup* m_tagStackGroup = nullptr;
+    msglog::MsgGroup* m_characterDataGroup = nullptr;
+};
+
+// Appends UTF-8 text as Latin-1: one byte per character below 256, "?" for every UTF-16 unit
+// of the others (two for a character beyond the basic plane).
+void appendUtf8AsLatin1(std::string& out, const char* text, std::size_t length);
+
+} // namespace expat

@@ -1,0 +1,18 @@
+// Mark-up removal and the lenient entity decoding used for feed titles and descriptions.
+#pragma once
+
+#include <string>
+
+namespace htmlStripper {
+
+// Decodes the entities nbsp, lt, gt, quot, amp, tilde and circ wherever an ampersand is
+// followed by one of those names (ignoring case), with or without the closing ";". Numeric
+// references and other names stay as they are; so does an ampersand that starts none of them.
+std::string decodeEntities(const std::string& text);
+
+// Removes tags and quoted text: quote characters open and close quotes (and are dropped), "<"
+// outside quotes opens a tag, ">" closes it and becomes a blank; only characters outside
+// quotes and tags are kept, non-printable ones as blanks. Then decodes entities as above.
+std::string stripMarkup(const std::string& text);
+
+} // namespace htmlStripper
