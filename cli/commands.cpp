@@ -2,8 +2,10 @@
 
 namespace cli {
 
+extern const Command kParseCommand;
+
 const std::vector<Command>& commands() {
-    static const std::vector<Command> table = {};
+    static const std::vector<Command> table = {kParseCommand};
     return table;
 }
 

@@ -1,0 +1,72 @@
+// pelsu-cli parse: what the reader makes of a feed file, printed as a channel file stores it.
+
+#include "channels/rssParser.h"
+#include "cli/commands.h"
+#include "lib/misc/profileFile.h"
+#include "tools/tempFile.h"
+
+#include <fstream>
+#include <iostream>
+#include <sstream>
+
+namespace cli {
+
+namespace {
+
+int usageError(const std::string& message) {
+    std::cerr << "pelsu-cli parse: " << message << "\n"
+              << "usage: pelsu-cli parse FILE [--max-items N] [--allow-empty] [--no-skip-binary]\n";
+    return kExitUsage;
+}
+
+int runParse(const CommandContext& context) {
+    std::string file;
+    int maxItems = -1;
+    channels::ParseOptions options;
+    options.channelName = "parse";
+    const auto& args = context.args;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == "--max-items" && i + 1 < args.size()) {
+            const std::string& value = args[++i];
+            if (value.empty() || value.find_first_not_of("-0123456789") != std::string::npos)
+                return usageError("--max-items needs a whole number, not '" + value + "'");
+            maxItems = std::stoi(value);
+        } else if (args[i] == "--allow-empty") {
+            options.allowEmptyFeeds = true;
+        } else if (args[i] == "--no-skip-binary") {
+            options.skipLeadingBinaryData = false;
+        } else if (file.empty() && (args[i].empty() || args[i][0] != '-')) {
+            file = args[i];
+        } else {
+            return usageError("unexpected argument '" + args[i] + "'");
+        }
+    }
+    if (file.empty())
+        return usageError("no feed file given");
+    std::ifstream in(file, std::ios::binary);
+    if (!in) {
+        std::cerr << "Can't open file: " << file << '\n';
+        return kExitFailure;
+    }
+    std::ostringstream text;
+    text << in.rdbuf();
+    try {
+        channels::RssParser parser;
+        auto feed = channels::parseFeed(parser, options, text.str(), maxItems);
+        tools::TempFile output(".ini");
+        feed->save(output.path(), "Last Feed");
+        std::cout << output.read();
+    } catch (const std::exception& failure) {
+        std::cerr << failure.what() << '\n';
+        return kExitFailure;
+    }
+    return kExitOk;
+}
+
+} // namespace
+
+extern const Command kParseCommand{
+    "parse", "FILE [--max-items N] [--allow-empty] [--no-skip-binary]",
+    "parses a feed file and prints it as a channel file stores it", &runParse};
+
+} // namespace cli
