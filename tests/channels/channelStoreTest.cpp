@@ -1,0 +1,200 @@
+#include "channels/channelSettings.h"
+#include "channels/channelState.h"
+#include "channels/globalOptions.h"
+#include "channels/rssChannelConfig.h"
+#include "lib/misc/iniValues.h"
+#include "lib/misc/profileFile.h"
+#include "tests/support/testSupport.h"
+
+#include <gtest/gtest.h>
+
+using namespace channels;
+using testing_support::readFile;
+using testing_support::TempDir;
+using testing_support::writeFile;
+
+namespace {
+
+Feed sampleFeed(int items) {
+    Feed feed;
+    feed.setFeedTime(1700000000);
+    feed.channel().channelDisplayName = "  padded  ";
+    feed.channel().channelDescription = "line one\r\nline two, 100% sure";
+    feed.channel().channelImageWidth = 88;
+    for (int i = 1; i <= items; ++i) {
+        FeedItem item;
+        item.id = "id-" + std::to_string(i);
+        item.title = "Caf\xE9 " + std::to_string(i);
+        item.url = "http://x/" + std::to_string(i);
+        feed.appendItem(item);
+    }
+    return feed;
+}
+
+} // namespace
+
+TEST(FeedStore, SaveAndLoadRoundTripTheWholeFeed) {
+    TempDir dir;
+    const std::string file = dir.file("c.rss");
+    const Feed feed = sampleFeed(3);
+    feed.save(file, "Last Feed");
+    profile::clearCache();
+    Feed loaded;
+    loaded.load(file, "Last Feed");
+    Feed expected = feed;
+    expected.channel().channelDisplayName = "padded"; // values are trimmed on reading
+    EXPECT_EQ(loaded, expected);
+}
+
+TEST(FeedStore, ShorterFeedDeletesTheOldItemSectionsAndGapsEndTheList) {
+    TempDir dir;
+    const std::string file = dir.file("c.rss");
+    sampleFeed(3).save(file, "Last Feed");
+    sampleFeed(1).save(file, "Last Feed");
+    EXPECT_FALSE(profile::hasSection(file, "Last Feed (2)"));
+    EXPECT_FALSE(profile::hasSection(file, "Last Feed (3)"));
+    Feed loaded;
+    loaded.load(file, "Last Feed");
+    EXPECT_EQ(loaded.itemCount(), 1u);
+
+    writeFile(file, "[Last Feed]\nFeedTime=5\nChannelImageWidth=600\n"
+                    "[Last Feed (1)]\nId=a\n[Last Feed (3)]\nId=c\n"
+                    "[Other (1)]\nTitle=no id\n");
+    loaded.load(file, "Last Feed");
+    EXPECT_EQ(loaded.itemCount(), 1u);
+    EXPECT_EQ(loaded.channel().channelImageWidth, 0);
+    Feed other;
+    other.load(file, "Other");
+    EXPECT_EQ(other.itemCount(), 0u) << "an item without an id is never loaded";
+    EXPECT_EQ(other.feedTime(), 0);
+}
+
+TEST(ChannelStore, SettingsDefaultsRangesAndTheMinimumInterval) {
+    TempDir dir;
+    const std::string file = dir.file("s.rss");
+    ChannelSettings settings;
+    settings.load(file);
+    EXPECT_TRUE(settings.isAutoUpdateEnabled());
+    EXPECT_EQ(settings.autoUpdateInterval(), 86400);
+    EXPECT_FALSE(settings.allowEmptyFeeds());
+    EXPECT_EQ(settings.maxFeedItems(), -1);
+
+    writeFile(file, "[Settings]\nMaxFeedItems=101\nAutoUpdateInterval=30\n");
+    settings.load(file);
+    EXPECT_EQ(settings.maxFeedItems(), -1);
+    writeFile(file, "[Settings]\nMaxFeedItems=0\nAutoUpdateInterval=30\n");
+    settings.load(file);
+    EXPECT_EQ(settings.maxFeedItems(), 0);
+    settings.setMinimumInterval(600);
+    EXPECT_EQ(settings.autoUpdateInterval(), 600);
+    settings.save(file);
+    EXPECT_EQ(profile::readIniInt(file, "Settings", "AutoUpdateInterval", 0), 600);
+    const std::string fresh = dir.file("fresh.rss");
+    settings.save(fresh);
+    EXPECT_NE(readFile(fresh).find("IsAutoUpdateEnabled=1\nAutoUpdateInterval=600\n"
+                                  "AllowEmptyFeeds=0\nMaxFeedItems=0\n"),
+              std::string::npos)
+        << readFile(fresh);
+}
+
+TEST(ChannelStore, ManagerDefaultsReplaceTheBuiltInOnes) {
+    struct Defaults : DefaultChannelSettingsProvider {
+        bool defaultChannelSettings(bool& autoUpdate, std::int32_t& interval, bool& allowEmpty,
+                                    int& maxItems) const override {
+            autoUpdate = false;
+            interval = 3600;
+            allowEmpty = true;
+            maxItems = 10;
+            return true;
+        }
+    } defaults;
+    TempDir dir;
+    ChannelSettings::setDefaultsProvider(&defaults);
+    ChannelSettings settings;
+    settings.load(dir.file("none.rss"));
+    ChannelSettings::setDefaultsProvider(nullptr);
+    EXPECT_FALSE(settings.isAutoUpdateEnabled());
+    EXPECT_EQ(settings.autoUpdateInterval(), 3600);
+    EXPECT_TRUE(settings.allowEmptyFeeds());
+    EXPECT_EQ(settings.maxFeedItems(), 10);
+}
+
+TEST(ChannelStore, ConfigKeepsTheCacheCopyAndBoundsTheImageSize) {
+    TempDir dir;
+    const std::string file = dir.file("c.rss");
+    writeFile(file, "[Config]\nRssChannelUrl=http://127.0.0.1:2605/CodeProject/TheLounge\n"
+                    "PreferredImageWidth=501\nPreferredImageHeight=-2\n"
+                    "PreferredChannelDisplayName=%41 title\n"
+                    "[Cache]\nChannelDisplayName=Cached\n");
+    RssChannelConfig config;
+    config.load(file);
+    EXPECT_EQ(config.preferredImageWidth(), -1);
+    EXPECT_EQ(config.preferredImageHeight(), -1);
+    EXPECT_EQ(config.preferredChannelDisplayName(), "A title");
+    EXPECT_EQ(config.cache().channelDisplayName, "Cached");
+    EXPECT_TRUE(config.isCodeProjectFeed());
+    config.save(file);
+    RssChannelConfig again;
+    again.load(file);
+    EXPECT_EQ(again.rssChannelUrl(), config.rssChannelUrl());
+    EXPECT_EQ(again.cache(), config.cache());
+}
+
+TEST(ChannelStore, StateBringsTheLastFeedWithIt) {
+    TempDir dir;
+    const std::string file = dir.file("c.rss");
+    ChannelState state;
+    state.setLastFetchTime(1234);
+    state.setHttpETag("\"e\"");
+    state.replaceFeed(std::make_unique<Feed>(sampleFeed(2)));
+    {
+        profile::WriteBatch batch(file);
+        state.save(file);
+    }
+    ChannelState loaded;
+    loaded.load(file);
+    EXPECT_EQ(loaded.lastFetchTime(), 1234);
+    EXPECT_EQ(loaded.httpETag(), "\"e\"");
+    EXPECT_EQ(loaded.feed().itemCount(), 2u);
+}
+
+TEST(GlobalOptions, BoundsFallBackToDefaultsAndTheColourKeyPairIsKept) {
+    TempDir dir;
+    const std::string config = dir.file("config.ini");
+    writeFile(config, "[Global Options]\nNotificationBalloonDisplayTime=0\n"
+                      "AppPluginServerPortNo=999\nOneClickMode=7\nScriptTimeout=301\n"
+                      "_HttpUserAgent=Agent/1\n");
+    GlobalOptions options;
+    ASSERT_TRUE(options.load(config, ""));
+    EXPECT_EQ(options.notificationBalloonDisplayTime, 30);
+    EXPECT_EQ(options.appPluginServerPortNo, 2605);
+    EXPECT_TRUE(options.oneClickMode);
+    EXPECT_EQ(options.scriptTimeout, 15);
+    EXPECT_EQ(options.httpUserAgent, "Agent/1");
+
+    options.notificationBalloonDisplayTime = 1800;
+    options.controlCenterNonAutoUpdateChannelFgdCol = 0x123456;
+    ASSERT_TRUE(options.save(config));
+    const std::string text = readFile(config);
+    EXPECT_NE(text.find("ControlCenterNonAutoUpdateChannelFgdCol=1193046"), std::string::npos);
+    EXPECT_EQ(text.find("ActivityLogFgdCol"), std::string::npos)
+        << "read-only keys are not written";
+    GlobalOptions reloaded;
+    ASSERT_TRUE(reloaded.load(config, ""));
+    EXPECT_EQ(reloaded.notificationBalloonDisplayTime, 1800);
+    EXPECT_EQ(reloaded.controlCenterNonAutoUpdateChannelFgdCol, 0x808080u)
+        << "the colour is read under another key, so a saved value does not come back";
+}
+
+TEST(GlobalOptions, ScriptFileTypesComeFromTheProgramsGlobalIni) {
+    TempDir dir;
+    writeFile(dir.file("global.ini"),
+              "[Script File Types]\nPython scripts=.py\n"
+              "[Scripting File Associations]\n.PY=python3 %1 %*\nrb=ruby\n");
+    GlobalOptions options;
+    ASSERT_TRUE(options.load(dir.file("config.ini"), dir.file("global.ini")));
+    EXPECT_EQ(options.scriptFileTypeCommands.at(".py"), "python3 %1 %*");
+    EXPECT_EQ(options.scriptFileTypeCommands.at(".rb"), "ruby");
+    EXPECT_EQ(options.scriptFileTypeCommands.at(".class"), "java %1 %*");
+    ASSERT_EQ(options.scriptFileTypes.size(), 1u);
+}
