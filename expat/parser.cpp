@@ -44,6 +44,21 @@ void appendUtf8AsLatin1(std::string& out, const char* text, std::size_t length) 
     }
 }
 
+namespace {
+void XMLCALL ignoreStart(void*, const XML_Char*, const XML_Char**) {}
+void XMLCALL ignoreEnd(void*, const XML_Char*) {}
+void XMLCALL ignoreText(void*, const XML_Char*, int) {}
+} // namespace
+
+bool parseWithEmptyHandlers(const char* data, std::size_t length) {
+    XML_Parser handle = XML_ParserCreate(nullptr);
+    XML_SetElementHandler(handle, &ignoreStart, &ignoreEnd);
+    XML_SetCharacterDataHandler(handle, &ignoreText);
+    const bool ok = XML_Parse(handle, data, static_cast<int>(length), 1) != XML_STATUS_ERROR;
+    XML_ParserFree(handle);
+    return ok;
+}
+
 Parser::Parser(const ElementHandler* handlers) : m_handlers(handlers) {}
 
 Parser::~Parser() = default;

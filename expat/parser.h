@@ -75,6 +75,10 @@ private:
     msglog::MsgGroup* m_characterDataGroup = nullptr;
 };
 
+// Parses with expat alone and handlers that do nothing: the baseline that measurements of the
+// parsers compare against. Returns whether the document is well-formed.
+bool parseWithEmptyHandlers(const char* data, std::size_t length);
+
 // Appends UTF-8 text as Latin-1: one byte per character below 256, "?" for every UTF-16 unit
 // of the others (two for a character beyond the basic plane).
 void appendUtf8AsLatin1(std::string& out, const char* text, std::size_t length);

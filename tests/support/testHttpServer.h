@@ -11,7 +11,10 @@ namespace testing_support {
 class TestHttpServer {
 public:
     // Set the handlers on server() first, then start(); port 0 picks a free port.
-    explicit TestHttpServer(std::string host = "127.0.0.1") : m_host(std::move(host)) {}
+    explicit TestHttpServer(std::string host = "127.0.0.1") : m_host(std::move(host)) {
+        // One request per connection: no idle connection keeps the server from stopping.
+        m_server.set_keep_alive_max_count(1);
+    }
     ~TestHttpServer() { stop(); }
     TestHttpServer(const TestHttpServer&) = delete;
     TestHttpServer& operator=(const TestHttpServer&) = delete;

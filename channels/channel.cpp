@@ -1,0 +1,119 @@
+#include "channels/channel.h"
+
+#include "channels/channelManager.h"
+#include "channels/rssParser.h"
+#include "lib/misc/exception.h"
+#include "lib/misc/profileFile.h"
+
+#include <filesystem>
+
+namespace channels {
+
+Channel::Channel(ChannelManager* manager, std::string id)
+    : m_manager(manager), m_id(std::move(id)) {}
+
+Channel::~Channel() = default;
+
+void Channel::changeLoopbackPort(int, int) {}
+
+std::string Channel::name() const {
+    std::string name = config().preferredChannelDisplayName();
+    if (name.empty())
+        name = state().feed().channel().channelDisplayName;
+    if (name.empty())
+        name = config().cache().channelDisplayName;
+    return name.empty() ? "<Unknown>" : name;
+}
+
+std::string Channel::fileName() const {
+    const std::string dir = m_manager ? m_manager->channelsDir() : std::string(".");
+    return (std::filesystem::path(dir) / (m_id + fileExtension())).string();
+}
+
+std::string Channel::logFileName(const std::string& suffix) const {
+    const std::string dir = m_manager ? m_manager->channelsDir() : std::string(".");
+    return (std::filesystem::path(dir) / (m_id + suffix)).string();
+}
+
+void Channel::load() {
+    threadSafety::ScopedLock lock(m_lock);
+    const std::string file = fileName();
+    profile::WriteBatch snapshot(file); // one consistent copy of the file for all reads
+    config().load(file);
+    m_settings.load(file);
+    m_state.load(file);
+}
+
+void Channel::save() {
+    threadSafety::ScopedLock lock(m_lock);
+    if (m_removed)
+        return;
+    const std::string file = fileName();
+    profile::WriteBatch batch(file);
+    if (m_state.feed().feedTime() != 0)
+        config().setCache(m_state.feed().channel()); // the last feed's title etc. for next start
+    config().save(file);
+    m_settings.save(file);
+    m_state.save(file);
+    if (!batch.commit())
+        throw Exception(profile::lastWriteError());
+}
+
+void Channel::markRemoved() {
+    threadSafety::ScopedLock lock(m_lock);
+    m_removed = true;
+}
+
+bool Channel::isRemoved() const {
+    threadSafety::ScopedLock lock(m_lock);
+    return m_removed;
+}
+
+bool Channel::isDue(std::time_t now) {
+    if (!m_settings.isAutoUpdateEnabled())
+        return false;
+    const std::int32_t interval = m_settings.autoUpdateInterval();
+    if (interval == 0)
+        return false;
+    // Signed 32-bit arithmetic, as the stored times are.
+    const auto next = static_cast<std::int32_t>(
+        static_cast<std::uint32_t>(m_state.lastFetchTime()) + static_cast<std::uint32_t>(interval));
+    return static_cast<std::int32_t>(now) >= next;
+}
+
+bool Channel::forceDownload(bool firstFetch) const {
+    return firstFetch || config().forceNetDownloads();
+}
+
+bool Channel::logChannelProcessing() const {
+    return (m_manager && m_manager->options().logChannelProcessing) ||
+           channelParameterFlag("LogChannelProcessing", false);
+}
+
+bool Channel::channelParameterFlag(const std::string&, bool defaultValue) const {
+    return defaultValue;
+}
+
+std::unique_ptr<Feed> Channel::update(bool firstFetch) {
+    std::string text;
+    bool unchanged = false;
+    fetch(text, firstFetch, unchanged);
+    if (unchanged)
+        return nullptr;
+    RssParser parser;
+    return parseFeed(parser, *this, text, m_settings.maxFeedItems());
+}
+
+std::unique_ptr<Feed> parseFeed(RssParser& parser, Channel& channel, const std::string& feedText,
+                                int maxItems) {
+    ParseOptions options;
+    options.channelName = channel.name();
+    options.logChannelProcessing = channel.logChannelProcessing();
+    options.parseLogPath = channel.logFileName(".parse");
+    options.skipLeadingBinaryData =
+        channel.channelParameterFlag("SkipLeadingRssFeedBinaryData", true);
+    options.allowEmptyFeeds = channel.settings().allowEmptyFeeds();
+    return parseFeed(parser, options, feedText, maxItems);
+}
+
+} // namespace channels

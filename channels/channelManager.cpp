@@ -1,0 +1,236 @@
+#include "channels/channelManager.h"
+
+#include "channels/common.h"
+#include "channels/internal/scriptRunner.h"
+#include "channels/pluginChannel.h"
+#include "channels/rssChannel.h"
+#include "lib/log/log.h"
+#include "lib/misc/exception.h"
+#include "lib/misc/profileFile.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace channels {
+
+namespace {
+
+// The worker runs below the user interface, as the platform's lowest thread priority does.
+void lowerCurrentThreadPriority() {
+    ::setpriority(PRIO_PROCESS, static_cast<id_t>(::syscall(SYS_gettid)), 10);
+}
+
+} // namespace
+
+ChannelManager::ChannelManager(std::string channelsDir, ChannelManagerOptions options, Clock clock)
+    : m_channelsDir(std::move(channelsDir)), m_options(std::move(options)),
+      m_clock(clock ? std::move(clock) : Clock([] { return std::time(nullptr); })) {
+    PELSU_LOG(channelManagerGroup(), "Channel Manager created: " << m_channelsDir);
+}
+
+ChannelManager::~ChannelManager() {
+    stop();
+    PELSU_LOG(channelManagerGroup(), "Channel Manager destroyed: " << m_channelsDir);
+}
+
+std::unique_ptr<Channel> ChannelManager::makeChannel(const std::string& id,
+                                                     const std::string& extension) {
+    if (extension == ".plugin")
+        return std::make_unique<PluginChannel>(this, id);
+    return std::make_unique<RssChannel>(this, id);
+}
+
+void ChannelManager::loadChannelFiles(const char* extension) {
+    std::error_code error;
+    std::vector<fs::path> files;
+    for (const auto& entry : fs::directory_iterator(m_channelsDir, error))
+        if (entry.path().extension() == extension && entry.is_regular_file(error))
+            files.push_back(entry.path());
+    std::sort(files.begin(), files.end());
+    for (const fs::path& file : files) {
+        const std::string id = file.stem().string();
+        try {
+            if (const std::string problem = profile::fileProblem(file.string()); !problem.empty())
+                throw Exception(problem);
+            auto channel = makeChannel(id, extension);
+            channel->load();
+            threadSafety::ScopedLock lock(m_lock);
+            m_channels[id] = std::move(channel);
+        } catch (const std::exception& failure) {
+            const std::string message =
+                "Can't load channel file \"" + file.filename().string() + "\".";
+            PELSU_LOG(channelManagerGroup(), message << " " << failure.what());
+            ChannelErrorEvent event(now(), nullptr, message, failure.what());
+            raiseEvent(event);
+        }
+    }
+}
+
+void ChannelManager::loadChannels() {
+    PELSU_LOG(channelManagerGroup(), "Loading RSS channels...");
+    loadChannelFiles(".rss");
+    loadChannelFiles(".plugin");
+}
+
+void ChannelManager::start(const std::string& userAgent) {
+    PELSU_LOG(channelManagerGroup(), "Opening an Internet connection: userAgent=" << userAgent);
+    try {
+        m_session = std::make_unique<tools::InternetSession>(userAgent, m_options.net);
+    } catch (const std::exception&) {
+        throw Exception("Can't open an Internet connection.");
+    }
+    PELSU_LOG(channelManagerGroup(), "Creating the stop event.");
+    m_stopEvent.reset();
+    m_workerEnded.reset();
+    m_forcedStop = false;
+    PELSU_LOG(channelManagerGroup(), "Starting the channel update thread.");
+    try {
+        m_worker = std::thread([this] {
+            lowerCurrentThreadPriority();
+            workerLoop();
+            m_workerEnded.set();
+        });
+    } catch (const std::exception&) {
+        throw Exception("Can't start the channel update thread.");
+    }
+    PELSU_LOG(channelManagerGroup(), "Channel manager started OK.");
+}
+
+bool ChannelManager::isRunning() const { return m_worker.joinable(); }
+
+void ChannelManager::stop() {
+    if (m_worker.joinable()) {
+        PELSU_LOG(channelManagerGroup(), "Stopping the channel manager worker thread.");
+        m_stopEvent.set();
+        const std::uint32_t rc =
+            threadSafety::waitForSingleObject(&m_workerEnded, m_options.stopWaitMs);
+        if (rc == threadSafety::WAIT_OBJECT_0) {
+            PELSU_LOG(channelManagerGroup(), "Stopped OK.");
+        } else {
+            PELSU_LOG(channelManagerGroup(),
+                      "Couldn't stop the worker thread (rc=" << rc << ") - killing it.");
+            // From here on the worker reaches no listener and no file; its fetch or script
+            // run is cut short so that it can be joined.
+            m_forcedStop = true;
+            if (m_session)
+                m_session->abortAll();
+            abortAllScripts();
+        }
+        m_worker.join();
+    }
+    if (m_channels.empty() && !m_session)
+        return;
+    PELSU_LOG(channelManagerGroup(), "Saving channels.");
+    for (const auto& [id, channel] : m_channels) {
+        try {
+            channel->save();
+        } catch (const std::exception& failure) {
+            PELSU_LOG(channelManagerGroup(),
+                      "Can't save the channel details for " << channel->name());
+            ChannelErrorEvent event(now(), channel.get(), "Can't save the channel details.",
+                                    failure.what());
+            TEventSource<Event>::raise(event);
+        }
+    }
+    PELSU_LOG(channelManagerGroup(), "Cleaning up the channel table.");
+    {
+        threadSafety::ScopedLock lock(m_lock);
+        for (auto& [id, channel] : m_channels)
+            channel->markRemoved();
+        m_channels.clear();
+        m_requests.clear();
+    }
+    PELSU_LOG(channelManagerGroup(), "Destroying the stop event.");
+    m_stopEvent.reset();
+    PELSU_LOG(channelManagerGroup(), "Closing the Internet connection.");
+    m_session.reset();
+    PELSU_LOG(channelManagerGroup(), "Channel Manager stopped OK.");
+}
+
+bool ChannelManager::requestUpdate(const std::string& id) {
+    threadSafety::ScopedLock lock(m_lock);
+    auto it = m_channels.find(id);
+    if (it == m_channels.end())
+        return false;
+    m_requests.push_back(it->second);
+    return true;
+}
+
+Channel* ChannelManager::addChannel(std::unique_ptr<Channel> channel) {
+    Channel* added = channel.get();
+    {
+        threadSafety::ScopedLock lock(m_lock);
+        if (m_channels.count(channel->id()))
+            throw Exception("A channel with this ID exists already: " + channel->id());
+    }
+    channel->save();
+    threadSafety::ScopedLock lock(m_lock);
+    m_channels[added->id()] = std::move(channel);
+    return added;
+}
+
+void ChannelManager::deleteChannel(const std::string& id) {
+    std::shared_ptr<Channel> channel;
+    {
+        threadSafety::ScopedLock lock(m_lock);
+        auto it = m_channels.find(id);
+        if (it == m_channels.end())
+            throw Exception("No such channel: " + id);
+        channel = it->second;
+    }
+    {
+        threadSafety::ScopedLock channelLock(channel->lock());
+        const std::string file = channel->fileName();
+        if (::unlink(file.c_str()) != 0 && errno != ENOENT)
+            throw Exception("Can't delete the channel config file: " + file);
+        channel->markRemoved();
+    }
+    threadSafety::ScopedLock lock(m_lock);
+    m_channels.erase(id);
+    std::erase(m_requests, channel);
+}
+
+Channel* ChannelManager::findChannel(const std::string& id) const {
+    threadSafety::ScopedLock lock(m_lock);
+    auto it = m_channels.find(id);
+    return it == m_channels.end() ? nullptr : it->second.get();
+}
+
+std::vector<Channel*> ChannelManager::channels() const {
+    threadSafety::ScopedLock lock(m_lock);
+    std::vector<Channel*> result;
+    for (const auto& [id, channel] : m_channels)
+        result.push_back(channel.get());
+    return result;
+}
+
+void ChannelManager::download(const std::string& url, std::string& lastModified, std::string& etag,
+                              bool forceDownload, long& statusCode, std::string& statusText,
+                              std::string& body) {
+    if (m_options.disableInternet)
+        throw Exception("Internet access has been disabled.");
+    if (!m_session)
+        m_session = std::make_unique<tools::InternetSession>("", m_options.net);
+    tools::readUrl(*m_session, url, &lastModified, &etag, forceDownload, &statusCode, &statusText,
+                   body);
+}
+
+void ChannelManager::changeLoopbackPort(int oldPort, int newPort) {
+    for (Channel* channel : channels())
+        channel->changeLoopbackPort(oldPort, newPort);
+    m_options.appPluginServerPort = newPort;
+}
+
+void ChannelManager::raiseEvent(Event& event) {
+    if (!m_forcedStop)
+        TEventSource<Event>::raise(event);
+}
+
+} // namespace channels

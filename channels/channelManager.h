@@ -1,0 +1,109 @@
+// The engine's front object: the channel table, the worker thread that keeps the channels up
+// to date, the Internet session, and the event source through which the application hears
+// what happened.
+#pragma once
+
+#include "channels/channel.h"
+#include "channels/events.h"
+#include "tools/net.h"
+
+#include <atomic>
+#include <ctime>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace channels {
+
+// What the manager takes from the global options.
+struct ChannelManagerOptions {
+    bool disableInternet = false;      // "DisableInternet"
+    int scriptTimeoutSeconds = 15;     // "ScriptTimeout"
+    bool logChannelProcessing = false; // "LogChannelProcessing"
+    int appServerPort = 0;             // the local servers' ports, for plugin scripts
+    int appPluginServerPort = 2605;    // "AppPluginServerPortNo"
+    tools::NetOptions net;             // time limits, size limit, port and TLS rules
+    unsigned stopWaitMs = 30000;       // how long stop waits for the worker
+};
+
+// Seconds since 1970; tests move it forward instead of sleeping.
+using Clock = std::function<std::time_t()>;
+
+class ChannelManager : public TEventSource<Event> {
+public:
+    ChannelManager(std::string channelsDir, ChannelManagerOptions options, Clock clock = {});
+    ~ChannelManager();
+    ChannelManager(const ChannelManager&) = delete;
+    ChannelManager& operator=(const ChannelManager&) = delete;
+
+    // Loads every ".rss" and then every ".plugin" file of the channels directory; a file
+    // that fails gives a ChannelErrorEvent and is left out.
+    void loadChannels();
+    // Opens the Internet session and starts the worker. Throws channels::Exception.
+    void start(const std::string& userAgent);
+    // Stops the worker (forcing it after the wait), saves and drops every channel, closes the
+    // session. Safe to call when not started.
+    void stop();
+    bool isRunning() const;
+
+    // Asks the worker to update the channel soon; unknown ids are ignored (returns false).
+    bool requestUpdate(const std::string& id);
+    // Adds a channel (saving it first); throws when the id is taken. Returns the channel.
+    Channel* addChannel(std::unique_ptr<Channel> channel);
+    // Deletes the channel's file and removes it. Throws "Can't delete the channel config
+    // file: " + file when the file can't be deleted.
+    void deleteChannel(const std::string& id);
+
+    Channel* findChannel(const std::string& id) const;
+    // The channels in table order (by id).
+    std::vector<Channel*> channels() const;
+    const std::string& channelsDir() const { return m_channelsDir; }
+    const ChannelManagerOptions& options() const { return m_options; }
+    std::time_t now() const { return m_clock(); }
+
+    // Downloads for a channel, through the Internet-access gate.
+    void download(const std::string& url, std::string& lastModified, std::string& etag,
+                  bool forceDownload, long& statusCode, std::string& statusText, std::string& body);
+    // Re-points loopback addresses when the local plugin server moves.
+    void changeLoopbackPort(int oldPort, int newPort);
+    int appPluginServerPort() const { return m_options.appPluginServerPort; }
+
+    // One pass of the worker over the due and requested channels, on the calling thread
+    // (the worker calls it every second; tests call it directly with their clock).
+    void runUpdatePass();
+    // Updates one channel now, raising its events.
+    void updateChannel(Channel& channel, bool isExplicit);
+
+    // True once a forced stop began: the worker then touches no listener and no file.
+    bool isForcedStop() const { return m_forcedStop.load(); }
+    // The lock that guards the table and the request queue.
+    threadSafety::CriticalSection& lock() const { return m_lock; }
+    // Raises an event unless a forced stop is under way.
+    void raiseEvent(Event& event);
+
+private:
+    void loadChannelFiles(const char* extension);
+    std::unique_ptr<Channel> makeChannel(const std::string& id, const std::string& extension);
+    void workerLoop();
+    void updateFeed(Channel& channel);
+    std::shared_ptr<Channel> takeNextChannel(std::vector<std::shared_ptr<Channel>>& due,
+                                             bool& isExplicit);
+
+    std::string m_channelsDir;
+    ChannelManagerOptions m_options;
+    Clock m_clock;
+    mutable threadSafety::CriticalSection m_lock{"ChannelManager"};
+    std::map<std::string, std::shared_ptr<Channel>> m_channels;
+    std::deque<std::shared_ptr<Channel>> m_requests;
+    std::unique_ptr<tools::InternetSession> m_session;
+    threadSafety::Event m_stopEvent{true, false};
+    threadSafety::Event m_workerEnded{true, false};
+    std::thread m_worker;
+    std::atomic<bool> m_forcedStop{false};
+};
+
+} // namespace channels

@@ -1,0 +1,156 @@
+// The worker's loop and the update of one channel: fetch, compare the new feed with the old
+// one by item id, raise events for expired and new items, replace and save.
+
+#include "channels/channelManager.h"
+#include "channels/common.h"
+#include "lib/log/log.h"
+
+#include <algorithm>
+#include <map>
+
+namespace channels {
+
+namespace {
+
+const msglog::LogSource kWorkerSource{1};
+
+using FeedIndex = std::map<std::string, std::size_t>;
+
+// Item id to item index; items of one feed that share an id occupy one entry.
+FeedIndex indexFeed(const Feed& feed) {
+    threadSafety::ScopedLock lock(feed.lock());
+    FeedIndex index;
+    const std::size_t count = feed.itemCount();
+    for (std::size_t i = 0; i < count; ++i)
+        index[feed.item(i).id] = i; // a later item with the same id takes the entry
+    return index;
+}
+
+} // namespace
+
+void ChannelManager::workerLoop() {
+    msglog::CMessageLog::setCurrentSource(&kWorkerSource);
+    PELSU_LOG(channelManagerActivityGroup(), "Channel manager worker thread started.");
+    int rc = 0;
+    while (threadSafety::waitForSingleObject(&m_stopEvent, 1000) != threadSafety::WAIT_OBJECT_0)
+        runUpdatePass();
+    PELSU_LOG(channelManagerActivityGroup(), "Channel manager worker thread ending: rc=" << rc);
+    msglog::CMessageLog::setCurrentSource(nullptr);
+}
+
+void ChannelManager::runUpdatePass() {
+    PELSU_LOG(channelManagerActivityGroup(), "Scanning channel table.");
+    std::vector<std::shared_ptr<Channel>> due;
+    {
+        threadSafety::ScopedLock lock(m_lock);
+        const std::time_t time = now();
+        for (const auto& [id, channel] : m_channels)
+            if (channel->isDue(time))
+                due.push_back(channel);
+    }
+    // A stop request is noticed between two channel updates, never during one.
+    while (threadSafety::waitForSingleObject(&m_stopEvent, 0) != threadSafety::WAIT_OBJECT_0) {
+        bool isExplicit = false;
+        std::shared_ptr<Channel> channel = takeNextChannel(due, isExplicit);
+        if (!channel)
+            break;
+        if (!channel->isRemoved())
+            updateChannel(*channel, isExplicit);
+    }
+}
+
+std::shared_ptr<Channel> ChannelManager::takeNextChannel(std::vector<std::shared_ptr<Channel>>& due,
+                                                         bool& isExplicit) {
+    threadSafety::ScopedLock lock(m_lock);
+    if (!m_requests.empty()) {
+        std::shared_ptr<Channel> channel = m_requests.front();
+        m_requests.pop_front();
+        std::erase(due, channel);
+        isExplicit = true;
+        PELSU_LOG(channelManagerActivityGroup(),
+                  "Updating " << channel->name() << " due to an explicit request.");
+        return channel;
+    }
+    if (!due.empty()) {
+        std::shared_ptr<Channel> channel = due.front();
+        due.erase(due.begin());
+        isExplicit = false;
+        PELSU_LOG(channelManagerActivityGroup(),
+                  "Automatically updating " << channel->name() << ".");
+        return channel;
+    }
+    return nullptr;
+}
+
+void ChannelManager::updateChannel(Channel& channel, bool isExplicit) {
+    auto& group = channelManagerActivityGroup();
+    PELSU_LOG(group, "Updating channel: " << channel.name());
+    PELSU_LOG(group, "Raising the BeginChannelUpdate event.");
+    BeginChannelUpdateEvent begin(now(), &channel, isExplicit);
+    raiseEvent(begin);
+    PELSU_LOG(group, "Updating the channel.");
+    bool success = true;
+    try {
+        updateFeed(channel);
+    } catch (const std::exception& failure) {
+        success = false;
+        PELSU_LOG(group, "Exception caught: " << failure.what());
+        ChannelErrorEvent error(now(), &channel, "Can't update the feed.", failure.what());
+        raiseEvent(error);
+    }
+    PELSU_LOG(group, "Raising the EndChannelUpdate event.");
+    EndChannelUpdateEvent end(now(), &channel, success, isExplicit);
+    raiseEvent(end);
+}
+
+void ChannelManager::updateFeed(Channel& channel) {
+    auto& group = channelManagerActivityGroup();
+    PELSU_LOG(group, "Building an index of the old feed items.");
+    const FeedIndex oldIndex = indexFeed(channel.state().feed());
+    const bool firstFetch = channel.state().feed().feedTime() == 0;
+
+    PELSU_LOG(group, "Getting the latest feed for " << channel.name());
+    channel.state().setLastFetchTime(static_cast<std::int32_t>(now()));
+    std::unique_ptr<Feed> newFeed = channel.update(firstFetch);
+    if (m_forcedStop)
+        return;
+
+    FeedIndex newIndex;
+    if (!newFeed) {
+        PELSU_LOG(group, "Feed is unchanged.");
+    } else {
+        newFeed->setFeedTime(static_cast<std::int32_t>(now()));
+        PELSU_LOG(group, "Building an index of the new feed items.");
+        newIndex = indexFeed(*newFeed);
+        PELSU_LOG(group, "Checking for expired items.");
+        for (const auto& [id, index] : oldIndex) {
+            if (newIndex.count(id))
+                continue;
+            PELSU_LOG(group, "- Raising an ExpiredFeedItem event: feedItemIndex=" << index);
+            ExpiredFeedItemEvent expired(now(), &channel, static_cast<std::int32_t>(index));
+            raiseEvent(expired);
+        }
+        PELSU_LOG(group, "Replacing the old feed with the new one.");
+        channel.state().replaceFeed(std::move(newFeed));
+        PELSU_LOG(group, "Checking for new feed items.");
+        for (const auto& [id, index] : newIndex) {
+            if (oldIndex.count(id))
+                continue;
+            PELSU_LOG(group, "Raising a NewFeedItem event.");
+            NewFeedItemEvent added(now(), &channel, static_cast<std::int32_t>(index));
+            raiseEvent(added);
+        }
+    }
+    if (m_forcedStop)
+        return;
+    PELSU_LOG(group, "Saving the updated channel.");
+    try {
+        channel.save();
+    } catch (const std::exception& failure) {
+        ChannelErrorEvent error(now(), &channel, "Can't save the channel details.", failure.what());
+        raiseEvent(error);
+    }
+    PELSU_LOG(group, "Channel update complete.");
+}
+
+} // namespace channels

@@ -1,0 +1,346 @@
+#include "channels/internal/scriptRunner.h"
+
+#include "channels/channel.h"
+#include "channels/common.h"
+#include "lib/log/log.h"
+#include "lib/misc/exception.h"
+#include "lib/misc/iniValues.h"
+#include "lib/misc/profileFile.h"
+#include "lib/misc/systemValues.h"
+#include "tools/net.h"
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <spawn.h>
+#include <strings.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+extern char** environ;
+
+namespace channels {
+
+namespace {
+
+struct SharedSettings {
+    threadSafety::CriticalSection lock{"ScriptSettings"};
+    ScriptSettings settings{0, 2605, builtInFileTypeCommands()};
+};
+
+SharedSettings& shared() {
+    static SharedSettings instance;
+    return instance;
+}
+
+std::atomic<std::uint64_t> g_abortGeneration{0};
+
+std::string loopbackAddress(int port) { return "http://127.0.0.1:" + std::to_string(port); }
+
+std::string lowered(std::string text) {
+    for (char& c : text)
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return text;
+}
+
+// Replaces "%1" and "%2" the way the platform's message formatting does.
+std::string expandArguments(const std::string& text, const std::string& first,
+                            const std::string& second) {
+    std::string out;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '%' && i + 1 < text.size() && (text[i + 1] == '1' || text[i + 1] == '2')) {
+            out += text[i + 1] == '1' ? first : second;
+            ++i;
+        } else {
+            out += text[i];
+        }
+    }
+    return out;
+}
+
+void writeParameters(const std::string& file, const char* section, const ParamDefTable& defs,
+                     const ParamValues& values) {
+    for (const auto& definition : defs) {
+        auto it = values.find(definition->name);
+        profile::writeIniString(file, section, definition->name,
+                                it != values.end() ? it->second : definition->defaultValue);
+    }
+}
+
+std::uint64_t fileSize(const std::string& path) {
+    std::error_code error;
+    const auto size = std::filesystem::file_size(path, error);
+    return error ? 0 : size;
+}
+
+void writePage(tools::TempFile& output, const std::vector<std::string>& lines) {
+    std::ofstream& out = output.reopen(true);
+    for (const std::string& line : lines)
+        out << line << '\n';
+    output.close();
+}
+
+} // namespace
+
+ScriptSettings scriptSettings() {
+    threadSafety::ScopedLock lock(shared().lock);
+    return shared().settings;
+}
+
+void setScriptSettings(const ScriptSettings& settings) {
+    threadSafety::ScopedLock lock(shared().lock);
+    shared().settings = settings;
+}
+
+std::map<std::string, std::string> builtInFileTypeCommands() {
+    return {{".py", "python3 \"%1\" %*"},
+            {".pl", "perl \"%1\" %*"},
+            {".sh", "sh \"%1\" %*"},
+            {".class", "java %1 %*"},
+            {".exe", "\"%1\" %*"}};
+}
+
+std::unique_ptr<tools::TempFile> buildScriptConfigFile(const std::string& command,
+                                                       const ParamDefTable& pluginParamDefs,
+                                                       const ParamValues& pluginParamValues,
+                                                       const Channel* channel) {
+    auto file = std::make_unique<tools::TempFile>();
+    const std::string& path = file->path();
+    const ScriptSettings settings = scriptSettings();
+    profile::WriteBatch batch(path);
+    profile::writeIniString(path, kSystemSection, "Command", command);
+    profile::writeIniString(path, kSystemSection, "AppServerUrl",
+                            loopbackAddress(settings.appServerPort));
+    profile::writeIniString(path, kSystemSection, "AppPluginServerUrl",
+                            loopbackAddress(settings.appPluginServerPort));
+    for (const auto& [name, value] : misc::SystemValues::instance().all())
+        profile::writeIniString(path, kSystemSection, name, value);
+    if (channel)
+        profile::writeIniString(path, kSystemSection, "ChannelConfigFile", channel->fileName());
+    writeParameters(path, kPluginParametersSection, pluginParamDefs, pluginParamValues);
+    if (!batch.commit())
+        throw Exception("Can't write the script's configuration file: " +
+                        profile::lastWriteError());
+    return file;
+}
+
+std::unique_ptr<tools::TempFile>
+buildScriptConfigFileForChannel(const std::string& command, const ParamDefTable& pluginParamDefs,
+                                const ParamValues& pluginParamValues,
+                                const ParamDefTable& channelParamDefs,
+                                const ParamValues& channelParamValues, const Channel* channel) {
+    auto file = buildScriptConfigFile(command, pluginParamDefs, pluginParamValues, channel);
+    profile::WriteBatch batch(file->path());
+    writeParameters(file->path(), kChannelParametersSection, channelParamDefs, channelParamValues);
+    if (!batch.commit())
+        throw Exception("Can't write the script's configuration file: " +
+                        profile::lastWriteError());
+    return file;
+}
+
+std::string buildScriptCommandLine(const std::string& scriptFilename,
+                                   const std::string& configFilename) {
+    const std::filesystem::path script(scriptFilename);
+    const std::string extension = script.extension().string();
+    std::string commandTemplate;
+    {
+        const ScriptSettings settings = scriptSettings();
+        auto it = settings.fileTypeCommands.find(lowered(extension));
+        if (it != settings.fileTypeCommands.end()) {
+            if (it->second.empty())
+                throw Exception("This file type has no 'shell/open' command specified: " +
+                                extension);
+            commandTemplate = it->second;
+        } else if (::access(scriptFilename.c_str(), X_OK) == 0) {
+            commandTemplate = "\"%1\" %*"; // an executable without an entry runs directly
+        } else {
+            throw Exception("No application is registered for this file type: " + extension);
+        }
+    }
+    std::string scriptArgument = scriptFilename;
+    if (::strcasecmp(extension.c_str(), ".class") == 0)
+        scriptArgument = "-cp " + script.parent_path().string() + " " + script.stem().string();
+    if (commandTemplate.find("%1") == std::string::npos)
+        return commandTemplate + " " + scriptArgument + " " + configFilename;
+    if (const std::size_t all = commandTemplate.find("%*"); all != std::string::npos)
+        commandTemplate.replace(all, 2, "%2");
+    return expandArguments(commandTemplate, scriptArgument, configFilename);
+}
+
+std::vector<std::string> splitCommandLine(const std::string& commandLine) {
+    std::vector<std::string> args;
+    std::string current;
+    bool inArgument = false;
+    char quote = 0;
+    for (std::size_t i = 0; i < commandLine.size(); ++i) {
+        const char c = commandLine[i];
+        if (quote) {
+            if (c == quote)
+                quote = 0;
+            else if (c == '\\' && quote == '"' && i + 1 < commandLine.size() &&
+                     (commandLine[i + 1] == '"' || commandLine[i + 1] == '\\'))
+                current += commandLine[++i];
+            else
+                current += c;
+        } else if (c == '"' || c == '\'') {
+            quote = c;
+            inArgument = true;
+        } else if (c == '\\' && i + 1 < commandLine.size()) {
+            current += commandLine[++i];
+            inArgument = true;
+        } else if (std::isspace(static_cast<unsigned char>(c))) {
+            if (inArgument)
+                args.push_back(std::move(current));
+            current.clear();
+            inArgument = false;
+        } else {
+            current += c;
+            inArgument = true;
+        }
+    }
+    if (inArgument)
+        args.push_back(std::move(current));
+    return args;
+}
+
+std::uint32_t runScriptProcess(const std::string& commandLine, const std::string& execDir,
+                               tools::TempFile& outputFile, tools::TempFile& errorFile,
+                               int timeoutSeconds) {
+    outputFile.close();
+    errorFile.close();
+    const int out =
+        ::open(outputFile.path().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (out < 0)
+        throw Exception("Can't open temporary file.");
+    const int err =
+        ::open(errorFile.path().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (err < 0) {
+        ::close(out);
+        throw Exception("Can't open temporary file.");
+    }
+    PELSU_LOG(scriptPluginsGroup(), "Running script process: execDir=" << execDir);
+    std::vector<std::string> args = splitCommandLine(commandLine);
+    if (args.empty()) {
+        ::close(out);
+        ::close(err);
+        throw Exception("Can't run the script: the command line is empty");
+    }
+    std::vector<char*> argv;
+    for (std::string& arg : args)
+        argv.push_back(arg.data());
+    argv.push_back(nullptr);
+
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, err, STDERR_FILENO);
+    if (!execDir.empty())
+        posix_spawn_file_actions_addchdir_np(&actions, execDir.c_str());
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK |
+                                              POSIX_SPAWN_SETSIGDEF);
+    posix_spawnattr_setpgroup(&attributes, 0);
+    sigset_t none, all;
+    sigemptyset(&none);
+    sigfillset(&all);
+    posix_spawnattr_setsigmask(&attributes, &none);
+    posix_spawnattr_setsigdefault(&attributes, &all);
+    pid_t child = 0;
+    const int spawned =
+        ::posix_spawnp(&child, argv[0], &actions, &attributes, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attributes);
+    ::close(out);
+    ::close(err);
+    if (spawned != 0) {
+        errno = spawned;
+        throw Exception("Can't run the script: " + tools::lastSystemErrorText());
+    }
+
+    const std::uint64_t generation = g_abortGeneration.load();
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::seconds(std::max(0, timeoutSeconds));
+    int status = 0;
+    for (;;) {
+        const pid_t done = ::waitpid(child, &status, WNOHANG);
+        if (done == child)
+            break;
+        const bool aborted = g_abortGeneration.load() != generation;
+        if (done < 0 || aborted || std::chrono::steady_clock::now() >= deadline) {
+            ::kill(-child, SIGKILL);
+            ::waitpid(child, &status, 0);
+            throw Exception(aborted ? "The script was stopped." : "The script timed out.");
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    // Helpers the script left behind in its group go with it.
+    ::kill(-child, SIGKILL);
+    if (WIFEXITED(status))
+        return static_cast<std::uint32_t>(WEXITSTATUS(status));
+    return 128u + static_cast<std::uint32_t>(WTERMSIG(status));
+}
+
+int runScript(const std::string& commandLine, const std::string& execDir,
+              tools::TempFile& outputFile, int timeoutSeconds) {
+    tools::TempFile errorFile;
+    const auto rc = static_cast<std::int32_t>(
+        runScriptProcess(commandLine, execDir, outputFile, errorFile, timeoutSeconds));
+    const std::uint64_t outputSize = fileSize(outputFile.path());
+    const std::uint64_t errorSize = fileSize(errorFile.path());
+    if (rc == 0 && outputSize > 0 && errorSize == 0)
+        return 0;
+    if (errorSize == 0) {
+        writePage(outputFile, {"<HTML><BODY>", "<P>The script failed: rc=" + std::to_string(rc),
+                               "</BODY></HTML>"});
+        return -1;
+    }
+    writePage(outputFile,
+              {"<HTML><BODY>", "<P>The script caused an error:", "<PRE style='margin-left:30px'>",
+               errorFile.read(), "</PRE>", "</BODY></HTML>"});
+    return -1;
+}
+
+void abortAllScripts() { ++g_abortGeneration; }
+
+void parsePluginUri(const std::string& uri, std::string& pluginId, std::string& pluginRequest,
+                    std::string& paramString) {
+    if (uri.empty() || uri[0] != '/')
+        throw Exception("Invalid plugin URI: " + uri);
+    pluginRequest.clear();
+    paramString.clear();
+    const std::size_t slash = uri.find('/', 1);
+    if (slash == std::string::npos) {
+        pluginId = uri.substr(1);
+        return;
+    }
+    pluginId = uri.substr(1, slash - 1);
+    const std::size_t question = uri.find('?', slash + 1);
+    if (question == std::string::npos) {
+        pluginRequest = uri.substr(slash + 1);
+        return;
+    }
+    pluginRequest = uri.substr(slash + 1, question - slash - 1);
+    paramString = uri.substr(question + 1);
+}
+
+bool extractPluginIdFromUrl(const std::string& url, std::string& pluginId) {
+    static const std::string prefix = "http://127.0.0.1:";
+    if (url.compare(0, prefix.size(), prefix) != 0)
+        return false;
+    const std::size_t slash = url.find('/', prefix.size());
+    if (slash == std::string::npos)
+        return false;
+    const std::size_t end = url.find('/', slash + 1);
+    pluginId =
+        url.substr(slash + 1, end == std::string::npos ? std::string::npos : end - slash - 1);
+    return true;
+}
+
+} // namespace channels

@@ -1,0 +1,341 @@
+#include "channels/channelManager.h"
+#include "channels/rssChannel.h"
+#include "lib/misc/iniValues.h"
+#include "lib/misc/profileFile.h"
+#include "tests/support/testHttpServer.h"
+#include "tests/support/testSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <mutex>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+using namespace channels;
+using testing_support::TempDir;
+using testing_support::TestHttpServer;
+using testing_support::writeFile;
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string rss(const std::vector<std::string>& ids, const std::string& title = "News") {
+    std::string text = "<?xml version=\"1.0\"?><rss version=\"2.0\"><channel><title>" + title +
+                       "</title><link>http://example.org/</link>";
+    for (const std::string& id : ids)
+        text += "<item><title>Item " + id + "</title><guid>" + id + "</guid></item>";
+    return text + "</channel></rss>";
+}
+
+// Records every event as a short line: "begin", "expired 0", "new 2", "error <message>", "end 1".
+class Recorder : public EventListener {
+public:
+    void onBeginChannelUpdate(BeginChannelUpdateEvent& e) override {
+        add("begin " + e.channel()->id() + (e.isExplicit() ? " explicit" : ""));
+    }
+    void onEndChannelUpdate(EndChannelUpdateEvent& e) override {
+        add("end " + e.channel()->id() + (e.success() ? " ok" : " failed"));
+    }
+    void onNewFeedItem(NewFeedItemEvent& e) override {
+        add("new " + std::to_string(e.feedItemIndex()) + " " +
+            e.channel()->state().feed().item(static_cast<size_t>(e.feedItemIndex())).id);
+    }
+    void onExpiredFeedItem(ExpiredFeedItemEvent& e) override {
+        add("expired " + std::to_string(e.feedItemIndex()) + " " +
+            e.channel()->state().feed().item(static_cast<size_t>(e.feedItemIndex())).id);
+    }
+    void onChannelError(ChannelErrorEvent& e) override {
+        add("error " + e.message() + " " + e.detail());
+    }
+    std::vector<std::string> take() {
+        std::lock_guard guard(m_mutex);
+        return std::exchange(m_lines, {});
+    }
+
+private:
+    void add(std::string line) {
+        std::lock_guard guard(m_mutex);
+        m_lines.push_back(std::move(line));
+    }
+    std::mutex m_mutex;
+    std::vector<std::string> m_lines;
+};
+
+// A manager on a temporary channels directory with a clock the test moves.
+class EngineTest : public ::testing::Test {
+protected:
+    EngineTest() {
+        m_channelsDir = m_dir.file("Channels");
+        fs::create_directories(m_channelsDir);
+    }
+    ~EngineTest() override {
+        if (m_manager) {
+            m_manager->stop();
+            m_manager->removeListener(&m_recorder);
+        }
+    }
+    ChannelManager& manager(ChannelManagerOptions options = {}) {
+        options.stopWaitMs = m_stopWaitMs;
+        m_manager = std::make_unique<ChannelManager>(m_channelsDir, options,
+                                                     [this] { return m_now.load(); });
+        m_manager->addListener(&m_recorder);
+        m_manager->loadChannels();
+        return *m_manager;
+    }
+    // Writes a channel file that reads the given address.
+    void addChannelFile(const std::string& id, const std::string& url, int interval = 3600) {
+        const std::string file = m_channelsDir + "/" + id + ".rss";
+        profile::writeIniString(file, "Config", "RssChannelUrl", url);
+        profile::writeIniInt(file, "Settings", "AutoUpdateInterval", interval);
+    }
+    std::string feedFile(const std::string& name, const std::string& text) {
+        writeFile(m_dir.file(name), text);
+        return m_dir.file(name);
+    }
+
+    TempDir m_dir;
+    std::string m_channelsDir;
+    std::atomic<std::time_t> m_now{1'700'000'000};
+    unsigned m_stopWaitMs = 30000;
+    Recorder m_recorder;
+    std::unique_ptr<ChannelManager> m_manager;
+};
+
+} // namespace
+
+TEST_F(EngineTest, UpdatesRaiseExpiredEventsBeforeTheReplacementAndNewOnesAfter) {
+    const std::string feed = feedFile("feed.xml", rss({"a", "b", "c"}));
+    addChannelFile("news", feed);
+    auto& m = manager();
+    m.runUpdatePass();
+    EXPECT_EQ(m_recorder.take(), (std::vector<std::string>{"begin news", "new 0 a", "new 1 b",
+                                                           "new 2 c", "end news ok"}));
+    writeFile(feed, rss({"b", "d", "c"}));
+    m_now += 3600;
+    m.runUpdatePass();
+    EXPECT_EQ(m_recorder.take(),
+              (std::vector<std::string>{"begin news", "expired 0 a", "new 1 d", "end news ok"}));
+    // Reordered items with the same ids raise nothing; the channel was saved.
+    writeFile(feed, rss({"c", "d", "b"}));
+    m_now += 3600;
+    m.runUpdatePass();
+    EXPECT_EQ(m_recorder.take(), (std::vector<std::string>{"begin news", "end news ok"}));
+    profile::clearCache();
+    Feed stored;
+    stored.load(m_channelsDir + "/news.rss", "Last Feed");
+    EXPECT_EQ(stored.itemCount(), 3u);
+    EXPECT_EQ(stored.item(0).id, "c");
+    EXPECT_EQ(stored.feedTime(), static_cast<std::int32_t>(m_now.load()));
+}
+
+TEST_F(EngineTest, DueTestFollowsTheIntervalAndExplicitRequestsComeFirstAndOnce) {
+    const std::string feed = feedFile("feed.xml", rss({"a"}));
+    addChannelFile("a", feed, 100);
+    addChannelFile("b", feed, 0); // never due on its own
+    auto& m = manager();
+    m.runUpdatePass();
+    EXPECT_EQ(m_recorder.take(), (std::vector<std::string>{"begin a", "new 0 a", "end a ok"}));
+    m_now += 99;
+    m.runUpdatePass();
+    EXPECT_TRUE(m_recorder.take().empty());
+    m_now += 1;
+    ASSERT_TRUE(m.requestUpdate("b"));
+    ASSERT_TRUE(m.requestUpdate("a"));
+    m.runUpdatePass();
+    EXPECT_EQ(m_recorder.take(),
+              (std::vector<std::string>{"begin b explicit", "new 0 a", "end b ok",
+                                        "begin a explicit", "end a ok"}));
+    EXPECT_FALSE(m.requestUpdate("missing"));
+}
+
+TEST_F(EngineTest, FailingChannelReportsItsErrorKeepsItsFeedAndOthersStillUpdate) {
+    TestHttpServer server("127.0.0.2");
+    std::atomic<int> mode{0};
+    server.server().Get("/feed", [&](const httplib::Request&, httplib::Response& res) {
+        if (mode == 0)
+            res.set_content(rss({"x"}), "application/rss+xml");
+        else if (mode == 1) {
+            res.status = 500;
+        } else {
+            res.set_content("<html>not a feed", "text/html");
+        }
+    });
+    server.server().Get("/good", [&](const httplib::Request&, httplib::Response& res) {
+        res.set_content(rss({"g"}), "application/rss+xml");
+    });
+    ASSERT_TRUE(server.start());
+    ChannelManagerOptions options;
+    options.net.honourUrlPort = true;
+    addChannelFile("bad", server.url("/feed"));
+    addChannelFile("good", server.url("/good"));
+    auto& m = manager(options);
+    m.runUpdatePass();
+    m_recorder.take();
+    for (int failure : {1, 2}) {
+        mode = failure;
+        m_now += 3600;
+        m.runUpdatePass();
+        auto events = m_recorder.take();
+        ASSERT_EQ(events.size(), 5u);
+        EXPECT_EQ(events[0], "begin bad");
+        EXPECT_EQ(events[1].rfind("error Can't update the feed. ", 0), 0u) << events[1];
+        EXPECT_EQ(events[2], "end bad failed");
+        EXPECT_EQ(events[3], "begin good");
+        if (failure == 1) {
+            EXPECT_EQ(events[1], "error Can't update the feed. Feed update error: HTTP 500 "
+                                 "Internal Server Error");
+        }
+        EXPECT_EQ(m.findChannel("bad")->state().feed().itemCount(), 1u);
+        EXPECT_EQ(m.findChannel("bad")->state().lastFetchTime(),
+                  static_cast<std::int32_t>(m_now.load()));
+    }
+}
+
+TEST_F(EngineTest, UnchangedFeedRaisesNoItemEventsButTheFetchTimeMoves) {
+    TestHttpServer server("127.0.0.2");
+    server.server().Get("/feed", [&](const httplib::Request& req, httplib::Response& res) {
+        if (req.get_header_value("If-None-Match") == "\"v1\"") {
+            res.status = 304;
+            return;
+        }
+        res.set_header("ETag", "\"v1\"");
+        res.set_content(rss({"a"}), "application/rss+xml");
+    });
+    ASSERT_TRUE(server.start());
+    ChannelManagerOptions options;
+    options.net.honourUrlPort = true;
+    addChannelFile("n", server.url("/feed"));
+    auto& m = manager(options);
+    m.runUpdatePass();
+    m_recorder.take();
+    m_now += 3600;
+    m.runUpdatePass();
+    EXPECT_EQ(m_recorder.take(), (std::vector<std::string>{"begin n", "end n ok"}));
+    EXPECT_EQ(m.findChannel("n")->state().lastFetchTime(), static_cast<std::int32_t>(m_now.load()));
+    EXPECT_EQ(m.findChannel("n")->state().httpETag(), "\"v1\"");
+}
+
+TEST_F(EngineTest, CorruptChannelFileGivesOneErrorAndTheOthersLoad) {
+    addChannelFile("good", "/nowhere.xml");
+    writeFile(m_channelsDir + "/broken.rss", std::string("\0\x01\x02garbage", 10));
+    auto& m = manager();
+    auto events = m_recorder.take();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].rfind("error Can't load channel file \"broken.rss\". ", 0), 0u)
+        << events[0];
+    EXPECT_NE(m.findChannel("good"), nullptr);
+    EXPECT_EQ(m.findChannel("broken"), nullptr);
+}
+
+TEST_F(EngineTest, DisabledInternetFailsEveryDownload) {
+    addChannelFile("n", "/some/feed.xml");
+    ChannelManagerOptions options;
+    options.disableInternet = true;
+    auto& m = manager(options);
+    m.runUpdatePass();
+    auto events = m_recorder.take();
+    ASSERT_EQ(events.size(), 3u);
+    EXPECT_EQ(events[1], "error Can't update the feed. Internet access has been disabled.");
+}
+
+TEST_F(EngineTest, WorkerServesRequestsFromManyThreadsAndStopsSavingEverything) {
+    const std::string feed = feedFile("feed.xml", rss({"a", "b"}));
+    for (int i = 0; i < 5; ++i)
+        addChannelFile("c" + std::to_string(i), feed, 0);
+    auto& m = manager();
+    m.start("test-agent");
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 20; ++i)
+                m.requestUpdate("c" + std::to_string((t + i) % 5));
+        });
+    for (auto& thread : threads)
+        thread.join();
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    size_t ends = 0;
+    std::vector<std::string> all;
+    while (ends < 80 && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        for (auto& line : m_recorder.take()) {
+            ends += line.rfind("end ", 0) == 0;
+            all.push_back(line);
+        }
+    }
+    EXPECT_EQ(ends, 80u);
+    m.stop();
+    for (int i = 0; i < 5; ++i) {
+        Feed stored;
+        stored.load(m_channelsDir + "/c" + std::to_string(i) + ".rss", "Last Feed");
+        EXPECT_EQ(stored.itemCount(), 2u);
+    }
+}
+
+TEST_F(EngineTest, StopForcesAWorkerStuckOnAServerThatNeverAnswers) {
+    TestHttpServer server("127.0.0.2");
+    std::atomic<bool> release{false};
+    server.server().Get("/hang", [&](const httplib::Request&, httplib::Response& res) {
+        while (!release)
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        res.set_content(rss({"late"}), "application/rss+xml");
+    });
+    ASSERT_TRUE(server.start());
+    ChannelManagerOptions options;
+    options.net.honourUrlPort = true;
+    options.net.lowSpeedTimeSeconds = 0; // no time limit: only the forced stop ends it
+    addChannelFile("hang", server.url("/hang"));
+    m_stopWaitMs = 1500;
+    auto& m = manager(options);
+    m.start("agent");
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500)); // the worker is in the fetch
+    const auto before = std::chrono::steady_clock::now();
+    m.stop();
+    const auto took = std::chrono::steady_clock::now() - before;
+    release = true;
+    EXPECT_GE(took, std::chrono::milliseconds(1400));
+    EXPECT_LT(took, std::chrono::seconds(10));
+    auto events = m_recorder.take();
+    ASSERT_FALSE(events.empty());
+    EXPECT_EQ(events.front(), "begin hang");
+    EXPECT_TRUE(std::none_of(events.begin(), events.end(), [](const std::string& e) {
+        return e.rfind("end ", 0) == 0;
+    })) << "nothing after the forced stop reaches a listener";
+    // The channel was saved by the stop, with the fetch time it had reached.
+    profile::clearCache();
+    EXPECT_EQ(profile::readIniInt(m_channelsDir + "/hang.rss", "State", "LastFetchTime", 0),
+              static_cast<int>(m_now.load()));
+}
+
+TEST_F(EngineTest, KillDuringAPassLeavesEveryChannelFileWhole) {
+    const std::string feed = feedFile("feed.xml", rss({"a", "b", "c", "d"}));
+    for (int i = 0; i < 40; ++i)
+        addChannelFile("k" + std::to_string(i), feed, 0);
+    for (int round = 0; round < 3; ++round) {
+        pid_t child = ::fork();
+        if (child == 0) {
+            profile::clearCache();
+            ChannelManager m(m_channelsDir, {});
+            m.loadChannels();
+            for (;;)
+                for (Channel* c : m.channels())
+                    m.updateChannel(*c, true);
+        }
+        ::usleep(static_cast<useconds_t>(100000 + 37000 * round));
+        ::kill(child, SIGKILL);
+        ::waitpid(child, nullptr, 0);
+        profile::clearCache();
+        for (int i = 0; i < 40; ++i) {
+            const std::string file = m_channelsDir + "/k" + std::to_string(i) + ".rss";
+            EXPECT_EQ(profile::fileProblem(file), "");
+            EXPECT_EQ(profile::readIniString(file, "Config", "RssChannelUrl"), feed);
+            Feed stored;
+            stored.load(file, "Last Feed");
+            EXPECT_TRUE(stored.itemCount() == 0 || stored.itemCount() == 4) << file;
+        }
+    }
+}
