@@ -192,9 +192,20 @@ void Document::deleteKey(const std::string& section, const std::string& key) {
 void Document::deleteSection(const std::string& section) {
     if (!findSection(section))
         return;
-    std::erase_if(m_sections,
-                  [&](const Section& s) { return !s.isPrelude && equalsNoCase(s.name, section); });
-    reindex();
+    // Usually one section goes: the index is shifted rather than rebuilt.
+    std::vector<size_t> removed;
+    for (size_t i = 0; i < m_sections.size(); ++i)
+        if (!m_sections[i].isPrelude && equalsNoCase(m_sections[i].name, section))
+            removed.push_back(i);
+    for (auto position = removed.rbegin(); position != removed.rend(); ++position)
+        m_sections.erase(m_sections.begin() + static_cast<std::ptrdiff_t>(*position));
+    m_index.erase(lowered(section));
+    for (auto& [name, index] : m_index) {
+        size_t shift = 0;
+        while (shift < removed.size() && removed[shift] < index)
+            ++shift;
+        index -= shift;
+    }
 }
 
 std::vector<std::string> Document::sectionNames() const {
