@@ -1,0 +1,184 @@
+#include "channels/internal/scriptRunner.h"
+#include "channels/events.h"
+#include "lib/misc/exception.h"
+#include "lib/misc/iniValues.h"
+#include "lib/misc/systemValues.h"
+#include "tests/support/testSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <sys/stat.h>
+#include <thread>
+
+using namespace channels;
+using testing_support::readFile;
+using testing_support::TempDir;
+using testing_support::writeFile;
+
+namespace {
+
+// Writes a script into the directory and returns its path.
+std::string script(const TempDir& dir, const std::string& name, const std::string& text) {
+    const std::string path = dir.file(name);
+    writeFile(path, text);
+    ::chmod(path.c_str(), 0755);
+    return path;
+}
+
+// Runs a script with its configuration file; returns the result and the output.
+std::pair<int, std::string> run(const std::string& scriptPath, int timeout = 10) {
+    ParamDefTable none;
+    auto config = buildScriptConfigFile("ProcessRequest", none, {}, nullptr);
+    tools::TempFile output;
+    const int rc =
+        runScript(buildScriptCommandLine(scriptPath, config->path()),
+                  std::filesystem::path(scriptPath).parent_path().string(), output, timeout);
+    return {rc, output.read()};
+}
+
+std::string failureOf(const std::function<void()>& body) {
+    try {
+        body();
+    } catch (const Exception& failure) {
+        return failure.what();
+    }
+    return "no failure";
+}
+
+} // namespace
+
+TEST(ScriptRunner, CommandLinesFollowTheFileTypeTable) {
+    ScriptSettings saved = scriptSettings();
+    ScriptSettings settings = saved;
+    settings.fileTypeCommands[".py"] = "/opt/py/python \"%1\" %*";
+    settings.fileTypeCommands[".pl"] = "perl";
+    settings.fileTypeCommands[".x"] = "";
+    setScriptSettings(settings);
+    EXPECT_EQ(buildScriptCommandLine("/s/news.py", "/tmp/cfg"),
+              "/opt/py/python \"/s/news.py\" /tmp/cfg");
+    EXPECT_EQ(buildScriptCommandLine("/s/a.pl", "/tmp/cfg"), "perl /s/a.pl /tmp/cfg");
+    EXPECT_EQ(buildScriptCommandLine("/s/dir/Main.CLASS", "/tmp/cfg"),
+              "java -cp /s/dir Main /tmp/cfg");
+    EXPECT_EQ(failureOf([] { buildScriptCommandLine("/s/a.x", "c"); }),
+              "This file type has no 'shell/open' command specified: .x");
+    EXPECT_EQ(failureOf([] { buildScriptCommandLine("/nonexistent/a.zz", "c"); }),
+              "No application is registered for this file type: .zz");
+    setScriptSettings(saved);
+    EXPECT_EQ(splitCommandLine("a \"b c\" 'd e' f\\ g \"h\\\"i\""),
+              (std::vector<std::string>{"a", "b c", "d e", "f g", "h\"i"}));
+}
+
+TEST(ScriptRunner, ConfigurationFileCarriesSystemValuesAndParameters) {
+    misc::SystemValues::instance().set("UserName", "tester");
+    ParamDefTable defs;
+    defs.push_back(std::make_unique<ParamDef>(ParamDef{"b", kParamString, "dflt", "", "", ""}));
+    defs.push_back(std::make_unique<ParamDef>(ParamDef{"a", kParamInt, "1", "", "", ""}));
+    ParamDefTable channelDefs;
+    channelDefs.push_back(std::make_unique<ParamDef>(ParamDef{"c", kParamString, "", "", "", ""}));
+    auto config = buildScriptConfigFileForChannel("GenerateMainPage", defs, {{"a", "5%"}},
+                                                  channelDefs, {{"c", "x"}}, nullptr);
+    const std::string text = readFile(config->path());
+    EXPECT_EQ(text.rfind("[System]\nCommand=GenerateMainPage\nAppServerUrl=http://127.0.0.1:", 0),
+              0u)
+        << text;
+    EXPECT_NE(text.find("UserName=tester\n"), std::string::npos);
+    EXPECT_NE(text.find("[PluginParameters]\nb=dflt\na=5%25\n[ChannelParameters]\nc=x\n"),
+              std::string::npos)
+        << text;
+}
+
+TEST(ScriptRunner, RealScriptsSucceedOrBecomeErrorPages) {
+    TempDir dir;
+    auto [ok, page] = run(script(dir, "ok.sh", "echo \"<rss>$(basename \"$1\" | head -c 0)\"\n"));
+    EXPECT_EQ(ok, 0);
+    EXPECT_EQ(page, "<rss>\n");
+    auto [silent, silentPage] = run(script(dir, "silent.sh", "exit 0\n"));
+    EXPECT_EQ(silent, -1);
+    EXPECT_EQ(silentPage, "<HTML><BODY>\n<P>The script failed: rc=0\n</BODY></HTML>\n");
+    auto [failed, failedPage] =
+        run(script(dir, "failed.py", "import sys\nprint('x')\nsys.exit(3)\n"));
+    EXPECT_EQ(failed, -1);
+    EXPECT_EQ(failedPage, "<HTML><BODY>\n<P>The script failed: rc=3\n</BODY></HTML>\n");
+    auto [noisy, noisyPage] =
+        run(script(dir, "noisy.pl", "print \"out\";\nprint STDERR \"<b>bad</b>\";\n"));
+    EXPECT_EQ(noisy, -1);
+    EXPECT_EQ(noisyPage, "<HTML><BODY>\n<P>The script caused an error:\n"
+                         "<PRE style='margin-left:30px'>\n<b>bad</b>\n</PRE>\n</BODY></HTML>\n");
+    auto [crashed, crashedPage] = run(script(dir, "crash.sh", "kill -SEGV $$\n"));
+    EXPECT_EQ(crashed, -1);
+    EXPECT_NE(crashedPage.find("rc=139"), std::string::npos) << crashedPage;
+    // The working directory is the script's own.
+    auto [here, herePage] = run(script(dir, "pwd.sh", "pwd\n"));
+    EXPECT_EQ(herePage, std::filesystem::canonical(dir.path()).string() + "\n");
+}
+
+TEST(ScriptRunner, HangingScriptIsKilledWithItsChildrenAtTheTimeOut) {
+    TempDir dir;
+    const std::string marker = dir.file("survivor");
+    const std::string hang =
+        script(dir, "hang.sh", "(sleep 3; touch " + marker + ") &\nsleep 30\n");
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(failureOf([&] { run(hang, 1); }), "The script timed out.");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+    std::this_thread::sleep_for(std::chrono::milliseconds(3500));
+    EXPECT_FALSE(std::filesystem::exists(marker)) << "the whole process group is killed";
+}
+
+TEST(ScriptRunner, AnotherThreadCanStopARunningScript) {
+    TempDir dir;
+    const std::string hang = script(dir, "hang.sh", "sleep 30\n");
+    std::thread stopper([] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        abortAllScripts();
+    });
+    EXPECT_EQ(failureOf([&] { run(hang, 60); }), "The script was stopped.");
+    stopper.join();
+    // A program that can't be started is an exception with the system's reason.
+    ScriptSettings saved = scriptSettings();
+    ScriptSettings settings = saved;
+    settings.fileTypeCommands[".zz"] = "/nonexistent/interpreter %1 %*";
+    setScriptSettings(settings);
+    const std::string zz = script(dir, "a.zz", "");
+    EXPECT_EQ(failureOf([&] { run(zz, 5); }), "Can't run the script: No such file or directory");
+    setScriptSettings(saved);
+}
+
+TEST(ScriptRunner, PluginAddressesSplitIntoTheirParts) {
+    std::string id, request, params;
+    parsePluginUri("/news/refresh?x=1&y=2?z/w", id, request, params);
+    EXPECT_EQ(id + "|" + request + "|" + params, "news|refresh|x=1&y=2?z/w");
+    parsePluginUri("/news", id, request, params);
+    EXPECT_EQ(id + "|" + request + "|" + params, "news||");
+    EXPECT_EQ(failureOf([&] { parsePluginUri("news/x", id, request, params); }),
+              "Invalid plugin URI: news/x");
+    EXPECT_TRUE(extractPluginIdFromUrl("http://127.0.0.1:2605/weather/today", id));
+    EXPECT_EQ(id, "weather");
+    EXPECT_FALSE(extractPluginIdFromUrl("http://127.0.0.1:2605", id));
+    EXPECT_FALSE(extractPluginIdFromUrl("http://localhost:2605/x", id));
+}
+
+TEST(Events, TextFormsAndDispatchToTheTypedOperations) {
+    struct Counter : EventListener {
+        int news = 0, errors = 0;
+        void onNewFeedItem(NewFeedItemEvent&) override { ++news; }
+        void onChannelError(ChannelErrorEvent&) override { ++errors; }
+    } counter;
+    TEventSource<Event> source;
+    NewFeedItemEvent added(0, nullptr, 3);
+    source.raise(added); // no listeners: nothing happens
+    source.addListener(&counter);
+    source.raise(added);
+    ChannelErrorEvent error(0, nullptr, "Can't update the feed.", "detail");
+    source.raise(error);
+    source.removeListener(&counter);
+    source.raise(error);
+    EXPECT_EQ(counter.news, 1);
+    EXPECT_EQ(counter.errors, 1);
+    EXPECT_EQ(added.text(), "[NewFeedItemEvent:<unknown>]");
+    EXPECT_EQ(error.text(), "[ChannelErrorEvent:<unknown>]");
+    EXPECT_EQ(AppPluginErrorEvent(0, nullptr, "", "x").text(), "[AppPluginErrorEvent:<unknown>]");
+    EXPECT_EQ(BeginChannelUpdateEvent(0, nullptr, true).text(),
+              "[BeginChannelUpdateEvent:<Unknown>]");
+}
