@@ -2,10 +2,20 @@
 
 namespace cli {
 
+extern const Command kAddCommand;
+extern const Command kRemoveCommand;
+extern const Command kListCommand;
+extern const Command kShowCommand;
+extern const Command kUpdateCommand;
+extern const Command kRunCommand;
+extern const Command kImportOpmlCommand;
+extern const Command kExportOpmlCommand;
 extern const Command kParseCommand;
 
 const std::vector<Command>& commands() {
-    static const std::vector<Command> table = {kParseCommand};
+    static const std::vector<Command> table = {
+        kAddCommand, kRemoveCommand,     kListCommand,       kShowCommand, kUpdateCommand,
+        kRunCommand, kImportOpmlCommand, kExportOpmlCommand, kParseCommand};
     return table;
 }
 

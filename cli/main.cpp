@@ -1,6 +1,7 @@
 // pelsu-cli: the headless front end of the Pelsu channel engine.
 
 #include "cli/commands.h"
+#include "cli/engine.h"
 
 #include <cstring>
 #include <iostream>
@@ -54,7 +55,16 @@ int main(int argc, char** argv) {
         if (name != command.name)
             continue;
         context.args.assign(argv + i, argv + argc);
-        return command.run(context);
+        try {
+            return command.run(context);
+        } catch (const cli::UsageError& mistake) {
+            std::cerr << "pelsu-cli " << command.name << ": " << mistake.what() << "\n"
+                      << "usage: pelsu-cli " << command.name << ' ' << command.usage << '\n';
+            return cli::kExitUsage;
+        } catch (const std::exception& failure) {
+            std::cerr << "pelsu-cli: " << cli::toUtf8(failure.what()) << '\n';
+            return cli::kExitFailure;
+        }
     }
     std::cerr << "pelsu-cli: unknown command " << name << "\n\n";
     printUsage(std::cerr);

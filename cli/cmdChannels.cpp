@@ -1,0 +1,127 @@
+// pelsu-cli add, remove, list and show.
+
+#include "channels/channelManager.h"
+#include "channels/rssChannel.h"
+#include "cli/commands.h"
+#include "cli/engine.h"
+#include "cli/environment.h"
+#include "lib/misc/exception.h"
+
+#include <cctype>
+#include <cstdio>
+#include <ctime>
+#include <filesystem>
+#include <iostream>
+
+namespace cli {
+
+namespace {
+
+std::string formatTime(std::int32_t time) {
+    if (time == 0)
+        return "never";
+    std::time_t value = time;
+    std::tm local{};
+    localtime_r(&value, &local);
+    char text[32];
+    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M", &local);
+    return text;
+}
+
+int runAdd(const CommandContext& context) {
+    std::string address, id;
+    int interval = -1;
+    for (size_t i = 0; i < context.args.size(); ++i) {
+        const std::string& arg = context.args[i];
+        if (arg == "--id" && i + 1 < context.args.size())
+            id = context.args[++i];
+        else if (arg == "--interval" && i + 1 < context.args.size())
+            interval = parseCount(context.args[++i], "--interval");
+        else if (address.empty() && arg[0] != '-')
+            address = arg;
+        else
+            throw UsageError("unexpected argument: " + arg);
+    }
+    if (address.empty())
+        throw UsageError("add needs the feed's address");
+    if (address.find("://") == std::string::npos && std::filesystem::exists(address))
+        address = std::filesystem::absolute(address).lexically_normal().string();
+    Engine engine(context);
+    auto& manager = engine.manager();
+    if (id.empty())
+        id = idFromAddress(address, manager);
+    if (!isValidChannelId(id))
+        throw UsageError("a channel ID may hold letters, digits, '-', '_' and '.': " + id);
+    auto channel = std::make_unique<channels::RssChannel>(&manager, id);
+    channel->config().setRssChannelUrl(address);
+    if (interval >= 0)
+        channel->settings().setAutoUpdateInterval(interval);
+    manager.addChannel(std::move(channel));
+    std::cout << "Added channel " << id << ": " << address << '\n';
+    return kExitOk;
+}
+
+int runRemove(const CommandContext& context) {
+    if (context.args.size() != 1)
+        throw UsageError("remove needs one channel ID");
+    Engine engine(context);
+    engine.requireChannel(context.args[0]);
+    engine.manager().deleteChannel(context.args[0]);
+    std::cout << "Removed channel " << context.args[0] << '\n';
+    return kExitOk;
+}
+
+int runList(const CommandContext& context) {
+    if (!context.args.empty())
+        throw UsageError("list takes no arguments");
+    Engine engine(context);
+    std::printf("%-24s %-28s %-40s %-16s %5s  %s\n", "ID", "NAME", "ADDRESS", "LAST FETCH", "ITEMS",
+                "STATE");
+    for (channels::Channel* channel : engine.manager().channels()) {
+        auto& settings = channel->settings();
+        std::string state = "manual";
+        if (settings.isAutoUpdateEnabled())
+            state = "auto, every " + std::to_string(settings.autoUpdateInterval()) + " s";
+        std::printf("%-24s %-28s %-40s %-16s %5zu  %s\n", channel->id().c_str(),
+                    toUtf8(channel->name()).c_str(), toUtf8(channelAddress(*channel)).c_str(),
+                    formatTime(channel->state().lastFetchTime()).c_str(),
+                    channel->state().feed().itemCount(), state.c_str());
+    }
+    return kExitOk;
+}
+
+int runShow(const CommandContext& context) {
+    if (context.args.size() != 1)
+        throw UsageError("show needs one channel ID");
+    Engine engine(context);
+    channels::Channel& channel = engine.requireChannel(context.args[0]);
+    const channels::Feed& feed = channel.state().feed();
+    std::cout << toUtf8(channel.name()) << '\n'
+              << "  Address:    " << toUtf8(channelAddress(channel)) << '\n'
+              << "  Last fetch: " << formatTime(channel.state().lastFetchTime()) << '\n'
+              << "  Items:      " << feed.itemCount() << "\n\n";
+    for (std::size_t i = 0; i < feed.itemCount(); ++i) {
+        const channels::FeedItem item = feed.item(i);
+        std::cout << "[" << i + 1 << "] " << toUtf8(item.title) << '\n';
+        if (!item.url.empty())
+            std::cout << "    " << toUtf8(item.url) << '\n';
+        if (!item.pubDateString.empty())
+            std::cout << "    " << toUtf8(item.pubDateString) << '\n';
+    }
+    return kExitOk;
+}
+
+} // namespace
+
+extern const Command kAddCommand;
+extern const Command kRemoveCommand;
+extern const Command kListCommand;
+extern const Command kShowCommand;
+
+const Command kAddCommand{"add", "URL [--id ID] [--interval SECONDS]",
+                          "subscribes to a feed (an http address or a local file)", &runAdd};
+const Command kRemoveCommand{"remove", "ID", "deletes a channel and its file", &runRemove};
+const Command kListCommand{"list", "", "lists the channels", &runList};
+const Command kShowCommand{"show", "ID", "shows a channel's items", &runShow};
+
+} // namespace cli

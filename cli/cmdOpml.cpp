@@ -1,0 +1,142 @@
+// pelsu-cli import-opml and export-opml: subscription lists in OPML 1.0 and 2.0.
+
+#include "channels/rssChannel.h"
+#include "cli/commands.h"
+#include "cli/engine.h"
+#include "expat/parser.h"
+#include "lib/misc/exception.h"
+
+#include <fstream>
+#include <iostream>
+#include <set>
+#include <sstream>
+#include <strings.h>
+
+namespace cli {
+
+namespace {
+
+struct Outline {
+    std::string title;
+    std::string url;
+};
+
+// Collects every outline with a feed address, however deeply nested.
+class OpmlReader : public expat::Parser {
+public:
+    std::vector<Outline> outlines;
+
+protected:
+    void onStartElement(const char* name, const char** attributes) override {
+        if (::strcasecmp(name, "outline") != 0)
+            return;
+        Outline outline;
+        std::string text;
+        for (const char** attribute = attributes; attribute && *attribute; attribute += 2) {
+            if (::strcasecmp(attribute[0], "xmlUrl") == 0)
+                outline.url = attribute[1];
+            else if (::strcasecmp(attribute[0], "title") == 0)
+                outline.title = attribute[1];
+            else if (::strcasecmp(attribute[0], "text") == 0)
+                text = attribute[1];
+        }
+        if (outline.title.empty())
+            outline.title = text;
+        if (!outline.url.empty())
+            outlines.push_back(std::move(outline));
+    }
+};
+
+std::string xmlEscaped(const std::string& text) {
+    std::string out;
+    for (char c : text) {
+        switch (c) {
+        case '&':
+            out += "&amp;";
+            break;
+        case '<':
+            out += "&lt;";
+            break;
+        case '>':
+            out += "&gt;";
+            break;
+        case '"':
+            out += "&quot;";
+            break;
+        default:
+            out += c;
+        }
+    }
+    return out;
+}
+
+int runImport(const CommandContext& context) {
+    if (context.args.size() != 1)
+        throw UsageError("import-opml needs one OPML file");
+    std::ifstream in(context.args[0], std::ios::binary);
+    if (!in)
+        throw channels::Exception("Can't open file: " + context.args[0]);
+    std::ostringstream text;
+    text << in.rdbuf();
+    OpmlReader reader;
+    reader.parse(text.str().data(), text.str().size());
+    Engine engine(context);
+    auto& manager = engine.manager();
+    std::set<std::string> known;
+    for (channels::Channel* channel : manager.channels())
+        known.insert(channelAddress(*channel));
+    int added = 0, skipped = 0;
+    for (const Outline& outline : reader.outlines) {
+        if (!known.insert(outline.url).second) {
+            std::cout << "skipped (already subscribed): " << toUtf8(outline.url) << '\n';
+            ++skipped;
+            continue;
+        }
+        auto channel =
+            std::make_unique<channels::RssChannel>(&manager, idFromAddress(outline.url, manager));
+        channel->config().setRssChannelUrl(outline.url);
+        channel->config().setPreferredChannelDisplayName(outline.title);
+        manager.addChannel(std::move(channel));
+        ++added;
+    }
+    std::cout << "Imported " << added << " channel(s); skipped " << skipped << " duplicate(s).\n";
+    return kExitOk;
+}
+
+int runExport(const CommandContext& context) {
+    if (context.args.size() > 1)
+        throw UsageError("export-opml takes at most one file");
+    Engine engine(context);
+    std::ostringstream out;
+    out << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<opml version=\"2.0\">\n"
+        << "<head><title>Pelsu channels</title></head>\n<body>\n";
+    for (channels::Channel* channel : engine.manager().channels()) {
+        const std::string name = xmlEscaped(toUtf8(channel->name()));
+        out << "<outline type=\"rss\" text=\"" << name << "\" title=\"" << name << "\" xmlUrl=\""
+            << xmlEscaped(toUtf8(channelAddress(*channel))) << "\"/>\n";
+    }
+    out << "</body>\n</opml>\n";
+    if (context.args.empty()) {
+        std::cout << out.str();
+        return kExitOk;
+    }
+    std::ofstream file(context.args[0], std::ios::binary | std::ios::trunc);
+    file << out.str();
+    if (!file)
+        throw channels::Exception("Can't write file: " + context.args[0]);
+    return kExitOk;
+}
+
+} // namespace
+
+extern const Command kImportOpmlCommand;
+extern const Command kExportOpmlCommand;
+
+const Command kImportOpmlCommand{"import-opml", "FILE",
+                                 "subscribes to every feed of an OPML file (duplicates skipped)",
+                                 &runImport};
+const Command kExportOpmlCommand{"export-opml", "[FILE]",
+                                 "writes the subscriptions as OPML (to standard output by default)",
+                                 &runExport};
+
+} // namespace cli

@@ -1,0 +1,130 @@
+// pelsu-cli update and run: the engine at work, its events printed as they happen.
+
+#include "channels/channelManager.h"
+#include "cli/commands.h"
+#include "cli/engine.h"
+
+#include <csignal>
+#include <iostream>
+#include <mutex>
+#include <pthread.h>
+
+namespace cli {
+
+namespace {
+
+// Prints every event as a line; counts what a summary needs.
+class EventPrinter : public channels::EventListener {
+public:
+    void onBeginChannelUpdate(channels::BeginChannelUpdateEvent& event) override {
+        std::lock_guard guard(m_mutex);
+        ++m_started;
+        const std::string name = event.channel()->name();
+        std::cout << progress() << "Updating " << event.channel()->id();
+        if (name != "<Unknown>")
+            std::cout << " (" << toUtf8(name) << ")";
+        std::cout << std::endl;
+    }
+    void onNewFeedItem(channels::NewFeedItemEvent& event) override {
+        std::lock_guard guard(m_mutex);
+        ++m_newItems;
+        const auto item =
+            event.channel()->state().feed().item(static_cast<std::size_t>(event.feedItemIndex()));
+        std::cout << "  new:     " << toUtf8(item.title) << std::endl;
+    }
+    void onExpiredFeedItem(channels::ExpiredFeedItemEvent& event) override {
+        std::lock_guard guard(m_mutex);
+        ++m_expiredItems;
+        const auto item =
+            event.channel()->state().feed().item(static_cast<std::size_t>(event.feedItemIndex()));
+        std::cout << "  expired: " << toUtf8(item.title) << std::endl;
+    }
+    void onChannelError(channels::ChannelErrorEvent& event) override {
+        std::lock_guard guard(m_mutex);
+        std::cout << "  error:   " << toUtf8(event.message()) << " " << toUtf8(event.detail())
+                  << std::endl;
+    }
+    void onEndChannelUpdate(channels::EndChannelUpdateEvent& event) override {
+        std::lock_guard guard(m_mutex);
+        if (!event.success())
+            ++m_failed;
+    }
+
+    void setTotal(std::size_t total) { m_total = total; }
+    int failed() const { return m_failed; }
+    std::string summary() const {
+        std::lock_guard guard(m_mutex);
+        return "Updated " + std::to_string(m_started) +
+               " channel(s): " + std::to_string(m_newItems) + " new item(s), " +
+               std::to_string(m_expiredItems) + " expired, " + std::to_string(m_failed) +
+               " failed.";
+    }
+
+private:
+    std::string progress() const {
+        if (m_total == 0)
+            return "";
+        return "[" + std::to_string(m_started) + "/" + std::to_string(m_total) + "] ";
+    }
+    mutable std::mutex m_mutex;
+    std::size_t m_total = 0;
+    int m_started = 0;
+    int m_newItems = 0;
+    int m_expiredItems = 0;
+    int m_failed = 0;
+};
+
+int runUpdate(const CommandContext& context) {
+    Engine engine(context);
+    auto& manager = engine.manager();
+    std::vector<channels::Channel*> targets;
+    if (context.args.empty())
+        targets = manager.channels();
+    for (const std::string& id : context.args)
+        targets.push_back(&engine.requireChannel(id));
+    EventPrinter printer;
+    printer.setTotal(targets.size());
+    manager.addListener(&printer);
+    for (channels::Channel* channel : targets)
+        manager.updateChannel(*channel, true);
+    manager.removeListener(&printer);
+    std::cout << printer.summary() << '\n';
+    return printer.failed() > 0 ? kExitFailure : kExitOk;
+}
+
+int runRun(const CommandContext& context) {
+    if (!context.args.empty())
+        throw UsageError("run takes no arguments");
+    // The signals are taken by sigwait below, on this thread only.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+    Engine engine(context);
+    auto& manager = engine.manager();
+    EventPrinter printer;
+    manager.addListener(&printer);
+    manager.start(userAgent(engine.environment().options));
+    std::cout << "Running with " << manager.channels().size()
+              << " channel(s); Ctrl-C stops and saves." << std::endl;
+    int signal = 0;
+    sigwait(&signals, &signal);
+    std::cout << "Stopping..." << std::endl;
+    manager.stop();
+    manager.removeListener(&printer);
+    std::cout << printer.summary() << '\n';
+    return kExitOk;
+}
+
+} // namespace
+
+extern const Command kUpdateCommand;
+extern const Command kRunCommand;
+
+const Command kUpdateCommand{"update", "[ID...]",
+                             "updates the channels now (all when none are named)", &runUpdate};
+const Command kRunCommand{"run", "", "keeps the channels up to date until interrupted", &runRun};
+
+} // namespace cli

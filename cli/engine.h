@@ -1,0 +1,49 @@
+// The engine as the commands of pelsu-cli use it: the environment, a loaded channel manager
+// and the helpers the commands share.
+#pragma once
+
+#include "channels/channelManager.h"
+#include "cli/commands.h"
+#include "cli/environment.h"
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+namespace cli {
+
+// A mistake in the command line: reported with the usage text, exit status 2.
+class UsageError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+class Engine {
+public:
+    // Starts the environment and loads every channel (load failures are printed).
+    explicit Engine(const CommandContext& context);
+    ~Engine();
+
+    Environment& environment() { return m_environment; }
+    channels::ChannelManager& manager() { return *m_manager; }
+    // The channel, or a channels::Exception naming the unknown ID.
+    channels::Channel& requireChannel(const std::string& id);
+
+private:
+    Environment m_environment;
+    std::unique_ptr<channels::ChannelManager> m_manager;
+};
+
+// The manager's options from the global options.
+channels::ChannelManagerOptions managerOptions(const channels::GlobalOptions& options);
+// A non-negative decimal number from an argument, or a UsageError naming the option.
+int parseCount(const std::string& text, const std::string& option);
+bool isValidChannelId(const std::string& id);
+// A new channel ID made from an address (host and path, letters, digits, "-" and "_").
+std::string idFromAddress(const std::string& address, const channels::ChannelManager& manager);
+// The user agent of downloads: "_HttpUserAgent", or the program's own.
+std::string userAgent(const channels::GlobalOptions& options);
+// The channel's feed address or script.
+std::string channelAddress(const channels::Channel& channel);
+
+} // namespace cli
