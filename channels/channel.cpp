@@ -18,7 +18,7 @@ void Channel::changeLoopbackPort(int, int) {}
 
 std::string Channel::name() const {
     std::string name = config().preferredChannelDisplayName();
-    if (name.empty())
+    if (name.empty() && state().isFeedLoaded())
         name = state().feed().channel().channelDisplayName;
     if (name.empty())
         name = config().cache().channelDisplayName;
@@ -50,13 +50,18 @@ void Channel::save() {
         return;
     const std::string file = fileName();
     profile::WriteBatch batch(file);
-    if (m_state.feed().feedTime() != 0)
+    if (m_state.isFeedLoaded() && m_state.feed().feedTime() != 0)
         config().setCache(m_state.feed().channel()); // the last feed's title etc. for next start
     config().save(file);
     m_settings.save(file);
     m_state.save(file);
     if (!batch.commit())
         throw Exception(profile::lastWriteError());
+}
+
+void Channel::releaseFeed() {
+    threadSafety::ScopedLock lock(m_lock);
+    m_state.releaseFeed(fileName());
 }
 
 void Channel::markRemoved() {

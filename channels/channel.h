@@ -53,6 +53,8 @@ public:
     // channel's lock. The save writes the file once.
     void load();
     void save();
+    // Drops the feed from memory (it was saved); it is read from the file when next used.
+    void releaseFeed();
 
     // True when the channel should be updated automatically at this time.
     bool isDue(std::time_t now);

@@ -105,6 +105,14 @@ void ChannelManager::start(const std::string& userAgent) {
 
 bool ChannelManager::isRunning() const { return m_worker.joinable(); }
 
+void ChannelManager::discardChannels() {
+    threadSafety::ScopedLock lock(m_lock);
+    for (auto& [id, channel] : m_channels)
+        channel->markRemoved();
+    m_channels.clear();
+    m_requests.clear();
+}
+
 void ChannelManager::stop() {
     if (m_worker.joinable()) {
         PELSU_LOG(channelManagerGroup(), "Stopping the channel manager worker thread.");

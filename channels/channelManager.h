@@ -49,6 +49,8 @@ public:
     // session. Safe to call when not started.
     void stop();
     bool isRunning() const;
+    // Drops every channel without saving it (for callers that only read); not while running.
+    void discardChannels();
 
     // Asks the worker to update the channel soon; unknown ids are ignored (returns false).
     bool requestUpdate(const std::string& id);

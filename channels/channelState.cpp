@@ -10,15 +10,15 @@ const char* const kFeedSection = "Last Feed";
 } // namespace
 
 ChannelState::ChannelState() : m_feed(std::make_unique<Feed>()) {}
+// A new state holds an empty feed; a loaded one reads its feed from file when first used.
 
 void ChannelState::load(const std::string& file) {
     threadSafety::ScopedLock lock(m_lock);
     m_lastFetchTime = profile::readIniInt(file, kSection, "LastFetchTime", 0);
     m_httpLastModified = profile::readIniString(file, kSection, "HttpLastModified");
     m_httpETag = profile::readIniString(file, kSection, "HttpETag");
-    auto feed = std::make_unique<Feed>();
-    feed->load(file, kFeedSection);
-    m_feed = std::move(feed);
+    m_feed.reset();
+    m_feedFile = file;
 }
 
 void ChannelState::save(const std::string& file) const {
@@ -26,7 +26,8 @@ void ChannelState::save(const std::string& file) const {
     profile::writeIniInt(file, kSection, "LastFetchTime", m_lastFetchTime);
     profile::writeIniString(file, kSection, "HttpLastModified", m_httpLastModified);
     profile::writeIniString(file, kSection, "HttpETag", m_httpETag);
-    m_feed->save(file, kFeedSection);
+    if (m_feed)
+        m_feed->save(file, kFeedSection);
 }
 
 std::int32_t ChannelState::lastFetchTime() const {
@@ -53,17 +54,35 @@ void ChannelState::setHttpETag(const std::string& value) {
     threadSafety::ScopedLock lock(m_lock);
     m_httpETag = value;
 }
+Feed& ChannelState::loadedFeed() const {
+    if (!m_feed) {
+        auto feed = std::make_unique<Feed>();
+        if (!m_feedFile.empty())
+            feed->load(m_feedFile, kFeedSection);
+        m_feed = std::move(feed);
+    }
+    return *m_feed;
+}
 Feed& ChannelState::feed() {
     threadSafety::ScopedLock lock(m_lock);
-    return *m_feed;
+    return loadedFeed();
 }
 const Feed& ChannelState::feed() const {
     threadSafety::ScopedLock lock(m_lock);
-    return *m_feed;
+    return loadedFeed();
 }
 void ChannelState::replaceFeed(std::unique_ptr<Feed> feed) {
     threadSafety::ScopedLock lock(m_lock);
     m_feed = feed ? std::move(feed) : std::make_unique<Feed>();
+}
+bool ChannelState::isFeedLoaded() const {
+    threadSafety::ScopedLock lock(m_lock);
+    return m_feed != nullptr;
+}
+void ChannelState::releaseFeed(const std::string& file) {
+    threadSafety::ScopedLock lock(m_lock);
+    m_feed.reset();
+    m_feedFile = file;
 }
 
 } // namespace channels

@@ -17,8 +17,9 @@ public:
     ChannelState(const ChannelState&) = delete;
     ChannelState& operator=(const ChannelState&) = delete;
 
-    // Reads the keys, then replaces the feed with the one stored under "Last Feed".
+    // Reads the keys; the feed stored under "Last Feed" is read when it is first used.
     virtual void load(const std::string& file);
+    // Writes the keys and, when it is in memory, the feed.
     virtual void save(const std::string& file) const;
 
     std::int32_t lastFetchTime() const;
@@ -33,13 +34,20 @@ public:
     const Feed& feed() const;
     // Hands over a new feed; the old one is dropped.
     void replaceFeed(std::unique_ptr<Feed> feed);
+    bool isFeedLoaded() const;
+    // Drops the feed from memory after it was saved to file; it is read again when used. Any
+    // reference to the old feed is invalid afterwards.
+    void releaseFeed(const std::string& file);
 
 private:
     mutable threadSafety::CriticalSection m_lock{"ChannelState"};
     std::int32_t m_lastFetchTime = 0;
     std::string m_httpLastModified;
     std::string m_httpETag;
-    std::unique_ptr<Feed> m_feed;
+    Feed& loadedFeed() const; // called with the lock held
+
+    mutable std::unique_ptr<Feed> m_feed;
+    std::string m_feedFile; // where the feed is read from when it is not in memory
 };
 
 } // namespace channels

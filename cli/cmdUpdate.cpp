@@ -4,10 +4,13 @@
 #include "cli/commands.h"
 #include "cli/engine.h"
 
+#include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <iostream>
 #include <mutex>
 #include <pthread.h>
+#include <thread>
 
 namespace cli {
 
@@ -76,6 +79,7 @@ private:
 
 int runUpdate(const CommandContext& context) {
     Engine engine(context);
+    engine.setSaveOnExit(true);
     auto& manager = engine.manager();
     std::vector<channels::Channel*> targets;
     if (context.args.empty())
@@ -85,8 +89,23 @@ int runUpdate(const CommandContext& context) {
     EventPrinter printer;
     printer.setTotal(targets.size());
     manager.addListener(&printer);
-    for (channels::Channel* channel : targets)
-        manager.updateChannel(*channel, true);
+    // Two channels at a time: one waits for the network while the other is parsed and saved.
+    // Each channel's feed leaves memory once it is saved, so that memory stays flat however
+    // many channels there are.
+    std::atomic<std::size_t> next{0};
+    auto work = [&] {
+        for (std::size_t i = next++; i < targets.size(); i = next++) {
+            manager.updateChannel(*targets[i], true);
+            targets[i]->releaseFeed();
+        }
+    };
+    std::vector<std::thread> workers;
+    const unsigned count = std::max(1u, std::min(2u, std::thread::hardware_concurrency()));
+    for (unsigned w = 1; w < count; ++w)
+        workers.emplace_back(work);
+    work();
+    for (auto& worker : workers)
+        worker.join();
     manager.removeListener(&printer);
     std::cout << printer.summary() << '\n';
     return printer.failed() > 0 ? kExitFailure : kExitOk;
@@ -103,6 +122,7 @@ int runRun(const CommandContext& context) {
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
     Engine engine(context);
+    engine.setSaveOnExit(true);
     auto& manager = engine.manager();
     EventPrinter printer;
     manager.addListener(&printer);

@@ -31,7 +31,12 @@ Engine::Engine(const CommandContext& context) : m_environment(startEnvironment(c
     m_manager->removeListener(&printer);
 }
 
-Engine::~Engine() = default;
+Engine::~Engine() {
+    if (m_saveOnExit)
+        m_manager->stop();
+    else
+        m_manager->discardChannels();
+}
 
 channels::Channel& Engine::requireChannel(const std::string& id) {
     channels::Channel* channel = m_manager->findChannel(id);

@@ -28,10 +28,13 @@ public:
     channels::ChannelManager& manager() { return *m_manager; }
     // The channel, or a channels::Exception naming the unknown ID.
     channels::Channel& requireChannel(const std::string& id);
+    // Whether the channels are saved when the engine ends (commands that only read don't).
+    void setSaveOnExit(bool save) { m_saveOnExit = save; }
 
 private:
     Environment m_environment;
     std::unique_ptr<channels::ChannelManager> m_manager;
+    bool m_saveOnExit = false;
 };
 
 // The manager's options from the global options.

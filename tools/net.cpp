@@ -116,8 +116,8 @@ bool tryLocalFile(const std::string& url, long* statusCode, std::string* statusT
 
 } // namespace
 
-// The share handle and a pool of idle transfers, so that connections, DNS results and
-// transfer set-up are reused between downloads.
+// The share handle (DNS results and TLS sessions) and a pool of idle transfers, each with its
+// open connections, so that connections and transfer set-up are reused between downloads.
 struct InternetSession::Impl {
     CURLSH* share = nullptr;
     std::mutex shareLocks[CURL_LOCK_DATA_LAST];
@@ -158,7 +158,8 @@ InternetSession::InternetSession(std::string userAgent, NetOptions options)
     curl_share_setopt(m_impl->share, CURLSHOPT_UNLOCKFUNC, &Impl::unlock);
     curl_share_setopt(m_impl->share, CURLSHOPT_USERDATA, m_impl.get());
     curl_share_setopt(m_impl->share, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
-    curl_share_setopt(m_impl->share, CURLSHOPT_SHARE, CURL_LOCK_DATA_CONNECT);
+    // Connections are not shared between threads (libcurl does not support that); each
+    // pooled transfer keeps its own connections alive for the next download instead.
     curl_share_setopt(m_impl->share, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
 }
 

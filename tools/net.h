@@ -22,8 +22,8 @@ struct NetOptions {
     std::uint64_t maxBodyBytes = 64u * 1024u * 1024u;
 };
 
-// The Internet connection of the channel manager: shares connections and DNS results
-// between the downloads of every thread; each download is a transfer of its own.
+// The Internet connection of the channel manager: reuses connections, DNS results and TLS
+// sessions between the downloads of every thread; each download is a transfer of its own.
 class InternetSession {
 public:
     explicit InternetSession(std::string userAgent, NetOptions options = {});

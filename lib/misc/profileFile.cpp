@@ -1,6 +1,7 @@
 #include "lib/misc/profileFile.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <cerrno>
 #include <cstdint>
@@ -8,6 +9,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <sys/stat.h>
@@ -264,13 +266,23 @@ struct Operation {
     }
 };
 
+// Versions are unique across all files, so that a copy read again after eviction never
+// passes for the one a batch started from.
+std::atomic<std::uint64_t> g_nextVersion{1};
+
 struct CachedFile {
     std::mutex mutex;
     Document document;
     Stamp stamp;
     bool valid = false;
-    std::uint64_t version = 0; // counts every change of the parsed copy
+    std::uint64_t version = 0; // changes with every change of the parsed copy
+    std::size_t textHash = 0;  // of the text on disk, to skip writes that change nothing
+    std::size_t textSize = 0;
+    std::uint64_t lastUse = 0;
 };
+
+// Parsed copies kept at most; the least recently used idle ones go first.
+constexpr std::size_t kMaxCachedFiles = 32;
 
 struct Cache {
     std::mutex mutex;
@@ -304,13 +316,30 @@ std::string normalized(const std::string& path) {
     return lastNormalized;
 }
 
+void evictIdleFiles(Cache& instance) {
+    while (instance.files.size() > kMaxCachedFiles) {
+        auto victim = instance.files.end();
+        for (auto it = instance.files.begin(); it != instance.files.end(); ++it)
+            if (it->second.use_count() == 1 &&
+                (victim == instance.files.end() || it->second->lastUse < victim->second->lastUse))
+                victim = it;
+        if (victim == instance.files.end())
+            return; // every copy is in use
+        instance.files.erase(victim);
+    }
+}
+
 std::shared_ptr<CachedFile> cachedFile(const std::string& path) {
+    static std::uint64_t useCounter = 0;
     auto& instance = cache();
     std::lock_guard guard(instance.mutex);
     auto& slot = instance.files[path];
     if (!slot)
         slot = std::make_shared<CachedFile>();
-    return slot;
+    slot->lastUse = ++useCounter;
+    std::shared_ptr<CachedFile> file = slot;
+    evictIdleFiles(instance);
+    return file;
 }
 
 bool readWholeFile(const std::string& path, std::string& text) {
@@ -336,7 +365,9 @@ void refresh(CachedFile& file, const std::string& path) {
     file.document.parse(text);
     file.stamp = current;
     file.valid = true;
-    ++file.version;
+    file.version = g_nextVersion++;
+    file.textHash = std::hash<std::string>{}(text);
+    file.textSize = text.size();
 }
 
 bool writeAtomically(const std::string& path, const std::string& text, std::string& error) {
@@ -382,14 +413,20 @@ bool applyAndWrite(const std::string& path, const std::vector<Operation>& operat
         for (const Operation& operation : operations)
             operation.applyTo(file->document);
     }
-    ++file->version;
+    file->version = g_nextVersion++;
+    const std::string text = file->document.serialize();
+    const std::size_t hash = std::hash<std::string>{}(text);
+    if (file->stamp.exists && text.size() == file->textSize && hash == file->textHash)
+        return true; // the file already holds exactly this
     std::string error;
-    if (!writeAtomically(path, file->document.serialize(), error)) {
+    if (!writeAtomically(path, text, error)) {
         t_lastWriteError = error;
         file->valid = false; // the disk still holds the old text: read it again next time
         return false;
     }
     file->stamp = stampOf(path);
+    file->textHash = hash;
+    file->textSize = text.size();
     return true;
 }
 
