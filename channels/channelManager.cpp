@@ -82,6 +82,8 @@ void ChannelManager::loadChannels() {
 void ChannelManager::start(const std::string& userAgent) {
     PELSU_LOG(channelManagerGroup(), "Opening an Internet connection: userAgent=" << userAgent);
     try {
+        threadSafety::ScopedLock lock(m_lock);
+        m_userAgent = userAgent;
         m_session = std::make_unique<tools::InternetSession>(userAgent, m_options.net);
     } catch (const std::exception&) {
         throw Exception("Can't open an Internet connection.");
@@ -224,9 +226,15 @@ void ChannelManager::download(const std::string& url, std::string& lastModified,
                               std::string& body) {
     if (m_options.disableInternet)
         throw Exception("Internet access has been disabled.");
-    if (!m_session)
-        m_session = std::make_unique<tools::InternetSession>("", m_options.net);
-    tools::readUrl(*m_session, url, &lastModified, &etag, forceDownload, &statusCode, &statusText,
+    tools::InternetSession* session = nullptr;
+    {
+        // Without a start (pelsu-cli update) the first download opens the session.
+        threadSafety::ScopedLock lock(m_lock);
+        if (!m_session)
+            m_session = std::make_unique<tools::InternetSession>(m_userAgent, m_options.net);
+        session = m_session.get();
+    }
+    tools::readUrl(*session, url, &lastModified, &etag, forceDownload, &statusCode, &statusText,
                    body);
 }
 

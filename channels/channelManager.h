@@ -66,6 +66,8 @@ public:
     const std::string& channelsDir() const { return m_channelsDir; }
     const ChannelManagerOptions& options() const { return m_options; }
     std::time_t now() const { return m_clock(); }
+    // The user agent of downloads made without a start (the manager's default otherwise).
+    void setUserAgent(const std::string& userAgent) { m_userAgent = userAgent; }
 
     // Downloads for a channel, through the Internet-access gate.
     void download(const std::string& url, std::string& lastModified, std::string& etag,
@@ -102,6 +104,7 @@ private:
     std::map<std::string, std::shared_ptr<Channel>> m_channels;
     std::deque<std::shared_ptr<Channel>> m_requests;
     std::unique_ptr<tools::InternetSession> m_session;
+    std::string m_userAgent;
     threadSafety::Event m_stopEvent{true, false};
     threadSafety::Event m_workerEnded{true, false};
     std::thread m_worker;

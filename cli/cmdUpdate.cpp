@@ -81,6 +81,7 @@ int runUpdate(const CommandContext& context) {
     Engine engine(context);
     engine.setSaveOnExit(true);
     auto& manager = engine.manager();
+    manager.setUserAgent(userAgent(engine.environment().options));
     std::vector<channels::Channel*> targets;
     if (context.args.empty())
         targets = manager.channels();
