@@ -11,6 +11,7 @@ ensure_packages "${PELSU_PACKAGES[@]}" nginx-light newsboat time
 count="${1:-1000}"
 host=127.0.0.77
 work="$(mktemp -d /tmp/pelsu-farm-XXXXXX)"
+chmod 755 "$work" # nginx's workers read the feeds as another user
 cli="$root/build/cli/pelsu-cli"
 build_tree "$root/build" >/dev/null
 
@@ -55,7 +56,7 @@ measure() {
     shift
     /usr/bin/time -f "%e %M" -o "$work/time" "$@" >"$work/out" 2>&1 || {
         echo "$label: failed"; tail -5 "$work/out"; }
-    read -r seconds kib < "$work/time"
+    read -r seconds kib < <(tail -1 "$work/time")
     printf '%-28s %8.2f s %8d KiB\n' "$label" "$seconds" "$kib"
 }
 

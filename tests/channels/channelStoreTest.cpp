@@ -92,7 +92,7 @@ TEST(ChannelStore, SettingsDefaultsRangesAndTheMinimumInterval) {
     const std::string fresh = dir.file("fresh.rss");
     settings.save(fresh);
     EXPECT_NE(readFile(fresh).find("IsAutoUpdateEnabled=1\nAutoUpdateInterval=600\n"
-                                  "AllowEmptyFeeds=0\nMaxFeedItems=0\n"),
+                                   "AllowEmptyFeeds=0\nMaxFeedItems=0\n"),
               std::string::npos)
         << readFile(fresh);
 }
