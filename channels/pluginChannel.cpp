@@ -47,16 +47,21 @@ std::string pageText(const std::string& page) {
     std::string text;
     bool inTag = false;
     for (char c : page) {
-        if (c == '<')
+        if (c == '<') {
             inTag = true;
-        else if (c == '>')
+        } else if (c == '>') {
             inTag = false;
-        else if (!inTag)
-            text += (c == '\n' || c == '\r') ? ' ' : c;
+        } else if (!inTag) {
+            const bool blank = c == '\n' || c == '\r' || c == ' ' || c == '\t';
+            if (!blank)
+                text += c;
+            else if (!text.empty() && text.back() != ' ')
+                text += ' ';
+        }
     }
-    const auto begin = text.find_first_not_of(' ');
-    const auto end = text.find_last_not_of(' ');
-    return begin == std::string::npos ? "The script failed." : text.substr(begin, end - begin + 1);
+    while (!text.empty() && text.back() == ' ')
+        text.pop_back();
+    return text.empty() ? "The script failed." : text;
 }
 
 } // namespace

@@ -1,0 +1,123 @@
+#include "channels/pluginChannel.h"
+#include "channels/channelManager.h"
+#include "lib/misc/iniValues.h"
+#include "tests/support/testHttpServer.h"
+#include "tests/support/testSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <sys/stat.h>
+
+using namespace channels;
+using testing_support::TempDir;
+using testing_support::TestHttpServer;
+using testing_support::writeFile;
+namespace fs = std::filesystem;
+
+namespace {
+
+// Keeps the errors and the new items' ids of the channel updates.
+class Collector : public EventListener {
+public:
+    std::vector<std::string> lines;
+    void onChannelError(ChannelErrorEvent& e) override {
+        lines.push_back(e.message() + " " + e.detail());
+    }
+    void onNewFeedItem(NewFeedItemEvent& e) override {
+        lines.push_back(
+            "new " + e.channel()->state().feed().item(static_cast<size_t>(e.feedItemIndex())).id);
+    }
+};
+
+// A plugin channel whose script is written by the test.
+class PluginChannelTest : public ::testing::Test {
+protected:
+    PluginChannelTest() {
+        fs::create_directories(m_dir.file("Channels"));
+        writeFile(m_dir.file("news.plugin"),
+                  "[Config]\nPlugin=news.sh\n"
+                  "[ChannelParameterDefinition-1]\nName=Topic\nType=string\nDefaultValue=none\n"
+                  "[ChannelParameterDefinition-2]\nName=DownloadUrl\nType=string\n");
+        const std::string channelFile = m_dir.file("Channels/plug.plugin");
+        profile::writeIniString(channelFile, "Config", "ScriptFilename", m_dir.file("news.sh"));
+        profile::writeIniString(channelFile, "ChannelParameters", "Topic", "science");
+    }
+    std::vector<std::string> update(const std::string& scriptText,
+                                    const std::string& downloadUrl = "") {
+        writeFile(m_dir.file("news.sh"), scriptText);
+        ::chmod(m_dir.file("news.sh").c_str(), 0755);
+        profile::writeIniString(m_dir.file("Channels/plug.plugin"), "ChannelParameters",
+                                "DownloadUrl", downloadUrl);
+        ChannelManagerOptions options;
+        options.scriptTimeoutSeconds = 1;
+        ChannelManager manager(m_dir.file("Channels"), options);
+        Collector collector;
+        manager.addListener(&collector);
+        manager.loadChannels();
+        manager.updateChannel(*manager.findChannel("plug"), true);
+        manager.stop();
+        manager.removeListener(&collector);
+        return collector.lines;
+    }
+    TempDir m_dir;
+};
+
+// Prints a feed whose one item is named after the Topic parameter of the configuration file.
+const char* const kFeedScript =
+    "topic=$(sed -n 's/^Topic=//p' \"$1\")\n"
+    "echo \"<rss><channel><item><guid>$topic</guid></item></channel></rss>\"\n";
+
+} // namespace
+
+TEST_F(PluginChannelTest, ScriptOutputIsTheFeedAndParametersReachTheScript) {
+    EXPECT_EQ(update(kFeedScript), (std::vector<std::string>{"new science"}));
+}
+
+TEST_F(PluginChannelTest, FailingScriptsBecomeChannelErrors) {
+    EXPECT_EQ(update("sleep 30\n"),
+              (std::vector<std::string>{"Can't update the feed. The script timed out."}));
+    EXPECT_EQ(update("kill -SEGV $$\n"),
+              (std::vector<std::string>{"Can't update the feed. The script failed: rc=139"}));
+    EXPECT_EQ(
+        update("echo '<rss/>'; echo oops >&2\n"),
+        (std::vector<std::string>{"Can't update the feed. The script caused an error: oops"}));
+    EXPECT_EQ(update("exit 0\n"),
+              (std::vector<std::string>{"Can't update the feed. The script failed: rc=0"}));
+}
+
+TEST_F(PluginChannelTest, DownloadIsHandedToTheScriptAndA304SkipsIt) {
+    TestHttpServer server("127.0.0.2");
+    server.server().Get("/data", [](const httplib::Request& req, httplib::Response& res) {
+        if (req.get_header_value("If-None-Match") == "\"d1\"") {
+            res.status = 304;
+            return;
+        }
+        res.set_header("ETag", "\"d1\"");
+        res.set_content("downloaded-item", "text/plain");
+    });
+    ASSERT_TRUE(server.start());
+    const std::string script =
+        "file=$(sed -n 's/^DownloadUrlFile=//p' \"$1\")\n"
+        "echo \"<rss><channel><item><guid>$(cat \"$file\")</guid></item></channel></rss>\"\n";
+    const std::string url = "http://127.0.0.2:" + std::to_string(server.port()) + "/data";
+    ChannelManagerOptions options;
+    options.net.honourUrlPort = true;
+    writeFile(m_dir.file("news.sh"), script);
+    ::chmod(m_dir.file("news.sh").c_str(), 0755);
+    profile::writeIniString(m_dir.file("Channels/plug.plugin"), "ChannelParameters", "DownloadUrl",
+                            url);
+    ChannelManager manager(m_dir.file("Channels"), options);
+    Collector collector;
+    manager.addListener(&collector);
+    manager.loadChannels();
+    Channel& channel = *manager.findChannel("plug");
+    manager.updateChannel(channel, true);
+    EXPECT_EQ(collector.lines, (std::vector<std::string>{"new downloaded-item"}));
+    collector.lines.clear();
+    channel.state().feed().setFeedTime(1); // no longer a first fetch: the request is conditional
+    manager.updateChannel(channel, true);
+    EXPECT_TRUE(collector.lines.empty()) << collector.lines.front();
+    manager.stop();
+    manager.removeListener(&collector);
+}

@@ -1,0 +1,140 @@
+#include "tests/support/testSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdio>
+#include <filesystem>
+#include <set>
+#include <sys/wait.h>
+
+using testing_support::readFile;
+using testing_support::TempDir;
+using testing_support::writeFile;
+namespace fs = std::filesystem;
+
+namespace {
+
+struct CliRun {
+    int status = -1;
+    std::string out; // standard output and error together
+};
+
+// Runs pelsu-cli with the arguments (a shell command line fragment) on the given home.
+CliRun cli(const std::string& home, const std::string& arguments, bool mergeErrors = true) {
+    const std::string command = (testing_support::binaryDir() / "cli" / "pelsu-cli").string() +
+                                (home.empty() ? "" : " --home '" + home + "'") + " " + arguments +
+                                (mergeErrors ? " 2>&1" : "");
+    CliRun run;
+    FILE* pipe = ::popen(command.c_str(), "r");
+    std::array<char, 4096> buffer;
+    size_t count;
+    while ((count = std::fread(buffer.data(), 1, buffer.size(), pipe)) > 0)
+        run.out.append(buffer.data(), count);
+    const int status = ::pclose(pipe);
+    run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return run;
+}
+
+std::string feed(const std::string& ids) {
+    std::string text = "<rss><channel><title>T " + ids + "</title><link>http://t/</link>";
+    for (char id : ids)
+        text += std::string("<item><guid>") + id + "</guid><title>Item " + id + "</title></item>";
+    return text + "</channel></rss>";
+}
+
+} // namespace
+
+TEST(PelsuCli, MistakesInTheCommandLineExitWithTwo) {
+    EXPECT_EQ(cli("", "").status, 0);
+    EXPECT_EQ(cli("", "frobnicate").status, 2);
+    EXPECT_EQ(cli("", "--bogus").status, 2);
+    TempDir home;
+    const CliRun noAddress = cli(home.path(), "add");
+    EXPECT_EQ(noAddress.status, 2);
+    EXPECT_NE(noAddress.out.find("usage: pelsu-cli add"), std::string::npos) << noAddress.out;
+    EXPECT_EQ(cli(home.path(), "add x --interval soon").status, 2);
+    EXPECT_EQ(cli("", "parse").status, 2);
+}
+
+TEST(PelsuCli, ChannelsAreAddedUpdatedShownAndRemoved) {
+    TempDir home, feeds;
+    writeFile(feeds.file("a.xml"), feed("12"));
+    CliRun added = cli(home.path(), "add '" + feeds.file("a.xml") + "' --id mine --interval 60");
+    ASSERT_EQ(added.status, 0) << added.out;
+    CliRun update = cli(home.path(), "update mine");
+    EXPECT_EQ(update.status, 0) << update.out;
+    EXPECT_NE(update.out.find("new:     Item 1"), std::string::npos) << update.out;
+    writeFile(feeds.file("a.xml"), feed("23"));
+    update = cli(home.path(), "update mine");
+    EXPECT_NE(update.out.find("expired: Item 1"), std::string::npos) << update.out;
+    EXPECT_NE(update.out.find("new:     Item 3"), std::string::npos) << update.out;
+    const CliRun list = cli(home.path(), "list");
+    EXPECT_NE(list.out.find("mine"), std::string::npos);
+    EXPECT_NE(list.out.find("T 23"), std::string::npos) << list.out;
+    EXPECT_NE(list.out.find("PelsuNews"), std::string::npos) << "the default channel";
+    const CliRun show = cli(home.path(), "show mine");
+    EXPECT_NE(show.out.find("[1] Item 2\n"), std::string::npos) << show.out;
+    EXPECT_EQ(cli(home.path(), "show nobody").status, 1);
+    // A channel that fails makes the whole update fail, and the others still update.
+    ASSERT_EQ(cli(home.path(), "add '" + feeds.file("missing.xml") + "' --id broken").status, 0);
+    update = cli(home.path(), "update");
+    EXPECT_EQ(update.status, 1) << update.out;
+    EXPECT_NE(update.out.find("3 channel(s)"), std::string::npos) << update.out;
+    EXPECT_NE(update.out.find("1 failed"), std::string::npos) << update.out;
+    EXPECT_EQ(cli(home.path(), "remove broken").status, 0);
+    EXPECT_EQ(cli(home.path(), "list").out.find("broken"), std::string::npos);
+}
+
+TEST(PelsuCli, OpmlImportFlattensOutlinesSkipsDuplicatesAndExportsBack) {
+    TempDir home;
+    writeFile(home.file("list.opml"),
+              "<?xml version=\"1.0\"?><opml version=\"1.0\"><body>"
+              "<outline text=\"Group\"><outline text=\"One\" xmlUrl=\"http://one.example/rss\"/>"
+              "<outline text=\"Deeper\"><outline title=\"Two &amp; more\" "
+              "xmlUrl=\"http://two.example/feed.xml\"/>"
+              "</outline></outline><outline text=\"One again\" xmlUrl=\"http://one.example/rss\"/>"
+              "</body></opml>");
+    const CliRun imported = cli(home.path(), "import-opml '" + home.file("list.opml") + "'");
+    EXPECT_EQ(imported.status, 0) << imported.out;
+    EXPECT_NE(imported.out.find("Imported 2 channel(s); skipped 1 duplicate(s)."),
+              std::string::npos)
+        << imported.out;
+    const CliRun exported = cli(home.path(), "export-opml");
+    EXPECT_NE(exported.out.find("title=\"Two &amp; more\" xmlUrl=\"http://two.example/feed.xml\""),
+              std::string::npos)
+        << exported.out;
+    const CliRun again = cli(home.path(), "import-opml '" + home.file("list.opml") + "'");
+    EXPECT_NE(again.out.find("Imported 0 channel(s); skipped 3"), std::string::npos) << again.out;
+    writeFile(home.file("bad.opml"), "<opml><body>");
+    EXPECT_EQ(cli(home.path(), "import-opml '" + home.file("bad.opml") + "'").status, 1);
+}
+
+TEST(PelsuCli, EveryCorpusFeedEndsInAFeedOrAKnownMessage) {
+    const fs::path corpus = testing_support::sourceDir() / "../shared/corpus/feeds";
+    if (!fs::exists(corpus))
+        GTEST_SKIP() << "the feed corpus is not beside the repository";
+    const std::set<std::string> known = {"Empty RSS feed.", "Not an RSS feed.",
+                                         "The channel returned no items."};
+    int files = 0, feeds = 0;
+    for (const auto& entry : fs::recursive_directory_iterator(corpus)) {
+        if (!entry.is_regular_file() || entry.path().filename() == "MANIFEST.tsv")
+            continue;
+        ++files;
+        const CliRun run =
+            cli("", "parse '" + entry.path().string() + "' >/dev/null 2>&1; echo $?", false);
+        const int status = std::stoi(run.out);
+        ASSERT_TRUE(status == 0 || status == 1) << entry.path() << " ended with " << status;
+        if (status == 0) {
+            ++feeds;
+            continue;
+        }
+        const CliRun failure =
+            cli("", "parse '" + entry.path().string() + "' 2>&1 >/dev/null", false);
+        const std::string message = failure.out.substr(0, failure.out.find('\n'));
+        EXPECT_TRUE(known.count(message) || message.rfind("XML parse failed (", 0) == 0)
+            << entry.path() << ": " << message;
+    }
+    EXPECT_GT(files, 800);
+    EXPECT_GT(feeds, 300);
+}
