@@ -339,3 +339,83 @@ TEST_F(EngineTest, KillDuringAPassLeavesEveryChannelFileWhole) {
         }
     }
 }
+
+TEST_F(EngineTest, FailedSaveIsReportedAfterTheItemEventsAndTheUpdateStillCounts) {
+    const std::string feed = feedFile("feed.xml", rss({"a"}));
+    addChannelFile("n", feed);
+    auto& m = manager();
+    fs::rename(m_channelsDir, m_dir.file("Moved")); // the channel can no longer be written
+    m.runUpdatePass();
+    auto events = m_recorder.take();
+    fs::rename(m_dir.file("Moved"), m_channelsDir);
+    ASSERT_EQ(events.size(), 4u);
+    EXPECT_EQ(events[1], "new 0 a");
+    EXPECT_EQ(events[2].rfind("error Can't save the channel details. ", 0), 0u) << events[2];
+    EXPECT_EQ(events[3], "end n ok");
+}
+
+TEST_F(EngineTest, TrickleAndDroppedConnectionsFailOnlyTheirChannel) {
+    TestHttpServer server("127.0.0.2");
+    server.server().Get("/trickle", [](const httplib::Request&, httplib::Response& res) {
+        res.set_chunked_content_provider("text/xml", [](size_t offset, httplib::DataSink& sink) {
+            if (offset > 3)
+                return false;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+            sink.write("<", 1);
+            return true;
+        });
+    });
+    server.server().Get("/good", [](const httplib::Request&, httplib::Response& res) {
+        res.set_content(rss({"g"}), "application/rss+xml");
+    });
+    ASSERT_TRUE(server.start());
+    // A listener that takes connections and closes them at once.
+    TestHttpServer closer("127.0.0.3");
+    closer.server().Get("/", [](const httplib::Request&, httplib::Response&) {});
+    ASSERT_TRUE(closer.start());
+    const int closedPort = closer.port();
+    closer.stop(); // nothing listens there any more: the connection is refused
+    ChannelManagerOptions options;
+    options.net.honourUrlPort = true;
+    options.net.lowSpeedTimeSeconds = 1;
+    addChannelFile("a_trickle", server.url("/trickle"));
+    addChannelFile("b_closed", "http://127.0.0.3:" + std::to_string(closedPort) + "/feed");
+    addChannelFile("c_good", server.url("/good"));
+    auto& m = manager(options);
+    m.runUpdatePass();
+    auto events = m_recorder.take();
+    ASSERT_EQ(events.size(), 9u);
+    EXPECT_EQ(events[1],
+              "error Can't update the feed. The download timed out: " + server.url("/trickle"));
+    EXPECT_EQ(events[4].rfind("error Can't update the feed. Can't send the HTTP request: ", 0), 0u)
+        << events[4];
+    EXPECT_EQ(events[7], "new 0 g");
+}
+
+TEST_F(EngineTest, ChannelsComeAndGoWhileTheWorkerRunsAndLoopbackPortsMove) {
+    const std::string feed = feedFile("feed.xml", rss({"a"}));
+    auto& m = manager();
+    m.start("agent");
+    auto channel = std::make_unique<RssChannel>(&m, "late");
+    channel->config().setRssChannelUrl(feed);
+    m.addChannel(std::move(channel));
+    ASSERT_TRUE(m.requestUpdate("late"));
+    for (int i = 0; i < 100 && m_recorder.take().empty(); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    m.deleteChannel("late");
+    EXPECT_FALSE(fs::exists(m_channelsDir + "/late.rss"));
+    EXPECT_EQ(m.findChannel("late"), nullptr);
+
+    auto local = std::make_unique<RssChannel>(&m, "local");
+    local->config().setRssChannelUrl("http://127.0.0.1:2605/news/feed");
+    auto other = std::make_unique<RssChannel>(&m, "other");
+    other->config().setRssChannelUrl("http://127.0.0.1:26050/x");
+    m.addChannel(std::move(local));
+    m.addChannel(std::move(other));
+    m.changeLoopbackPort(2605, 3000);
+    EXPECT_EQ(profile::readIniString(m_channelsDir + "/local.rss", "Config", "RssChannelUrl"),
+              "http://127.0.0.1:3000/news/feed");
+    EXPECT_EQ(dynamic_cast<RssChannel*>(m.findChannel("other"))->config().rssChannelUrl(),
+              "http://127.0.0.1:26050/x");
+    m.stop();
+}
