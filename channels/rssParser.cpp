@@ -298,6 +298,11 @@ std::unique_ptr<Feed> RssParser::parse(const ParseOptions& options, const std::s
         throw Exception("Empty RSS feed.");
     auto feed = std::make_unique<Feed>();
     RssXmlParser parser(*feed, maxItems, parseLog.is_open() ? &parseLog : nullptr);
+    // Traces of every element, the tag stack and the text, off unless switched on by name.
+    static msglog::MsgGroup& elements = msglog::registerQuietMsgGroup("XmlElements");
+    static msglog::MsgGroup& tagStack = msglog::registerQuietMsgGroup("XmlTagStack");
+    static msglog::MsgGroup& characterData = msglog::registerQuietMsgGroup("XmlCharacterData");
+    parser.setTraceGroups(&elements, &tagStack, &characterData);
     parser.parse(feedText.data(), feedText.size());
     if (!parser.isRss())
         throw Exception("Not an RSS feed.");

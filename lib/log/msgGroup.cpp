@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 
 namespace msglog {
 
@@ -25,6 +26,7 @@ struct Registry {
     std::map<std::string, std::unique_ptr<MsgGroup>> all; // every record ever made
     std::map<std::string, MsgGroup*> registered;          // the ones registered now
     std::map<std::string, bool> settings;                 // by lower-cased name; "*" for all
+    std::set<std::string> quiet;                          // off unless named in the settings
     std::vector<std::string> watchedFiles;
     std::string watchedSignature;
     std::chrono::steady_clock::time_point lastPoll{};
@@ -35,10 +37,10 @@ Registry& registry() {
     return *instance;
 }
 
-// Called with the registry's mutex held.
-bool settingFor(const Registry& r, const std::string& key, bool& enabled) {
+// Called with the registry's mutex held. Quiet groups follow only their own key.
+bool settingFor(const Registry& r, const std::string& key, bool& enabled, bool useWildcard = true) {
     auto it = r.settings.find(key);
-    if (it == r.settings.end())
+    if (it == r.settings.end() && useWildcard && !r.quiet.count(key))
         it = r.settings.find("*");
     if (it == r.settings.end())
         return false;
@@ -48,7 +50,7 @@ bool settingFor(const Registry& r, const std::string& key, bool& enabled) {
 
 void applyLocked(Registry& r) {
     for (auto& [key, group] : r.all) {
-        bool enabled = true;
+        bool enabled = !r.quiet.count(key);
         settingFor(r, key, enabled);
         group->setEnabled(enabled);
     }
@@ -83,6 +85,21 @@ MsgGroup& registerMsgGroup(const std::string& name) {
     }
     r.registered[key] = record.get();
     return *record;
+}
+
+MsgGroup& registerQuietMsgGroup(const std::string& name) {
+    auto& r = registry();
+    {
+        std::lock_guard guard(r.mutex);
+        r.quiet.insert(lowered(name));
+    }
+    MsgGroup& group = registerMsgGroup(name);
+    std::lock_guard guard(r.mutex);
+    bool enabled = false;
+    if (!settingFor(r, lowered(name), enabled, false))
+        enabled = false;
+    group.setEnabled(enabled);
+    return group;
 }
 
 MsgGroup* findMsgGroup(const std::string& name) {

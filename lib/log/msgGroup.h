@@ -25,6 +25,9 @@ private:
 // Registers a group (names match case-insensitively; registering a known name returns the
 // same record). Records live until the process ends.
 MsgGroup& registerMsgGroup(const std::string& name);
+// The same for a group that stays off unless the debug settings switch it on (for traces that
+// would flood the log).
+MsgGroup& registerQuietMsgGroup(const std::string& name);
 // The group, or null when no group of that name is registered.
 MsgGroup* findMsgGroup(const std::string& name);
 void unregisterMsgGroup(const std::string& name);
