@@ -3,10 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <set>
 #include <sys/wait.h>
+#include <thread>
 
 using testing_support::readFile;
 using testing_support::TempDir;
@@ -137,4 +140,31 @@ TEST(PelsuCli, EveryCorpusFeedEndsInAFeedOrAKnownMessage) {
     }
     EXPECT_GT(files, 800);
     EXPECT_GT(feeds, 300);
+}
+
+TEST(PelsuCli, RunKeepsTheScheduleAndStopsCleanlyOnAnInterrupt) {
+    TempDir home;
+    const std::string cliPath = (testing_support::binaryDir() / "cli" / "pelsu-cli").string();
+    const std::string start = "'" + cliPath + "' --home '" + home.path().string() + "' run > '" +
+                              home.file("run.out") + "' 2>&1 & echo $! > '" + home.file("pid") +
+                              "'";
+    ASSERT_EQ(std::system(start.c_str()), 0);
+    // The default channel was never fetched, so the worker's first pass (after a second)
+    // updates it.
+    std::string out;
+    for (int i = 0; i < 100 && out.find("new:") == std::string::npos; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        out = readFile(home.file("run.out"));
+    }
+    const std::string pid = readFile(home.file("pid"));
+    ASSERT_EQ(std::system(("kill -INT " + pid).c_str()), 0);
+    for (int i = 0; i < 100 && out.find("Updated ") == std::string::npos; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        out = readFile(home.file("run.out"));
+    }
+    EXPECT_NE(out.find("Updating PelsuNews"), std::string::npos) << out;
+    EXPECT_NE(out.find("Stopping..."), std::string::npos) << out;
+    EXPECT_NE(out.find("Updated 1 channel(s): 3 new item(s)"), std::string::npos) << out;
+    const CliRun list = cli(home.path().string(), "list");
+    EXPECT_NE(list.out.find("Pelsu News"), std::string::npos) << list.out;
 }
