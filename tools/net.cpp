@@ -285,9 +285,16 @@ void setUp(Transfer& transfer, bool forceDownload) {
     curl_easy_setopt(h, CURLOPT_FOLLOWLOCATION, 1L);
     curl_easy_setopt(h, CURLOPT_MAXREDIRS, 20L);
     curl_easy_setopt(h, CURLOPT_ACCEPT_ENCODING, "");
+    // HTTP/1.1 even over TLS: HTTP/2 responses carry no reason phrase for the status text.
+    curl_easy_setopt(h, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
     curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(h, CURLOPT_BUFFERSIZE, kReadStep);
     curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT, options.connectTimeoutSeconds);
+    // A declared length past the limit fails before the body is read; the write callback
+    // still counts the decoded bytes, which compression can make far larger.
+    if (options.maxBodyBytes != 0)
+        curl_easy_setopt(h, CURLOPT_MAXFILESIZE_LARGE,
+                         static_cast<curl_off_t>(options.maxBodyBytes));
     if (options.lowSpeedTimeSeconds > 0) {
         curl_easy_setopt(h, CURLOPT_LOW_SPEED_LIMIT, 1L);
         curl_easy_setopt(h, CURLOPT_LOW_SPEED_TIME, options.lowSpeedTimeSeconds);
@@ -319,7 +326,7 @@ void perform(Transfer& transfer, const std::string& failedText) {
     const std::string& url = transfer.url;
     if (transfer.aborted)
         throw Exception("The download was aborted: " + url);
-    if (transfer.tooLarge)
+    if (transfer.tooLarge || rc == CURLE_FILESIZE_EXCEEDED)
         throw Exception("The download is larger than the limit of " +
                         std::to_string(transfer.session.options().maxBodyBytes) + " bytes: " + url);
     switch (rc) {
@@ -439,11 +446,13 @@ void readUrl(InternetSession& session, const std::string& url, std::string* last
 std::string lastSystemErrorText() {
     const int code = errno;
     if (code != 0) {
-        const char* text = std::strerror(code);
+        // strerror_r: listener threads call this too, and strerror may share one buffer.
+        char buffer[1024] = "";
+        const char* text = strerror_r(code, buffer, sizeof buffer);
         if (text && *text)
             return text;
     }
-    return "system error " + std::to_string(code);
+    return "errno " + std::to_string(code);
 }
 
 } // namespace tools

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <mutex>
@@ -189,6 +190,17 @@ TEST(ReadUrl, LimitsEndStalledAndOversizedDownloads) {
     server.server().Get("/huge", [](const httplib::Request&, httplib::Response& res) {
         res.set_content(std::string(100000, 'h'), "application/octet-stream");
     });
+    // Without a declared length the limit is enforced while the body arrives.
+    server.server().Get("/streamed", [](const httplib::Request&, httplib::Response& res) {
+        res.set_chunked_content_provider("text/plain", [](size_t, httplib::DataSink& sink) {
+            const std::string chunk(10000, 's');
+            for (int i = 0; i < 10; ++i)
+                if (!sink.write(chunk.data(), chunk.size()))
+                    return false;
+            sink.done();
+            return true;
+        });
+    });
     ASSERT_TRUE(server.start());
     NetOptions options = honouringPort();
     options.lowSpeedTimeSeconds = 1;
@@ -198,6 +210,8 @@ TEST(ReadUrl, LimitsEndStalledAndOversizedDownloads) {
               "The download timed out: " + server.url("/silent"));
     EXPECT_EQ(failureOf(session, server.url("/huge")),
               "The download is larger than the limit of 50000 bytes: " + server.url("/huge"));
+    EXPECT_EQ(failureOf(session, server.url("/streamed")),
+              "The download is larger than the limit of 50000 bytes: " + server.url("/streamed"));
     release = true;
 }
 
@@ -282,4 +296,11 @@ TEST(ReadUrl, ManyThreadsShareOneSession) {
     for (auto& thread : threads)
         thread.join();
     EXPECT_EQ(good, 100);
+}
+
+TEST(LastSystemErrorText, GivesTheErrorsTextOrItsNumber) {
+    errno = ENOENT;
+    EXPECT_EQ(tools::lastSystemErrorText(), "No such file or directory");
+    errno = 0;
+    EXPECT_EQ(tools::lastSystemErrorText(), "errno 0");
 }
