@@ -8,14 +8,15 @@ namespace channels {
 
 namespace {
 
-// Writes "[Kind:" name and the rest, or "[Kind:<unknown>]" without a channel.
+// Writes "[Kind:" name ":" detail "]", or "[Kind:<unknown>]" without a channel.
+template <typename Detail>
 void writeChannelEvent(std::ostream& out, const char* kind, const Channel* channel,
-                       const std::string& rest) {
+                       const Detail& detail) {
     if (!channel) {
         out << '[' << kind << ":<unknown>]";
         return;
     }
-    out << '[' << kind << ':' << channel->name() << rest << ']';
+    out << '[' << kind << ':' << channel->name() << ':' << detail << ']';
 }
 
 } // namespace
@@ -40,15 +41,15 @@ void EndChannelUpdateEvent::write(std::ostream& out) const {
 }
 
 void NewFeedItemEvent::write(std::ostream& out) const {
-    writeChannelEvent(out, "NewFeedItemEvent", m_channel, ":" + std::to_string(m_index));
+    writeChannelEvent(out, "NewFeedItemEvent", m_channel, m_index);
 }
 
 void ExpiredFeedItemEvent::write(std::ostream& out) const {
-    writeChannelEvent(out, "ExpiredFeedItemEvent", m_channel, ":" + std::to_string(m_index));
+    writeChannelEvent(out, "ExpiredFeedItemEvent", m_channel, m_index);
 }
 
 void ChannelErrorEvent::write(std::ostream& out) const {
-    writeChannelEvent(out, "ChannelErrorEvent", m_channel, ":" + m_message);
+    writeChannelEvent(out, "ChannelErrorEvent", m_channel, m_message);
 }
 
 void AppPluginErrorEvent::write(std::ostream& out) const {
