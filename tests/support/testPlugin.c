@@ -1,0 +1,63 @@
+/* A library plugin for the tests. Environment variables make it misbehave:
+ * PELSU_TEST_PLUGIN_MISSING=process_request leaves that entry point out,
+ * PELSU_TEST_PLUGIN_FAIL makes load_plugin fail, PELSU_TEST_PLUGIN_EMPTY gives an empty page. */
+#include "include/pelsuPlugin.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+static int32_t loadPlugin(const char* configFilename, char* errorBuffer) {
+    (void)configFilename;
+    if (getenv("PELSU_TEST_PLUGIN_FAIL")) {
+        strcpy(errorBuffer, "no licence");
+        return 1;
+    }
+    const int32_t words[3] = {11, 22, 33};
+    memcpy(errorBuffer, words, sizeof words);
+    return 0;
+}
+
+static int32_t unloadPlugin(char* errorBuffer) {
+    (void)errorBuffer;
+    return 0;
+}
+
+static void* pluginMalloc(size_t size) { return malloc(size); }
+static void pluginFree(void* buffer) { free(buffer); }
+
+static int32_t generateMainPage(char** page, int32_t* length, char* errorBuffer) {
+    (void)errorBuffer;
+    const char* text =
+        getenv("PELSU_TEST_PLUGIN_EMPTY") ? "" : "<a href=\"{%APP_PLUGIN_SERVER_URL%}/x\">main</a>";
+    *page = malloc(strlen(text) + 1);
+    strcpy(*page, text);
+    *length = (int32_t)strlen(text);
+    return 0;
+}
+
+static int32_t processRequest(const char* request, const char* paramString, char** response,
+                              int32_t* length, char* errorBuffer) {
+    if (strcmp(request, "fail") == 0) {
+        strcpy(errorBuffer, "the request failed");
+        return 2;
+    }
+    char* text = malloc(512);
+    snprintf(text, 512, "%s|%s|{%%PLUGIN_SERVER_URL%%}|{%%APP_PLUGIN_SERVER_URL%%}", request,
+             paramString);
+    *response = text;
+    *length = (int32_t)strlen(text);
+    return 0;
+}
+
+int32_t get_plugin_info(PelsuPluginInfo* info) {
+    const char* missing = getenv("PELSU_TEST_PLUGIN_MISSING");
+    info->load_plugin = loadPlugin;
+    info->unload_plugin = unloadPlugin;
+    info->plugin_malloc = pluginMalloc;
+    info->plugin_free = pluginFree;
+    info->generate_main_page = generateMainPage;
+    info->process_request =
+        missing && strcmp(missing, "process_request") == 0 ? NULL : processRequest;
+    return 0;
+}
