@@ -1,11 +1,14 @@
 // pelsu-cli add, remove, list and show.
 
 #include "channels/channelManager.h"
+#include "channels/common.h"
+#include "channels/pluginChannel.h"
 #include "channels/rssChannel.h"
 #include "cli/commands.h"
 #include "cli/engine.h"
 #include "cli/environment.h"
 #include "lib/misc/exception.h"
+#include "lib/misc/iniValues.h"
 
 #include <cctype>
 #include <cstdio>
@@ -28,36 +31,73 @@ std::string formatTime(std::int32_t time) {
     return text;
 }
 
+// A plugin channel's script: a path, or a path under the program's app-plugins directory.
+std::string findScript(const std::string& name, const Environment& environment) {
+    if (std::filesystem::exists(name))
+        return std::filesystem::absolute(name).lexically_normal().string();
+    const auto inPlugins = std::filesystem::path(environment.paths.appPluginsDir) / name;
+    if (std::filesystem::exists(inPlugins))
+        return inPlugins.lexically_normal().string();
+    throw channels::Exception("Can't find the plugin script: " + name);
+}
+
 int runAdd(const CommandContext& context) {
-    std::string address, id;
+    std::string address, id, script;
+    std::vector<std::pair<std::string, std::string>> parameters;
     int interval = -1;
     for (size_t i = 0; i < context.args.size(); ++i) {
         const std::string& arg = context.args[i];
-        if (arg == "--id" && i + 1 < context.args.size())
+        const bool hasValue = i + 1 < context.args.size();
+        if (arg == "--id" && hasValue) {
             id = context.args[++i];
-        else if (arg == "--interval" && i + 1 < context.args.size())
+        } else if (arg == "--interval" && hasValue) {
             interval = parseCount(context.args[++i], "--interval");
-        else if (address.empty() && arg[0] != '-')
+        } else if (arg == "--plugin" && hasValue) {
+            script = context.args[++i];
+        } else if (arg == "--param" && hasValue) {
+            const std::string& pair = context.args[++i];
+            const auto equals = pair.find('=');
+            if (equals == std::string::npos || equals == 0)
+                throw UsageError("--param needs NAME=VALUE, not '" + pair + "'");
+            parameters.emplace_back(pair.substr(0, equals), pair.substr(equals + 1));
+        } else if (address.empty() && !arg.empty() && arg[0] != '-') {
             address = arg;
-        else
+        } else {
             throw UsageError("unexpected argument: " + arg);
+        }
     }
-    if (address.empty())
-        throw UsageError("add needs the feed's address");
-    if (address.find("://") == std::string::npos && std::filesystem::exists(address))
+    if (address.empty() == script.empty())
+        throw UsageError("add needs either the feed's address or --plugin SCRIPT");
+    if (!parameters.empty() && script.empty())
+        throw UsageError("--param goes with --plugin");
+    if (!address.empty() && address.find("://") == std::string::npos &&
+        std::filesystem::exists(address))
         address = std::filesystem::absolute(address).lexically_normal().string();
     Engine engine(context);
     auto& manager = engine.manager();
+    if (!script.empty())
+        script = findScript(script, engine.environment());
     if (id.empty())
-        id = idFromAddress(address, manager);
+        id = idFromAddress(script.empty() ? address : script, manager);
     if (!isValidChannelId(id))
         throw UsageError("a channel ID may hold letters, digits, '-', '_' and '.': " + id);
-    auto channel = std::make_unique<channels::RssChannel>(&manager, id);
-    channel->config().setRssChannelUrl(address);
+    std::unique_ptr<channels::Channel> channel;
+    if (script.empty()) {
+        auto rss = std::make_unique<channels::RssChannel>(&manager, id);
+        rss->config().setRssChannelUrl(address);
+        channel = std::move(rss);
+    } else {
+        auto plugin = std::make_unique<channels::PluginChannel>(&manager, id);
+        plugin->config().setScriptFilename(script);
+        channel = std::move(plugin);
+    }
     if (interval >= 0)
         channel->settings().setAutoUpdateInterval(interval);
-    manager.addChannel(std::move(channel));
-    std::cout << "Added channel " << id << ": " << address << '\n';
+    channels::Channel* added = manager.addChannel(std::move(channel));
+    for (const auto& [name, value] : parameters)
+        profile::writeIniString(added->fileName(), channels::kChannelParametersSection, name,
+                                value);
+    std::cout << "Added channel " << id << ": " << (script.empty() ? address : script) << '\n';
     return kExitOk;
 }
 
@@ -118,8 +158,10 @@ extern const Command kRemoveCommand;
 extern const Command kListCommand;
 extern const Command kShowCommand;
 
-const Command kAddCommand{"add", "URL [--id ID] [--interval SECONDS]",
-                          "subscribes to a feed (an http address or a local file)", &runAdd};
+const Command kAddCommand{
+    "add", "URL|--plugin SCRIPT [--param NAME=VALUE]... [--id ID] [--interval SECONDS]",
+    "subscribes to a feed (an http address or a local file) or to a channel plugin script",
+    &runAdd};
 const Command kRemoveCommand{"remove", "ID", "deletes a channel and its file", &runRemove};
 const Command kListCommand{"list", "", "lists the channels", &runList};
 const Command kShowCommand{"show", "ID", "shows a channel's items", &runShow};

@@ -11,11 +11,14 @@ extern const Command kRunCommand;
 extern const Command kImportOpmlCommand;
 extern const Command kExportOpmlCommand;
 extern const Command kParseCommand;
+extern const Command kPluginsCommand;
+extern const Command kPluginCommand;
 
 const std::vector<Command>& commands() {
     static const std::vector<Command> table = {
-        kAddCommand, kRemoveCommand,     kListCommand,       kShowCommand, kUpdateCommand,
-        kRunCommand, kImportOpmlCommand, kExportOpmlCommand, kParseCommand};
+        kAddCommand,     kRemoveCommand, kListCommand,       kShowCommand,
+        kUpdateCommand,  kRunCommand,    kImportOpmlCommand, kExportOpmlCommand,
+        kPluginsCommand, kPluginCommand, kParseCommand};
     return table;
 }
 

@@ -168,3 +168,26 @@ TEST(PelsuCli, RunKeepsTheScheduleAndStopsCleanlyOnAnInterrupt) {
     const CliRun list = cli(home.path().string(), "list");
     EXPECT_NE(list.out.find("Pelsu News"), std::string::npos) << list.out;
 }
+
+TEST(PelsuCli, SamplePluginsLoadAndAnswer) {
+    TempDir home, folder;
+    const CliRun list = cli(home.path().string(), "plugins");
+    EXPECT_EQ(list.status, 0) << list.out;
+    for (const char* id : {"FolderFeed ", "Hello ", "Statistics "})
+        EXPECT_NE(list.out.find(id), std::string::npos) << list.out;
+    const CliRun greet = cli(home.path().string(), "plugin Hello greet 'who=me'");
+    EXPECT_NE(greet.out.find("You asked for greet with 'who=me'"), std::string::npos) << greet.out;
+    EXPECT_NE(greet.out.find("href=\"http://127.0.0.1:2605/Hello\""), std::string::npos);
+    const CliRun stats = cli(home.path().string(), "plugin Statistics");
+    EXPECT_NE(stats.out.find("<h1>My channels</h1>"), std::string::npos) << stats.out;
+    EXPECT_EQ(cli(home.path().string(), "plugin Nobody").status, 1);
+
+    writeFile(folder.file("note <1>.txt"), "x");
+    const CliRun added =
+        cli(home.path().string(), "add --plugin folderFeed/folderFeed.sh --param 'Folder=" +
+                                      folder.path().string() + "' --id files");
+    ASSERT_EQ(added.status, 0) << added.out;
+    const CliRun update = cli(home.path().string(), "update files");
+    EXPECT_EQ(update.status, 0) << update.out;
+    EXPECT_NE(update.out.find("new:     note <1>.txt"), std::string::npos) << update.out;
+}

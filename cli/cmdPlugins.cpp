@@ -1,0 +1,89 @@
+// pelsu-cli plugins and plugin: the app plugins, their load errors, their pages.
+
+#include "channels/appPluginManager.h"
+#include "channels/dllAppPlugin.h"
+#include "cli/commands.h"
+#include "cli/engine.h"
+#include "lib/misc/exception.h"
+
+#include <fstream>
+#include <iostream>
+#include <sstream>
+
+namespace cli {
+
+namespace {
+
+class ErrorCollector : public channels::EventListener {
+public:
+    std::vector<std::string> messages;
+    void onAppPluginError(channels::AppPluginErrorEvent& event) override {
+        messages.push_back(event.errorText());
+    }
+};
+
+// Loads the plugins of the program directory; returns the load errors.
+std::vector<std::string> loadPlugins(const Environment& environment) {
+    auto& plugins = channels::AppPluginManager::instance();
+    plugins.setAppPluginsDir(environment.paths.appPluginsDir);
+    plugins.setScriptTimeout(environment.options.scriptTimeout);
+    plugins.setPorts(0, environment.options.appPluginServerPortNo);
+    ErrorCollector errors;
+    plugins.addListener(&errors);
+    plugins.loadAppPlugins();
+    plugins.removeListener(&errors);
+    return errors.messages;
+}
+
+int runPlugins(const CommandContext& context) {
+    if (!context.args.empty())
+        throw UsageError("plugins takes no arguments");
+    const Environment environment = startEnvironment(context);
+    const std::vector<std::string> errors = loadPlugins(environment);
+    auto& plugins = channels::AppPluginManager::instance();
+    std::printf("%-16s %-8s %-32s %s\n", "ID", "KIND", "NAME", "FILE");
+    for (const std::string& id : plugins.appPluginIds()) {
+        channels::AppPlugin* plugin = plugins.findAppPlugin(id);
+        const bool library = dynamic_cast<channels::DllAppPlugin*>(plugin) != nullptr;
+        std::printf("%-16s %-8s %-32s %s\n", id.c_str(), library ? "library" : "script",
+                    toUtf8(plugin->displayName()).c_str(), plugin->configFilename().c_str());
+    }
+    for (const std::string& error : errors)
+        std::cout << "error: " << toUtf8(error) << '\n';
+    return errors.empty() ? kExitOk : kExitFailure;
+}
+
+int runPlugin(const CommandContext& context) {
+    if (context.args.empty() || context.args.size() > 3)
+        throw UsageError("plugin needs an ID, and takes a request and its parameters");
+    const Environment environment = startEnvironment(context);
+    loadPlugins(environment);
+    channels::AppPlugin* plugin =
+        channels::AppPluginManager::instance().findAppPlugin(context.args[0]);
+    if (!plugin)
+        throw channels::Exception("No app plugin with the ID " + context.args[0] +
+                                  " (pelsu-cli plugins lists them).");
+    if (context.args.size() == 1) {
+        plugin->GenerateMainPage();
+        std::ifstream in(plugin->mainPageFile(), std::ios::binary);
+        std::cout << in.rdbuf();
+        return kExitOk;
+    }
+    std::string response;
+    plugin->ProcessRequest(context.args[1], context.args.size() > 2 ? context.args[2] : "",
+                           response, nullptr);
+    std::cout << response;
+    return kExitOk;
+}
+
+} // namespace
+
+extern const Command kPluginsCommand;
+extern const Command kPluginCommand;
+
+const Command kPluginsCommand{"plugins", "", "lists the app plugins and their load errors",
+                              &runPlugins};
+const Command kPluginCommand{"plugin", "ID [REQUEST [PARAMS]]",
+                             "prints a plugin's main page, or its answer to a request", &runPlugin};
+
+} // namespace cli
