@@ -268,6 +268,7 @@ std::uint32_t runScriptProcess(const std::string& commandLine, const std::string
     const auto deadline =
         std::chrono::steady_clock::now() + std::chrono::seconds(std::max(0, timeoutSeconds));
     int status = 0;
+    std::chrono::microseconds pause(50);
     for (;;) {
         const pid_t done = ::waitpid(child, &status, WNOHANG);
         if (done == child)
@@ -278,7 +279,9 @@ std::uint32_t runScriptProcess(const std::string& commandLine, const std::string
             ::waitpid(child, &status, 0);
             throw Exception(aborted ? "The script was stopped." : "The script timed out.");
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        // Short scripts are noticed at once; long ones are looked at every 10 ms.
+        std::this_thread::sleep_for(pause);
+        pause = std::min(pause * 2, std::chrono::microseconds(10000));
     }
     // Helpers the script left behind in its group go with it.
     ::kill(-child, SIGKILL);

@@ -10,7 +10,8 @@ static char g_configFile[1024];
 
 static int32_t loadPlugin(const char* configFilename, char* errorBuffer) {
     if (strlen(configFilename) >= sizeof g_configFile) {
-        snprintf(errorBuffer, PELSU_PLUGIN_ERROR_SIZE, "The path is too long: %s", configFilename);
+        snprintf(errorBuffer, PELSU_PLUGIN_ERROR_SIZE, "The path is too long: %.900s",
+                 configFilename);
         return 1;
     }
     strcpy(g_configFile, configFilename);
