@@ -163,9 +163,24 @@ TEST_F(AppPluginTest, EveryLoadFaultIsAnEventAndTheOthersLoad) {
 TEST_F(AppPluginTest, LibraryFaultsAreCheckedInOrder) {
     library("a.so");
     writeFile(m_dir.file("a.plugin"), "[Config]\nPlugin=a.so\n");
-    fs::copy_file("/bin/true", m_dir.file("notalib.so"));
+    // A real library that is no plugin: the C library's mathematics.
+    for (const char* libm :
+         {"/lib/x86_64-linux-gnu/libm.so.6", "/usr/lib/x86_64-linux-gnu/libm.so.6",
+          "/lib64/libm.so.6", "/usr/lib/libm.so.6"})
+        if (fs::exists(libm)) {
+            fs::copy_file(libm, m_dir.file("m.so"));
+            break;
+        }
+    writeFile(m_dir.file("m.plugin"), "[Config]\nPlugin=m.so\n");
     ::setenv("PELSU_TEST_PLUGIN_MISSING", "process_request", 1);
     m_manager.loadAppPlugins();
+    ASSERT_EQ(m_errors.messages.size(), 2u);
+    std::sort(m_errors.messages.begin(), m_errors.messages.end());
+    EXPECT_EQ(
+        m_errors.messages[1],
+        "Can't load the plugin m.plugin: Can't find the DLL's get_plugin_info() entry point.");
+    m_errors.messages.erase(m_errors.messages.begin() + 1);
+    fs::remove(m_dir.file("m.plugin"));
     ::unsetenv("PELSU_TEST_PLUGIN_MISSING");
     ::setenv("PELSU_TEST_PLUGIN_FAIL", "1", 1);
     m_manager.clear();
