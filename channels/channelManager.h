@@ -94,6 +94,8 @@ private:
     std::unique_ptr<Channel> makeChannel(const std::string& id, const std::string& extension);
     void workerLoop();
     void updateFeed(Channel& channel);
+    // Fills the channel's summary page after an update; a failure is only logged.
+    void writeSummaryPage(Channel& channel);
     std::shared_ptr<Channel> takeNextChannel(std::vector<std::shared_ptr<Channel>>& due,
                                              bool& isExplicit);
 

@@ -2,10 +2,12 @@
 // one by item id, raise events for expired and new items, replace and save.
 
 #include "channels/channelManager.h"
+#include "channels/channelSummaryPage.h"
 #include "channels/common.h"
 #include "lib/log/log.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <map>
 
 namespace channels {
@@ -103,7 +105,18 @@ void ChannelManager::updateChannel(Channel& channel, bool isExplicit) {
     raiseEvent(end);
 }
 
+void ChannelManager::writeSummaryPage(Channel& channel) {
+    try {
+        writeChannelSummaryPage(channel,
+                                std::filesystem::path(m_channelsDir).parent_path().string());
+    } catch (const std::exception& failure) {
+        PELSU_LOG(channelManagerActivityGroup(),
+                  "Can't write the channel summary page: " << failure.what());
+    }
+}
+
 void ChannelManager::updateFeed(Channel& channel) {
+    std::error_code ignoredError;
     auto& group = channelManagerActivityGroup();
     PELSU_LOG(group, "Building an index of the old feed items.");
     const FeedIndex oldIndex = indexFeed(channel.state().feed());
@@ -116,6 +129,9 @@ void ChannelManager::updateFeed(Channel& channel) {
         return;
 
     FeedIndex newIndex;
+    const bool changed = newFeed != nullptr;
+    const bool summaryWritten =
+        std::filesystem::file_size(channel.summaryPage().path(), ignoredError) > 0;
     if (!newFeed) {
         PELSU_LOG(group, "Feed is unchanged.");
     } else {
@@ -150,6 +166,8 @@ void ChannelManager::updateFeed(Channel& channel) {
         ChannelErrorEvent error(now(), &channel, "Can't save the channel details.", failure.what());
         raiseEvent(error);
     }
+    if (changed || !summaryWritten)
+        writeSummaryPage(channel);
     PELSU_LOG(group, "Channel update complete.");
 }
 

@@ -1,6 +1,7 @@
 // pelsu-cli add, remove, list and show.
 
 #include "channels/channelManager.h"
+#include "channels/channelSummaryPage.h"
 #include "channels/common.h"
 #include "channels/pluginChannel.h"
 #include "channels/rssChannel.h"
@@ -151,8 +152,25 @@ int runShow(const CommandContext& context) {
     return kExitOk;
 }
 
+int runPage(const CommandContext& context) {
+    if (context.args.size() != 1)
+        throw UsageError("page needs one channel ID");
+    Engine engine(context);
+    channels::Channel& channel = engine.requireChannel(context.args[0]);
+    const auto& paths = engine.environment().paths;
+    const std::string page = channels::writeChannelSummaryPage(channel, paths.userDir);
+    // The channel's own page file goes with the program; this copy stays.
+    const auto pages = std::filesystem::path(paths.userDir) / "Pages";
+    std::filesystem::create_directories(pages);
+    const auto copy = pages / (channel.id() + ".html");
+    std::filesystem::copy_file(page, copy, std::filesystem::copy_options::overwrite_existing);
+    std::cout << copy.string() << '\n';
+    return kExitOk;
+}
+
 } // namespace
 
+extern const Command kPageCommand;
 extern const Command kAddCommand;
 extern const Command kRemoveCommand;
 extern const Command kListCommand;
@@ -164,6 +182,8 @@ const Command kAddCommand{
     &runAdd};
 const Command kRemoveCommand{"remove", "ID", "deletes a channel and its file", &runRemove};
 const Command kListCommand{"list", "", "lists the channels", &runList};
+const Command kPageCommand{"page", "ID", "writes the channel's summary page and prints where it is",
+                           &runPage};
 const Command kShowCommand{"show", "ID", "shows a channel's items", &runShow};
 
 } // namespace cli

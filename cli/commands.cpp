@@ -6,6 +6,7 @@ extern const Command kAddCommand;
 extern const Command kRemoveCommand;
 extern const Command kListCommand;
 extern const Command kShowCommand;
+extern const Command kPageCommand;
 extern const Command kUpdateCommand;
 extern const Command kRunCommand;
 extern const Command kImportOpmlCommand;
@@ -16,9 +17,9 @@ extern const Command kPluginCommand;
 
 const std::vector<Command>& commands() {
     static const std::vector<Command> table = {
-        kAddCommand,     kRemoveCommand, kListCommand,       kShowCommand,
-        kUpdateCommand,  kRunCommand,    kImportOpmlCommand, kExportOpmlCommand,
-        kPluginsCommand, kPluginCommand, kParseCommand};
+        kAddCommand,        kRemoveCommand,  kListCommand,   kShowCommand,
+        kPageCommand,       kUpdateCommand,  kRunCommand,    kImportOpmlCommand,
+        kExportOpmlCommand, kPluginsCommand, kPluginCommand, kParseCommand};
     return table;
 }
 

@@ -72,4 +72,31 @@ std::string stripMarkup(const std::string& text) {
     return decodeEntities(out);
 }
 
+std::string plainText(const std::string& html) {
+    std::string text;
+    text.reserve(html.size());
+    bool inTag = false;
+    for (char c : html) {
+        if (c == '<')
+            inTag = true;
+        else if (c == '>' && inTag) {
+            inTag = false;
+            text += ' ';
+        } else if (!inTag)
+            text += c;
+    }
+    const std::string decoded = decodeEntities(text);
+    std::string out;
+    for (char c : decoded) {
+        const bool blank = std::isspace(static_cast<unsigned char>(c)) != 0;
+        if (!blank)
+            out += c;
+        else if (!out.empty() && out.back() != ' ')
+            out += ' ';
+    }
+    while (!out.empty() && out.back() == ' ')
+        out.pop_back();
+    return out;
+}
+
 } // namespace htmlStripper

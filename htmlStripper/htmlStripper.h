@@ -15,4 +15,8 @@ std::string decodeEntities(const std::string& text);
 // quotes and tags are kept, non-printable ones as blanks. Then decodes entities as above.
 std::string stripMarkup(const std::string& text);
 
+// Plain text for display: tags removed (a tag ends a word), entities decoded, runs of white
+// space made one blank. Unlike stripMarkup, quoted prose is kept.
+std::string plainText(const std::string& html);
+
 } // namespace htmlStripper

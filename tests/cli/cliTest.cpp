@@ -191,3 +191,12 @@ TEST(PelsuCli, SamplePluginsLoadAndAnswer) {
     EXPECT_EQ(update.status, 0) << update.out;
     EXPECT_NE(update.out.find("new:     note <1>.txt"), std::string::npos) << update.out;
 }
+
+TEST(PelsuCli, PageWritesTheSummaryPageThatStays) {
+    TempDir home;
+    ASSERT_EQ(cli(home.path().string(), "update PelsuNews").status, 0);
+    const CliRun page = cli(home.path().string(), "page PelsuNews");
+    ASSERT_EQ(page.status, 0) << page.out;
+    const std::string path = page.out.substr(0, page.out.find('\n'));
+    EXPECT_NE(readFile(path).find("Working offline"), std::string::npos) << path;
+}
