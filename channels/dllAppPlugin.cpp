@@ -79,8 +79,11 @@ void DllAppPlugin::GenerateMainPage() {
     ErrorBuffer buffer;
     if (m_info->generate_main_page(&page, &length, buffer.text) != 0)
         throw Exception(buffer.message());
-    if (!page || length <= 0)
+    if (!page || length <= 0) {
+        if (page)
+            m_info->plugin_free(page); // an empty page is still the library's buffer
         throw Exception("The plugin returned an empty main page.");
+    }
     const std::string copy(page, static_cast<std::size_t>(length));
     threadSafety::ScopedLock lock(m_lock);
     std::ofstream& out = m_mainPage.reopen(true);
