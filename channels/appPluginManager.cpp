@@ -37,9 +37,11 @@ AppPluginManager& AppPluginManager::instance() {
 }
 
 void AppPluginManager::loadAppPlugins() {
-    threadSafety::ScopedLock lock(m_lock);
-    PELSU_LOG(pluginLoadGroup(), "Starting to load app plugins: appPluginDir=" << m_appPluginsDir);
-    doLoadAppPlugins(m_appPluginsDir);
+    // The manager's lock is not held while plugins load: a plugin takes its own lock first and
+    // the manager's after it, never the other way round.
+    const std::string dir = getAppPluginsDir();
+    PELSU_LOG(pluginLoadGroup(), "Starting to load app plugins: appPluginDir=" << dir);
+    doLoadAppPlugins(dir);
 }
 
 void AppPluginManager::doLoadAppPlugins(const std::string& dir) {
@@ -92,7 +94,11 @@ void AppPluginManager::loadPluginFile(const std::string& path, const std::string
             plugin = std::make_unique<ScriptAppPlugin>(this);
         plugin->loadAppPlugin(path);
         const std::string id = plugin->id();
-        m_plugins[id] = std::move(plugin); // a later file with the same id replaces the earlier
+        std::unique_ptr<AppPlugin> replaced; // goes after the manager's lock is released
+        threadSafety::ScopedLock lock(m_lock);
+        auto& slot = m_plugins[id];
+        replaced = std::move(slot); // a later file with the same id replaces the earlier
+        slot = std::move(plugin);
     } catch (const std::exception& failure) {
         PELSU_LOG(pluginLoadGroup(), "Plugin didn't load: " << failure.what());
         const std::string message = "Can't load the plugin " + name + ": " + failure.what();
@@ -164,8 +170,11 @@ void AppPluginManager::setChannelManager(ChannelManager* manager) {
     m_channelManager = manager;
 }
 void AppPluginManager::clear() {
-    threadSafety::ScopedLock lock(m_lock);
-    m_plugins.clear();
+    std::map<std::string, std::unique_ptr<AppPlugin>> plugins;
+    {
+        threadSafety::ScopedLock lock(m_lock);
+        plugins.swap(m_plugins);
+    }
 }
 
 std::string AppPluginManager::buildScriptCommandLine(const std::string& scriptFilename,
