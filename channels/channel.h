@@ -38,6 +38,8 @@ public:
     virtual void changeLoopbackPort(int oldPort, int newPort);
     // ".rss" or ".plugin".
     virtual const char* fileExtension() const = 0;
+    // Where the feed comes from: the feed's address or the plugin's script.
+    virtual std::string address() const = 0;
 
     const std::string& id() const { return m_id; }
     ChannelManager* manager() const { return m_manager; }

@@ -1,8 +1,6 @@
 #include "channels/channelSummaryPage.h"
 
 #include "channels/channel.h"
-#include "channels/pluginChannel.h"
-#include "channels/rssChannel.h"
 #include "htmlStripper/htmlStripper.h"
 #include "lib/misc/exception.h"
 #include "templateProcessor/templateProcessor.h"
@@ -43,25 +41,6 @@ std::string safeUrl(const std::string& url) {
     return "#";
 }
 
-std::string timeText(std::int32_t time) {
-    if (time == 0)
-        return "never";
-    std::time_t value = time;
-    std::tm local{};
-    localtime_r(&value, &local);
-    char text[64];
-    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M", &local);
-    return text;
-}
-
-std::string address(const Channel& channel) {
-    if (auto* rss = dynamic_cast<const RssChannel*>(&channel))
-        return rss->config().rssChannelUrl();
-    if (auto* plugin = dynamic_cast<const PluginChannel*>(&channel))
-        return plugin->config().scriptFilename();
-    return "";
-}
-
 templateProcessor::Variables channelVariables(Channel& channel, const std::string& background) {
     const Feed& feed = channel.state().feed();
     const FeedChannelFields& fields = feed.channel();
@@ -87,8 +66,8 @@ templateProcessor::Variables channelVariables(Channel& channel, const std::strin
         {"CHANNEL-LAST-BUILD-DATE", fields.lastBuildDateString},
         {"CHANNEL-GENERATOR", fields.feedGenerator},
         {"CHANNEL-ITEM-COUNT", std::to_string(feed.itemCount())},
-        {"CHANNEL-LAST-FETCH", timeText(channel.state().lastFetchTime())},
-        {"CHANNEL-ADDRESS", address(channel)},
+        {"CHANNEL-LAST-FETCH", fetchTimeText(channel.state().lastFetchTime())},
+        {"CHANNEL-ADDRESS", channel.address()},
         {"BACKGROUND-IMAGE", "file://" + background},
     };
 }
@@ -110,6 +89,17 @@ std::vector<templateProcessor::Variables> itemRows(const Feed& feed) {
 }
 
 } // namespace
+
+std::string fetchTimeText(std::int32_t time) {
+    if (time == 0)
+        return "never";
+    std::time_t value = time;
+    std::tm local{};
+    localtime_r(&value, &local);
+    char text[64];
+    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M", &local);
+    return text;
+}
 
 std::string writeChannelSummaryPage(Channel& channel, const std::string& userDir) {
     std::string templateName = channel.config().channelSummaryTemplateFilename();

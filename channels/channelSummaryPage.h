@@ -9,6 +9,7 @@
 // ITEM-PUBDATE.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 namespace channels {
@@ -19,5 +20,8 @@ class Channel;
 // path. Relative template and background names are taken from userDir. Throws
 // channels::Exception when the template can't be read or is malformed.
 std::string writeChannelSummaryPage(Channel& channel, const std::string& userDir);
+
+// A fetch time as shown to the user ("2026-11-23 08:00", local time), or "never" for 0.
+std::string fetchTimeText(std::int32_t time);
 
 } // namespace channels

@@ -17,6 +17,7 @@ public:
 
     void fetch(std::string& text, bool firstFetch, bool& unchanged) override;
     const char* fileExtension() const override { return ".plugin"; }
+    std::string address() const override { return m_config.scriptFilename(); }
     bool channelParameterFlag(const std::string& name, bool defaultValue) const override;
 
     // The plugin's description file: the script's path with the extension ".plugin".

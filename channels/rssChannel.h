@@ -20,6 +20,7 @@ public:
     void fetch(std::string& text, bool firstFetch, bool& unchanged) override;
     void changeLoopbackPort(int oldPort, int newPort) override;
     const char* fileExtension() const override { return ".rss"; }
+    std::string address() const override { return m_config.rssChannelUrl(); }
 
 private:
     RssChannelConfig m_config;

@@ -5,6 +5,7 @@
 #include "htmlStripper/htmlStripper.h"
 #include "lib/log/log.h"
 #include "lib/misc/exception.h"
+#include "lib/misc/text.h"
 
 #include <cctype>
 #include <cstdlib>
@@ -13,15 +14,6 @@
 namespace channels {
 
 namespace {
-
-std::string trimmed(const std::string& text) {
-    std::size_t begin = 0, end = text.size();
-    while (begin < end && std::isspace(static_cast<unsigned char>(text[begin])))
-        ++begin;
-    while (end > begin && std::isspace(static_cast<unsigned char>(text[end - 1])))
-        --end;
-    return text.substr(begin, end - begin);
-}
 
 bool isSpace(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
 
@@ -258,7 +250,7 @@ void logFeed(const ParseOptions& options, const Feed& feed) {
 } // namespace
 
 std::string cleanFeedText(const std::string& text) {
-    std::string cleaned = trimmed(text);
+    std::string cleaned = misc::trimmed(text);
     for (char& c : cleaned)
         if (c == '\r' || c == '\n')
             c = ' ';
@@ -275,7 +267,7 @@ std::string makeTitle(const std::string& description, const std::string& default
             (isSpace(text[i - 1]) || std::ispunct(static_cast<unsigned char>(text[i - 1]))))
             ++words;
         if (words > 19) {
-            title = trimmed(title) + " ...";
+            title = misc::trimmed(title) + " ...";
             break;
         }
         const bool endsHere = i + 1 == text.size() || isSpace(text[i + 1]);
@@ -285,7 +277,7 @@ std::string makeTitle(const std::string& description, const std::string& default
         if (words > 4 && endsHere && (c == '.' || c == '!' || c == '?'))
             break;
     }
-    title = trimmed(title);
+    title = misc::trimmed(title);
     return title.empty() ? defaultTitle : title;
 }
 

@@ -21,17 +21,6 @@ namespace cli {
 
 namespace {
 
-std::string formatTime(std::int32_t time) {
-    if (time == 0)
-        return "never";
-    std::time_t value = time;
-    std::tm local{};
-    localtime_r(&value, &local);
-    char text[32];
-    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M", &local);
-    return text;
-}
-
 // A plugin channel's script: a path, or a path under the program's app-plugins directory.
 std::string findScript(const std::string& name, const Environment& environment) {
     if (std::filesystem::exists(name))
@@ -124,8 +113,8 @@ int runList(const CommandContext& context) {
         if (settings.isAutoUpdateEnabled())
             state = "auto, every " + std::to_string(settings.autoUpdateInterval()) + " s";
         std::printf("%-24s %-28s %-40s %-16s %5zu  %s\n", channel->id().c_str(),
-                    toUtf8(channel->name()).c_str(), toUtf8(channelAddress(*channel)).c_str(),
-                    formatTime(channel->state().lastFetchTime()).c_str(),
+                    toUtf8(channel->name()).c_str(), toUtf8(channel->address()).c_str(),
+                    channels::fetchTimeText(channel->state().lastFetchTime()).c_str(),
                     channel->state().feed().itemCount(), state.c_str());
     }
     return kExitOk;
@@ -138,8 +127,9 @@ int runShow(const CommandContext& context) {
     channels::Channel& channel = engine.requireChannel(context.args[0]);
     const channels::Feed& feed = channel.state().feed();
     std::cout << toUtf8(channel.name()) << '\n'
-              << "  Address:    " << toUtf8(channelAddress(channel)) << '\n'
-              << "  Last fetch: " << formatTime(channel.state().lastFetchTime()) << '\n'
+              << "  Address:    " << toUtf8(channel.address()) << '\n'
+              << "  Last fetch: " << channels::fetchTimeText(channel.state().lastFetchTime())
+              << '\n'
               << "  Items:      " << feed.itemCount() << "\n\n";
     for (std::size_t i = 0; i < feed.itemCount(); ++i) {
         const channels::FeedItem item = feed.item(i);

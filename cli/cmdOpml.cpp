@@ -5,6 +5,7 @@
 #include "cli/engine.h"
 #include "expat/parser.h"
 #include "lib/misc/exception.h"
+#include "templateProcessor/templateProcessor.h"
 
 #include <fstream>
 #include <iostream>
@@ -47,29 +48,6 @@ protected:
     }
 };
 
-std::string xmlEscaped(const std::string& text) {
-    std::string out;
-    for (char c : text) {
-        switch (c) {
-        case '&':
-            out += "&amp;";
-            break;
-        case '<':
-            out += "&lt;";
-            break;
-        case '>':
-            out += "&gt;";
-            break;
-        case '"':
-            out += "&quot;";
-            break;
-        default:
-            out += c;
-        }
-    }
-    return out;
-}
-
 int runImport(const CommandContext& context) {
     if (context.args.size() != 1)
         throw UsageError("import-opml needs one OPML file");
@@ -84,7 +62,7 @@ int runImport(const CommandContext& context) {
     auto& manager = engine.manager();
     std::set<std::string> known;
     for (channels::Channel* channel : manager.channels())
-        known.insert(channelAddress(*channel));
+        known.insert(channel->address());
     int added = 0, skipped = 0;
     for (const Outline& outline : reader.outlines) {
         if (!known.insert(outline.url).second) {
@@ -111,9 +89,9 @@ int runExport(const CommandContext& context) {
     out << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<opml version=\"2.0\">\n"
         << "<head><title>Pelsu channels</title></head>\n<body>\n";
     for (channels::Channel* channel : engine.manager().channels()) {
-        const std::string name = xmlEscaped(toUtf8(channel->name()));
+        const std::string name = templateProcessor::escapeHtml(toUtf8(channel->name()));
         out << "<outline type=\"rss\" text=\"" << name << "\" title=\"" << name << "\" xmlUrl=\""
-            << xmlEscaped(toUtf8(channelAddress(*channel))) << "\"/>\n";
+            << templateProcessor::escapeHtml(toUtf8(channel->address())) << "\"/>\n";
     }
     out << "</body>\n</opml>\n";
     if (context.args.empty()) {

@@ -122,12 +122,4 @@ bool isValidChannelId(const std::string& id) {
     return true;
 }
 
-std::string channelAddress(const channels::Channel& channel) {
-    if (auto* rss = dynamic_cast<const channels::RssChannel*>(&channel))
-        return rss->config().rssChannelUrl();
-    if (auto* plugin = dynamic_cast<const channels::PluginChannel*>(&channel))
-        return plugin->config().scriptFilename();
-    return "";
-}
-
 } // namespace cli

@@ -46,7 +46,5 @@ bool isValidChannelId(const std::string& id);
 std::string idFromAddress(const std::string& address, const channels::ChannelManager& manager);
 // The user agent of downloads: "_HttpUserAgent", or the program's own.
 std::string userAgent(const channels::GlobalOptions& options);
-// The channel's feed address or script.
-std::string channelAddress(const channels::Channel& channel);
 
 } // namespace cli

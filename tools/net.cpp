@@ -2,6 +2,7 @@
 
 #include "lib/log/log.h"
 #include "lib/misc/exception.h"
+#include "lib/misc/text.h"
 
 #include <cerrno>
 #include <cstring>
@@ -32,12 +33,6 @@ struct CurlGlobal {
 };
 void initCurl() { static CurlGlobal global; }
 
-std::string lowered(std::string text) {
-    for (char& c : text)
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return text;
-}
-
 // The scheme of an address ("http", "file", ...), lower-cased, or empty when it has none.
 // A one-letter scheme is a drive letter, not a scheme.
 std::string schemeOf(const std::string& url) {
@@ -49,7 +44,7 @@ std::string schemeOf(const std::string& url) {
         if (!(std::isalnum(c) || (i > 0 && (c == '+' || c == '-' || c == '.'))))
             return "";
     }
-    return lowered(url.substr(0, colon));
+    return misc::lowered(url.substr(0, colon));
 }
 
 bool isRegularFile(const std::string& path) {
@@ -229,7 +224,7 @@ struct Transfer {
         const size_t colon = line.find(':');
         if (colon == std::string::npos)
             return size * count;
-        const std::string name = lowered(line.substr(0, colon));
+        const std::string name = misc::lowered(line.substr(0, colon));
         size_t start = colon + 1;
         while (start < line.size() && (line[start] == ' ' || line[start] == '\t'))
             ++start;

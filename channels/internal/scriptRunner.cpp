@@ -7,6 +7,7 @@
 #include "lib/misc/iniValues.h"
 #include "lib/misc/profileFile.h"
 #include "lib/misc/systemValues.h"
+#include "lib/misc/text.h"
 #include "tools/net.h"
 
 #include <atomic>
@@ -41,12 +42,6 @@ SharedSettings& shared() {
 std::atomic<std::uint64_t> g_abortGeneration{0};
 
 std::string loopbackAddress(int port) { return "http://127.0.0.1:" + std::to_string(port); }
-
-std::string lowered(std::string text) {
-    for (char& c : text)
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return text;
-}
 
 // Replaces "%1" and "%2" the way the platform's message formatting does.
 std::string expandArguments(const std::string& text, const std::string& first,
@@ -150,7 +145,7 @@ std::string buildScriptCommandLine(const std::string& scriptFilename,
     std::string commandTemplate;
     {
         const ScriptSettings settings = scriptSettings();
-        auto it = settings.fileTypeCommands.find(lowered(extension));
+        auto it = settings.fileTypeCommands.find(misc::lowered(extension));
         if (it != settings.fileTypeCommands.end()) {
             if (it->second.empty())
                 throw Exception("This file type has no 'shell/open' command specified: " +

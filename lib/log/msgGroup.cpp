@@ -1,6 +1,7 @@
 #include "lib/log/msgGroup.h"
 
 #include "lib/misc/profileFile.h"
+#include "lib/misc/text.h"
 
 #include <algorithm>
 #include <chrono>
@@ -12,12 +13,6 @@
 namespace msglog {
 
 namespace {
-
-std::string lowered(std::string text) {
-    for (char& c : text)
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return text;
-}
 
 const char* const kSettingsSection = "MessageGroups";
 
@@ -63,7 +58,7 @@ std::string readSettings(const std::vector<std::string>& files,
     for (const std::string& file : files) {
         for (const std::string& key : profile::listKeys(file, kSettingsSection)) {
             std::string value = profile::readValue(file, kSettingsSection, key).value_or("");
-            settings[lowered(key)] = !value.empty() && value != "0";
+            settings[misc::lowered(key)] = !value.empty() && value != "0";
             signature += file + '\n' + key + '=' + value + '\n';
         }
     }
@@ -75,7 +70,7 @@ std::string readSettings(const std::vector<std::string>& files,
 MsgGroup& registerMsgGroup(const std::string& name) {
     auto& r = registry();
     std::lock_guard guard(r.mutex);
-    const std::string key = lowered(name);
+    const std::string key = misc::lowered(name);
     auto& record = r.all[key];
     if (!record) {
         record = std::make_unique<MsgGroup>(name, static_cast<int>(r.all.size()));
@@ -91,12 +86,12 @@ MsgGroup& registerQuietMsgGroup(const std::string& name) {
     auto& r = registry();
     {
         std::lock_guard guard(r.mutex);
-        r.quiet.insert(lowered(name));
+        r.quiet.insert(misc::lowered(name));
     }
     MsgGroup& group = registerMsgGroup(name);
     std::lock_guard guard(r.mutex);
     bool enabled = false;
-    if (!settingFor(r, lowered(name), enabled, false))
+    if (!settingFor(r, misc::lowered(name), enabled, false))
         enabled = false;
     group.setEnabled(enabled);
     return group;
@@ -105,14 +100,14 @@ MsgGroup& registerQuietMsgGroup(const std::string& name) {
 MsgGroup* findMsgGroup(const std::string& name) {
     auto& r = registry();
     std::lock_guard guard(r.mutex);
-    auto it = r.registered.find(lowered(name));
+    auto it = r.registered.find(misc::lowered(name));
     return it == r.registered.end() ? nullptr : it->second;
 }
 
 void unregisterMsgGroup(const std::string& name) {
     auto& r = registry();
     std::lock_guard guard(r.mutex);
-    r.registered.erase(lowered(name));
+    r.registered.erase(misc::lowered(name));
 }
 
 std::vector<std::string> msgGroupNames() {
@@ -127,7 +122,7 @@ std::vector<std::string> msgGroupNames() {
 bool setMsgGroupEnabled(const std::string& name, bool enabled) {
     auto& r = registry();
     std::lock_guard guard(r.mutex);
-    const std::string key = lowered(name);
+    const std::string key = misc::lowered(name);
     r.settings[key] = enabled;
     auto it = r.all.find(key);
     if (it == r.all.end())

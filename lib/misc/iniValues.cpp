@@ -1,6 +1,7 @@
 #include "lib/misc/iniValues.h"
 
 #include "lib/misc/profileFile.h"
+#include "lib/misc/text.h"
 
 #include <array>
 #include <cctype>
@@ -19,16 +20,6 @@ int hexDigit(char c) {
     if (c >= 'A' && c <= 'F')
         return c - 'A' + 10;
     return -1;
-}
-
-std::string trimmedCopy(const std::string& text) {
-    size_t begin = 0;
-    size_t end = text.size();
-    while (begin < end && std::isspace(static_cast<unsigned char>(text[begin])))
-        ++begin;
-    while (end > begin && std::isspace(static_cast<unsigned char>(text[end - 1])))
-        --end;
-    return text.substr(begin, end - begin);
 }
 
 } // namespace
@@ -79,7 +70,7 @@ std::string readIniString(const std::string& file, const std::string& section,
     if (!raw)
         return defaultValue;
     std::string value = unescapeIniValue(*raw);
-    return trim ? trimmedCopy(value) : value;
+    return trim ? misc::trimmed(value) : value;
 }
 
 bool writeIniString(const std::string& file, const std::string& section, const std::string& key,

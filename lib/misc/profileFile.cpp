@@ -1,4 +1,5 @@
 #include "lib/misc/profileFile.h"
+#include "lib/misc/text.h"
 
 #include <algorithm>
 #include <atomic>
@@ -36,16 +37,6 @@ std::string lowered(std::string text) {
     for (char& c : text)
         c = asciiLower(c);
     return text;
-}
-
-std::string trimmed(const std::string& text) {
-    size_t begin = 0;
-    size_t end = text.size();
-    while (begin < end && std::isspace(static_cast<unsigned char>(text[begin])))
-        ++begin;
-    while (end > begin && std::isspace(static_cast<unsigned char>(text[end - 1])))
-        --end;
-    return text.substr(begin, end - begin);
 }
 
 // One line of a section: a key with its value, or a line kept as it is (comment, blank).
@@ -93,11 +84,11 @@ void Document::parse(const std::string& text) {
         pos = end + 1;
         if (!raw.empty() && raw.back() == '\r')
             raw.pop_back();
-        const std::string line = trimmed(raw);
+        const std::string line = misc::trimmed(raw);
         if (!line.empty() && line[0] == '[') {
             size_t close = line.find(']');
-            std::string name =
-                trimmed(line.substr(1, close == std::string::npos ? std::string::npos : close - 1));
+            std::string name = misc::trimmed(
+                line.substr(1, close == std::string::npos ? std::string::npos : close - 1));
             m_sections.push_back(Section{name, false, {}});
             continue;
         }
@@ -106,8 +97,8 @@ void Document::parse(const std::string& text) {
         if (!line.empty() && line[0] != ';') {
             entry.isKey = true;
             size_t equals = line.find('=');
-            entry.key = trimmed(line.substr(0, equals));
-            entry.value = equals == std::string::npos ? "" : trimmed(line.substr(equals + 1));
+            entry.key = misc::trimmed(line.substr(0, equals));
+            entry.value = equals == std::string::npos ? "" : misc::trimmed(line.substr(equals + 1));
         }
         m_sections.back().lines.push_back(std::move(entry));
     }
@@ -171,7 +162,7 @@ void Document::setValue(const std::string& section, const std::string& key,
             }
             return;
         }
-        if (line.isKey || !trimmed(line.raw).empty())
+        if (line.isKey || !misc::trimmed(line.raw).empty())
             insertAt = i + 1; // new keys go after the last non-blank line
     }
     Line entry;
