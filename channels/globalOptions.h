@@ -81,6 +81,9 @@ public:
     int stalledTransferTimeout = 120; // "StalledTransferTimeout", seconds, 0 = none
     int maxDownloadSizeKB = 65536;    // "MaxDownloadSizeKB", 0 = none
 
+    // The local app server's port ("/subscribe").
+    int appServerPortNo = 2604; // "AppServerPortNo"
+
     // File extension (with its dot) to command template ("%1" the script, "%*" its
     // arguments), from global.ini; always holds ".class".
     std::map<std::string, std::string> scriptFileTypeCommands{{".class", "java %1 %*"}};

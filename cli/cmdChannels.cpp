@@ -5,6 +5,7 @@
 #include "channels/common.h"
 #include "channels/pluginChannel.h"
 #include "channels/rssChannel.h"
+#include "channels/subscriptions.h"
 #include "cli/commands.h"
 #include "cli/engine.h"
 #include "cli/environment.h"
@@ -68,7 +69,7 @@ int runAdd(const CommandContext& context) {
     if (!script.empty())
         script = findScript(script, engine.environment());
     if (id.empty())
-        id = idFromAddress(script.empty() ? address : script, manager);
+        id = channels::channelIdFromAddress(script.empty() ? address : script, manager);
     if (!isValidChannelId(id))
         throw UsageError("a channel ID may hold letters, digits, '-', '_' and '.': " + id);
     std::unique_ptr<channels::Channel> channel;

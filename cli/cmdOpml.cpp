@@ -1,6 +1,7 @@
 // pelsu-cli import-opml and export-opml: subscription lists in OPML 1.0 and 2.0.
 
 #include "channels/rssChannel.h"
+#include "channels/subscriptions.h"
 #include "cli/commands.h"
 #include "cli/engine.h"
 #include "expat/parser.h"
@@ -70,8 +71,8 @@ int runImport(const CommandContext& context) {
             ++skipped;
             continue;
         }
-        auto channel =
-            std::make_unique<channels::RssChannel>(&manager, idFromAddress(outline.url, manager));
+        auto channel = std::make_unique<channels::RssChannel>(
+            &manager, channels::channelIdFromAddress(outline.url, manager));
         channel->config().setRssChannelUrl(outline.url);
         channel->config().setPreferredChannelDisplayName(outline.title);
         manager.addChannel(std::move(channel));

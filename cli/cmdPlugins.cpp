@@ -14,32 +14,11 @@ namespace cli {
 
 namespace {
 
-class ErrorCollector : public channels::EventListener {
-public:
-    std::vector<std::string> messages;
-    void onAppPluginError(channels::AppPluginErrorEvent& event) override {
-        messages.push_back(event.errorText());
-    }
-};
-
-// Loads the plugins of the program directory; returns the load errors.
-std::vector<std::string> loadPlugins(const Environment& environment) {
-    auto& plugins = channels::AppPluginManager::instance();
-    plugins.setAppPluginsDir(environment.paths.appPluginsDir);
-    plugins.setScriptTimeout(environment.options.scriptTimeout);
-    plugins.setPorts(0, environment.options.appPluginServerPortNo);
-    ErrorCollector errors;
-    plugins.addListener(&errors);
-    plugins.loadAppPlugins();
-    plugins.removeListener(&errors);
-    return errors.messages;
-}
-
 int runPlugins(const CommandContext& context) {
     if (!context.args.empty())
         throw UsageError("plugins takes no arguments");
     const Environment environment = startEnvironment(context);
-    const std::vector<std::string> errors = loadPlugins(environment);
+    const std::vector<std::string> errors = loadAppPlugins(environment);
     auto& plugins = channels::AppPluginManager::instance();
     std::printf("%-16s %-8s %-32s %s\n", "ID", "KIND", "NAME", "FILE");
     for (const std::string& id : plugins.appPluginIds()) {
@@ -57,7 +36,7 @@ int runPlugin(const CommandContext& context) {
     if (context.args.empty() || context.args.size() > 3)
         throw UsageError("plugin needs an ID, and takes a request and its parameters");
     const Environment environment = startEnvironment(context);
-    loadPlugins(environment);
+    loadAppPlugins(environment);
     channels::AppPlugin* plugin =
         channels::AppPluginManager::instance().findAppPlugin(context.args[0]);
     if (!plugin)

@@ -1,6 +1,8 @@
 // pelsu-cli update and run: the engine at work, its events printed as they happen.
 
+#include "channels/appPluginManager.h"
 #include "channels/channelManager.h"
+#include "channels/localPortListeners.h"
 #include "cli/commands.h"
 #include "cli/engine.h"
 
@@ -112,9 +114,45 @@ int runUpdate(const CommandContext& context) {
     return printer.failed() > 0 ? kExitFailure : kExitOk;
 }
 
+// Subscriptions from web pages: accepted only when the command line says so.
+class CommandLineApprover : public channels::SubscriptionApprover {
+public:
+    explicit CommandLineApprover(bool allow) : m_allow(allow) {}
+    std::string approveSubscription(const std::string& address) override {
+        std::cout << (m_allow ? "Subscribing to " : "Refused a subscription to ") << toUtf8(address)
+                  << std::endl;
+        return m_allow ? ""
+                       : "This reader accepts subscriptions from web pages only when it is "
+                         "started with --allow-subscriptions.";
+    }
+
+private:
+    bool m_allow;
+};
+
+// Starts the local listeners and says where they are; a port in use is reported and the
+// rest goes on.
+void startListeners(channels::LocalPortListeners& listeners, const Environment& environment) {
+    for (const std::string& problem :
+         listeners.start(channels::listenerOptions(environment.options)))
+        std::cerr << "pelsu-cli: " << problem << std::endl;
+    for (const char* name : {"app server", "app-plugin server", "AmphetaDesk listener",
+                             "Radio Userland listener", "Headline Viewer listener"})
+        if (const int port = listeners.port(name))
+            std::cout << "The " << name << " listens on http://127.0.0.1:" << port << std::endl;
+}
+
 int runRun(const CommandContext& context) {
-    if (!context.args.empty())
-        throw UsageError("run takes no arguments");
+    bool allowSubscriptions = false;
+    bool listen = true;
+    for (const std::string& arg : context.args) {
+        if (arg == "--allow-subscriptions")
+            allowSubscriptions = true;
+        else if (arg == "--no-listeners")
+            listen = false;
+        else
+            throw UsageError("unexpected argument: " + arg);
+    }
     // The signals are taken by sigwait below, on this thread only.
     sigset_t signals;
     sigemptyset(&signals);
@@ -128,12 +166,22 @@ int runRun(const CommandContext& context) {
     EventPrinter printer;
     manager.addListener(&printer);
     manager.start(userAgent(engine.environment().options));
+    auto& plugins = channels::AppPluginManager::instance();
+    plugins.setChannelManager(&manager);
+    for (const std::string& error : loadAppPlugins(engine.environment()))
+        std::cerr << "pelsu-cli: " << toUtf8(error) << std::endl;
+    CommandLineApprover approver(allowSubscriptions);
+    channels::LocalPortListeners listeners(manager, plugins, &approver);
+    if (listen)
+        startListeners(listeners, engine.environment());
     std::cout << "Running with " << manager.channels().size()
               << " channel(s); Ctrl-C stops and saves." << std::endl;
     int signal = 0;
     sigwait(&signals, &signal);
     std::cout << "Stopping..." << std::endl;
+    listeners.stop();
     manager.stop();
+    plugins.setChannelManager(nullptr);
     manager.removeListener(&printer);
     std::cout << printer.summary() << '\n';
     return kExitOk;
@@ -146,6 +194,9 @@ extern const Command kRunCommand;
 
 const Command kUpdateCommand{"update", "[ID...]",
                              "updates the channels now (all when none are named)", &runUpdate};
-const Command kRunCommand{"run", "", "keeps the channels up to date until interrupted", &runRun};
+const Command kRunCommand{"run", "[--allow-subscriptions] [--no-listeners]",
+                          "keeps the channels up to date and serves the local listeners until "
+                          "interrupted",
+                          &runRun};
 
 } // namespace cli

@@ -1,5 +1,6 @@
 #include "cli/engine.h"
 
+#include "channels/appPluginManager.h"
 #include "channels/pluginChannel.h"
 #include "channels/rssChannel.h"
 #include "lib/misc/exception.h"
@@ -17,6 +18,15 @@ public:
     void onChannelError(channels::ChannelErrorEvent& event) override {
         std::cerr << "pelsu-cli: " << toUtf8(event.message()) << " " << toUtf8(event.detail())
                   << '\n';
+    }
+};
+
+// Collects the messages of the plugins that fail to load.
+class PluginErrorCollector : public channels::EventListener {
+public:
+    std::vector<std::string> messages;
+    void onAppPluginError(channels::AppPluginErrorEvent& event) override {
+        messages.push_back(event.errorText());
     }
 };
 
@@ -49,6 +59,7 @@ channels::ChannelManagerOptions managerOptions(const channels::GlobalOptions& op
     channels::ChannelManagerOptions result;
     result.disableInternet = options.disableInternet;
     result.scriptTimeoutSeconds = options.scriptTimeout;
+    result.appServerPort = options.appServerPortNo;
     result.appPluginServerPort = options.appPluginServerPortNo;
     result.net = options.netOptions();
     result.logChannelProcessing = options.logChannelProcessing;
@@ -62,55 +73,22 @@ int parseCount(const std::string& text, const std::string& option) {
     return std::stoi(text);
 }
 
+std::vector<std::string> loadAppPlugins(const Environment& environment) {
+    auto& plugins = channels::AppPluginManager::instance();
+    plugins.setAppPluginsDir(environment.paths.appPluginsDir);
+    plugins.setScriptTimeout(environment.options.scriptTimeout);
+    plugins.setPorts(environment.options.appServerPortNo,
+                     environment.options.appPluginServerPortNo);
+    PluginErrorCollector errors;
+    plugins.addListener(&errors);
+    plugins.loadAppPlugins();
+    plugins.removeListener(&errors);
+    return errors.messages;
+}
+
 std::string userAgent(const channels::GlobalOptions& options) {
     return options.httpUserAgent.empty() ? std::string("Pelsu/") + PELSU_VERSION
                                          : options.httpUserAgent;
-}
-
-std::string idFromAddress(const std::string& address, const channels::ChannelManager& manager) {
-    // A local file gives its name; an address its host and the name of its last path part.
-    std::string text;
-    const auto scheme = address.find("://");
-    if (scheme == std::string::npos) {
-        text = std::filesystem::path(address).stem().string();
-    } else {
-        std::string rest = address.substr(scheme + 3);
-        const auto slash = rest.find('/');
-        std::string host = rest.substr(0, slash);
-        if (host.rfind("www.", 0) == 0)
-            host = host.substr(4);
-        text = host;
-        if (slash != std::string::npos) {
-            std::string path = rest.substr(slash);
-            path = path.substr(0, path.find_first_of("?#"));
-            while (!path.empty() && path.back() == '/')
-                path.pop_back();
-            const std::string last = std::filesystem::path(path).stem().string();
-            if (!last.empty())
-                text += "_" + last;
-        }
-    }
-    std::string id;
-    for (char c : text) {
-        const bool keep = std::isalnum(static_cast<unsigned char>(c)) || c == '-' || c == '_';
-        if (keep)
-            id += c;
-        else if (!id.empty() && id.back() != '_')
-            id += '_';
-        if (id.size() >= 48)
-            break;
-    }
-    while (!id.empty() && id.back() == '_')
-        id.pop_back();
-    if (id.empty())
-        id = "channel";
-    std::string unique = id;
-    for (int n = 2; manager.findChannel(unique) ||
-                    std::filesystem::exists(manager.channelsDir() + "/" + unique + ".rss") ||
-                    std::filesystem::exists(manager.channelsDir() + "/" + unique + ".plugin");
-         ++n)
-        unique = id + "-" + std::to_string(n);
-    return unique;
 }
 
 bool isValidChannelId(const std::string& id) {

@@ -9,6 +9,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace cli {
 
@@ -42,8 +43,9 @@ channels::ChannelManagerOptions managerOptions(const channels::GlobalOptions& op
 // A non-negative decimal number from an argument, or a UsageError naming the option.
 int parseCount(const std::string& text, const std::string& option);
 bool isValidChannelId(const std::string& id);
-// A new channel ID made from an address (host and path, letters, digits, "-" and "_").
-std::string idFromAddress(const std::string& address, const channels::ChannelManager& manager);
+// Loads the app plugins of the program directory into the plugin manager; returns the
+// messages of those that failed.
+std::vector<std::string> loadAppPlugins(const Environment& environment);
 // The user agent of downloads: "_HttpUserAgent", or the program's own.
 std::string userAgent(const channels::GlobalOptions& options);
 

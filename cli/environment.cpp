@@ -32,6 +32,7 @@ Environment startEnvironment(const CommandContext& context) {
         throw channels::Exception("Couldn't load the global options.");
     channels::publishSystemValues(environment.paths, PELSU_VERSION);
     channels::ScriptSettings scripts = channels::scriptSettings();
+    scripts.appServerPort = environment.options.appServerPortNo;
     scripts.appPluginServerPort = environment.options.appPluginServerPortNo;
     for (const auto& [extension, command] : environment.options.scriptFileTypeCommands)
         scripts.fileTypeCommands[extension] = command;

@@ -10,20 +10,6 @@
 
 namespace profile {
 
-namespace {
-
-int hexDigit(char c) {
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
-
-} // namespace
-
 std::string escapeIniValue(const std::string& value) {
     // Which bytes are written as escapes: "%" and those that are not printable.
     static const auto needsEscape = [] {
@@ -49,20 +35,7 @@ std::string escapeIniValue(const std::string& value) {
     return out;
 }
 
-std::string unescapeIniValue(const std::string& value) {
-    std::string out;
-    out.reserve(value.size());
-    for (size_t i = 0; i < value.size(); ++i) {
-        if (value[i] == '%' && i + 2 < value.size() && hexDigit(value[i + 1]) >= 0 &&
-            hexDigit(value[i + 2]) >= 0) {
-            out += static_cast<char>(hexDigit(value[i + 1]) * 16 + hexDigit(value[i + 2]));
-            i += 2;
-        } else {
-            out += value[i];
-        }
-    }
-    return out;
-}
+std::string unescapeIniValue(const std::string& value) { return misc::percentDecoded(value); }
 
 std::string readIniString(const std::string& file, const std::string& section,
                           const std::string& key, const std::string& defaultValue, bool trim) {

@@ -1,0 +1,239 @@
+#include "channels/localPortListeners.h"
+
+#include "channels/appPluginManager.h"
+#include "channels/channelManager.h"
+#include "channels/globalOptions.h"
+#include "channels/internal/scriptRunner.h"
+#include "lib/log/log.h"
+#include "lib/misc/exception.h"
+#include "templateProcessor/templateProcessor.h"
+
+#include <fstream>
+#include <sstream>
+
+namespace channels {
+
+namespace {
+
+const char* const kAppServer = "app server";
+const char* const kAppPluginServer = "app-plugin server";
+const char* const kAmphetaDesk = "AmphetaDesk listener";
+const char* const kRadioUserland = "Radio Userland listener";
+const char* const kHeadlineViewer = "Headline Viewer listener";
+
+msglog::MsgGroup& listenersGroup() { return msglog::registerMsgGroup("LocalPortListener"); }
+
+tools::LocalAnswer page(int status, const std::string& title, const std::string& bodyHtml) {
+    tools::LocalAnswer answer;
+    answer.status = status;
+    answer.body = localAnswerPage(title, bodyHtml);
+    return answer;
+}
+
+tools::LocalAnswer notFound(const std::string& what) {
+    return page(404, "Not found", "<p>" + templateProcessor::escapeHtml(what) + "</p>");
+}
+
+// "a,b,c" as its non-empty parts.
+std::vector<std::string> splitList(const std::string& text) {
+    std::vector<std::string> parts;
+    std::stringstream stream(text);
+    std::string part;
+    while (std::getline(stream, part, ','))
+        if (!part.empty())
+            parts.push_back(part);
+    return parts;
+}
+
+} // namespace
+
+LocalPortListenerOptions listenerOptions(const GlobalOptions& options) {
+    LocalPortListenerOptions result;
+    result.appServerPort = options.appServerPortNo;
+    result.appPluginServerPort = options.appPluginServerPortNo;
+    result.amphetaDesk = options.listenForAmphetaDeskSubscriptions;
+    result.radioUserland = options.listenForRadioUserlandSubscriptions;
+    result.headlineViewer = options.listenForHeadlineViewerSubscriptions;
+    return result;
+}
+
+LocalPortListeners::LocalPortListeners(ChannelManager& channels, AppPluginManager& plugins,
+                                       SubscriptionApprover* approver)
+    : m_channels(channels), m_plugins(plugins), m_subscriptions(channels, approver) {}
+
+LocalPortListeners::~LocalPortListeners() { stop(); }
+
+std::vector<std::string> LocalPortListeners::start(const LocalPortListenerOptions& options) {
+    struct Entry {
+        const char* name;
+        int port;
+        bool enabled;
+        tools::LocalAnswer (LocalPortListeners::*answer)(const tools::LocalRequest&);
+    };
+    const Entry entries[] = {
+        {kAppServer, options.appServerPort, true, &LocalPortListeners::appServerAnswer},
+        {kAppPluginServer, options.appPluginServerPort, true, &LocalPortListeners::appPluginAnswer},
+        {kAmphetaDesk, options.amphetaDeskPort, options.amphetaDesk,
+         &LocalPortListeners::amphetaDeskAnswer},
+        {kRadioUserland, options.radioUserlandPort, options.radioUserland,
+         &LocalPortListeners::radioUserlandAnswer},
+        {kHeadlineViewer, options.headlineViewerPort, options.headlineViewer,
+         &LocalPortListeners::headlineViewerAnswer},
+    };
+    stop();
+    std::vector<std::string> problems;
+    for (const Entry& entry : entries) {
+        if (!entry.enabled)
+            continue;
+        auto listener = std::make_unique<tools::LocalPortListener>(
+            entry.name, entry.port,
+            [this, answer = entry.answer](const tools::LocalRequest& request) {
+                return (this->*answer)(request);
+            },
+            options.limits);
+        try {
+            listener->start();
+            m_listeners.push_back(std::move(listener));
+        } catch (const std::exception& e) {
+            PELSU_LOG(listenersGroup(), e.what());
+            problems.push_back(e.what());
+        }
+    }
+    // Scripts learn the servers' addresses from the plugin manager; a server that could not
+    // start keeps its configured port there.
+    const int appServerPort = port(kAppServer);
+    const int appPluginServerPort = port(kAppPluginServer);
+    m_plugins.setPorts(appServerPort ? appServerPort : options.appServerPort,
+                       appPluginServerPort ? appPluginServerPort : options.appPluginServerPort);
+    return problems;
+}
+
+void LocalPortListeners::stop() {
+    for (auto& listener : m_listeners)
+        listener->stop();
+    m_listeners.clear();
+}
+
+int LocalPortListeners::port(const std::string& name) const {
+    for (const auto& listener : m_listeners)
+        if (listener->name() == name)
+            return listener->port();
+    return 0;
+}
+
+tools::LocalAnswer LocalPortListeners::subscribeAll(const std::vector<std::string>& addresses) {
+    std::vector<SubscriptionResult> results;
+    for (const std::string& address : addresses)
+        results.push_back(m_subscriptions.subscribe(address));
+    tools::LocalAnswer answer;
+    answer.status = subscriptionAnswerStatus(results);
+    answer.body = subscriptionAnswerPage(results);
+    return answer;
+}
+
+tools::LocalAnswer LocalPortListeners::subscribeParameter(const tools::LocalRequest& request,
+                                                          const std::string& name) {
+    const auto address = subscriptionParameter(request.query, name);
+    if (!address)
+        return page(400, "Subscription",
+                    "<p>The request names no feed: it needs <code>" + name +
+                        "=</code> and the feed's address.</p>");
+    return subscribeAll({*address});
+}
+
+tools::LocalAnswer LocalPortListeners::appServerAnswer(const tools::LocalRequest& request) {
+    if (request.path == "/subscribe")
+        return subscribeParameter(request, "url");
+    if (request.path == "/")
+        return page(200, "Pelsu Desktop Client",
+                    "<p>This is the reader's local app server. A web page subscribes you to a "
+                    "feed by linking to <code>/subscribe?url=</code> and the feed's "
+                    "address.</p>");
+    return notFound("Nothing is served at this address.");
+}
+
+tools::LocalAnswer LocalPortListeners::amphetaDeskAnswer(const tools::LocalRequest& request) {
+    // Any path: the links name "/index.html", but only the query matters.
+    if (const auto address = subscriptionParameter(request.query, "add_url"))
+        return subscribeAll({*address});
+    if (const auto list = subscriptionParameter(request.query, "add_urls"))
+        return subscribeAll(splitList(*list));
+    return page(400, "Subscription",
+                "<p>The request names no feed: it needs <code>add_url=</code> or "
+                "<code>add_urls=</code>.</p>");
+}
+
+tools::LocalAnswer LocalPortListeners::radioUserlandAnswer(const tools::LocalRequest& request) {
+    if (request.path == "/system/pages/subscriptions" ||
+        request.path == "/system/pages/subscriptions/")
+        return subscribeParameter(request, "url");
+    return notFound("Nothing is served at this address.");
+}
+
+tools::LocalAnswer LocalPortListeners::headlineViewerAnswer(const tools::LocalRequest& request) {
+    if (request.path == "/add_provider")
+        return subscribeParameter(request, "url");
+    return notFound("Nothing is served at this address.");
+}
+
+tools::LocalAnswer LocalPortListeners::pluginIndex() {
+    std::string body = "<ul>\n";
+    for (const std::string& id : m_plugins.appPluginIds()) {
+        AppPlugin* plugin = m_plugins.findAppPlugin(id);
+        const std::string escapedId = templateProcessor::escapeHtml(id);
+        body += "<li><a href=\"/" + escapedId + "\">" +
+                templateProcessor::escapeHtml(plugin ? plugin->displayName() : id) + "</a> (" +
+                escapedId + ")</li>\n";
+    }
+    return page(200, "App plugins", body + "</ul>");
+}
+
+std::string LocalPortListeners::pluginMainPage(const std::string& id) {
+    AppPlugin* plugin = m_plugins.findAppPlugin(id);
+    std::mutex* pageLock;
+    {
+        std::lock_guard guard(m_mainPageLocksMutex);
+        auto& slot = m_mainPageLocks[id];
+        if (!slot)
+            slot = std::make_unique<std::mutex>();
+        pageLock = slot.get();
+    }
+    std::lock_guard guard(*pageLock);
+    plugin->GenerateMainPage();
+    std::ifstream in(plugin->mainPageFile(), std::ios::binary);
+    if (!in)
+        throw Exception("Can't read the plugin's main page: " + plugin->mainPageFile());
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+tools::LocalAnswer LocalPortListeners::appPluginAnswer(const tools::LocalRequest& request) {
+    std::string id, pluginRequest, params;
+    try {
+        parsePluginUri(request.target, id, pluginRequest, params);
+    } catch (const std::exception& e) {
+        return page(400, "Bad request", "<p>" + templateProcessor::escapeHtml(e.what()) + "</p>");
+    }
+    if (id.empty())
+        return pluginIndex();
+    if (!m_plugins.findAppPlugin(id))
+        return notFound("No app plugin has the ID \"" + id + "\".");
+    tools::LocalAnswer answer;
+    try {
+        if (pluginRequest.empty())
+            answer.body = pluginMainPage(id);
+        else
+            m_plugins.findAppPlugin(id)->ProcessRequest(pluginRequest, params, answer.body,
+                                                        nullptr);
+    } catch (const std::exception& e) {
+        PELSU_LOG(listenersGroup(), "The app plugin " << id << " failed: " << e.what());
+        return page(500, "The app plugin failed",
+                    "<p>The app plugin <b>" + templateProcessor::escapeHtml(id) +
+                        "</b> could not answer:</p><p>" + templateProcessor::escapeHtml(e.what()) +
+                        "</p>");
+    }
+    return answer;
+}
+
+} // namespace channels

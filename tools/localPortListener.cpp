@@ -1,0 +1,580 @@
+#include "tools/localPortListener.h"
+
+#include "lib/log/log.h"
+#include "lib/log/msgGroup.h"
+#include "lib/misc/exception.h"
+#include "lib/misc/text.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace tools {
+
+namespace {
+
+using SteadyClock = std::chrono::steady_clock;
+
+msglog::MsgGroup& listenerGroup() {
+    static msglog::MsgGroup& group = msglog::registerMsgGroup("LocalPortListener");
+    return group;
+}
+
+const char* reasonPhrase(int status) {
+    switch (status) {
+    case 200:
+        return "OK";
+    case 400:
+        return "Bad Request";
+    case 403:
+        return "Forbidden";
+    case 404:
+        return "Not Found";
+    case 405:
+        return "Method Not Allowed";
+    case 408:
+        return "Request Timeout";
+    case 414:
+        return "URI Too Long";
+    case 431:
+        return "Request Header Fields Too Large";
+    case 500:
+        return "Internal Server Error";
+    case 503:
+        return "Service Unavailable";
+    default:
+        return "Unknown";
+    }
+}
+
+// The listener's own refusals: a fixed text, so nothing from the request is echoed.
+LocalAnswer refusal(int status, const std::string& text) {
+    LocalAnswer answer;
+    answer.status = status;
+    answer.body = "<html><head><title>" + std::to_string(status) + " " + reasonPhrase(status) +
+                  "</title></head><body><h1>" + reasonPhrase(status) + "</h1><p>" + text +
+                  "</p></body></html>\n";
+    return answer;
+}
+
+std::string serialize(const LocalAnswer& answer, bool keepAlive) {
+    std::string head = "HTTP/1.1 " + std::to_string(answer.status) + " " +
+                       reasonPhrase(answer.status) + "\r\nContent-Type: " + answer.contentType +
+                       "\r\nContent-Length: " + std::to_string(answer.body.size()) +
+                       "\r\nCache-Control: no-store\r\nX-Content-Type-Options: nosniff\r\n";
+    if (answer.status == 405)
+        head += "Allow: GET\r\n";
+    head += keepAlive ? "Connection: keep-alive\r\n\r\n" : "Connection: close\r\n\r\n";
+    return head + answer.body;
+}
+
+// Where the request head ends (after its blank line), or npos while it is incomplete.
+std::size_t headEnd(const std::string& buffer) {
+    const std::size_t crlf = buffer.find("\r\n\r\n");
+    const std::size_t lf = buffer.find("\n\n");
+    if (crlf == std::string::npos && lf == std::string::npos)
+        return std::string::npos;
+    if (lf == std::string::npos || (crlf != std::string::npos && crlf < lf))
+        return crlf + 4;
+    return lf + 2;
+}
+
+// A parsed request head, or the refusal it earns.
+struct ParsedHead {
+    LocalRequest request;
+    bool keepAlive = true;
+    bool refused = false;
+    LocalAnswer refusalAnswer;
+};
+
+ParsedHead refuse(int status, const std::string& text) {
+    ParsedHead parsed;
+    parsed.refused = true;
+    parsed.keepAlive = false;
+    parsed.refusalAnswer = refusal(status, text);
+    return parsed;
+}
+
+bool isAllowedHost(const std::string& host, int port) {
+    const std::string value = misc::lowered(misc::trimmed(host));
+    const std::string suffix = ":" + std::to_string(port);
+    return value == "127.0.0.1" + suffix || value == "localhost" + suffix;
+}
+
+ParsedHead parseHead(const std::string& head, int port, const ListenerLimits& limits) {
+    std::vector<std::string> lines;
+    std::size_t start = 0;
+    while (start < head.size()) {
+        std::size_t end = head.find('\n', start);
+        if (end == std::string::npos)
+            end = head.size();
+        std::string line = head.substr(start, end - start);
+        if (!line.empty() && line.back() == '\r')
+            line.pop_back();
+        if (line.empty() && !lines.empty())
+            break;
+        if (!line.empty())
+            lines.push_back(std::move(line));
+        start = end + 1;
+    }
+    if (lines.empty())
+        return refuse(400, "The request is empty.");
+    if (lines.size() - 1 > limits.maxHeaders)
+        return refuse(431, "The request has too many headers.");
+    const std::string& requestLine = lines[0];
+    const std::size_t space1 = requestLine.find(' ');
+    const std::size_t space2 = requestLine.rfind(' ');
+    if (space1 == std::string::npos || space2 == space1)
+        return refuse(400, "The request line is not understood.");
+    const std::string method = requestLine.substr(0, space1);
+    const std::string target = requestLine.substr(space1 + 1, space2 - space1 - 1);
+    const std::string version = requestLine.substr(space2 + 1);
+    if (version != "HTTP/1.1" && version != "HTTP/1.0")
+        return refuse(400, "Only HTTP/1.0 and HTTP/1.1 are understood.");
+    ParsedHead parsed;
+    parsed.keepAlive = version == "HTTP/1.1";
+    std::string host;
+    bool hostSeen = false;
+    for (std::size_t i = 1; i < lines.size(); ++i) {
+        const std::size_t colon = lines[i].find(':');
+        if (colon == std::string::npos || colon == 0)
+            return refuse(400, "A header line is not understood.");
+        const std::string name = misc::lowered(misc::trimmed(lines[i].substr(0, colon)));
+        const std::string value = misc::trimmed(lines[i].substr(colon + 1));
+        if (name == "host") {
+            if (hostSeen)
+                return refuse(400, "The request names its host twice.");
+            hostSeen = true;
+            host = value;
+        } else if (name == "connection") {
+            const std::string lowered = misc::lowered(value);
+            if (lowered.find("close") != std::string::npos)
+                parsed.keepAlive = false;
+            else if (lowered.find("keep-alive") != std::string::npos)
+                parsed.keepAlive = true;
+        } else if ((name == "content-length" && value != "0") || name == "transfer-encoding") {
+            return refuse(400, "A request with a body is not accepted.");
+        }
+    }
+    // Only pages of this computer may ask: a name that merely resolves to the loopback
+    // address (DNS rebinding) is turned away.
+    if (!isAllowedHost(host, port))
+        return refuse(403, "Requests must be addressed to 127.0.0.1 or localhost.");
+    if (method != "GET")
+        return refuse(405, "Only GET requests are served.");
+    if (target.empty() || target[0] != '/')
+        return refuse(400, "The request's address is not understood.");
+    parsed.request.target = target;
+    const std::size_t question = target.find('?');
+    parsed.request.path = target.substr(0, question);
+    if (question != std::string::npos)
+        parsed.request.query = target.substr(question + 1);
+    return parsed;
+}
+
+enum class ConnState { Reading, Working, Writing };
+
+struct Connection {
+    int fd = -1;
+    ConnState state = ConnState::Reading;
+    std::string in;
+    std::string out;
+    std::size_t written = 0;
+    bool keepAlive = true;
+    SteadyClock::time_point deadline;
+    bool headStarted = false;
+};
+
+struct Job {
+    std::uint64_t connection;
+    LocalRequest request;
+    bool keepAlive;
+};
+
+struct Done {
+    std::uint64_t connection;
+    LocalAnswer answer;
+    bool keepAlive;
+};
+
+} // namespace
+
+class LocalPortListener::Impl {
+public:
+    Impl(std::string name, int port, RequestHandler handler, ListenerLimits limits)
+        : m_name(std::move(name)), m_port(port), m_handler(std::move(handler)), m_limits(limits) {}
+    ~Impl() { stop(); }
+
+    void start();
+    void stop();
+    bool isRunning() const { return m_listenFd >= 0; }
+
+    std::string m_name;
+    int m_port;
+
+private:
+    void bindSocket();
+    void pollLoop();
+    void workerLoop();
+    void acceptConnections();
+    void readFrom(std::uint64_t id, Connection& connection);
+    void writeTo(std::uint64_t id, Connection& connection);
+    void closeIfDone(std::uint64_t id);
+    bool takeRequest(std::uint64_t id, Connection& connection);
+    void answer(std::uint64_t id, Connection& connection, const LocalAnswer& answer,
+                bool keepAlive);
+    void finishAnswers();
+    void closeConnection(std::uint64_t id);
+    int pollTimeoutMs() const;
+    void expireConnections();
+    void wake();
+
+    RequestHandler m_handler;
+    ListenerLimits m_limits;
+    int m_listenFd = -1;
+    int m_wakeFd = -1;
+    bool m_stopping = false; // guarded by m_mutex
+    std::thread m_pollThread;
+    std::vector<std::thread> m_workers;
+    std::map<std::uint64_t, Connection> m_connections; // poll thread only
+    std::uint64_t m_nextId = 1;
+    std::mutex m_mutex;
+    std::condition_variable m_jobReady;
+    std::deque<Job> m_jobs;
+    std::deque<Done> m_done;
+};
+
+void LocalPortListener::Impl::bindSocket() {
+    m_listenFd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (m_listenFd < 0)
+        throw channels::Exception("Can't create a socket for the " + m_name + ": " +
+                                  std::strerror(errno));
+    const int on = 1;
+    ::setsockopt(m_listenFd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(m_port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::bind(m_listenFd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        ::listen(m_listenFd, 128) != 0) {
+        const std::string reason = std::strerror(errno);
+        ::close(m_listenFd);
+        m_listenFd = -1;
+        throw channels::Exception("Can't listen on 127.0.0.1:" + std::to_string(m_port) + " (" +
+                                  m_name + "): " + reason);
+    }
+    socklen_t length = sizeof address;
+    ::getsockname(m_listenFd, reinterpret_cast<sockaddr*>(&address), &length);
+    m_port = ntohs(address.sin_port);
+}
+
+void LocalPortListener::Impl::start() {
+    if (m_listenFd >= 0)
+        return;
+    bindSocket();
+    m_wakeFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    m_stopping = false;
+    for (unsigned i = 0; i < std::max(1u, m_limits.workers); ++i)
+        m_workers.emplace_back([this] { workerLoop(); });
+    m_pollThread = std::thread([this] { pollLoop(); });
+    PELSU_LOG(listenerGroup(), "The " << m_name << " listens on 127.0.0.1:" << m_port);
+}
+
+void LocalPortListener::Impl::stop() {
+    if (m_listenFd < 0)
+        return;
+    {
+        std::lock_guard guard(m_mutex);
+        m_stopping = true;
+    }
+    m_jobReady.notify_all();
+    wake();
+    m_pollThread.join();
+    for (auto& worker : m_workers)
+        worker.join();
+    m_workers.clear();
+    for (auto& [id, connection] : m_connections)
+        ::close(connection.fd);
+    m_connections.clear();
+    m_jobs.clear();
+    m_done.clear();
+    ::close(m_listenFd);
+    ::close(m_wakeFd);
+    m_listenFd = -1;
+    m_wakeFd = -1;
+    PELSU_LOG(listenerGroup(), "The " << m_name << " has stopped.");
+}
+
+void LocalPortListener::Impl::wake() {
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const ssize_t written = ::write(m_wakeFd, &one, sizeof one);
+}
+
+void LocalPortListener::Impl::workerLoop() {
+    for (;;) {
+        Job job;
+        {
+            std::unique_lock lock(m_mutex);
+            m_jobReady.wait(lock, [this] { return m_stopping || !m_jobs.empty(); });
+            if (m_stopping)
+                return;
+            job = std::move(m_jobs.front());
+            m_jobs.pop_front();
+        }
+        LocalAnswer answer;
+        try {
+            answer = m_handler(job.request);
+        } catch (const std::exception& e) {
+            PELSU_LOG(listenerGroup(),
+                      "The " << m_name << " failed on " << job.request.target << ": " << e.what());
+            answer = refusal(500, "The request failed.");
+        }
+        {
+            std::lock_guard guard(m_mutex);
+            m_done.push_back({job.connection, std::move(answer), job.keepAlive});
+        }
+        wake();
+    }
+}
+
+int LocalPortListener::Impl::pollTimeoutMs() const {
+    auto next = SteadyClock::now() + std::chrono::seconds(1);
+    for (const auto& [id, connection] : m_connections)
+        if (connection.state != ConnState::Working && connection.deadline < next)
+            next = connection.deadline;
+    const auto wait =
+        std::chrono::duration_cast<std::chrono::milliseconds>(next - SteadyClock::now());
+    return static_cast<int>(std::max<long long>(0, wait.count()) + 1);
+}
+
+void LocalPortListener::Impl::pollLoop() {
+    std::vector<pollfd> fds;
+    std::vector<std::uint64_t> ids;
+    for (;;) {
+        {
+            std::lock_guard guard(m_mutex);
+            if (m_stopping)
+                return;
+        }
+        fds.assign({{m_wakeFd, POLLIN, 0}, {m_listenFd, POLLIN, 0}});
+        ids.assign(2, 0);
+        for (const auto& [id, connection] : m_connections) {
+            // A connection whose answer is being made is not watched: a client that hangs up
+            // meanwhile is noticed when the answer is written.
+            if (connection.state == ConnState::Working)
+                continue;
+            const short events = connection.state == ConnState::Reading ? POLLIN : POLLOUT;
+            fds.push_back({connection.fd, events, 0});
+            ids.push_back(id);
+        }
+        if (::poll(fds.data(), fds.size(), pollTimeoutMs()) < 0 && errno != EINTR)
+            return;
+        if (fds[0].revents) {
+            std::uint64_t count;
+            [[maybe_unused]] const ssize_t read = ::read(m_wakeFd, &count, sizeof count);
+            finishAnswers();
+        }
+        for (std::size_t i = 2; i < fds.size(); ++i) {
+            auto it = m_connections.find(ids[i]);
+            if (it == m_connections.end() || fds[i].revents == 0)
+                continue;
+            Connection& connection = it->second;
+            if (connection.state == ConnState::Reading && (fds[i].revents & (POLLIN | POLLHUP)))
+                readFrom(ids[i], connection);
+            else if (connection.state == ConnState::Writing && (fds[i].revents & POLLOUT))
+                writeTo(ids[i], connection);
+            else if (fds[i].revents & (POLLERR | POLLHUP | POLLNVAL))
+                closeConnection(ids[i]);
+            closeIfDone(ids[i]);
+        }
+        if (fds[1].revents & POLLIN)
+            acceptConnections();
+        expireConnections();
+    }
+}
+
+void LocalPortListener::Impl::acceptConnections() {
+    for (;;) {
+        const int fd = ::accept4(m_listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (fd < 0)
+            return;
+        if (m_connections.size() >= m_limits.maxConnections) {
+            const std::string busy =
+                serialize(refusal(503, "Too many connections; try again later."), false);
+            [[maybe_unused]] const ssize_t sent =
+                ::send(fd, busy.data(), busy.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+            ::close(fd);
+            continue;
+        }
+        Connection connection;
+        connection.fd = fd;
+        connection.deadline =
+            SteadyClock::now() + std::chrono::milliseconds(m_limits.idleTimeoutMs);
+        m_connections.emplace(m_nextId++, std::move(connection));
+    }
+}
+
+void LocalPortListener::Impl::readFrom(std::uint64_t id, Connection& connection) {
+    char buffer[4096];
+    const ssize_t count = ::recv(connection.fd, buffer, sizeof buffer, 0);
+    if (count == 0 || (count < 0 && errno != EAGAIN && errno != EINTR)) {
+        closeConnection(id);
+        return;
+    }
+    if (count < 0)
+        return;
+    if (!connection.headStarted) {
+        connection.headStarted = true;
+        connection.deadline =
+            SteadyClock::now() + std::chrono::milliseconds(m_limits.headTimeoutMs);
+    }
+    connection.in.append(buffer, static_cast<std::size_t>(count));
+    takeRequest(id, connection);
+}
+
+// Starts the handling of the request at the front of the buffer when it is whole.
+bool LocalPortListener::Impl::takeRequest(std::uint64_t id, Connection& connection) {
+    const std::size_t end = headEnd(connection.in);
+    if (end == std::string::npos || end > m_limits.maxHeadBytes) {
+        if (connection.in.size() > m_limits.maxHeadBytes || end != std::string::npos) {
+            const bool lineEnded = connection.in.find('\n') < m_limits.maxHeadBytes;
+            answer(id, connection,
+                   lineEnded ? refusal(431, "The request's headers are too long.")
+                             : refusal(414, "The request line is too long."),
+                   false);
+        }
+        return false;
+    }
+    ParsedHead parsed = parseHead(connection.in.substr(0, end), m_port, m_limits);
+    connection.in.erase(0, end);
+    if (parsed.refused) {
+        PELSU_LOG(listenerGroup(),
+                  "The " << m_name << " refused a request: " << parsed.refusalAnswer.status);
+        answer(id, connection, parsed.refusalAnswer, false);
+        return true;
+    }
+    connection.state = ConnState::Working;
+    {
+        std::lock_guard guard(m_mutex);
+        m_jobs.push_back({id, std::move(parsed.request), parsed.keepAlive});
+    }
+    m_jobReady.notify_one();
+    return true;
+}
+
+void LocalPortListener::Impl::answer(std::uint64_t id, Connection& connection,
+                                     const LocalAnswer& answer, bool keepAlive) {
+    connection.keepAlive = keepAlive;
+    connection.out = serialize(answer, keepAlive);
+    connection.written = 0;
+    connection.state = ConnState::Writing;
+    connection.deadline = SteadyClock::now() + std::chrono::milliseconds(m_limits.writeTimeoutMs);
+    writeTo(id, connection);
+}
+
+void LocalPortListener::Impl::writeTo(std::uint64_t id, Connection& connection) {
+    while (connection.written < connection.out.size()) {
+        const ssize_t sent = ::send(connection.fd, connection.out.data() + connection.written,
+                                    connection.out.size() - connection.written, MSG_NOSIGNAL);
+        if (sent < 0) {
+            if (errno == EAGAIN || errno == EINTR)
+                return;
+            connection.keepAlive = false;
+            connection.written = connection.out.size();
+            return;
+        }
+        connection.written += static_cast<std::size_t>(sent);
+    }
+    if (!connection.keepAlive)
+        return; // the poll loop closes it
+    // Ready for the next request, which may already be in the buffer.
+    connection.out.clear();
+    connection.written = 0;
+    connection.state = ConnState::Reading;
+    connection.headStarted = !connection.in.empty();
+    connection.deadline = SteadyClock::now() + std::chrono::milliseconds(
+                                                   connection.headStarted ? m_limits.headTimeoutMs
+                                                                          : m_limits.idleTimeoutMs);
+    // A pipelined request that waited behind this answer.
+    if (connection.headStarted)
+        takeRequest(id, connection);
+}
+
+// Closes a connection whose last answer is written and that is not kept alive.
+void LocalPortListener::Impl::closeIfDone(std::uint64_t id) {
+    auto it = m_connections.find(id);
+    if (it != m_connections.end() && it->second.state == ConnState::Writing &&
+        it->second.written >= it->second.out.size())
+        closeConnection(id);
+}
+
+void LocalPortListener::Impl::finishAnswers() {
+    std::deque<Done> done;
+    {
+        std::lock_guard guard(m_mutex);
+        done.swap(m_done);
+    }
+    for (Done& item : done) {
+        auto it = m_connections.find(item.connection);
+        if (it == m_connections.end())
+            continue; // the client went away meanwhile
+        answer(item.connection, it->second, item.answer, item.keepAlive);
+        closeIfDone(item.connection);
+    }
+}
+
+void LocalPortListener::Impl::closeConnection(std::uint64_t id) {
+    auto it = m_connections.find(id);
+    if (it == m_connections.end())
+        return;
+    if (it->second.state == ConnState::Working)
+        return; // its answer is still being made; it closes when the answer is written
+    ::close(it->second.fd);
+    m_connections.erase(it);
+}
+
+void LocalPortListener::Impl::expireConnections() {
+    const auto now = SteadyClock::now();
+    std::vector<std::uint64_t> expired;
+    for (const auto& [id, connection] : m_connections)
+        if (connection.state != ConnState::Working && connection.deadline <= now)
+            expired.push_back(id);
+    for (std::uint64_t id : expired) {
+        Connection& connection = m_connections[id];
+        if (connection.state == ConnState::Reading && connection.headStarted) {
+            // A client too slow to finish its request is told so, once, and left.
+            connection.keepAlive = false;
+            const std::string late = serialize(refusal(408, "The request took too long."), false);
+            [[maybe_unused]] const ssize_t sent =
+                ::send(connection.fd, late.data(), late.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        }
+        connection.state = ConnState::Reading;
+        closeConnection(id);
+    }
+}
+
+LocalPortListener::LocalPortListener(std::string name, int port, RequestHandler handler,
+                                     ListenerLimits limits)
+    : m_impl(std::make_unique<Impl>(std::move(name), port, std::move(handler), limits)) {}
+
+LocalPortListener::~LocalPortListener() = default;
+
+void LocalPortListener::start() { m_impl->start(); }
+void LocalPortListener::stop() { m_impl->stop(); }
+bool LocalPortListener::isRunning() const { return m_impl->isRunning(); }
+int LocalPortListener::port() const { return m_impl->m_port; }
+const std::string& LocalPortListener::name() const { return m_impl->m_name; }
+
+} // namespace tools
