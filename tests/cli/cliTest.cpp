@@ -7,9 +7,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <netinet/in.h>
 #include <set>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
 
 using testing_support::readFile;
 using testing_support::TempDir;
@@ -45,6 +48,51 @@ std::string feed(const std::string& ids) {
         text += std::string("<item><guid>") + id + "</guid><title>Item " + id + "</title></item>";
     return text + "</channel></rss>";
 }
+
+// A port that was free a moment ago.
+int freePort() {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    socklen_t length = sizeof address;
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    ::close(fd);
+    return ntohs(address.sin_port);
+}
+
+// pelsu-cli run in the background on a home, stopped by an interrupt.
+class BackgroundRun {
+public:
+    BackgroundRun(const TempDir& home, const std::string& arguments) : m_home(home) {
+        const std::string cliPath = (testing_support::binaryDir() / "cli" / "pelsu-cli").string();
+        const std::string start = "'" + cliPath + "' --home '" + home.path().string() + "' run " +
+                                  arguments + " > '" + home.file("run.out") +
+                                  "' 2>&1 & echo $! > '" + home.file("pid") + "'";
+        EXPECT_EQ(std::system(start.c_str()), 0);
+    }
+    ~BackgroundRun() { stop(); }
+    // Waits until the output holds the text (or ten seconds passed); returns the output.
+    std::string waitFor(const std::string& text) const {
+        std::string out;
+        for (int i = 0; i < 100 && out.find(text) == std::string::npos; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            out = readFile(m_home.file("run.out"));
+        }
+        return out;
+    }
+    std::string stop() {
+        if (!m_stopped)
+            std::system(("kill -INT " + readFile(m_home.file("pid"))).c_str());
+        m_stopped = true;
+        return waitFor("Updated ");
+    }
+
+private:
+    const TempDir& m_home;
+    bool m_stopped = false;
+};
 
 } // namespace
 
@@ -167,6 +215,44 @@ TEST(PelsuCli, RunKeepsTheScheduleAndStopsCleanlyOnAnInterrupt) {
     EXPECT_NE(out.find("Updated 1 channel(s): 3 new item(s)"), std::string::npos) << out;
     const CliRun list = cli(home.path().string(), "list");
     EXPECT_NE(list.out.find("Pelsu News"), std::string::npos) << list.out;
+}
+
+TEST(PelsuCli, RunServesPluginsAndTakesSubscriptionsOnlyWhenAllowed) {
+    TempDir home;
+    ASSERT_EQ(cli(home.path().string(), "list").status, 0);
+    const auto users = fs::directory_iterator(home.file("Users"));
+    const std::string config = (users->path() / "config.ini").string();
+    const int appPort = freePort();
+    const int pluginPort = freePort();
+    writeFile(config, "[Global Options]\nAppServerPortNo=" + std::to_string(appPort) +
+                          "\nAppPluginServerPortNo=" + std::to_string(pluginPort) + "\n");
+    const std::string link = "/subscribe?url=feed://example.org/news.xml";
+    {
+        BackgroundRun run(home, "");
+        run.waitFor("Running with");
+        EXPECT_EQ(testing_support::httpGet(pluginPort, "/Hello").status, 200);
+        const auto refused = testing_support::httpGet(appPort, link);
+        EXPECT_EQ(refused.status, 403);
+        EXPECT_NE(refused.body.find("--allow-subscriptions"), std::string::npos);
+        EXPECT_NE(run.stop().find("Refused a subscription to http://example.org/news.xml"),
+                  std::string::npos);
+    }
+    EXPECT_EQ(cli(home.path().string(), "list").out.find("example.org"), std::string::npos);
+    {
+        BackgroundRun run(home, "--allow-subscriptions");
+        const std::string out = run.waitFor("Running with");
+        EXPECT_NE(out.find("The app server listens on http://127.0.0.1:" + std::to_string(appPort)),
+                  std::string::npos)
+            << out;
+        const auto accepted = testing_support::httpGet(appPort, link);
+        EXPECT_EQ(accepted.status, 200);
+        EXPECT_NE(accepted.body.find("example_org_news"), std::string::npos) << accepted.body;
+        // The worker takes the new channel's first update at once.
+        EXPECT_NE(run.waitFor("Updating example_org_news").find("Updating example_org_news"),
+                  std::string::npos);
+    }
+    EXPECT_NE(cli(home.path().string(), "list").out.find("http://example.org/news.xml"),
+              std::string::npos);
 }
 
 TEST(PelsuCli, SamplePluginsLoadAndAnswer) {

@@ -1,9 +1,13 @@
 #include "tests/support/testSupport.h"
 
+#include <arpa/inet.h>
 #include <cstdlib>
 #include <fstream>
+#include <netinet/in.h>
+#include <poll.h>
 #include <sstream>
 #include <stdexcept>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -59,6 +63,81 @@ ChildResult runInChild(const std::function<void()>& body) {
     ::waitpid(child, &status, 0);
     result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     return result;
+}
+
+RawConnection::RawConnection(int port) {
+    m_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::connect(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+        ::close(m_fd);
+        m_fd = -1;
+    }
+    timeval timeout{5, 0};
+    ::setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+}
+
+RawConnection::~RawConnection() {
+    if (m_fd >= 0)
+        ::close(m_fd);
+}
+
+bool RawConnection::send(const std::string& bytes) {
+    std::size_t sent = 0;
+    while (sent < bytes.size()) {
+        const ssize_t count = ::send(m_fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+        if (count <= 0)
+            return false;
+        sent += static_cast<std::size_t>(count);
+    }
+    return true;
+}
+
+RawConnection::Answer RawConnection::readAnswer() {
+    Answer answer;
+    std::size_t headEnd;
+    char chunk[8192];
+    auto fill = [&] {
+        const ssize_t count = ::recv(m_fd, chunk, sizeof chunk, 0);
+        if (count <= 0)
+            return false;
+        m_buffer.append(chunk, static_cast<std::size_t>(count));
+        return true;
+    };
+    while ((headEnd = m_buffer.find("\r\n\r\n")) == std::string::npos)
+        if (!fill())
+            return answer;
+    answer.head = m_buffer.substr(0, headEnd + 4);
+    std::size_t length = 0;
+    const std::size_t at = answer.head.find("Content-Length: ");
+    if (at != std::string::npos)
+        length = std::stoul(answer.head.substr(at + 16));
+    while (m_buffer.size() < headEnd + 4 + length)
+        if (!fill())
+            return answer;
+    answer.body = m_buffer.substr(headEnd + 4, length);
+    m_buffer.erase(0, headEnd + 4 + length);
+    if (answer.head.rfind("HTTP/1.1 ", 0) == 0)
+        answer.status = std::stoi(answer.head.substr(9, 3));
+    return answer;
+}
+
+bool RawConnection::closedByServer(int timeoutMs) {
+    pollfd entry{m_fd, POLLIN, 0};
+    if (::poll(&entry, 1, timeoutMs) <= 0)
+        return false;
+    char byte;
+    return ::recv(m_fd, &byte, 1, MSG_PEEK) <= 0;
+}
+
+RawConnection::Answer httpGet(int port, const std::string& target, const std::string& host) {
+    RawConnection connection(port);
+    connection.send("GET " + target + " HTTP/1.1\r\nHost: " +
+                    (host.empty() ? "127.0.0.1:" + std::to_string(port) : host) +
+                    "\r\nConnection: close\r\n\r\n");
+    return connection.readAnswer();
 }
 
 } // namespace testing_support

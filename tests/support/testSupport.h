@@ -37,4 +37,33 @@ struct ChildResult {
 };
 ChildResult runInChild(const std::function<void()>& body);
 
+// A client connection to 127.0.0.1:port that sends bytes exactly as given (for the tests of
+// the local listeners). Reads give up after five seconds.
+class RawConnection {
+public:
+    explicit RawConnection(int port);
+    ~RawConnection();
+    RawConnection(const RawConnection&) = delete;
+    RawConnection& operator=(const RawConnection&) = delete;
+    bool isConnected() const { return m_fd >= 0; }
+    bool send(const std::string& bytes);
+    // The next whole answer ("HTTP/1.1 200 OK" ... body by Content-Length); status 0 when
+    // the server closed or said nothing.
+    struct Answer {
+        int status = 0;
+        std::string head;
+        std::string body;
+    };
+    Answer readAnswer();
+    // True when the server closes the connection within the time.
+    bool closedByServer(int timeoutMs);
+
+private:
+    int m_fd = -1;
+    std::string m_buffer;
+};
+
+// A GET over a new connection with the Host "127.0.0.1:port" (or the one given).
+RawConnection::Answer httpGet(int port, const std::string& target, const std::string& host = "");
+
 } // namespace testing_support

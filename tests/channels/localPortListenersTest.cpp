@@ -1,0 +1,214 @@
+#include "channels/localPortListeners.h"
+
+#include "channels/appPluginManager.h"
+#include "channels/channelManager.h"
+#include "channels/rssChannel.h"
+#include "tests/support/testSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <mutex>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+using namespace channels;
+using testing_support::httpGet;
+using testing_support::TempDir;
+using testing_support::writeFile;
+namespace fs = std::filesystem;
+
+namespace {
+
+// Approves or refuses as told and remembers what it was asked.
+class TestApprover : public SubscriptionApprover {
+public:
+    std::string approveSubscription(const std::string& address) override {
+        std::lock_guard guard(m_mutex);
+        asked.push_back(address);
+        return refusal;
+    }
+    std::mutex m_mutex;
+    std::vector<std::string> asked;
+    std::string refusal;
+};
+
+// A channel manager, two plugins and every listener, each on a free port.
+class LocalPortListenersTest : public ::testing::Test {
+protected:
+    LocalPortListenersTest() {
+        fs::create_directories(m_dir.file("Channels"));
+        fs::create_directories(m_dir.file("plugins"));
+        fs::copy_file(PELSU_TEST_PLUGIN_PATH, m_dir.file("plugins/lib.so"));
+        writeFile(m_dir.file("plugins/Lib.plugin"), "[Config]\nPlugin=lib.so\n");
+        m_plugins.setAppPluginsDir(m_dir.file("plugins"));
+        m_plugins.loadAppPlugins();
+        m_options.appServerPort = 0;
+        m_options.appPluginServerPort = 0;
+        m_options.amphetaDesk = m_options.radioUserland = m_options.headlineViewer = true;
+        m_options.amphetaDeskPort = m_options.radioUserlandPort = m_options.headlineViewerPort = 0;
+    }
+    ~LocalPortListenersTest() override {
+        m_listeners.stop();
+        m_channels.discardChannels();
+    }
+    int port(const char* name) const { return m_listeners.port(name); }
+    // The address of every channel, in table order.
+    std::vector<std::string> addresses() const {
+        std::vector<std::string> result;
+        for (Channel* channel : m_channels.channels())
+            result.push_back(channel->address());
+        return result;
+    }
+
+    TempDir m_dir;
+    ChannelManager m_channels{m_dir.file("Channels"), {}};
+    AppPluginManager m_plugins;
+    TestApprover m_approver;
+    LocalPortListeners m_listeners{m_channels, m_plugins, &m_approver};
+    LocalPortListenerOptions m_options;
+};
+
+} // namespace
+
+TEST(SubscriptionAddresses, RawAndEncodedFormsAndFeedSchemes) {
+    EXPECT_EQ(subscriptionParameter("url=http://a.org/f?x=1&y=2&go", "url"),
+              "http://a.org/f?x=1&y=2");
+    EXPECT_EQ(subscriptionParameter("url=http%3A%2F%2Fa.org%2Ff%3Fx%3D1%26y%3D2&go", "url"),
+              "http://a.org/f?x=1&y=2");
+    EXPECT_EQ(subscriptionParameter("x=1&url=HTTPS://a.org/f", "url"), "HTTPS://a.org/f");
+    EXPECT_EQ(subscriptionParameter("add_urls=a,b", "add_url"), std::nullopt);
+    EXPECT_EQ(subscriptionParameter("curl=http://a.org/", "url"), std::nullopt);
+    EXPECT_EQ(subscriptionParameter("url=", "url"), "");
+    EXPECT_EQ(feedAddress("feed://a.org/rss"), "http://a.org/rss");
+    EXPECT_EQ(feedAddress(" feed:https://a.org/rss "), "https://a.org/rss");
+    EXPECT_EQ(feedAddress("a.org:8080/rss"), "http://a.org:8080/rss");
+    EXPECT_EQ(feedAddress("javascript:alert(1)"), "javascript:alert(1)");
+    EXPECT_NE(subscriptionAddressProblem("javascript:alert(1)"), "");
+    EXPECT_NE(subscriptionAddressProblem("file:///etc/passwd"), "");
+    EXPECT_NE(subscriptionAddressProblem("http://127.0.0.1:2605/Lib"), "");
+    EXPECT_NE(subscriptionAddressProblem("http://user@LOCALHOST/x"), "");
+    EXPECT_NE(subscriptionAddressProblem("http://[::1]/x"), "");
+    EXPECT_NE(subscriptionAddressProblem("http://a.org/with space"), "");
+    EXPECT_EQ(subscriptionAddressProblem("http://a.org/rss?x=1"), "");
+}
+
+TEST_F(LocalPortListenersTest, EveryFormOfSubscriptionLinkSubscribes) {
+    ASSERT_TRUE(m_listeners.start(m_options).empty());
+    const struct {
+        const char* listener;
+        std::string target;
+    } links[] = {
+        {"app server", "/subscribe?url=http://one.org/feed.xml?a=1&b=2&go"},
+        {"app server", "/subscribe?url=feed%3A%2F%2Ftwo.org%2Frss"},
+        {"app server", "/subscribe?url=feed:https://three.org/atom"},
+        {"AmphetaDesk listener", "/index.html?add_url=http://four.org/rss"},
+        {"AmphetaDesk listener",
+         "/anything?add_urls=http%3A%2F%2Ffive.org%2Fa%2Chttp%3A%2F%2Fsix.org%2Fb"},
+        {"Radio Userland listener", "/system/pages/subscriptions?url=http://seven.org/r"},
+        {"Radio Userland listener", "/system/pages/subscriptions/?url=http://eight.org/r&go"},
+        {"Headline Viewer listener", "/add_provider?url=http%3A%2F%2Fnine.org%2Fh"},
+    };
+    for (const auto& [listener, target] : links) {
+        const auto answer = httpGet(port(listener), target);
+        EXPECT_EQ(answer.status, 200) << target;
+        EXPECT_NE(answer.body.find("Subscribed to"), std::string::npos) << answer.body;
+    }
+    auto subscribed = addresses();
+    std::sort(subscribed.begin(), subscribed.end());
+    EXPECT_EQ(subscribed,
+              (std::vector<std::string>{
+                  "http://eight.org/r", "http://five.org/a", "http://four.org/rss",
+                  "http://nine.org/h", "http://one.org/feed.xml?a=1&b=2", "http://seven.org/r",
+                  "http://six.org/b", "http://two.org/rss", "https://three.org/atom"}));
+    for (Channel* channel : m_channels.channels())
+        EXPECT_TRUE(fs::exists(channel->fileName())) << channel->id();
+    EXPECT_TRUE(m_channels.findChannel("one_org_feed"));
+    // The older readers' paths are their own; other paths find nothing.
+    EXPECT_EQ(httpGet(port("Radio Userland listener"), "/x?url=http://a.org/").status, 404);
+    EXPECT_EQ(httpGet(port("Headline Viewer listener"), "/x?url=http://a.org/").status, 404);
+    EXPECT_EQ(httpGet(port("app server"), "/subscribe?feed=http://a.org/").status, 400);
+}
+
+TEST_F(LocalPortListenersTest, DuplicatesBadAddressesAndRefusalsSubscribeNothing) {
+    ASSERT_TRUE(m_listeners.start(m_options).empty());
+    const int app = port("app server");
+    ASSERT_EQ(httpGet(app, "/subscribe?url=http://a.org/rss").status, 200);
+    auto answer = httpGet(app, "/subscribe?url=feed://a.org/rss");
+    EXPECT_EQ(answer.status, 200);
+    EXPECT_NE(answer.body.find("Already subscribed"), std::string::npos);
+    EXPECT_NE(answer.body.find("a_org_rss"), std::string::npos);
+
+    answer = httpGet(app, "/subscribe?url=javascript:alert(%22%3Cb%3E%22)");
+    EXPECT_EQ(answer.status, 400);
+    EXPECT_EQ(answer.body.find("<b>"), std::string::npos) << "the address is escaped";
+    EXPECT_EQ(httpGet(app, "/subscribe?url=http://127.0.0.1:2605/Lib").status, 400);
+
+    // An address made to climb out of the channels directory still gives a plain ID there.
+    EXPECT_EQ(httpGet(app, "/subscribe?url=http://..%2F..%2Fx/..%2F.rss").status, 200);
+    for (Channel* channel : m_channels.channels()) {
+        EXPECT_EQ(channel->id().find_first_not_of(
+                      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_-"),
+                  std::string::npos)
+            << channel->id();
+        EXPECT_EQ(fs::path(channel->fileName()).parent_path(), fs::path(m_dir.file("Channels")));
+    }
+
+    m_approver.refusal = "The user said <no>.";
+    answer = httpGet(app, "/subscribe?url=http://b.org/rss");
+    EXPECT_EQ(answer.status, 403);
+    EXPECT_NE(answer.body.find("The user said &lt;no&gt;."), std::string::npos);
+    EXPECT_EQ(m_channels.channels().size(), 2u);
+    EXPECT_EQ(m_approver.asked.back(), "http://b.org/rss");
+}
+
+TEST_F(LocalPortListenersTest, PluginServerRoutesToThePluginsAndExplainsFailures) {
+    ASSERT_TRUE(m_listeners.start(m_options).empty());
+    const int server = port("app-plugin server");
+    EXPECT_EQ(m_plugins.getAppPluginServerPort(), server) << "scripts learn the real port";
+    EXPECT_EQ(m_plugins.getAppServerPort(), port("app server"));
+    const std::string base = "http://127.0.0.1:" + std::to_string(server);
+    for (const char* target : {"/lib", "/lib/"}) {
+        const auto answer = httpGet(server, target);
+        EXPECT_EQ(answer.status, 200) << target;
+        EXPECT_EQ(answer.body, "<a href=\"" + base + "/x\">main</a>");
+    }
+    auto answer = httpGet(server, "/lib/echo?a=1&b=%41");
+    EXPECT_EQ(answer.status, 200);
+    EXPECT_EQ(answer.body.substr(0, answer.body.find('|', 11)), "echo|a=1&b=%41");
+
+    answer = httpGet(server, "/lib/fail");
+    EXPECT_EQ(answer.status, 500);
+    EXPECT_NE(answer.body.find("the request failed"), std::string::npos) << answer.body;
+    answer = httpGet(server, "/<script>/x");
+    EXPECT_EQ(answer.status, 404);
+    EXPECT_NE(answer.body.find("&lt;script&gt;"), std::string::npos);
+    EXPECT_EQ(answer.body.find("<script>"), std::string::npos);
+    answer = httpGet(server, "/");
+    EXPECT_NE(answer.body.find("href=\"/lib\""), std::string::npos) << "an index of the plugins";
+}
+
+TEST_F(LocalPortListenersTest, APortInUseIsReportedAndTheRestRun) {
+    const int taken = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(::bind(taken, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(::listen(taken, 1), 0);
+    socklen_t length = sizeof address;
+    ::getsockname(taken, reinterpret_cast<sockaddr*>(&address), &length);
+    m_options.appServerPort = ntohs(address.sin_port);
+    m_options.radioUserland = false;
+
+    const auto problems = m_listeners.start(m_options);
+    ASSERT_EQ(problems.size(), 1u);
+    EXPECT_EQ(problems[0], "Can't listen on 127.0.0.1:" + std::to_string(m_options.appServerPort) +
+                               " (app server): Address already in use");
+    EXPECT_EQ(port("app server"), 0);
+    EXPECT_EQ(port("Radio Userland listener"), 0) << "switched off";
+    EXPECT_EQ(httpGet(port("app-plugin server"), "/lib").status, 200);
+    EXPECT_EQ(httpGet(port("Headline Viewer listener"), "/add_provider?url=http://a.org/").status,
+              200);
+    ::close(taken);
+}

@@ -1,0 +1,212 @@
+#include "tools/localPortListener.h"
+
+#include "lib/misc/exception.h"
+#include "tests/support/testSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <thread>
+#include <vector>
+
+using testing_support::httpGet;
+using testing_support::RawConnection;
+using tools::ListenerLimits;
+using tools::LocalAnswer;
+using tools::LocalPortListener;
+using tools::LocalRequest;
+
+namespace {
+
+// A listener on a free port whose handler echoes the path and the query.
+class ListenerTest : public ::testing::Test {
+protected:
+    void startWith(ListenerLimits limits = {}, int handlerDelayMs = 0) {
+        m_listener = std::make_unique<LocalPortListener>(
+            "test listener", 0,
+            [this, handlerDelayMs](const LocalRequest& request) {
+                ++m_calls;
+                if (handlerDelayMs)
+                    std::this_thread::sleep_for(std::chrono::milliseconds(handlerDelayMs));
+                if (request.path == "/throw")
+                    throw std::runtime_error("<secret>");
+                LocalAnswer answer;
+                answer.body = request.path + "|" + request.query;
+                return answer;
+            },
+            limits);
+        m_listener->start();
+    }
+    int port() const { return m_listener->port(); }
+    std::string host() const { return "127.0.0.1:" + std::to_string(port()); }
+    std::string get(const std::string& target, const std::string& extra = "") const {
+        return "GET " + target + " HTTP/1.1\r\nHost: " + host() + "\r\n" + extra + "\r\n";
+    }
+
+    std::unique_ptr<LocalPortListener> m_listener;
+    std::atomic<int> m_calls{0};
+};
+
+} // namespace
+
+TEST_F(ListenerTest, AnswersGetRequestsOnKeptAliveAndPipelinedConnections) {
+    startWith();
+    RawConnection connection(port());
+    ASSERT_TRUE(connection.send(get("/a?x=1&y=%41")));
+    auto answer = connection.readAnswer();
+    EXPECT_EQ(answer.status, 200);
+    EXPECT_EQ(answer.body, "/a|x=1&y=%41") << "the query stays encoded";
+    EXPECT_NE(answer.head.find("Connection: keep-alive"), std::string::npos);
+    // Two requests in one write come back in order on the same connection.
+    ASSERT_TRUE(connection.send(get("/b") + get("/c", "Connection: close\r\n")));
+    EXPECT_EQ(connection.readAnswer().body, "/b|");
+    answer = connection.readAnswer();
+    EXPECT_EQ(answer.body, "/c|");
+    EXPECT_NE(answer.head.find("Connection: close"), std::string::npos);
+    EXPECT_TRUE(connection.closedByServer(2000));
+    // Bare line feeds and HTTP/1.0 (closed after the answer) are understood too.
+    RawConnection old(port());
+    old.send("GET /d HTTP/1.0\nHost: localhost:" + std::to_string(port()) + "\n\n");
+    EXPECT_EQ(old.readAnswer().body, "/d|");
+    EXPECT_TRUE(old.closedByServer(2000));
+}
+
+TEST_F(ListenerTest, RefusesOtherHostsMethodsBodiesAndGarbageBeforeTheHandler) {
+    startWith();
+    const std::string p = std::to_string(port());
+    EXPECT_EQ(httpGet(port(), "/x", "evil.example:" + p).status, 403) << "DNS rebinding";
+    EXPECT_EQ(httpGet(port(), "/x", "127.0.0.1").status, 403) << "no port";
+    EXPECT_EQ(httpGet(port(), "/x", "127.0.0.1:1").status, 403) << "another port";
+    EXPECT_EQ(httpGet(port(), "/x", "LOCALHOST:" + p).status, 200);
+    const struct {
+        std::string request;
+        int status;
+    } refused[] = {
+        {"GET /x HTTP/1.1\r\n\r\n", 403},
+        {"GET /x HTTP/1.1\r\nHost: " + host() + "\r\nHost: " + host() + "\r\n\r\n", 400},
+        {"POST /x HTTP/1.1\r\nHost: " + host() + "\r\nContent-Length: 0\r\n\r\n", 405},
+        {"GET /x HTTP/1.1\r\nHost: " + host() + "\r\nContent-Length: 4\r\n\r\nbody", 400},
+        {"GET /x HTTP/1.1\r\nHost: " + host() + "\r\nTransfer-Encoding: chunked\r\n\r\n", 400},
+        {"GET /x HTTP/2.0\r\nHost: " + host() + "\r\n\r\n", 400},
+        {"GET x HTTP/1.1\r\nHost: " + host() + "\r\n\r\n", 400},
+        {"nonsense\r\n\r\n", 400},
+        {"GET /x HTTP/1.1\r\nno colon here\r\n\r\n", 400},
+    };
+    for (const auto& [request, status] : refused) {
+        RawConnection connection(port());
+        connection.send(request);
+        const auto answer = connection.readAnswer();
+        EXPECT_EQ(answer.status, status) << request;
+        EXPECT_TRUE(connection.closedByServer(2000)) << request;
+        if (status == 405) {
+            EXPECT_NE(answer.head.find("Allow: GET"), std::string::npos);
+        }
+    }
+    EXPECT_EQ(m_calls, 1) << "only the localhost request reached the handler";
+}
+
+TEST_F(ListenerTest, BoundsTheRequestLineAndTheHeaders) {
+    ListenerLimits limits;
+    limits.maxHeadBytes = 4096;
+    limits.maxHeaders = 10;
+    startWith(limits);
+    RawConnection longLine(port());
+    longLine.send("GET /" + std::string(100000, 'a'));
+    EXPECT_EQ(longLine.readAnswer().status, 414);
+    EXPECT_TRUE(longLine.closedByServer(2000));
+
+    std::string manyHeaders;
+    for (int i = 0; i < 11; ++i)
+        manyHeaders += "X-" + std::to_string(i) + ": y\r\n";
+    RawConnection many(port());
+    many.send(get("/x", manyHeaders));
+    EXPECT_EQ(many.readAnswer().status, 431);
+
+    RawConnection endless(port());
+    std::string header = "GET /x HTTP/1.1\r\nHost: " + host() + "\r\n";
+    for (int i = 0; i < 200 && endless.send(header); ++i)
+        header = "X-Long: " + std::string(100, 'z') + "\r\n";
+    EXPECT_EQ(endless.readAnswer().status, 431);
+    EXPECT_EQ(m_calls, 0);
+    EXPECT_EQ(httpGet(port(), "/still-serving").status, 200);
+}
+
+TEST_F(ListenerTest, IdleAndSlowClientsDoNotHoldUpOthers) {
+    ListenerLimits limits;
+    limits.workers = 1;
+    limits.headTimeoutMs = 3000;
+    startWith(limits);
+    std::vector<std::unique_ptr<RawConnection>> idle;
+    for (int i = 0; i < 100; ++i)
+        idle.push_back(std::make_unique<RawConnection>(port()));
+    RawConnection slow(port());
+    slow.send("GET /slow HTTP/1.1\r\nHo");
+    for (int i = 0; i < 20; ++i)
+        ASSERT_EQ(httpGet(port(), "/quick").status, 200);
+    EXPECT_FALSE(slow.closedByServer(0)) << "the quick requests did not wait for the slow one";
+    // The slow client is told it took too long and is let go; idle ones stay connected.
+    EXPECT_EQ(slow.readAnswer().status, 408);
+    EXPECT_TRUE(slow.closedByServer(2000));
+    EXPECT_FALSE(idle.front()->closedByServer(100));
+    ASSERT_TRUE(idle.front()->send(get("/late")));
+    EXPECT_EQ(idle.front()->readAnswer().body, "/late|");
+}
+
+TEST_F(ListenerTest, ConnectionsBeyondTheLimitAreTurnedAway) {
+    ListenerLimits limits;
+    limits.maxConnections = 3;
+    startWith(limits);
+    std::vector<std::unique_ptr<RawConnection>> held;
+    for (int i = 0; i < 3; ++i) {
+        held.push_back(std::make_unique<RawConnection>(port()));
+        held.back()->send(get("/held"));
+        ASSERT_EQ(held.back()->readAnswer().status, 200);
+    }
+    RawConnection extra(port());
+    EXPECT_EQ(extra.readAnswer().status, 503);
+    held.pop_back();
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(httpGet(port(), "/again").status, 200);
+}
+
+TEST_F(ListenerTest, HandlerFailuresAreAnswered500WithoutTheirText) {
+    startWith();
+    const auto answer = httpGet(port(), "/throw");
+    EXPECT_EQ(answer.status, 500);
+    EXPECT_EQ(answer.body.find("<secret>"), std::string::npos);
+    EXPECT_EQ(httpGet(port(), "/after").status, 200);
+}
+
+TEST_F(ListenerTest, APortInUseIsReportedByName) {
+    startWith();
+    LocalPortListener second("second listener", port(),
+                             [](const LocalRequest&) { return LocalAnswer{}; });
+    try {
+        second.start();
+        FAIL() << "the port was taken";
+    } catch (const channels::Exception& e) {
+        EXPECT_EQ(std::string(e.what()), "Can't listen on 127.0.0.1:" + std::to_string(port()) +
+                                             " (second listener): Address already in use");
+    }
+    EXPECT_FALSE(second.isRunning());
+    EXPECT_EQ(httpGet(port(), "/first").status, 200);
+}
+
+TEST_F(ListenerTest, StopsPromptlyWithClientsConnectedAndARequestRunning) {
+    startWith({}, 300);
+    std::vector<std::unique_ptr<RawConnection>> idle;
+    for (int i = 0; i < 20; ++i)
+        idle.push_back(std::make_unique<RawConnection>(port()));
+    RawConnection busy(port());
+    busy.send(get("/busy"));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    const auto before = std::chrono::steady_clock::now();
+    m_listener->stop();
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(2));
+    EXPECT_FALSE(m_listener->isRunning());
+    EXPECT_TRUE(idle.front()->closedByServer(1000));
+    m_listener->start();
+    EXPECT_EQ(httpGet(port(), "/restarted").status, 200);
+}
