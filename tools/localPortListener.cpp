@@ -14,7 +14,7 @@
 #include <map>
 #include <mutex>
 #include <netinet/in.h>
-#include <poll.h>
+#include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <thread>
@@ -195,7 +195,12 @@ struct Connection {
     bool keepAlive = true;
     SteadyClock::time_point deadline;
     bool headStarted = false;
+    bool watched = false; // registered with the epoll set
 };
+
+// The epoll keys of the two descriptors that are not connections.
+constexpr std::uint64_t kWakeKey = 0;
+constexpr std::uint64_t kListenKey = 1;
 
 struct Job {
     std::uint64_t connection;
@@ -237,7 +242,7 @@ private:
                 bool keepAlive);
     void finishAnswers();
     void closeConnection(std::uint64_t id);
-    int pollTimeoutMs() const;
+    void setState(std::uint64_t id, Connection& connection, ConnState state);
     void expireConnections();
     void wake();
 
@@ -245,11 +250,12 @@ private:
     ListenerLimits m_limits;
     int m_listenFd = -1;
     int m_wakeFd = -1;
+    int m_epollFd = -1;
     bool m_stopping = false; // guarded by m_mutex
     std::thread m_pollThread;
     std::vector<std::thread> m_workers;
     std::map<std::uint64_t, Connection> m_connections; // poll thread only
-    std::uint64_t m_nextId = 1;
+    std::uint64_t m_nextId = 2;
     std::mutex m_mutex;
     std::condition_variable m_jobReady;
     std::deque<Job> m_jobs;
@@ -285,6 +291,11 @@ void LocalPortListener::Impl::start() {
         return;
     bindSocket();
     m_wakeFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    m_epollFd = ::epoll_create1(EPOLL_CLOEXEC);
+    epoll_event wakeEvent{EPOLLIN, {.u64 = kWakeKey}};
+    epoll_event listenEvent{EPOLLIN, {.u64 = kListenKey}};
+    ::epoll_ctl(m_epollFd, EPOLL_CTL_ADD, m_wakeFd, &wakeEvent);
+    ::epoll_ctl(m_epollFd, EPOLL_CTL_ADD, m_listenFd, &listenEvent);
     m_stopping = false;
     for (unsigned i = 0; i < std::max(1u, m_limits.workers); ++i)
         m_workers.emplace_back([this] { workerLoop(); });
@@ -312,8 +323,10 @@ void LocalPortListener::Impl::stop() {
     m_done.clear();
     ::close(m_listenFd);
     ::close(m_wakeFd);
+    ::close(m_epollFd);
     m_listenFd = -1;
     m_wakeFd = -1;
+    m_epollFd = -1;
     PELSU_LOG(listenerGroup(), "The " << m_name << " has stopped.");
 }
 
@@ -349,59 +362,62 @@ void LocalPortListener::Impl::workerLoop() {
     }
 }
 
-int LocalPortListener::Impl::pollTimeoutMs() const {
-    auto next = SteadyClock::now() + std::chrono::seconds(1);
-    for (const auto& [id, connection] : m_connections)
-        if (connection.state != ConnState::Working && connection.deadline < next)
-            next = connection.deadline;
-    const auto wait =
-        std::chrono::duration_cast<std::chrono::milliseconds>(next - SteadyClock::now());
-    return static_cast<int>(std::max<long long>(0, wait.count()) + 1);
+// Watches a connection for what its new state waits for: a request, or room to write. One
+// whose answer is being made is not watched (a hang-up is noticed when the answer is written).
+void LocalPortListener::Impl::setState(std::uint64_t id, Connection& connection, ConnState state) {
+    connection.state = state;
+    if (state == ConnState::Working) {
+        if (connection.watched)
+            ::epoll_ctl(m_epollFd, EPOLL_CTL_DEL, connection.fd, nullptr);
+        connection.watched = false;
+        return;
+    }
+    epoll_event event{state == ConnState::Reading ? EPOLLIN : EPOLLOUT, {.u64 = id}};
+    ::epoll_ctl(m_epollFd, connection.watched ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, connection.fd,
+                &event);
+    connection.watched = true;
 }
 
 void LocalPortListener::Impl::pollLoop() {
-    std::vector<pollfd> fds;
-    std::vector<std::uint64_t> ids;
+    // Deadlines are checked a few times a second; they are counted in seconds.
+    constexpr auto kSweepInterval = std::chrono::milliseconds(250);
+    auto lastSweep = SteadyClock::now();
+    epoll_event events[64];
     for (;;) {
         {
             std::lock_guard guard(m_mutex);
             if (m_stopping)
                 return;
         }
-        fds.assign({{m_wakeFd, POLLIN, 0}, {m_listenFd, POLLIN, 0}});
-        ids.assign(2, 0);
-        for (const auto& [id, connection] : m_connections) {
-            // A connection whose answer is being made is not watched: a client that hangs up
-            // meanwhile is noticed when the answer is written.
-            if (connection.state == ConnState::Working)
-                continue;
-            const short events = connection.state == ConnState::Reading ? POLLIN : POLLOUT;
-            fds.push_back({connection.fd, events, 0});
-            ids.push_back(id);
-        }
-        if (::poll(fds.data(), fds.size(), pollTimeoutMs()) < 0 && errno != EINTR)
+        const int timeout = m_connections.empty() ? -1 : static_cast<int>(kSweepInterval.count());
+        const int count = ::epoll_wait(m_epollFd, events, 64, timeout);
+        if (count < 0 && errno != EINTR)
             return;
-        if (fds[0].revents) {
-            std::uint64_t count;
-            [[maybe_unused]] const ssize_t read = ::read(m_wakeFd, &count, sizeof count);
-            finishAnswers();
-        }
-        for (std::size_t i = 2; i < fds.size(); ++i) {
-            auto it = m_connections.find(ids[i]);
-            if (it == m_connections.end() || fds[i].revents == 0)
+        for (int i = 0; i < count; ++i) {
+            const std::uint64_t id = events[i].data.u64;
+            if (id == kWakeKey) {
+                std::uint64_t value;
+                [[maybe_unused]] const ssize_t read = ::read(m_wakeFd, &value, sizeof value);
+                finishAnswers();
                 continue;
-            Connection& connection = it->second;
-            if (connection.state == ConnState::Reading && (fds[i].revents & (POLLIN | POLLHUP)))
-                readFrom(ids[i], connection);
-            else if (connection.state == ConnState::Writing && (fds[i].revents & POLLOUT))
-                writeTo(ids[i], connection);
-            else if (fds[i].revents & (POLLERR | POLLHUP | POLLNVAL))
-                closeConnection(ids[i]);
-            closeIfDone(ids[i]);
+            }
+            if (id == kListenKey) {
+                acceptConnections();
+                continue;
+            }
+            auto it = m_connections.find(id);
+            if (it == m_connections.end())
+                continue; // closed earlier in this round
+            if (it->second.state == ConnState::Reading)
+                readFrom(id, it->second);
+            else if (it->second.state == ConnState::Writing)
+                writeTo(id, it->second);
+            closeIfDone(id);
         }
-        if (fds[1].revents & POLLIN)
-            acceptConnections();
-        expireConnections();
+        if (SteadyClock::now() - lastSweep >= kSweepInterval) {
+            lastSweep = SteadyClock::now();
+            expireConnections();
+        }
     }
 }
 
@@ -418,11 +434,12 @@ void LocalPortListener::Impl::acceptConnections() {
             ::close(fd);
             continue;
         }
-        Connection connection;
+        const std::uint64_t id = m_nextId++;
+        Connection& connection = m_connections[id];
         connection.fd = fd;
         connection.deadline =
             SteadyClock::now() + std::chrono::milliseconds(m_limits.idleTimeoutMs);
-        m_connections.emplace(m_nextId++, std::move(connection));
+        setState(id, connection, ConnState::Reading);
     }
 }
 
@@ -465,7 +482,7 @@ bool LocalPortListener::Impl::takeRequest(std::uint64_t id, Connection& connecti
         answer(id, connection, parsed.refusalAnswer, false);
         return true;
     }
-    connection.state = ConnState::Working;
+    setState(id, connection, ConnState::Working);
     {
         std::lock_guard guard(m_mutex);
         m_jobs.push_back({id, std::move(parsed.request), parsed.keepAlive});
@@ -479,7 +496,7 @@ void LocalPortListener::Impl::answer(std::uint64_t id, Connection& connection,
     connection.keepAlive = keepAlive;
     connection.out = serialize(answer, keepAlive);
     connection.written = 0;
-    connection.state = ConnState::Writing;
+    setState(id, connection, ConnState::Writing);
     connection.deadline = SteadyClock::now() + std::chrono::milliseconds(m_limits.writeTimeoutMs);
     writeTo(id, connection);
 }
@@ -502,7 +519,7 @@ void LocalPortListener::Impl::writeTo(std::uint64_t id, Connection& connection) 
     // Ready for the next request, which may already be in the buffer.
     connection.out.clear();
     connection.written = 0;
-    connection.state = ConnState::Reading;
+    setState(id, connection, ConnState::Reading);
     connection.headStarted = !connection.in.empty();
     connection.deadline = SteadyClock::now() + std::chrono::milliseconds(
                                                    connection.headStarted ? m_limits.headTimeoutMs
@@ -560,7 +577,6 @@ void LocalPortListener::Impl::expireConnections() {
             [[maybe_unused]] const ssize_t sent =
                 ::send(connection.fd, late.data(), late.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
         }
-        connection.state = ConnState::Reading;
         closeConnection(id);
     }
 }

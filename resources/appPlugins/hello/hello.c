@@ -49,16 +49,49 @@ static int32_t generateMainPage(char** page, int32_t* length, char* errorBuffer)
                     g_configFile, "who=world");
 }
 
+/* The text with the characters that mean something in HTML written as entities: a request
+ * comes from any web page, so what it carries must never become mark-up. */
+static char* escapeHtml(const char* text) {
+    char* out = malloc(strlen(text) * 6 + 1);
+    char* end = out;
+    if (!out)
+        return NULL;
+    for (; *text; ++text) {
+        const char* entity = *text == '<'    ? "&lt;"
+                             : *text == '>'  ? "&gt;"
+                             : *text == '&'  ? "&amp;"
+                             : *text == '"'  ? "&quot;"
+                             : *text == '\'' ? "&#39;"
+                                             : NULL;
+        if (entity) {
+            strcpy(end, entity);
+            end += strlen(entity);
+        } else {
+            *end++ = *text;
+        }
+    }
+    *end = '\0';
+    return out;
+}
+
 static int32_t processRequest(const char* request, const char* paramString, char** response,
                               int32_t* length, char* errorBuffer) {
     if (strcmp(request, "greet") != 0) {
-        snprintf(errorBuffer, PELSU_PLUGIN_ERROR_SIZE, "Unknown request: %s", request);
+        strcpy(errorBuffer, "Unknown request.");
         return 1;
     }
-    return makePage(response, length, errorBuffer,
-                    "<html><body><p>Hello! You asked for %s with '%s'.</p>"
-                    "<p><a href=\"{%%PLUGIN_SERVER_URL%%}/Hello\">Back</a></p></body></html>",
-                    request, paramString);
+    char* params = escapeHtml(paramString);
+    if (!params) {
+        strcpy(errorBuffer, "Out of memory.");
+        return 1;
+    }
+    const int32_t rc =
+        makePage(response, length, errorBuffer,
+                 "<html><body><p>Hello! You asked for %s with '%s'.</p>"
+                 "<p><a href=\"{%%PLUGIN_SERVER_URL%%}/Hello\">Back</a></p></body></html>",
+                 request, params);
+    free(params);
+    return rc;
 }
 
 int32_t get_plugin_info(PelsuPluginInfo* info) {
