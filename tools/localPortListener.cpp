@@ -184,7 +184,12 @@ ParsedHead parseHead(const std::string& head, int port, const ListenerLimits& li
     return parsed;
 }
 
-enum class ConnState { Reading, Working, Writing };
+// Draining: the last answer is written and our side shut; what the client still sends is
+// read and dropped until it closes, so that closing never resets the connection before the
+// client has read the answer.
+enum class ConnState { Reading, Working, Writing, Draining };
+
+constexpr int kDrainTimeoutMs = 2000;
 
 struct Connection {
     int fd = -1;
@@ -237,6 +242,7 @@ private:
     void readFrom(std::uint64_t id, Connection& connection);
     void writeTo(std::uint64_t id, Connection& connection);
     void closeIfDone(std::uint64_t id);
+    void drain(std::uint64_t id, Connection& connection);
     bool takeRequest(std::uint64_t id, Connection& connection);
     void answer(std::uint64_t id, Connection& connection, const LocalAnswer& answer,
                 bool keepAlive);
@@ -372,7 +378,7 @@ void LocalPortListener::Impl::setState(std::uint64_t id, Connection& connection,
         connection.watched = false;
         return;
     }
-    epoll_event event{state == ConnState::Reading ? EPOLLIN : EPOLLOUT, {.u64 = id}};
+    epoll_event event{state == ConnState::Writing ? EPOLLOUT : EPOLLIN, {.u64 = id}};
     ::epoll_ctl(m_epollFd, connection.watched ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, connection.fd,
                 &event);
     connection.watched = true;
@@ -412,6 +418,8 @@ void LocalPortListener::Impl::pollLoop() {
                 readFrom(id, it->second);
             else if (it->second.state == ConnState::Writing)
                 writeTo(id, it->second);
+            else if (it->second.state == ConnState::Draining)
+                drain(id, it->second);
             closeIfDone(id);
         }
         if (SteadyClock::now() - lastSweep >= kSweepInterval) {
@@ -532,8 +540,20 @@ void LocalPortListener::Impl::writeTo(std::uint64_t id, Connection& connection) 
 // Closes a connection whose last answer is written and that is not kept alive.
 void LocalPortListener::Impl::closeIfDone(std::uint64_t id) {
     auto it = m_connections.find(id);
-    if (it != m_connections.end() && it->second.state == ConnState::Writing &&
-        it->second.written >= it->second.out.size())
+    if (it == m_connections.end() || it->second.state != ConnState::Writing ||
+        it->second.written < it->second.out.size())
+        return;
+    Connection& connection = it->second;
+    ::shutdown(connection.fd, SHUT_WR);
+    connection.in.clear();
+    connection.deadline = SteadyClock::now() + std::chrono::milliseconds(kDrainTimeoutMs);
+    setState(id, connection, ConnState::Draining);
+}
+
+void LocalPortListener::Impl::drain(std::uint64_t id, Connection& connection) {
+    char buffer[65536];
+    const ssize_t count = ::recv(connection.fd, buffer, sizeof buffer, 0);
+    if (count == 0 || (count < 0 && errno != EAGAIN && errno != EINTR))
         closeConnection(id);
 }
 
@@ -571,13 +591,13 @@ void LocalPortListener::Impl::expireConnections() {
     for (std::uint64_t id : expired) {
         Connection& connection = m_connections[id];
         if (connection.state == ConnState::Reading && connection.headStarted) {
-            // A client too slow to finish its request is told so, once, and left.
-            connection.keepAlive = false;
-            const std::string late = serialize(refusal(408, "The request took too long."), false);
-            [[maybe_unused]] const ssize_t sent =
-                ::send(connection.fd, late.data(), late.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+            // A client too slow to finish its request is told so and let go.
+            connection.in.clear();
+            answer(id, connection, refusal(408, "The request took too long."), false);
+            closeIfDone(id);
+        } else {
+            closeConnection(id);
         }
-        closeConnection(id);
     }
 }
 
