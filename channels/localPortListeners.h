@@ -16,7 +16,7 @@ namespace channels {
 
 class AppPluginManager;
 class ChannelManager;
-struct GlobalOptions;
+class GlobalOptions;
 
 struct LocalPortListenerOptions {
     int appServerPort = 2604;       // "AppServerPortNo"
