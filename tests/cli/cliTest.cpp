@@ -49,17 +49,23 @@ std::string feed(const std::string& ids) {
     return text + "</channel></rss>";
 }
 
-// A port that was free a moment ago.
-int freePort() {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    socklen_t length = sizeof address;
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    ::close(fd);
-    return ntohs(address.sin_port);
+// Two different ports that were free a moment ago.
+std::pair<int, int> freePorts() {
+    int ports[2];
+    int fds[2];
+    for (int i = 0; i < 2; ++i) {
+        fds[i] = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        ::bind(fds[i], reinterpret_cast<sockaddr*>(&address), sizeof address);
+        socklen_t length = sizeof address;
+        ::getsockname(fds[i], reinterpret_cast<sockaddr*>(&address), &length);
+        ports[i] = ntohs(address.sin_port);
+    }
+    ::close(fds[0]);
+    ::close(fds[1]);
+    return {ports[0], ports[1]};
 }
 
 // pelsu-cli run in the background on a home, stopped by an interrupt.
@@ -222,8 +228,7 @@ TEST(PelsuCli, RunServesPluginsAndTakesSubscriptionsOnlyWhenAllowed) {
     ASSERT_EQ(cli(home.path().string(), "list").status, 0);
     const auto users = fs::directory_iterator(home.file("Users"));
     const std::string config = (users->path() / "config.ini").string();
-    const int appPort = freePort();
-    const int pluginPort = freePort();
+    const auto [appPort, pluginPort] = freePorts();
     writeFile(config, "[Global Options]\nAppServerPortNo=" + std::to_string(appPort) +
                           "\nAppPluginServerPortNo=" + std::to_string(pluginPort) + "\n");
     const std::string link = "/subscribe?url=feed://example.org/news.xml";
