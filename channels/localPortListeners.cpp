@@ -215,6 +215,8 @@ tools::LocalAnswer LocalPortListeners::appPluginAnswer(const tools::LocalRequest
     } catch (const std::exception& e) {
         return page(400, "Bad request", "<p>" + templateProcessor::escapeHtml(e.what()) + "</p>");
     }
+    if (pluginRequest.empty())
+        id = id.substr(0, id.find('?')); // "/ID?x": the main page; it takes no parameters
     if (id.empty())
         return pluginIndex();
     if (!m_plugins.findAppPlugin(id))

@@ -169,7 +169,7 @@ TEST_F(LocalPortListenersTest, PluginServerRoutesToThePluginsAndExplainsFailures
     EXPECT_EQ(m_plugins.getAppPluginServerPort(), server) << "scripts learn the real port";
     EXPECT_EQ(m_plugins.getAppServerPort(), port("app server"));
     const std::string base = "http://127.0.0.1:" + std::to_string(server);
-    for (const char* target : {"/lib", "/lib/"}) {
+    for (const char* target : {"/lib", "/lib/", "/lib?from=menu"}) {
         const auto answer = httpGet(server, target);
         EXPECT_EQ(answer.status, 200) << target;
         EXPECT_EQ(answer.body, "<a href=\"" + base + "/x\">main</a>");
