@@ -5,6 +5,7 @@
 #include "channels/localPortListeners.h"
 #include "cli/commands.h"
 #include "cli/engine.h"
+#include "lib/log/log.h"
 
 #include <algorithm>
 #include <atomic>
@@ -179,10 +180,15 @@ int runRun(const CommandContext& context) {
     int signal = 0;
     sigwait(&signals, &signal);
     std::cout << "Stopping..." << std::endl;
+    // The same order, and the same log lines, as the desktop client's shut-down.
+    msglog::MsgGroup& shutdown = msglog::registerMsgGroup("Shutdown");
+    PELSU_LOG(shutdown, "Stopping the local port listeners.");
     listeners.stop();
+    PELSU_LOG(shutdown, "Un-installing ourself as an event handler.");
+    manager.removeListener(&printer);
+    PELSU_LOG(shutdown, "Stopping the local channel manager.");
     manager.stop();
     plugins.setChannelManager(nullptr);
-    manager.removeListener(&printer);
     std::cout << printer.summary() << '\n';
     return kExitOk;
 }
