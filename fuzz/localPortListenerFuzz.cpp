@@ -7,6 +7,7 @@
 #include "channels/localPortListeners.h"
 
 #include <arpa/inet.h>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -68,22 +69,40 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<std::uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 && errno != EINTR)
         std::abort();
-    [[maybe_unused]] const ssize_t sent = ::send(fd, request.data(), request.size(), MSG_NOSIGNAL);
+    for (std::size_t sent = 0; sent < request.size();) {
+        const ssize_t count =
+            ::send(fd, request.data() + sent, request.size() - sent, MSG_NOSIGNAL);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0)
+            break; // the server may close early, having refused the request
+        sent += static_cast<std::size_t>(count);
+    }
     ::shutdown(fd, SHUT_WR);
     // The server must answer what it understood and then close: the client has said all.
     std::string answer;
     char buffer[4096];
     for (;;) {
         pollfd entry{fd, POLLIN, 0};
-        if (::poll(&entry, 1, 5000) <= 0)
+        int ready;
+        // libFuzzer's timer signal interrupts waits now and then.
+        while ((ready = ::poll(&entry, 1, 5000)) < 0 && errno == EINTR) {
+        }
+        if (ready <= 0)
             std::abort(); // the connection hangs
         const ssize_t count = ::recv(fd, buffer, sizeof buffer, 0);
+        if (count < 0 && errno == EINTR)
+            continue;
         if (count <= 0)
             break;
         answer.append(buffer, static_cast<std::size_t>(count));
     }
+    // Closed with a reset: thousands of connections a second would otherwise use up the
+    // loopback's ports in TIME_WAIT, and new connections would stall for seconds.
+    const linger reset{1, 0};
+    ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
     ::close(fd);
     if (!answer.empty() && answer.rfind("HTTP/1.1 ", 0) != 0)
         std::abort();
