@@ -188,21 +188,20 @@ tools::LocalAnswer LocalPortListeners::pluginIndex() {
     return page(200, "App plugins", body + "</ul>");
 }
 
-std::string LocalPortListeners::pluginMainPage(const std::string& id) {
-    AppPlugin* plugin = m_plugins.findAppPlugin(id);
+std::string LocalPortListeners::pluginMainPage(AppPlugin& plugin) {
     std::mutex* pageLock;
     {
         std::lock_guard guard(m_mainPageLocksMutex);
-        auto& slot = m_mainPageLocks[id];
+        auto& slot = m_mainPageLocks[plugin.id()];
         if (!slot)
             slot = std::make_unique<std::mutex>();
         pageLock = slot.get();
     }
     std::lock_guard guard(*pageLock);
-    plugin->GenerateMainPage();
-    std::ifstream in(plugin->mainPageFile(), std::ios::binary);
+    plugin.GenerateMainPage();
+    std::ifstream in(plugin.mainPageFile(), std::ios::binary);
     if (!in)
-        throw Exception("Can't read the plugin's main page: " + plugin->mainPageFile());
+        throw Exception("Can't read the plugin's main page: " + plugin.mainPageFile());
     std::ostringstream text;
     text << in.rdbuf();
     return text.str();
@@ -219,15 +218,15 @@ tools::LocalAnswer LocalPortListeners::appPluginAnswer(const tools::LocalRequest
         id = id.substr(0, id.find('?')); // "/ID?x": the main page; it takes no parameters
     if (id.empty())
         return pluginIndex();
-    if (!m_plugins.findAppPlugin(id))
+    AppPlugin* plugin = m_plugins.findAppPlugin(id);
+    if (!plugin)
         return notFound("No app plugin has the ID \"" + id + "\".");
     tools::LocalAnswer answer;
     try {
         if (pluginRequest.empty())
-            answer.body = pluginMainPage(id);
+            answer.body = pluginMainPage(*plugin);
         else
-            m_plugins.findAppPlugin(id)->ProcessRequest(pluginRequest, params, answer.body,
-                                                        nullptr);
+            plugin->ProcessRequest(pluginRequest, params, answer.body, nullptr);
     } catch (const std::exception& e) {
         PELSU_LOG(listenersGroup(), "The app plugin " << id << " failed: " << e.what());
         return page(500, "The app plugin failed",

@@ -14,6 +14,7 @@
 
 namespace channels {
 
+class AppPlugin;
 class AppPluginManager;
 class ChannelManager;
 class GlobalOptions;
@@ -63,7 +64,7 @@ private:
     tools::LocalAnswer amphetaDeskAnswer(const tools::LocalRequest& request);
     tools::LocalAnswer radioUserlandAnswer(const tools::LocalRequest& request);
     tools::LocalAnswer headlineViewerAnswer(const tools::LocalRequest& request);
-    std::string pluginMainPage(const std::string& id);
+    std::string pluginMainPage(AppPlugin& plugin);
     tools::LocalAnswer pluginIndex();
 
     ChannelManager& m_channels;

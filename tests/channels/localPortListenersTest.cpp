@@ -9,9 +9,6 @@
 
 #include <filesystem>
 #include <mutex>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 using namespace channels;
 using testing_support::httpGet;
@@ -190,15 +187,8 @@ TEST_F(LocalPortListenersTest, PluginServerRoutesToThePluginsAndExplainsFailures
 }
 
 TEST_F(LocalPortListenersTest, APortInUseIsReportedAndTheRestRun) {
-    const int taken = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(::bind(taken, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    ASSERT_EQ(::listen(taken, 1), 0);
-    socklen_t length = sizeof address;
-    ::getsockname(taken, reinterpret_cast<sockaddr*>(&address), &length);
-    m_options.appServerPort = ntohs(address.sin_port);
+    const testing_support::LoopbackPort taken(true);
+    m_options.appServerPort = taken.port();
     m_options.radioUserland = false;
 
     const auto problems = m_listeners.start(m_options);
@@ -210,5 +200,4 @@ TEST_F(LocalPortListenersTest, APortInUseIsReportedAndTheRestRun) {
     EXPECT_EQ(httpGet(port("app-plugin server"), "/lib").status, 200);
     EXPECT_EQ(httpGet(port("Headline Viewer listener"), "/add_provider?url=http://a.org/").status,
               200);
-    ::close(taken);
 }

@@ -7,12 +7,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <netinet/in.h>
 #include <set>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
 
 using testing_support::readFile;
 using testing_support::TempDir;
@@ -47,25 +44,6 @@ std::string feed(const std::string& ids) {
     for (char id : ids)
         text += std::string("<item><guid>") + id + "</guid><title>Item " + id + "</title></item>";
     return text + "</channel></rss>";
-}
-
-// Two different ports that were free a moment ago.
-std::pair<int, int> freePorts() {
-    int ports[2];
-    int fds[2];
-    for (int i = 0; i < 2; ++i) {
-        fds[i] = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        ::bind(fds[i], reinterpret_cast<sockaddr*>(&address), sizeof address);
-        socklen_t length = sizeof address;
-        ::getsockname(fds[i], reinterpret_cast<sockaddr*>(&address), &length);
-        ports[i] = ntohs(address.sin_port);
-    }
-    ::close(fds[0]);
-    ::close(fds[1]);
-    return {ports[0], ports[1]};
 }
 
 // pelsu-cli run in the background on a home, stopped by an interrupt.
@@ -228,7 +206,12 @@ TEST(PelsuCli, RunServesPluginsAndTakesSubscriptionsOnlyWhenAllowed) {
     ASSERT_EQ(cli(home.path().string(), "list").status, 0);
     const auto users = fs::directory_iterator(home.file("Users"));
     const std::string config = (users->path() / "config.ini").string();
-    const auto [appPort, pluginPort] = freePorts();
+    int appPort, pluginPort;
+    {
+        const testing_support::LoopbackPort app, plugin;
+        appPort = app.port();
+        pluginPort = plugin.port();
+    }
     writeFile(config, "[Global Options]\nAppServerPortNo=" + std::to_string(appPort) +
                           "\nAppPluginServerPortNo=" + std::to_string(pluginPort) + "\n");
     const std::string link = "/subscribe?url=feed://example.org/news.xml";

@@ -132,6 +132,21 @@ bool RawConnection::closedByServer(int timeoutMs) {
     return ::recv(m_fd, &byte, 1, MSG_PEEK) <= 0;
 }
 
+LoopbackPort::LoopbackPort(bool listen) {
+    m_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::bind(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        (listen && ::listen(m_fd, 1) != 0))
+        throw std::runtime_error("can't bind a loopback port");
+    socklen_t length = sizeof address;
+    ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&address), &length);
+    m_port = ntohs(address.sin_port);
+}
+
+LoopbackPort::~LoopbackPort() { ::close(m_fd); }
+
 RawConnection::Answer httpGet(int port, const std::string& target, const std::string& host) {
     RawConnection connection(port);
     connection.send("GET " + target + " HTTP/1.1\r\nHost: " +

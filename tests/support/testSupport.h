@@ -63,6 +63,21 @@ private:
     std::string m_buffer;
 };
 
+// A socket bound to a free port of 127.0.0.1 (listening when asked), closed with the object:
+// a port in use while it lives, and a free one a moment after.
+class LoopbackPort {
+public:
+    explicit LoopbackPort(bool listen = false);
+    ~LoopbackPort();
+    LoopbackPort(const LoopbackPort&) = delete;
+    LoopbackPort& operator=(const LoopbackPort&) = delete;
+    int port() const { return m_port; }
+
+private:
+    int m_fd = -1;
+    int m_port = 0;
+};
+
 // A GET over a new connection with the Host "127.0.0.1:port" (or the one given).
 RawConnection::Answer httpGet(int port, const std::string& target, const std::string& host = "");
 
