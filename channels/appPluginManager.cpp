@@ -41,12 +41,30 @@ void AppPluginManager::loadAppPlugins() {
     // the manager's after it, never the other way round.
     const std::string dir = getAppPluginsDir();
     PELSU_LOG(pluginLoadGroup(), "Starting to load app plugins: appPluginDir=" << dir);
+    {
+        threadSafety::ScopedLock lock(m_lock);
+        m_searchedDirs.clear();
+    }
     doLoadAppPlugins(dir);
+}
+
+bool AppPluginManager::firstVisit(const std::string& dir) {
+    struct stat info {};
+    if (::stat(dir.c_str(), &info) != 0)
+        return true; // the search itself reports what is wrong with it
+    threadSafety::ScopedLock lock(m_lock);
+    return m_searchedDirs
+        .emplace(static_cast<std::uint64_t>(info.st_dev), static_cast<std::uint64_t>(info.st_ino))
+        .second;
 }
 
 void AppPluginManager::doLoadAppPlugins(const std::string& dir) {
     auto& group = pluginLoadGroup();
     PELSU_LOG(group, "doLoadAppPlugins(): dir=" << dir);
+    if (!firstVisit(dir)) {
+        PELSU_LOG(group, "This directory has been searched already - skipping it.");
+        return;
+    }
     PELSU_LOG(group, "Searching for files: " << (fs::path(dir) / "*.*").string());
     std::error_code error;
     fs::directory_iterator entries(dir, error);
@@ -102,8 +120,7 @@ void AppPluginManager::loadPluginFile(const std::string& path, const std::string
     } catch (const std::exception& failure) {
         PELSU_LOG(pluginLoadGroup(), "Plugin didn't load: " << failure.what());
         const std::string message = "Can't load the plugin " + name + ": " + failure.what();
-        AppPluginErrorEvent event(std::time(nullptr), plugin.get(), plugin ? plugin->id() : name,
-                                  message);
+        AppPluginErrorEvent event(std::time(nullptr), plugin.get(), message);
         raise(event);
     }
 }

@@ -7,8 +7,10 @@
 #include "channels/appPlugin.h"
 #include "channels/events.h"
 
+#include <cstdint>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 
 namespace channels {
@@ -53,6 +55,8 @@ protected:
 
 private:
     void loadPluginFile(const std::string& path, const std::string& name);
+    // True the first time a directory (by device and inode) is met in this load.
+    bool firstVisit(const std::string& dir);
 
     mutable threadSafety::CriticalSection m_lock{"AppPluginManager"};
     std::string m_appPluginsDir;
@@ -60,6 +64,8 @@ private:
     int m_appPluginServerPort = 0;
     int m_scriptTimeout = 15;
     std::map<std::string, std::unique_ptr<AppPlugin>> m_plugins;
+    // Directories searched in the current load, so that links in a loop are followed once.
+    std::set<std::pair<std::uint64_t, std::uint64_t>> m_searchedDirs;
     ChannelManager* m_channelManager = nullptr;
 };
 

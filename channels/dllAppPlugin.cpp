@@ -73,29 +73,34 @@ DllAppPlugin::~DllAppPlugin() {
         ::dlclose(m_library);
 }
 
+// A page or response that a library handed over: copied, then given back to the library.
+// A null pointer or a length of 0 hands nothing over (it may be a static empty string), so
+// nothing is given back.
+std::string DllAppPlugin::takeBuffer(char* buffer, std::int32_t length) const {
+    if (!buffer || length <= 0)
+        return {};
+    std::string copy(buffer, static_cast<std::size_t>(length));
+    m_info->plugin_free(buffer);
+    return copy;
+}
+
 void DllAppPlugin::GenerateMainPage() {
     char* page = nullptr;
     std::int32_t length = 0;
     ErrorBuffer buffer;
     if (m_info->generate_main_page(&page, &length, buffer.text) != 0)
         throw Exception(buffer.message());
-    if (!page || length <= 0) {
-        if (page)
-            m_info->plugin_free(page); // an empty page is still the library's buffer
+    const std::string copy = takeBuffer(page, length);
+    if (copy.empty())
         throw Exception("The plugin returned an empty main page.");
-    }
-    const std::string copy(page, static_cast<std::size_t>(length));
     threadSafety::ScopedLock lock(m_lock);
     std::ofstream& out = m_mainPage.reopen(true);
-    if (!out) {
-        m_info->plugin_free(page);
+    if (!out)
         throw Exception("Can't open the plugin's HTML output file: " + m_mainPage.path());
-    }
     out << templateProcessor::process(
         copy, {{"APP_SERVER_URL", loopbackAddress(m_manager->getAppServerPort())},
                {"APP_PLUGIN_SERVER_URL", loopbackAddress(m_manager->getAppPluginServerPort())}});
     m_mainPage.close();
-    m_info->plugin_free(page);
 }
 
 void DllAppPlugin::ProcessRequest(const std::string& pluginRequest, const std::string& paramString,
@@ -106,14 +111,11 @@ void DllAppPlugin::ProcessRequest(const std::string& pluginRequest, const std::s
     if (m_info->process_request(pluginRequest.c_str(), paramString.c_str(), &answer, &length,
                                 buffer.text) != 0)
         throw Exception(buffer.message());
-    const std::string copy =
-        answer && length > 0 ? std::string(answer, static_cast<std::size_t>(length)) : "";
+    const std::string copy = takeBuffer(answer, length); // an empty response is allowed
     // Responses name the plugin server PLUGIN_SERVER_URL; APP_PLUGIN_SERVER_URL stays as it is.
     response = templateProcessor::process(
         copy, {{"APP_SERVER_URL", loopbackAddress(m_manager->getAppServerPort())},
                {"PLUGIN_SERVER_URL", loopbackAddress(m_manager->getAppPluginServerPort())}});
-    if (answer)
-        m_info->plugin_free(answer);
 }
 
 std::map<std::string, std::int32_t> DllAppPlugin::namedValues() const {

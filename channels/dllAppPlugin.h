@@ -26,6 +26,8 @@ protected:
     void load(const std::string& configFilename) override;
 
 private:
+    std::string takeBuffer(char* buffer, std::int32_t length) const;
+
     void* m_library = nullptr;
     std::unique_ptr<PelsuPluginInfo> m_info;
     std::map<std::string, std::int32_t> m_namedValues;

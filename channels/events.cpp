@@ -1,5 +1,6 @@
 #include "channels/events.h"
 
+#include "channels/appPlugin.h"
 #include "channels/channel.h"
 
 #include <sstream>
@@ -52,8 +53,14 @@ void ChannelErrorEvent::write(std::ostream& out) const {
     writeChannelEvent(out, "ChannelErrorEvent", m_channel, m_message);
 }
 
+AppPluginErrorEvent::AppPluginErrorEvent(std::time_t time, AppPlugin* plugin, std::string text)
+    : Event(time), m_plugin(plugin), m_text(std::move(text)) {
+    if (plugin)
+        m_pluginName = plugin->displayName().empty() ? plugin->id() : plugin->displayName();
+}
+
 void AppPluginErrorEvent::write(std::ostream& out) const {
-    if (!m_plugin && m_pluginName.empty())
+    if (!m_plugin)
         out << "[AppPluginErrorEvent:<unknown>]";
     else
         out << "[AppPluginErrorEvent:" << m_pluginName << ']';

@@ -105,13 +105,12 @@ private:
 
 class AppPluginErrorEvent : public Event {
 public:
-    // pluginName stands for the plugin when the plugin object itself is gone or never was.
-    AppPluginErrorEvent(std::time_t time, AppPlugin* plugin, std::string pluginName,
-                        std::string text)
-        : Event(time), m_plugin(plugin), m_pluginName(std::move(pluginName)),
-          m_text(std::move(text)) {}
+    // plugin is null when the failure came before a plugin object existed. The plugin's name
+    // is taken now: a plugin that failed to load is deleted after the event.
+    AppPluginErrorEvent(std::time_t time, AppPlugin* plugin, std::string text);
     void write(std::ostream& out) const override;
     AppPlugin* plugin() const { return m_plugin; }
+    // The plugin's display name, or "" without a plugin.
     const std::string& pluginName() const { return m_pluginName; }
     const std::string& errorText() const { return m_text; }
 

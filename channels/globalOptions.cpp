@@ -89,6 +89,7 @@ const Option kOptions[] = {
     {"ConnectTimeout", &G::connectTimeout, 0, 3600},
     {"StalledTransferTimeout", &G::stalledTransferTimeout, 0, 86400},
     {"MaxDownloadSizeKB", &G::maxDownloadSizeKB, 0, 4194304},
+    {"MaxScriptOutputKB", &G::maxScriptOutputKB, 0, 4194304},
     {"AppServerPortNo", &G::appServerPortNo, 1000, 65535},
 };
 

@@ -80,6 +80,7 @@ public:
     int connectTimeout = 30;          // "ConnectTimeout", seconds, 0 = none
     int stalledTransferTimeout = 120; // "StalledTransferTimeout", seconds, 0 = none
     int maxDownloadSizeKB = 65536;    // "MaxDownloadSizeKB", 0 = none
+    int maxScriptOutputKB = 65536;    // "MaxScriptOutputKB", 0 = none
 
     // The local app server's port ("/subscribe").
     int appServerPortNo = 2604; // "AppServerPortNo"

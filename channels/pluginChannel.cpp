@@ -42,28 +42,6 @@ std::string valueOf(const ParamValues& first, const ParamValues& second, const s
     return "";
 }
 
-// The text of a script runner's failure page, for an error message.
-std::string pageText(const std::string& page) {
-    std::string text;
-    bool inTag = false;
-    for (char c : page) {
-        if (c == '<') {
-            inTag = true;
-        } else if (c == '>') {
-            inTag = false;
-        } else if (!inTag) {
-            const bool blank = c == '\n' || c == '\r' || c == ' ' || c == '\t';
-            if (!blank)
-                text += c;
-            else if (!text.empty() && text.back() != ' ')
-                text += ' ';
-        }
-    }
-    while (!text.empty() && text.back() == ' ')
-        text.pop_back();
-    return text.empty() ? "The script failed." : text;
-}
-
 } // namespace
 
 void pluginDownloadValidators(const std::string& url, std::string& lastModified,
@@ -144,11 +122,10 @@ void PluginChannel::fetch(std::string& text, bool firstFetch, bool& unchanged) {
     }
     tools::TempFile output;
     const std::string scriptDir = std::filesystem::path(script).parent_path().string();
-    const int rc =
-        runScript(commandLine, scriptDir, output, manager()->options().scriptTimeoutSeconds);
+    // A script that fails leaves its error page in the output: that page is the feed text,
+    // and the parser judges it like any other.
+    runScript(commandLine, scriptDir, output, manager()->options().scriptTimeoutSeconds);
     text = output.read();
-    if (rc != 0)
-        throw Exception(pageText(text));
     unchanged = false;
 }
 

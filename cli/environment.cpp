@@ -34,6 +34,8 @@ Environment startEnvironment(const CommandContext& context) {
     channels::ScriptSettings scripts = channels::scriptSettings();
     scripts.appServerPort = environment.options.appServerPortNo;
     scripts.appPluginServerPort = environment.options.appPluginServerPortNo;
+    scripts.maxOutputBytes =
+        static_cast<std::uint64_t>(environment.options.maxScriptOutputKB) * 1024u;
     for (const auto& [extension, command] : environment.options.scriptFileTypeCommands)
         scripts.fileTypeCommands[extension] = command;
     channels::setScriptSettings(scripts);

@@ -9,6 +9,8 @@
  *
  * Pages and responses belong to the library: the host copies them (by pointer and length, so
  * they need no terminator and may hold NUL bytes) and then gives each back with plugin_free.
+ * A null pointer or a length of 0 hands nothing over and is never given back (a heap buffer
+ * returned with length 0 is the library's to free); a main page of length 0 is an error.
  * Main pages may use the variables {%APP_SERVER_URL%} and {%APP_PLUGIN_SERVER_URL%};
  * responses to requests may use {%APP_SERVER_URL%} and {%PLUGIN_SERVER_URL%}.
  *

@@ -19,6 +19,7 @@
 #include <filesystem>
 #include <spawn.h>
 #include <strings.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -31,7 +32,11 @@ namespace {
 
 struct SharedSettings {
     threadSafety::CriticalSection lock{"ScriptSettings"};
-    ScriptSettings settings{0, 2605, builtInFileTypeCommands()};
+    ScriptSettings settings = [] {
+        ScriptSettings initial;
+        initial.fileTypeCommands = builtInFileTypeCommands();
+        return initial;
+    }();
 };
 
 SharedSettings& shared() {
@@ -43,17 +48,66 @@ std::atomic<std::uint64_t> g_abortGeneration{0};
 
 std::string loopbackAddress(int port) { return "http://127.0.0.1:" + std::to_string(port); }
 
-// Replaces "%1" and "%2" the way the platform's message formatting does.
-std::string expandArguments(const std::string& text, const std::string& first,
-                            const std::string& second) {
+// A value to put into a command line: as it is inside quotes of the template, and as one
+// argument (or, for a Java class, a ready fragment) outside them.
+struct CommandValue {
+    std::string raw;
+    std::string bare;
+};
+
+// Quotes a value so that splitCommandLine gives it back as one argument.
+std::string quotedArgument(const std::string& value) {
+    if (!value.empty() && value.find_first_of(" \t\n\r\v\f\"'\\") == std::string::npos)
+        return value;
+    std::string out = "\"";
+    for (char c : value) {
+        if (c == '"' || c == '\\')
+            out += '\\';
+        out += c;
+    }
+    return out + '"';
+}
+
+CommandValue plainValue(const std::string& value) { return {value, quotedArgument(value)}; }
+
+// The value as it must stand inside the quote that is open in the template.
+std::string valueFor(const CommandValue& value, char quote) {
+    if (quote == 0)
+        return value.bare;
     std::string out;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '%' && i + 1 < text.size() && (text[i + 1] == '1' || text[i + 1] == '2')) {
-            out += text[i + 1] == '1' ? first : second;
-            ++i;
-        } else {
-            out += text[i];
+    for (char c : value.raw) {
+        if (quote == '"' && (c == '"' || c == '\\'))
+            out += '\\';
+        if (quote == '\'' && c == '\'') {
+            out += "'\\''"; // close, an escaped quote, open again
+            continue;
         }
+        out += c;
+    }
+    return out;
+}
+
+// Replaces "%1" and "%2" the way the platform's message formatting does, quoting each value
+// for its place in the template, so that a path with blanks stays one argument.
+std::string expandArguments(const std::string& text, const CommandValue& first,
+                            const CommandValue& second) {
+    std::string out;
+    char quote = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        const bool hasNext = i + 1 < text.size();
+        if (c == '%' && hasNext && (text[i + 1] == '1' || text[i + 1] == '2')) {
+            out += valueFor(text[++i] == '1' ? first : second, quote);
+            continue;
+        }
+        out += c;
+        if (c == '\\' && hasNext &&
+            (quote == 0 || (quote == '"' && (text[i + 1] == '"' || text[i + 1] == '\\'))))
+            out += text[++i];
+        else if (quote == 0 && (c == '"' || c == '\''))
+            quote = c;
+        else if (c == quote)
+            quote = 0;
     }
     return out;
 }
@@ -157,14 +211,19 @@ std::string buildScriptCommandLine(const std::string& scriptFilename,
             throw Exception("No application is registered for this file type: " + extension);
         }
     }
-    std::string scriptArgument = scriptFilename;
-    if (::strcasecmp(extension.c_str(), ".class") == 0)
-        scriptArgument = "-cp " + script.parent_path().string() + " " + script.stem().string();
+    CommandValue scriptArgument = plainValue(scriptFilename);
+    if (::strcasecmp(extension.c_str(), ".class") == 0) {
+        const std::string directory = script.parent_path().string();
+        const std::string name = script.stem().string();
+        scriptArgument = {"-cp " + directory + " " + name,
+                          "-cp " + quotedArgument(directory) + " " + quotedArgument(name)};
+    }
+    const CommandValue config = plainValue(configFilename);
     if (commandTemplate.find("%1") == std::string::npos)
-        return commandTemplate + " " + scriptArgument + " " + configFilename;
+        return commandTemplate + " " + scriptArgument.bare + " " + config.bare;
     if (const std::size_t all = commandTemplate.find("%*"); all != std::string::npos)
         commandTemplate.replace(all, 2, "%2");
-    return expandArguments(commandTemplate, scriptArgument, configFilename);
+    return expandArguments(commandTemplate, scriptArgument, config);
 }
 
 std::vector<std::string> splitCommandLine(const std::string& commandLine) {
@@ -203,33 +262,40 @@ std::vector<std::string> splitCommandLine(const std::string& commandLine) {
     return args;
 }
 
-std::uint32_t runScriptProcess(const std::string& commandLine, const std::string& execDir,
-                               tools::TempFile& outputFile, tools::TempFile& errorFile,
-                               int timeoutSeconds) {
-    outputFile.close();
-    errorFile.close();
-    const int out =
-        ::open(outputFile.path().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (out < 0)
-        throw Exception("Can't open temporary file.");
-    const int err =
-        ::open(errorFile.path().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (err < 0) {
-        ::close(out);
-        throw Exception("Can't open temporary file.");
+namespace {
+
+// Owns a descriptor of the parent's side of a run.
+class Descriptor {
+public:
+    explicit Descriptor(int fd) : m_fd(fd) {}
+    ~Descriptor() {
+        if (m_fd >= 0)
+            ::close(m_fd);
     }
-    PELSU_LOG(scriptPluginsGroup(), "Running script process: execDir=" << execDir);
-    std::vector<std::string> args = splitCommandLine(commandLine);
-    if (args.empty()) {
-        ::close(out);
-        ::close(err);
-        throw Exception("Can't run the script: the command line is empty");
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int get() const { return m_fd; }
+    std::uint64_t size() const {
+        struct stat info {};
+        return ::fstat(m_fd, &info) == 0 ? static_cast<std::uint64_t>(info.st_size) : 0;
     }
+
+private:
+    int m_fd;
+};
+
+int openForScript(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0)
+        throw Exception("Can't open temporary file.");
+    return fd;
+}
+
+pid_t spawnScript(std::vector<std::string> args, const std::string& execDir, int out, int err) {
     std::vector<char*> argv;
     for (std::string& arg : args)
         argv.push_back(arg.data());
     argv.push_back(nullptr);
-
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
@@ -252,12 +318,34 @@ std::uint32_t runScriptProcess(const std::string& commandLine, const std::string
         ::posix_spawnp(&child, argv[0], &actions, &attributes, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attributes);
-    ::close(out);
-    ::close(err);
     if (spawned != 0) {
         errno = spawned;
         throw Exception("Can't run the script: " + tools::lastSystemErrorText());
     }
+    return child;
+}
+
+std::string outputLimitMessage(std::uint64_t limit) {
+    return "The script wrote more than " + std::to_string(limit / 1024) +
+           " KB of output (the limit set by MaxScriptOutputKB).";
+}
+
+} // namespace
+
+std::uint32_t runScriptProcess(const std::string& commandLine, const std::string& execDir,
+                               tools::TempFile& outputFile, tools::TempFile& errorFile,
+                               int timeoutSeconds) {
+    outputFile.close();
+    errorFile.close();
+    const Descriptor out(openForScript(outputFile.path()));
+    const Descriptor err(openForScript(errorFile.path()));
+    PELSU_LOG(scriptPluginsGroup(), "Running script process: execDir=" << execDir);
+    std::vector<std::string> args = splitCommandLine(commandLine);
+    if (args.empty())
+        throw Exception("Can't run the script: the command line is empty");
+    const std::uint64_t limit = scriptSettings().maxOutputBytes;
+    const pid_t child = spawnScript(std::move(args), execDir, out.get(), err.get());
+    const auto overLimit = [&] { return limit > 0 && (out.size() > limit || err.size() > limit); };
 
     const std::uint64_t generation = g_abortGeneration.load();
     const auto deadline =
@@ -269,17 +357,22 @@ std::uint32_t runScriptProcess(const std::string& commandLine, const std::string
         if (done == child)
             break;
         const bool aborted = g_abortGeneration.load() != generation;
-        if (done < 0 || aborted || std::chrono::steady_clock::now() >= deadline) {
+        const bool tooMuch = overLimit();
+        if (done < 0 || aborted || tooMuch || std::chrono::steady_clock::now() >= deadline) {
             ::kill(-child, SIGKILL);
             ::waitpid(child, &status, 0);
-            throw Exception(aborted ? "The script was stopped." : "The script timed out.");
+            throw Exception(aborted   ? "The script was stopped."
+                            : tooMuch ? outputLimitMessage(limit)
+                                      : "The script timed out.");
         }
         // Short scripts are noticed at once; long ones are looked at every 10 ms.
         std::this_thread::sleep_for(pause);
         pause = std::min(pause * 2, std::chrono::microseconds(10000));
     }
-    // Helpers the script left behind in its group go with it.
-    ::kill(-child, SIGKILL);
+    // Processes the script started and left running are its own business: only a time-out
+    // ends them. They may hold the files open; the run is over when the script itself ends.
+    if (overLimit())
+        throw Exception(outputLimitMessage(limit));
     if (WIFEXITED(status))
         return static_cast<std::uint32_t>(WEXITSTATUS(status));
     return 128u + static_cast<std::uint32_t>(WTERMSIG(status));

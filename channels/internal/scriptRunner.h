@@ -24,6 +24,9 @@ struct ScriptSettings {
     // Extension with its dot, lower-case, to command template ("%1" the script, "%*" the
     // arguments).
     std::map<std::string, std::string> fileTypeCommands;
+    // The most a script may write to its standard output, and again to its standard error
+    // (0: no limit). A run past it is killed, so a runaway script can't fill memory or disk.
+    std::uint64_t maxOutputBytes = std::uint64_t{65536} * 1024;
 };
 ScriptSettings scriptSettings();
 void setScriptSettings(const ScriptSettings& settings);
@@ -43,8 +46,9 @@ buildScriptConfigFileForChannel(const std::string& command, const ParamDefTable&
                                 const ParamDefTable& channelParamDefs,
                                 const ParamValues& channelParamValues, const Channel* channel);
 
-// The command line that runs the script with the configuration file. Throws
-// channels::Exception when no program is known for the script's file type.
+// The command line that runs the script with the configuration file; every path in it stays
+// one argument (quoted when it holds blanks or quotes). Throws channels::Exception when no
+// program is known for the script's file type.
 std::string buildScriptCommandLine(const std::string& scriptFilename,
                                    const std::string& configFilename);
 
@@ -53,7 +57,9 @@ std::vector<std::string> splitCommandLine(const std::string& commandLine);
 
 // Runs the command in execDir with its standard output and error in the two files, in a
 // process group of its own; kills the group and throws "The script timed out." after the
-// time-out. Returns the exit code (128 + signal for a script killed by a signal).
+// time-out, or a message naming MaxScriptOutputKB when either file grows past the limit.
+// Processes the script leaves behind when it ends by itself live on. Returns the exit code
+// (128 + signal for a script killed by a signal).
 std::uint32_t runScriptProcess(const std::string& commandLine, const std::string& execDir,
                                tools::TempFile& outputFile, tools::TempFile& errorFile,
                                int timeoutSeconds);

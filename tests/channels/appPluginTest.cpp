@@ -9,8 +9,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <sys/stat.h>
 
 using namespace channels;
@@ -21,11 +23,13 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Collects the load errors.
+// Collects the load errors and the events' text forms.
 struct Errors : EventListener {
     std::vector<std::string> messages;
+    std::vector<std::string> texts;
     void onAppPluginError(AppPluginErrorEvent& event) override {
         messages.push_back(event.errorText());
+        texts.push_back(event.text());
     }
 };
 
@@ -131,8 +135,57 @@ TEST_F(AppPluginTest, LibraryPluginPagesGoThroughTheTemplateProcessor) {
     EXPECT_EQ(plugin->namedValues(),
               (std::map<std::string, std::int32_t>{
                   {"Articles", 33}, {"MessageBoards", 22}, {"TheLounge", 11}}));
-    ::setenv("PELSU_TEST_PLUGIN_EMPTY", "1", 1);
-    EXPECT_THROW(plugin->GenerateMainPage(), Exception);
+}
+
+TEST_F(AppPluginTest, EmptyLibraryPagesAreErrorsAndNeverGoBackToTheLibrary) {
+    library("lib/empty.so");
+    writeFile(m_dir.file("lib/empty.plugin"), "[Config]\nPlugin=empty.so\n");
+    m_manager.loadAppPlugins();
+    AppPlugin* plugin = m_manager.findAppPlugin("empty");
+    ASSERT_NE(plugin, nullptr);
+    // The library's plugin_free ends the process when it gets its static empty string back,
+    // so each call runs in a child of its own.
+    const auto outcome = [&](const char* mode, const std::function<void()>& call) {
+        return testing_support::runInChild([&] {
+            ::setenv("PELSU_TEST_PLUGIN_EMPTY", mode, 1);
+            try {
+                call();
+                std::fputs("no exception", stderr);
+            } catch (const Exception& failure) {
+                std::fputs(failure.what(), stderr);
+            }
+        });
+    };
+    for (const char* mode : {"static", "null"}) {
+        const auto result = outcome(mode, [&] { plugin->GenerateMainPage(); });
+        EXPECT_EQ(result.status, 0) << mode << ": " << result.errorOutput;
+        EXPECT_EQ(result.errorOutput, "The plugin returned an empty main page.") << mode;
+    }
+    std::string response = "old";
+    const auto result = outcome("-", [&] {
+        plugin->ProcessRequest("empty", "", response, nullptr);
+        std::fputs(("response=[" + response + "] ").c_str(), stderr);
+    });
+    EXPECT_EQ(result.status, 0) << result.errorOutput;
+    EXPECT_EQ(result.errorOutput, "response=[] no exception");
+}
+
+TEST_F(AppPluginTest, LinksInALoopAreFollowedOnce) {
+    fs::create_directories(m_dir.file("sub"));
+    fs::create_directory_symlink(".", m_dir.file("a"));
+    fs::create_directory_symlink(".", m_dir.file("b"));
+    fs::create_directory_symlink("..", m_dir.file("sub/up"));
+    writeFile(m_dir.file("sub/one.plugin"), "[Config]\nPlugin=one.sh\n");
+    writeFile(m_dir.file("two.plugin"), "[Config]\nPlugin=two.sh\nAppPluginId=\n");
+    writeFile(m_dir.file("bad.plugin"), "[Config]\n");
+    m_manager.loadAppPlugins();
+    EXPECT_NE(m_manager.findAppPlugin("one"), nullptr);
+    EXPECT_NE(m_manager.findAppPlugin("two"), nullptr);
+    EXPECT_EQ(m_errors.messages.size(), 1u) << "each file is met once";
+    // A second load searches the same folders again.
+    m_manager.clear();
+    m_manager.loadAppPlugins();
+    EXPECT_NE(m_manager.findAppPlugin("one"), nullptr);
 }
 
 TEST_F(AppPluginTest, EveryLoadFaultIsAnEventAndTheOthersLoad) {
@@ -158,6 +211,12 @@ TEST_F(AppPluginTest, EveryLoadFaultIsAnEventAndTheOthersLoad) {
     EXPECT_EQ(messages[3], "Can't load the plugin noplugin.plugin: Missing 'Plugin' parameter: " +
                                m_dir.file("noplugin.plugin"));
     EXPECT_NE(m_manager.findAppPlugin("good_one"), nullptr);
+    // The event names the plugin only when a plugin object was made.
+    std::vector<std::string> texts = m_errors.texts;
+    std::sort(texts.begin(), texts.end());
+    EXPECT_EQ(texts, (std::vector<std::string>{
+                         "[AppPluginErrorEvent:<unknown>]", "[AppPluginErrorEvent:<unknown>]",
+                         "[AppPluginErrorEvent:missing]", "[AppPluginErrorEvent:ok]"}));
 }
 
 TEST_F(AppPluginTest, LibraryFaultsAreCheckedInOrder) {

@@ -77,13 +77,18 @@ TEST_F(PluginChannelTest, ScriptOutputIsTheFeedAndParametersReachTheScript) {
 TEST_F(PluginChannelTest, FailingScriptsBecomeChannelErrors) {
     EXPECT_EQ(update("sleep 30\n"),
               (std::vector<std::string>{"Can't update the feed. The script timed out."}));
-    EXPECT_EQ(update("kill -SEGV $$\n"),
-              (std::vector<std::string>{"Can't update the feed. The script failed: rc=139"}));
-    EXPECT_EQ(
-        update("echo '<rss/>'; echo oops >&2\n"),
-        (std::vector<std::string>{"Can't update the feed. The script caused an error: oops"}));
-    EXPECT_EQ(update("exit 0\n"),
-              (std::vector<std::string>{"Can't update the feed. The script failed: rc=0"}));
+    // A script that ends by itself with a failure gives its error page as the feed text, and
+    // the parser judges that page: its unclosed <P> is the first fault.
+    const std::vector<std::string> failedPage{
+        "Can't update the feed. XML parse failed (7:L3/C2): mismatched tag"};
+    EXPECT_EQ(update("kill -SEGV $$\n"), failedPage);
+    EXPECT_EQ(update("exit 0\n"), failedPage);
+    EXPECT_EQ(update("echo '<rss/>'; echo oops >&2; exit 3\n"),
+              (std::vector<std::string>{
+                  "Can't update the feed. XML parse failed (7:L7/C2): mismatched tag"}));
+    // An error text that closes the page's paragraph leaves an HTML page: not a feed.
+    EXPECT_EQ(update("echo '</PRE></P><PRE>' >&2\n"),
+              (std::vector<std::string>{"Can't update the feed. Not an RSS feed."}));
 }
 
 TEST_F(PluginChannelTest, DownloadIsHandedToTheScriptAndA304SkipsIt) {

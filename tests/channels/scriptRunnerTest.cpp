@@ -1,5 +1,6 @@
 #include "channels/internal/scriptRunner.h"
 #include "channels/events.h"
+#include "channels/globalOptions.h"
 #include "lib/misc/exception.h"
 #include "lib/misc/iniValues.h"
 #include "lib/misc/systemValues.h"
@@ -8,7 +9,11 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <csignal>
+#include <cstdlib>
 #include <filesystem>
+#include <map>
+#include <optional>
 #include <sys/stat.h>
 #include <thread>
 
@@ -70,6 +75,27 @@ TEST(ScriptRunner, CommandLinesFollowTheFileTypeTable) {
               (std::vector<std::string>{"a", "b c", "d e", "f g", "h\"i"}));
 }
 
+TEST(ScriptRunner, EveryPathInACommandLineStaysOneArgument) {
+    ScriptSettings saved = scriptSettings();
+    ScriptSettings settings = saved;
+    settings.fileTypeCommands[".py"] = "python3 %1 %*";
+    settings.fileTypeCommands[".pl"] = "perl \"%1\" %*";
+    settings.fileTypeCommands[".sh"] = "sh '%1' %*";
+    settings.fileTypeCommands[".rb"] = "ruby -w";
+    setScriptSettings(settings);
+    const std::string config = "/tmp/t m p/cfg";
+    const auto arguments = [&](const std::string& scriptPath) {
+        return splitCommandLine(buildScriptCommandLine(scriptPath, config));
+    };
+    using Args = std::vector<std::string>;
+    EXPECT_EQ(arguments("/a b/x.py"), (Args{"python3", "/a b/x.py", config}));
+    EXPECT_EQ(arguments("/a \"b\"\\/x.pl"), (Args{"perl", "/a \"b\"\\/x.pl", config}));
+    EXPECT_EQ(arguments("/it's here/x.sh"), (Args{"sh", "/it's here/x.sh", config}));
+    EXPECT_EQ(arguments("/a b/x.rb"), (Args{"ruby", "-w", "/a b/x.rb", config}));
+    EXPECT_EQ(arguments("/a b/Main.class"), (Args{"java", "-cp", "/a b", "Main", config}));
+    setScriptSettings(saved);
+}
+
 TEST(ScriptRunner, ConfigurationFileCarriesSystemValuesAndParameters) {
     misc::SystemValues::instance().set("UserName", "tester");
     ParamDefTable defs;
@@ -112,6 +138,86 @@ TEST(ScriptRunner, RealScriptsSucceedOrBecomeErrorPages) {
     // The working directory is the script's own.
     auto [here, herePage] = run(script(dir, "pwd.sh", "pwd\n"));
     EXPECT_EQ(herePage, std::filesystem::canonical(dir.path()).string() + "\n");
+}
+
+// Points TMPDIR at another directory while it lives.
+class TemporaryDirectoryOverride {
+public:
+    explicit TemporaryDirectoryOverride(const std::string& dir) {
+        if (const char* old = std::getenv("TMPDIR"))
+            m_old = old;
+        ::setenv("TMPDIR", dir.c_str(), 1);
+    }
+    ~TemporaryDirectoryOverride() {
+        if (m_old)
+            ::setenv("TMPDIR", m_old->c_str(), 1);
+        else
+            ::unsetenv("TMPDIR");
+    }
+
+private:
+    std::optional<std::string> m_old;
+};
+
+TEST(ScriptRunner, ScriptsInFoldersWithBlanksRunWithTheShippedFileTypes) {
+    TempDir dir;
+    std::filesystem::create_directories(dir.file("my plugins"));
+    std::filesystem::create_directories(dir.file("temp files"));
+    GlobalOptions options;
+    ASSERT_TRUE(options.load("", (testing_support::sourceDir() / "resources/global.ini").string()));
+    ScriptSettings saved = scriptSettings();
+    ScriptSettings settings = saved;
+    settings.fileTypeCommands = builtInFileTypeCommands();
+    for (const auto& [extension, command] : options.scriptFileTypeCommands)
+        settings.fileTypeCommands[extension] = command;
+    setScriptSettings(settings);
+    TemporaryDirectoryOverride temp(dir.file("temp files"));
+    // Each script prints how many arguments it got and the Command its configuration holds.
+    const std::map<std::string, std::string> scripts = {
+        {"count.sh", "printf '%s ' $#; sed -n 's/^Command=//p' \"$1\"\n"},
+        {"count.py", "import sys\nprint(len(sys.argv) - 1, [l.strip()[8:] for l in "
+                     "open(sys.argv[1]) if l.startswith('Command=')][0])\n"},
+        {"count.pl", "open(F, $ARGV[0]) or die; while (<F>) { print scalar(@ARGV), \" $1\" "
+                     "if /^Command=(.*)/ }\n"},
+    };
+    for (const auto& [name, text] : scripts) {
+        auto [rc, page] = run(script(dir, "my plugins/" + name, text));
+        EXPECT_EQ(rc, 0) << name << ": " << page;
+        EXPECT_EQ(page.substr(0, page.find_last_not_of('\n') + 1), "1 ProcessRequest") << name;
+    }
+    setScriptSettings(saved);
+}
+
+TEST(ScriptRunner, ProcessesLeftBehindByAScriptLiveOn) {
+    TempDir dir;
+    // The helper keeps the output file open; the run still ends with the script.
+    auto [rc, page] = run(script(dir, "spawn.sh", "sleep 30 &\necho $!\n"));
+    ASSERT_EQ(rc, 0) << page;
+    const int helper = std::stoi(page);
+    const std::string stat = readFile("/proc/" + std::to_string(helper) + "/stat");
+    const std::size_t close = stat.rfind(')');
+    ASSERT_NE(close, std::string::npos) << "the helper is gone";
+    EXPECT_NE(stat.substr(close + 2, 1), "Z") << stat;
+    ::kill(helper, SIGKILL);
+}
+
+TEST(ScriptRunner, OutputPastTheLimitStopsTheScript) {
+    TempDir dir;
+    ScriptSettings saved = scriptSettings();
+    ScriptSettings settings = saved;
+    settings.maxOutputBytes = 1024 * 1024;
+    setScriptSettings(settings);
+    const std::string message =
+        "The script wrote more than 1024 KB of output (the limit set by MaxScriptOutputKB).";
+    // An endless writer is stopped while it runs; a quick one is caught when it ends.
+    EXPECT_EQ(failureOf([&] { run(script(dir, "endless.sh", "yes\n"), 30); }), message);
+    EXPECT_EQ(
+        failureOf([&] { run(script(dir, "errors.sh", "head -c 1100000 /dev/zero >&2\n"), 30); }),
+        message);
+    auto [rc, page] = run(script(dir, "fits.sh", "head -c 1048576 /dev/zero\n"));
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(page.size(), 1048576u);
+    setScriptSettings(saved);
 }
 
 TEST(ScriptRunner, HangingScriptIsKilledWithItsChildrenAtTheTimeOut) {
@@ -178,7 +284,7 @@ TEST(Events, TextFormsAndDispatchToTheTypedOperations) {
     EXPECT_EQ(counter.errors, 1);
     EXPECT_EQ(added.text(), "[NewFeedItemEvent:<unknown>]");
     EXPECT_EQ(error.text(), "[ChannelErrorEvent:<unknown>]");
-    EXPECT_EQ(AppPluginErrorEvent(0, nullptr, "", "x").text(), "[AppPluginErrorEvent:<unknown>]");
+    EXPECT_EQ(AppPluginErrorEvent(0, nullptr, "x").text(), "[AppPluginErrorEvent:<unknown>]");
     EXPECT_EQ(BeginChannelUpdateEvent(0, nullptr, true).text(),
               "[BeginChannelUpdateEvent:<Unknown>]");
 }

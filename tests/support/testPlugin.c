@@ -1,6 +1,9 @@
 /* A library plugin for the tests. Environment variables make it misbehave:
  * PELSU_TEST_PLUGIN_MISSING=process_request leaves that entry point out,
- * PELSU_TEST_PLUGIN_FAIL makes load_plugin fail, PELSU_TEST_PLUGIN_EMPTY gives an empty page. */
+ * PELSU_TEST_PLUGIN_FAIL makes load_plugin fail, PELSU_TEST_PLUGIN_EMPTY=static gives a static
+ * empty main page and =null a null one. The request "empty" is answered with a static empty
+ * string. Handing a static string back to plugin_free ends the process, as the C library's
+ * free would. */
 #include "include/pelsuPlugin.h"
 
 #include <stdio.h>
@@ -23,13 +26,26 @@ static int32_t unloadPlugin(char* errorBuffer) {
     return 0;
 }
 
+static const char kStaticEmpty[] = "";
+
 static void* pluginMalloc(size_t size) { return malloc(size); }
-static void pluginFree(void* buffer) { free(buffer); }
+static void pluginFree(void* buffer) {
+    if (buffer == kStaticEmpty) {
+        fputs("plugin_free: not a buffer of this library\n", stderr);
+        abort();
+    }
+    free(buffer);
+}
 
 static int32_t generateMainPage(char** page, int32_t* length, char* errorBuffer) {
     (void)errorBuffer;
-    const char* text =
-        getenv("PELSU_TEST_PLUGIN_EMPTY") ? "" : "<a href=\"{%APP_PLUGIN_SERVER_URL%}/x\">main</a>";
+    const char* empty = getenv("PELSU_TEST_PLUGIN_EMPTY");
+    if (empty) {
+        *page = strcmp(empty, "null") == 0 ? NULL : (char*)kStaticEmpty;
+        *length = 0;
+        return 0;
+    }
+    const char* text = "<a href=\"{%APP_PLUGIN_SERVER_URL%}/x\">main</a>";
     *page = malloc(strlen(text) + 1);
     strcpy(*page, text);
     *length = (int32_t)strlen(text);
@@ -41,6 +57,11 @@ static int32_t processRequest(const char* request, const char* paramString, char
     if (strcmp(request, "fail") == 0) {
         strcpy(errorBuffer, "the request failed");
         return 2;
+    }
+    if (strcmp(request, "empty") == 0) {
+        *response = (char*)kStaticEmpty;
+        *length = 0;
+        return 0;
     }
     char* text = malloc(512);
     snprintf(text, 512, "%s|%s|{%%PLUGIN_SERVER_URL%%}|{%%APP_PLUGIN_SERVER_URL%%}", request,
