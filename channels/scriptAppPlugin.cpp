@@ -81,7 +81,10 @@ void ScriptAppPlugin::ProcessRequest(const std::string& pluginRequest,
     const std::string commandLine = commandLineFor(config->path());
     const std::string directory = std::filesystem::path(m_scriptFilename).parent_path().string();
     runScript(commandLine, directory, output, m_manager->getScriptTimeout());
-    response += output.read();
+    if (response.empty())
+        response = output.read(); // no second copy of a large answer
+    else
+        response += output.read();
 }
 
 } // namespace channels

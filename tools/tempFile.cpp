@@ -51,10 +51,17 @@ void TempFile::close() {
 }
 
 std::string TempFile::read() const {
-    std::ifstream in(m_path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
+    // Sized once from the file, so a large output is held once rather than grown and copied.
+    std::ifstream in(m_path, std::ios::binary | std::ios::ate);
+    std::string text;
+    const std::streamoff size = in ? static_cast<std::streamoff>(in.tellg()) : 0;
+    if (size <= 0)
+        return text;
+    text.resize(static_cast<std::size_t>(size));
+    in.seekg(0);
+    in.read(text.data(), size);
+    text.resize(static_cast<std::size_t>(in.gcount()));
+    return text;
 }
 
 } // namespace tools

@@ -188,6 +188,22 @@ TEST(ScriptRunner, ScriptsInFoldersWithBlanksRunWithTheShippedFileTypes) {
     setScriptSettings(saved);
 }
 
+TEST(ScriptRunner, JavaClassesInFoldersWithBlanksRun) {
+    if (std::system("javac -version >/dev/null 2>&1") != 0)
+        GTEST_SKIP() << "no Java compiler here; the command line is checked on its own";
+    TempDir dir;
+    std::filesystem::create_directories(dir.file("my classes"));
+    writeFile(dir.file("my classes/Count.java"),
+              "public class Count { public static void main(String[] a) {"
+              " System.out.println(a.length + \" \" + new java.io.File(a[0]).exists()); } }\n");
+    ASSERT_EQ(std::system(("javac '" + dir.file("my classes/Count.java") + "'").c_str()), 0);
+    std::filesystem::create_directories(dir.file("temp files"));
+    TemporaryDirectoryOverride temp(dir.file("temp files"));
+    auto [rc, page] = run(dir.file("my classes/Count.class"), 60);
+    EXPECT_EQ(rc, 0) << page;
+    EXPECT_EQ(page, "1 true\n");
+}
+
 TEST(ScriptRunner, ProcessesLeftBehindByAScriptLiveOn) {
     TempDir dir;
     // The helper keeps the output file open; the run still ends with the script.
@@ -209,8 +225,12 @@ TEST(ScriptRunner, OutputPastTheLimitStopsTheScript) {
     setScriptSettings(settings);
     const std::string message =
         "The script wrote more than 1024 KB of output (the limit set by MaxScriptOutputKB).";
-    // An endless writer is stopped while it runs; a quick one is caught when it ends.
-    EXPECT_EQ(failureOf([&] { run(script(dir, "endless.sh", "yes\n"), 30); }), message);
+    // A writer that goes on running is stopped at once (not at its time-out); a quick one is
+    // caught when it ends.
+    EXPECT_EQ(failureOf([&] {
+                  run(script(dir, "slow.sh", "head -c 2000000 /dev/zero\nsleep 30\n"), 20);
+              }),
+              message);
     EXPECT_EQ(
         failureOf([&] { run(script(dir, "errors.sh", "head -c 1100000 /dev/zero >&2\n"), 30); }),
         message);
