@@ -24,8 +24,10 @@ struct CliRun {
 };
 
 // Runs pelsu-cli with the arguments (a shell command line fragment) on the given home.
-CliRun cli(const std::string& home, const std::string& arguments, bool mergeErrors = true) {
-    const std::string command = (testing_support::binaryDir() / "cli" / "pelsu-cli").string() +
+CliRun cli(const std::string& home, const std::string& arguments, bool mergeErrors = true,
+           const std::string& environment = "") {
+    const std::string command = (environment.empty() ? "" : environment + " ") +
+                                (testing_support::binaryDir() / "cli" / "pelsu-cli").string() +
                                 (home.empty() ? "" : " --home '" + home + "'") + " " + arguments +
                                 (mergeErrors ? " 2>&1" : "");
     CliRun run;
@@ -264,6 +266,25 @@ TEST(PelsuCli, SamplePluginsLoadAndAnswer) {
     const CliRun update = cli(home.path().string(), "update files");
     EXPECT_EQ(update.status, 0) << update.out;
     EXPECT_NE(update.out.find("new:     note <1>.txt"), std::string::npos) << update.out;
+}
+
+TEST(PelsuCli, PluginScriptsInFoldersWithBlanksRunWithinTheOutputLimit) {
+    TempDir home, scripts;
+    ASSERT_EQ(cli(home.path().string(), "list").status, 0);
+    const auto users = fs::directory_iterator(home.file("Users"));
+    writeFile((users->path() / "config.ini").string(), "[Global Options]\nMaxScriptOutputKB=1\n");
+    fs::create_directories(scripts.file("my scripts"));
+    const std::string script = scripts.file("my scripts/big.sh");
+    writeFile(script, "head -c \"$SIZE\" /dev/zero | tr '\\0' x\n");
+    ASSERT_EQ(cli(home.path().string(), "add --plugin '" + script + "' --id big").status, 0);
+    // Within the limit the output reaches the parser (and is no feed); past it the run stops.
+    const CliRun small = cli(home.path().string(), "update big", true, "SIZE=1024");
+    EXPECT_NE(small.out.find("XML parse failed"), std::string::npos) << small.out;
+    const CliRun large = cli(home.path().string(), "update big", true, "SIZE=1025");
+    EXPECT_NE(large.out.find("The script wrote more than 1 KB of output (the limit set by "
+                             "MaxScriptOutputKB)."),
+              std::string::npos)
+        << large.out;
 }
 
 TEST(PelsuCli, PageWritesTheSummaryPageThatStays) {
