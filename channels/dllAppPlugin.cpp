@@ -74,13 +74,12 @@ DllAppPlugin::~DllAppPlugin() {
 }
 
 // A page or response that a library handed over: copied, then given back to the library.
-// A null pointer or a length of 0 hands nothing over (it may be a static empty string), so
-// nothing is given back.
 std::string DllAppPlugin::takeBuffer(char* buffer, std::int32_t length) const {
-    if (!buffer || length <= 0)
-        return {};
-    std::string copy(buffer, static_cast<std::size_t>(length));
-    m_info->plugin_free(buffer);
+    std::string copy;
+    if (buffer && length > 0)
+        copy.assign(buffer, static_cast<std::size_t>(length));
+    if (buffer)
+        m_info->plugin_free(buffer);
     return copy;
 }
 
@@ -90,9 +89,11 @@ void DllAppPlugin::GenerateMainPage() {
     ErrorBuffer buffer;
     if (m_info->generate_main_page(&page, &length, buffer.text) != 0)
         throw Exception(buffer.message());
-    const std::string copy = takeBuffer(page, length);
-    if (copy.empty())
+    // An empty page is refused before anything is given back: a library may hand over a
+    // static empty string, which is not its allocator's to free.
+    if (!page || length <= 0)
         throw Exception("The plugin returned an empty main page.");
+    const std::string copy = takeBuffer(page, length);
     threadSafety::ScopedLock lock(m_lock);
     std::ofstream& out = m_mainPage.reopen(true);
     if (!out)

@@ -9,8 +9,9 @@
  *
  * Pages and responses belong to the library: the host copies them (by pointer and length, so
  * they need no terminator and may hold NUL bytes) and then gives each back with plugin_free.
- * A null pointer or a length of 0 hands nothing over and is never given back (a heap buffer
- * returned with length 0 is the library's to free); a main page of length 0 is an error.
+ * A main page that is null or of length 0 is an error and is never given back (a heap buffer
+ * returned so is the library's to free); a response may be empty, and a non-null response
+ * pointer is always given back, so it must come from the library's allocator.
  * Main pages may use the variables {%APP_SERVER_URL%} and {%APP_PLUGIN_SERVER_URL%};
  * responses to requests may use {%APP_SERVER_URL%} and {%PLUGIN_SERVER_URL%}.
  *

@@ -167,7 +167,7 @@ TEST_F(AppPluginTest, EmptyLibraryPagesAreErrorsAndNeverGoBackToTheLibrary) {
         std::fputs(("response=[" + response + "] ").c_str(), stderr);
     });
     EXPECT_EQ(result.status, 0) << result.errorOutput;
-    EXPECT_EQ(result.errorOutput, "response=[] no exception");
+    EXPECT_EQ(result.errorOutput, "empty response given back; response=[] no exception");
 }
 
 TEST_F(AppPluginTest, LinksInALoopAreFollowedOnce) {

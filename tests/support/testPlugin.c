@@ -1,8 +1,8 @@
 /* A library plugin for the tests. Environment variables make it misbehave:
  * PELSU_TEST_PLUGIN_MISSING=process_request leaves that entry point out,
  * PELSU_TEST_PLUGIN_FAIL makes load_plugin fail, PELSU_TEST_PLUGIN_EMPTY=static gives a static
- * empty main page and =null a null one. The request "empty" is answered with a static empty
- * string. Handing a static string back to plugin_free ends the process, as the C library's
+ * empty main page and =null a null one. The request "empty" is answered with an empty heap
+ * buffer, which plugin_free reports when it gets it back. Handing a static string back to plugin_free ends the process, as the C library's
  * free would. */
 #include "include/pelsuPlugin.h"
 
@@ -28,12 +28,16 @@ static int32_t unloadPlugin(char* errorBuffer) {
 
 static const char kStaticEmpty[] = "";
 
+static char* emptyResponse = NULL;
+
 static void* pluginMalloc(size_t size) { return malloc(size); }
 static void pluginFree(void* buffer) {
     if (buffer == kStaticEmpty) {
         fputs("plugin_free: not a buffer of this library\n", stderr);
         abort();
     }
+    if (buffer != NULL && buffer == emptyResponse)
+        fputs("empty response given back; ", stderr);
     free(buffer);
 }
 
@@ -59,7 +63,8 @@ static int32_t processRequest(const char* request, const char* paramString, char
         return 2;
     }
     if (strcmp(request, "empty") == 0) {
-        *response = (char*)kStaticEmpty;
+        emptyResponse = malloc(1);
+        *response = emptyResponse;
         *length = 0;
         return 0;
     }
