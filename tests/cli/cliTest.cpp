@@ -420,6 +420,27 @@ TEST(PelsuCli, ChannelsThatCannotBeSavedOrReadFailTheCommand) {
     }
 }
 
+// The Channels directory becomes a small file system of its own, filled up, in a mount
+// namespace of the command's own.
+TEST(PelsuCli, UpdateOnAFullDiskFails) {
+    if (std::system("unshare -m true 2>/dev/null") != 0)
+        GTEST_SKIP() << "no mount namespace can be made here (it needs root)";
+    TempDir home, feeds;
+    writeFile(feeds.file("a.xml"), feed("12"));
+    ASSERT_EQ(cli(home.path(), "add '" + feeds.file("a.xml") + "' --id mine").status, 0);
+    const fs::path channels = userDir(home) / "Channels";
+    fs::copy(channels, home.file("saved"));
+    const std::string fill = "mount -t tmpfs -o size=64k tmpfs '" + channels.string() +
+                             "' && cp '" + home.file("saved") + "'/* '" + channels.string() +
+                             "' && dd if=/dev/zero of='" + channels.string() +
+                             "/filler' bs=4k 2>/dev/null; exec ";
+    // The shell's quotes open before pelsu-cli and close after its arguments.
+    const CliRun update = cli(home.path(), "update\"", true, "unshare -m sh -c \"" + fill);
+    EXPECT_EQ(update.status, 1) << update.out;
+    EXPECT_NE(update.out.find("No space left on device"), std::string::npos) << update.out;
+    EXPECT_NE(update.out.find("2 failed (PelsuNews, mine)."), std::string::npos) << update.out;
+}
+
 TEST(PelsuCli, LoadingRemovesOldUnfinishedSavesAndSaysWhichFileOfAClashItLeaves) {
     TempDir home;
     const fs::path channels = userDir(home) / "Channels";
