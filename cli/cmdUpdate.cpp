@@ -38,7 +38,7 @@ public:
     }
     void onChannelError(channels::ChannelErrorEvent& event) override {
         std::lock_guard guard(m_mutex);
-        const std::string text = toUtf8(event.message()) + " " + toUtf8(event.detail());
+        const std::string text = toTerminal(event.message()) + " " + toTerminal(event.detail());
         const channels::Channel* channel = event.channel();
         if (channel)
             m_failed.insert(channel->id());
@@ -142,7 +142,9 @@ int runUpdate(const CommandContext& context) {
     if (context.args.empty())
         targets = manager.channels();
     for (const std::string& id : context.args)
-        targets.push_back(&engine.requireChannel(id));
+        if (channels::Channel* channel = &engine.requireChannel(id);
+            std::find(targets.begin(), targets.end(), channel) == targets.end())
+            targets.push_back(channel); // a channel named twice is updated once
     EventPrinter printer;
     printer.setTotal(targets.size());
     manager.addListener(&printer);
@@ -181,7 +183,7 @@ public:
     void onChannelError(channels::ChannelErrorEvent& event) override {
         ++count;
         std::cerr << "pelsu-cli: " << (event.channel() ? event.channel()->id() + ": " : "")
-                  << toUtf8(event.message()) << " " << toUtf8(event.detail()) << std::endl;
+                  << toTerminal(event.message()) << " " << toTerminal(event.detail()) << std::endl;
     }
 };
 

@@ -18,8 +18,8 @@ public:
     int count = 0;
     void onChannelError(channels::ChannelErrorEvent& event) override {
         ++count;
-        std::cerr << "pelsu-cli: " << toUtf8(event.message()) << " " << toUtf8(event.detail())
-                  << '\n';
+        std::cerr << "pelsu-cli: " << toTerminal(event.message()) << " "
+                  << toTerminal(event.detail()) << '\n';
     }
 };
 
