@@ -48,7 +48,7 @@ function(pelsu_add_test name)
   set(environment "PELSU_SOURCE_DIR=${PROJECT_SOURCE_DIR};PELSU_BINARY_DIR=${PROJECT_BINARY_DIR}")
   set(script "${CMAKE_CURRENT_BINARY_DIR}/${name}_properties.cmake")
   file(WRITE ${script}
-    "if(DEFINED ${name}_TESTS)\n"
+    "if(NOT \"\${${name}_TESTS}\" STREQUAL \"\")\n"
     "  set_tests_properties(\${${name}_TESTS} PROPERTIES ENVIRONMENT [==[${environment}]==])\n")
   if(ARG_LABELS)
     file(APPEND ${script}
