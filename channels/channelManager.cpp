@@ -13,6 +13,7 @@
 #include <cstring>
 #include <filesystem>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -47,16 +48,62 @@ std::unique_ptr<Channel> ChannelManager::makeChannel(const std::string& id,
     return std::make_unique<RssChannel>(this, id);
 }
 
-void ChannelManager::loadChannelFiles(const char* extension) {
+namespace {
+
+// Temporary files of channel saves that a killed process left behind ("x.rss.tmp-AbC123").
+bool isChannelSaveLeftover(const fs::path& file) {
+    const std::string name = file.filename().string();
+    for (const char* extension : {".rss.tmp-", ".plugin.tmp-"}) {
+        const auto at = name.rfind(extension);
+        if (at != std::string::npos && at > 0 && name.size() == at + std::strlen(extension) + 6)
+            return true;
+    }
+    return false;
+}
+
+} // namespace
+
+bool ChannelManager::listChannelsDir(std::vector<fs::path>& files) {
     std::error_code error;
-    std::vector<fs::path> files;
-    for (const auto& entry : fs::directory_iterator(m_channelsDir, error))
-        if (entry.path().extension() == extension && entry.is_regular_file(error))
-            files.push_back(entry.path());
-    std::sort(files.begin(), files.end());
+    for (fs::directory_iterator it(m_channelsDir, error), end; !error && it != end;
+         it.increment(error))
+        files.push_back(it->path());
+    if (!error) {
+        std::sort(files.begin(), files.end());
+        return true;
+    }
+    const std::string message = "Can't read the channels directory.";
+    PELSU_LOG(channelManagerGroup(), message << " " << m_channelsDir << ": " << error.message());
+    ChannelErrorEvent event(now(), nullptr, message, m_channelsDir + ": " + error.message());
+    raiseEvent(event);
+    return false;
+}
+
+void ChannelManager::removeSaveLeftovers(const std::vector<fs::path>& files) {
+    // A save in progress in another process is a moment old at most; a minute is a safe margin.
+    constexpr std::time_t kLeftoverAge = 60;
+    const std::time_t time = now();
     for (const fs::path& file : files) {
+        struct stat info {};
+        if (!isChannelSaveLeftover(file) || ::lstat(file.c_str(), &info) != 0 ||
+            !S_ISREG(info.st_mode) || info.st_mtime > time - kLeftoverAge)
+            continue;
+        std::error_code error;
+        if (fs::remove(file, error))
+            PELSU_LOG(channelManagerGroup(), "Removed an unfinished save: " << file.string());
+    }
+}
+
+void ChannelManager::loadChannelFiles(const std::vector<fs::path>& files, const char* extension) {
+    for (const fs::path& file : files) {
+        std::error_code error;
+        if (file.extension() != extension || !fs::is_regular_file(file, error))
+            continue;
         const std::string id = file.stem().string();
         try {
+            if (findChannel(id))
+                throw Exception("The channel " + id + " is already loaded from " + id +
+                                ".rss; this file is left as it is.");
             if (const std::string problem = profile::fileProblem(file.string()); !problem.empty())
                 throw Exception(problem);
             auto channel = makeChannel(id, extension);
@@ -73,10 +120,15 @@ void ChannelManager::loadChannelFiles(const char* extension) {
     }
 }
 
-void ChannelManager::loadChannels() {
+bool ChannelManager::loadChannels() {
     PELSU_LOG(channelManagerGroup(), "Loading RSS channels...");
-    loadChannelFiles(".rss");
-    loadChannelFiles(".plugin");
+    std::vector<fs::path> files;
+    if (!listChannelsDir(files))
+        return false;
+    removeSaveLeftovers(files);
+    loadChannelFiles(files, ".rss");
+    loadChannelFiles(files, ".plugin");
+    return true;
 }
 
 void ChannelManager::start(const std::string& userAgent) {

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <ctime>
 #include <deque>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
@@ -41,8 +42,10 @@ public:
     ChannelManager& operator=(const ChannelManager&) = delete;
 
     // Loads every ".rss" and then every ".plugin" file of the channels directory; a file
-    // that fails gives a ChannelErrorEvent and is left out.
-    void loadChannels();
+    // that fails, or a ".plugin" file whose ID a ".rss" file took, gives a ChannelErrorEvent
+    // and is left out. Unfinished saves older than a minute are removed first. Returns false,
+    // after a ChannelErrorEvent, when the directory can't be read.
+    bool loadChannels();
     // Opens the Internet session and starts the worker. Throws channels::Exception.
     void start(const std::string& userAgent);
     // Stops the worker (forcing it after the wait), saves and drops every channel, closes the
@@ -90,7 +93,9 @@ public:
     void raiseEvent(Event& event);
 
 private:
-    void loadChannelFiles(const char* extension);
+    bool listChannelsDir(std::vector<std::filesystem::path>& files);
+    void removeSaveLeftovers(const std::vector<std::filesystem::path>& files);
+    void loadChannelFiles(const std::vector<std::filesystem::path>& files, const char* extension);
     std::unique_ptr<Channel> makeChannel(const std::string& id, const std::string& extension);
     void workerLoop();
     void updateFeed(Channel& channel);

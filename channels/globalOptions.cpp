@@ -154,10 +154,16 @@ void loadScriptFileTypes(GlobalOptions& options, const std::string& globalIniFil
 
 } // namespace
 
-bool GlobalOptions::load(const std::string& configFile, const std::string& globalIniFile) {
-    for (const std::string& file : {configFile, globalIniFile})
-        if (!file.empty() && !profile::fileProblem(file).empty())
-            return false;
+bool GlobalOptions::load(const std::string& configFile, const std::string& globalIniFile,
+                         std::string* problem) {
+    for (const std::string& file : {configFile, globalIniFile}) {
+        const std::string reason = file.empty() ? std::string() : profile::fileProblem(file);
+        if (reason.empty())
+            continue;
+        if (problem)
+            *problem = reason;
+        return false;
+    }
     m_configFile = configFile;
     profile::WriteBatch snapshot(configFile);
     for (const Option& option : kOptions)

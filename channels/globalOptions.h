@@ -92,8 +92,9 @@ public:
     std::vector<std::pair<std::string, std::string>> scriptFileTypes;
 
     // Reads every key (missing ones keep their defaults). Returns false only when a file
-    // exists but can't be read.
-    bool load(const std::string& configFile, const std::string& globalIniFile);
+    // exists but can't be read, with the reason in problem when one is given.
+    bool load(const std::string& configFile, const std::string& globalIniFile,
+              std::string* problem = nullptr);
     // Writes every key but the read-only ones; returns false when the file can't be written.
     bool save(const std::string& configFile) const;
 

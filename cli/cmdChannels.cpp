@@ -114,7 +114,7 @@ int runList(const CommandContext& context) {
         if (settings.isAutoUpdateEnabled())
             state = "auto, every " + std::to_string(settings.autoUpdateInterval()) + " s";
         std::printf("%-24s %-28s %-40s %-16s %5zu  %s\n", channel->id().c_str(),
-                    toUtf8(channel->name()).c_str(), toUtf8(channel->address()).c_str(),
+                    toTerminal(channel->name()).c_str(), toTerminal(channel->address()).c_str(),
                     channels::fetchTimeText(channel->state().lastFetchTime()).c_str(),
                     channel->state().feed().itemCount(), state.c_str());
     }
@@ -127,18 +127,18 @@ int runShow(const CommandContext& context) {
     Engine engine(context);
     channels::Channel& channel = engine.requireChannel(context.args[0]);
     const channels::Feed& feed = channel.state().feed();
-    std::cout << toUtf8(channel.name()) << '\n'
-              << "  Address:    " << toUtf8(channel.address()) << '\n'
+    std::cout << toTerminal(channel.name()) << '\n'
+              << "  Address:    " << toTerminal(channel.address()) << '\n'
               << "  Last fetch: " << channels::fetchTimeText(channel.state().lastFetchTime())
               << '\n'
               << "  Items:      " << feed.itemCount() << "\n\n";
     for (std::size_t i = 0; i < feed.itemCount(); ++i) {
         const channels::FeedItem item = feed.item(i);
-        std::cout << "[" << i + 1 << "] " << toUtf8(item.title) << '\n';
+        std::cout << "[" << i + 1 << "] " << toTerminal(item.title) << '\n';
         if (!item.url.empty())
-            std::cout << "    " << toUtf8(item.url) << '\n';
+            std::cout << "    " << toTerminal(item.url) << '\n';
         if (!item.pubDateString.empty())
-            std::cout << "    " << toUtf8(item.pubDateString) << '\n';
+            std::cout << "    " << toTerminal(item.pubDateString) << '\n';
     }
     return kExitOk;
 }

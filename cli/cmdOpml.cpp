@@ -90,7 +90,7 @@ int runExport(const CommandContext& context) {
     out << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<opml version=\"2.0\">\n"
         << "<head><title>Pelsu channels</title></head>\n<body>\n";
     for (channels::Channel* channel : engine.manager().channels()) {
-        const std::string name = templateProcessor::escapeHtml(toUtf8(channel->name()));
+        const std::string name = templateProcessor::escapeHtml(toUtf8(nameOrAddress(*channel)));
         out << "<outline type=\"rss\" text=\"" << name << "\" title=\"" << name << "\" xmlUrl=\""
             << templateProcessor::escapeHtml(toUtf8(channel->address())) << "\"/>\n";
     }

@@ -5,8 +5,10 @@
 #include "lib/misc/profileFile.h"
 #include "tools/tempFile.h"
 
+#include <charconv>
 #include <fstream>
 #include <iostream>
+#include <limits>
 #include <sstream>
 
 namespace cli {
@@ -28,9 +30,12 @@ int runParse(const CommandContext& context) {
     for (std::size_t i = 0; i < args.size(); ++i) {
         if (args[i] == "--max-items" && i + 1 < args.size()) {
             const std::string& value = args[++i];
-            if (value.empty() || value.find_first_not_of("-0123456789") != std::string::npos)
-                return usageError("--max-items needs a whole number, not '" + value + "'");
-            maxItems = std::stoi(value);
+            const char* end = value.data() + value.size();
+            const auto [stop, error] = std::from_chars(value.data(), end, maxItems);
+            if (value.empty() || error != std::errc() || stop != end)
+                return usageError("--max-items needs a whole number up to " +
+                                  std::to_string(std::numeric_limits<int>::max()) + ", not '" +
+                                  value + "'");
         } else if (args[i] == "--allow-empty") {
             options.allowEmptyFeeds = true;
         } else if (args[i] == "--no-skip-binary") {

@@ -15,9 +15,11 @@ namespace {
 // Prints what goes wrong while the channels load.
 class LoadErrorPrinter : public channels::EventListener {
 public:
+    int count = 0;
     void onChannelError(channels::ChannelErrorEvent& event) override {
-        std::cerr << "pelsu-cli: " << toUtf8(event.message()) << " " << toUtf8(event.detail())
-                  << '\n';
+        ++count;
+        std::cerr << "pelsu-cli: " << toTerminal(event.message()) << " "
+                  << toTerminal(event.detail()) << '\n';
     }
 };
 
@@ -37,8 +39,11 @@ Engine::Engine(const CommandContext& context) : m_environment(startEnvironment(c
                                                            managerOptions(m_environment.options));
     LoadErrorPrinter printer;
     m_manager->addListener(&printer);
-    m_manager->loadChannels();
+    const bool loaded = m_manager->loadChannels();
     m_manager->removeListener(&printer);
+    if (!loaded)
+        throw channels::Exception("Nothing was done: the channels could not be read.");
+    m_loadFailures = printer.count;
 }
 
 Engine::~Engine() {
@@ -89,6 +94,11 @@ std::vector<std::string> loadAppPlugins(const Environment& environment) {
 std::string userAgent(const channels::GlobalOptions& options) {
     return options.httpUserAgent.empty() ? std::string("Pelsu/") + PELSU_VERSION
                                          : options.httpUserAgent;
+}
+
+std::string nameOrAddress(const channels::Channel& channel) {
+    const std::string name = channel.name();
+    return name == "<Unknown>" ? channel.address() : name;
 }
 
 bool isValidChannelId(const std::string& id) {

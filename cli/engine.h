@@ -21,7 +21,8 @@ public:
 
 class Engine {
 public:
-    // Starts the environment and loads every channel (load failures are printed).
+    // Starts the environment and loads every channel (load failures are printed). Throws
+    // channels::Exception when the channels directory can't be read.
     explicit Engine(const CommandContext& context);
     ~Engine();
 
@@ -31,11 +32,14 @@ public:
     channels::Channel& requireChannel(const std::string& id);
     // Whether the channels are saved when the engine ends (commands that only read don't).
     void setSaveOnExit(bool save) { m_saveOnExit = save; }
+    // How many channel files failed to load.
+    int loadFailures() const { return m_loadFailures; }
 
 private:
     Environment m_environment;
     std::unique_ptr<channels::ChannelManager> m_manager;
     bool m_saveOnExit = false;
+    int m_loadFailures = 0;
 };
 
 // The manager's options from the global options.
@@ -43,6 +47,8 @@ channels::ChannelManagerOptions managerOptions(const channels::GlobalOptions& op
 // A non-negative decimal number from an argument, or a UsageError naming the option.
 int parseCount(const std::string& text, const std::string& option);
 bool isValidChannelId(const std::string& id);
+// The channel's display name, or its address when it has none yet.
+std::string nameOrAddress(const channels::Channel& channel);
 // Loads the app plugins of the program directory into the plugin manager; returns the
 // messages of those that failed.
 std::vector<std::string> loadAppPlugins(const Environment& environment);

@@ -28,8 +28,10 @@ Environment startEnvironment(const CommandContext& context) {
     environment.firstRun = channels::prepareUserDirectory(environment.paths);
     channels::applyDebugSettings(environment.paths);
     channels::openMessageLog(environment.paths);
-    if (!environment.options.load(environment.paths.configFile, environment.paths.globalIniFile))
-        throw channels::Exception("Couldn't load the global options.");
+    std::string problem;
+    if (!environment.options.load(environment.paths.configFile, environment.paths.globalIniFile,
+                                  &problem))
+        throw channels::Exception("Couldn't load the global options.\n\n" + problem);
     channels::publishSystemValues(environment.paths, PELSU_VERSION);
     channels::ScriptSettings scripts = channels::scriptSettings();
     scripts.appServerPort = environment.options.appServerPortNo;
@@ -55,6 +57,23 @@ std::string toUtf8(const std::string& latin1) {
         }
     }
     return out;
+}
+
+std::string toTerminal(const std::string& latin1) {
+    static constexpr char kHex[] = "0123456789abcdef";
+    std::string visible;
+    visible.reserve(latin1.size());
+    for (char c : latin1) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || (byte >= 0x7F && byte < 0xA0)) {
+            visible += "\\x";
+            visible += kHex[byte >> 4];
+            visible += kHex[byte & 0xF];
+        } else {
+            visible += c;
+        }
+    }
+    return toUtf8(visible);
 }
 
 } // namespace cli

@@ -40,6 +40,11 @@ int main(int argc, char** argv) {
         }
         if (option == "--home" && i + 1 < argc) {
             context.home = argv[++i];
+            if (context.home.empty()) {
+                std::cerr << "pelsu-cli: --home needs a directory\n\n";
+                printUsage(std::cerr);
+                return cli::kExitUsage;
+            }
             continue;
         }
         std::cerr << "pelsu-cli: unknown option " << option << "\n\n";

@@ -41,6 +41,19 @@ function(pelsu_add_test name)
     GTest::gtest GTest::gmock GTest::gtest_main)
   gtest_discover_tests(${name}
     WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}
-    PROPERTIES LABELS "${ARG_LABELS}" ENVIRONMENT "PELSU_SOURCE_DIR=${PROJECT_SOURCE_DIR};PELSU_BINARY_DIR=${PROJECT_BINARY_DIR}"
     DISCOVERY_TIMEOUT 60)
+  # The discovery script flattens its PROPERTIES into one list and drops empty elements, which
+  # splits list values such as ENVIRONMENT. The properties are therefore set by a script of our
+  # own that ctest reads after the discovered tests, on the test list discovery leaves behind.
+  set(environment "PELSU_SOURCE_DIR=${PROJECT_SOURCE_DIR};PELSU_BINARY_DIR=${PROJECT_BINARY_DIR}")
+  set(script "${CMAKE_CURRENT_BINARY_DIR}/${name}_properties.cmake")
+  file(WRITE ${script}
+    "if(NOT \"\${${name}_TESTS}\" STREQUAL \"\")\n"
+    "  set_tests_properties(\${${name}_TESTS} PROPERTIES ENVIRONMENT [==[${environment}]==])\n")
+  if(ARG_LABELS)
+    file(APPEND ${script}
+      "  set_tests_properties(\${${name}_TESTS} PROPERTIES LABELS [==[${ARG_LABELS}]==])\n")
+  endif()
+  file(APPEND ${script} "endif()\n")
+  set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${script})
 endfunction()
