@@ -108,11 +108,20 @@ void ChannelManager::start(const std::string& userAgent) {
 bool ChannelManager::isRunning() const { return m_worker.joinable(); }
 
 void ChannelManager::discardChannels() {
+    for (const auto& channel : takeChannels())
+        channel->markRemoved();
+}
+
+// Channel locks come before the manager's, so the table is emptied under the manager's lock
+// and its channels are marked only after that lock is released.
+std::vector<std::shared_ptr<Channel>> ChannelManager::takeChannels() {
+    std::vector<std::shared_ptr<Channel>> taken;
     threadSafety::ScopedLock lock(m_lock);
     for (auto& [id, channel] : m_channels)
-        channel->markRemoved();
+        taken.push_back(std::move(channel));
     m_channels.clear();
     m_requests.clear();
+    return taken;
 }
 
 void ChannelManager::stop() {
@@ -150,13 +159,7 @@ void ChannelManager::stop() {
         }
     }
     PELSU_LOG(channelManagerGroup(), "Cleaning up the channel table.");
-    {
-        threadSafety::ScopedLock lock(m_lock);
-        for (auto& [id, channel] : m_channels)
-            channel->markRemoved();
-        m_channels.clear();
-        m_requests.clear();
-    }
+    discardChannels();
     PELSU_LOG(channelManagerGroup(), "Destroying the stop event.");
     m_stopEvent.reset();
     PELSU_LOG(channelManagerGroup(), "Closing the Internet connection.");
@@ -198,7 +201,8 @@ void ChannelManager::deleteChannel(const std::string& id) {
     {
         threadSafety::ScopedLock channelLock(channel->lock());
         const std::string file = channel->fileName();
-        if (::unlink(file.c_str()) != 0 && errno != ENOENT)
+        // A file already gone is a failure too: the table must not drift from the directory.
+        if (::unlink(file.c_str()) != 0)
             throw Exception("Can't delete the channel config file: " + file);
         channel->markRemoved();
     }

@@ -91,6 +91,8 @@ public:
 
 private:
     void loadChannelFiles(const char* extension);
+    // Empties the table and the request queue under the manager's lock; returns the channels.
+    std::vector<std::shared_ptr<Channel>> takeChannels();
     std::unique_ptr<Channel> makeChannel(const std::string& id, const std::string& extension);
     void workerLoop();
     void updateFeed(Channel& channel);
@@ -102,7 +104,7 @@ private:
     std::string m_channelsDir;
     ChannelManagerOptions m_options;
     Clock m_clock;
-    mutable threadSafety::CriticalSection m_lock{"ChannelManager"};
+    mutable threadSafety::CriticalSection m_lock{"ChannelManager", threadSafety::LockRank::Manager};
     std::map<std::string, std::shared_ptr<Channel>> m_channels;
     std::deque<std::shared_ptr<Channel>> m_requests;
     std::unique_ptr<tools::InternetSession> m_session;
