@@ -132,6 +132,7 @@ protected:
             m_manager->stop();
             m_manager->removeListener(&m_recorder);
         }
+        EXPECT_EQ(m_lockOrder.taken(), std::vector<std::string>{});
     }
     ChannelManager& manager(ChannelManagerOptions options = {}) {
         options.stopWaitMs = m_stopWaitMs;
@@ -152,6 +153,7 @@ protected:
         return m_dir.file(name);
     }
 
+    LockOrderWatch m_lockOrder; // every test here also checks the lock order
     TempDir m_dir;
     std::string m_channelsDir;
     std::atomic<std::time_t> m_now{1'700'000'000};
@@ -498,7 +500,6 @@ TEST_F(EngineTest, NoChannelLockIsTakenUnderTheManagersLock) {
     const std::string feed = feedFile("feed.xml", rss({"a"}));
     addChannelFile("one", feed, 0);
     addChannelFile("two", feed, 0);
-    LockOrderWatch watch;
     auto& m = manager();
     m.start("agent");
     ASSERT_TRUE(m.requestUpdate("one"));
@@ -510,5 +511,5 @@ TEST_F(EngineTest, NoChannelLockIsTakenUnderTheManagersLock) {
     ASSERT_EQ(reader.channels().size(), 1u);
     reader.discardChannels();
     EXPECT_TRUE(reader.channels().empty());
-    EXPECT_EQ(watch.taken(), std::vector<std::string>{});
+    EXPECT_EQ(m_lockOrder.taken(), std::vector<std::string>{});
 }
