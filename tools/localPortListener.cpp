@@ -119,6 +119,7 @@ private:
     int m_spareFd = -1;
     std::uint64_t m_reserveId = 0; // the connection admitted beyond the limits, 0 for none
     bool m_acceptPaused = false;   // the listening socket is not watched until m_acceptResume
+    bool m_acceptFailing = false;  // reported once until an accept succeeds again
     SteadyClock::time_point m_acceptResume;
     bool m_stopping = false; // guarded by m_mutex
     std::thread m_pollThread;
@@ -199,6 +200,7 @@ void LocalPortListener::Impl::stop() {
     m_spareFd = -1;
     m_reserveId = 0;
     m_acceptPaused = false;
+    m_acceptFailing = false;
     m_listenFd = -1;
     m_wakeFd = -1;
     m_epollFd = -1;
@@ -311,7 +313,9 @@ void LocalPortListener::Impl::acceptConnections() {
     for (;;) {
         int fd = ::accept4(m_listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         bool reserve = false;
-        if (fd < 0 && (errno == EMFILE || errno == ENFILE)) {
+        if (fd >= 0) {
+            m_acceptFailing = false;
+        } else if (errno == EMFILE || errno == ENFILE) {
             fd = acceptOnSpare();
             reserve = fd >= 0;
         }
@@ -383,9 +387,10 @@ void LocalPortListener::Impl::keepSpare() {
 }
 
 void LocalPortListener::Impl::pauseAccepting() {
-    if (!m_acceptPaused)
+    if (!m_acceptFailing)
         PELSU_LOG(listenerGroup(), "The " << m_name << " can't accept a connection: "
                                           << std::strerror(errno) << "; new ones wait.");
+    m_acceptFailing = true;
     epoll_event listenEvent{0, {.u64 = kListenKey}};
     ::epoll_ctl(m_epollFd, EPOLL_CTL_MOD, m_listenFd, &listenEvent);
     m_acceptPaused = true;
