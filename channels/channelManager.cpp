@@ -147,13 +147,13 @@ void ChannelManager::stop() {
     if (m_channels.empty() && !m_session)
         return;
     PELSU_LOG(channelManagerGroup(), "Saving channels.");
-    for (const auto& [id, channel] : m_channels) {
+    for (Channel* channel : channels()) { // a copy: no channel is locked under the table's lock
         try {
             channel->save();
         } catch (const std::exception& failure) {
             PELSU_LOG(channelManagerGroup(),
                       "Can't save the channel details for " << channel->name());
-            ChannelErrorEvent event(now(), channel.get(), "Can't save the channel details.",
+            ChannelErrorEvent event(now(), channel, "Can't save the channel details.",
                                     failure.what());
             TEventSource<Event>::raise(event);
         }

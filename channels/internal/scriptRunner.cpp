@@ -247,6 +247,8 @@ std::uint32_t runScriptProcess(const std::string& commandLine, const std::string
     sigfillset(&all);
     posix_spawnattr_setsigmask(&attributes, &none);
     posix_spawnattr_setsigdefault(&attributes, &all);
+    // Taken before the script can run: a stop asked for once it runs must not be missed.
+    const std::uint64_t generation = g_abortGeneration.load();
     pid_t child = 0;
     const int spawned =
         ::posix_spawnp(&child, argv[0], &actions, &attributes, argv.data(), environ);
@@ -259,7 +261,6 @@ std::uint32_t runScriptProcess(const std::string& commandLine, const std::string
         throw Exception("Can't run the script: " + tools::lastSystemErrorText());
     }
 
-    const std::uint64_t generation = g_abortGeneration.load();
     const auto deadline =
         std::chrono::steady_clock::now() + std::chrono::seconds(std::max(0, timeoutSeconds));
     int status = 0;
