@@ -377,11 +377,10 @@ TEST_F(EngineTest, KillDuringAPassLeavesEveryChannelFileWhole) {
                 }
         }
         ::close(progress[1]);
-        // Killed after another number of updates each round, in the middle of the next one.
+        // Once the child is in its pass, it is killed at another point of it each round.
         char byte;
-        for (int updates = 0; updates < 3 + 29 * round && ::read(progress[0], &byte, 1) == 1;
-             ++updates) {
-        }
+        EXPECT_EQ(::read(progress[0], &byte, 1), 1);
+        ::usleep(static_cast<useconds_t>(round * 3700));
         ::kill(child, SIGKILL);
         ::waitpid(child, nullptr, 0);
         ::close(progress[0]);
