@@ -51,7 +51,7 @@ protected:
     std::string pluginPath(const std::string& configFilename) const;
 
     AppPluginManager* m_manager;
-    mutable threadSafety::CriticalSection m_lock{"AppPlugin"};
+    mutable threadSafety::CriticalSection m_lock{"AppPlugin", threadSafety::LockRank::Plugin};
     tools::TempFile m_mainPage{".html"};
     std::string m_id;
     std::string m_configFilename;

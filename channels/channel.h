@@ -83,7 +83,7 @@ private:
     ChannelSettings m_settings;
     ChannelState m_state;
     tools::TempFile m_summaryPage{".html"};
-    mutable threadSafety::CriticalSection m_lock{"Channel"};
+    mutable threadSafety::CriticalSection m_lock{"Channel", threadSafety::LockRank::Channel};
     bool m_removed = false;
 };
 

@@ -160,11 +160,20 @@ void ChannelManager::start(const std::string& userAgent) {
 bool ChannelManager::isRunning() const { return m_worker.joinable(); }
 
 void ChannelManager::discardChannels() {
+    for (const auto& channel : takeChannels())
+        channel->markRemoved();
+}
+
+// Channel locks come before the manager's, so the table is emptied under the manager's lock
+// and its channels are marked only after that lock is released.
+std::vector<std::shared_ptr<Channel>> ChannelManager::takeChannels() {
+    std::vector<std::shared_ptr<Channel>> taken;
     threadSafety::ScopedLock lock(m_lock);
     for (auto& [id, channel] : m_channels)
-        channel->markRemoved();
+        taken.push_back(std::move(channel));
     m_channels.clear();
     m_requests.clear();
+    return taken;
 }
 
 void ChannelManager::stop() {
@@ -190,25 +199,19 @@ void ChannelManager::stop() {
     if (m_channels.empty() && !m_session)
         return;
     PELSU_LOG(channelManagerGroup(), "Saving channels.");
-    for (const auto& [id, channel] : m_channels) {
+    for (Channel* channel : channels()) { // a copy: no channel is locked under the table's lock
         try {
             channel->save();
         } catch (const std::exception& failure) {
             PELSU_LOG(channelManagerGroup(),
                       "Can't save the channel details for " << channel->name());
-            ChannelErrorEvent event(now(), channel.get(), "Can't save the channel details.",
+            ChannelErrorEvent event(now(), channel, "Can't save the channel details.",
                                     failure.what());
             TEventSource<Event>::raise(event);
         }
     }
     PELSU_LOG(channelManagerGroup(), "Cleaning up the channel table.");
-    {
-        threadSafety::ScopedLock lock(m_lock);
-        for (auto& [id, channel] : m_channels)
-            channel->markRemoved();
-        m_channels.clear();
-        m_requests.clear();
-    }
+    discardChannels();
     PELSU_LOG(channelManagerGroup(), "Destroying the stop event.");
     m_stopEvent.reset();
     PELSU_LOG(channelManagerGroup(), "Closing the Internet connection.");
@@ -250,7 +253,8 @@ void ChannelManager::deleteChannel(const std::string& id) {
     {
         threadSafety::ScopedLock channelLock(channel->lock());
         const std::string file = channel->fileName();
-        if (::unlink(file.c_str()) != 0 && errno != ENOENT)
+        // A file already gone is a failure too: the table must not drift from the directory.
+        if (::unlink(file.c_str()) != 0)
             throw Exception("Can't delete the channel config file: " + file);
         channel->markRemoved();
     }

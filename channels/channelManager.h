@@ -96,6 +96,8 @@ private:
     bool listChannelsDir(std::vector<std::filesystem::path>& files);
     void removeSaveLeftovers(const std::vector<std::filesystem::path>& files);
     void loadChannelFiles(const std::vector<std::filesystem::path>& files, const char* extension);
+    // Empties the table and the request queue under the manager's lock; returns the channels.
+    std::vector<std::shared_ptr<Channel>> takeChannels();
     std::unique_ptr<Channel> makeChannel(const std::string& id, const std::string& extension);
     void workerLoop();
     void updateFeed(Channel& channel);
@@ -107,7 +109,7 @@ private:
     std::string m_channelsDir;
     ChannelManagerOptions m_options;
     Clock m_clock;
-    mutable threadSafety::CriticalSection m_lock{"ChannelManager"};
+    mutable threadSafety::CriticalSection m_lock{"ChannelManager", threadSafety::LockRank::Manager};
     std::map<std::string, std::shared_ptr<Channel>> m_channels;
     std::deque<std::shared_ptr<Channel>> m_requests;
     std::unique_ptr<tools::InternetSession> m_session;

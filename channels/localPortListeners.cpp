@@ -7,6 +7,7 @@
 #include "lib/log/log.h"
 #include "lib/misc/exception.h"
 #include "templateProcessor/templateProcessor.h"
+#include "tools/descriptorLimit.h"
 
 #include <fstream>
 #include <sstream>
@@ -45,6 +46,21 @@ std::vector<std::string> splitList(const std::string& text) {
     return parts;
 }
 
+// The connection limits shrunk so that every listener's connections fit in the descriptors
+// the process may open (raised first as far as allowed): past them the listeners would spin
+// on accepts that fail.
+tools::ListenerLimits fittedLimits(const LocalPortListenerOptions& options, std::size_t enabled) {
+    tools::ListenerLimits limits = options.limits;
+    const std::size_t descriptors = tools::raiseDescriptorLimit();
+    limits.maxConnections = tools::connectionsPerListener(
+        limits.maxConnections, enabled, descriptors, tools::openDescriptorCount());
+    if (limits.maxConnections < options.limits.maxConnections)
+        PELSU_LOG(listenersGroup(), "The descriptor limit " << descriptors << " allows "
+                                                            << limits.maxConnections
+                                                            << " connections per listener.");
+    return limits;
+}
+
 } // namespace
 
 LocalPortListenerOptions listenerOptions(const GlobalOptions& options) {
@@ -81,6 +97,10 @@ std::vector<std::string> LocalPortListeners::start(const LocalPortListenerOption
          &LocalPortListeners::headlineViewerAnswer},
     };
     stop();
+    std::size_t enabled = 0;
+    for (const Entry& entry : entries)
+        enabled += entry.enabled ? 1 : 0;
+    const tools::ListenerLimits limits = fittedLimits(options, enabled);
     std::vector<std::string> problems;
     for (const Entry& entry : entries) {
         if (!entry.enabled)
@@ -90,7 +110,7 @@ std::vector<std::string> LocalPortListeners::start(const LocalPortListenerOption
             [this, answer = entry.answer](const tools::LocalRequest& request) {
                 return (this->*answer)(request);
             },
-            options.limits);
+            limits);
         try {
             listener->start();
             m_listeners.push_back(std::move(listener));

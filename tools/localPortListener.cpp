@@ -12,6 +12,7 @@
 #include <condition_variable>
 #include <cstring>
 #include <deque>
+#include <fcntl.h>
 #include <map>
 #include <mutex>
 #include <netinet/in.h>
@@ -39,6 +40,8 @@ msglog::MsgGroup& listenerGroup() {
 enum class ConnState { Reading, Working, Writing, Draining };
 
 constexpr int kDrainTimeoutMs = 2000;
+// How long new connections wait in the backlog after the process ran out of descriptors.
+constexpr auto kAcceptPause = std::chrono::milliseconds(250);
 
 struct Connection {
     int fd = -1;
@@ -50,6 +53,7 @@ struct Connection {
     SteadyClock::time_point deadline;
     bool headStarted = false;
     bool watched = false; // registered with the epoll set
+    bool reserve = false; // admitted beyond the limits: answered once, then closed
 };
 
 // The epoll keys of the two descriptors that are not connections.
@@ -86,6 +90,12 @@ private:
     void pollLoop();
     void workerLoop();
     void acceptConnections();
+    int acceptOnSpare();
+    void admit(int fd, bool reserve);
+    void refuseBusy(int fd);
+    void keepSpare();
+    void pauseAccepting();
+    void resumeAccepting();
     void readFrom(std::uint64_t id, Connection& connection);
     void writeTo(std::uint64_t id, Connection& connection);
     void closeIfDone(std::uint64_t id);
@@ -104,6 +114,13 @@ private:
     int m_listenFd = -1;
     int m_wakeFd = -1;
     int m_epollFd = -1;
+    // A descriptor held in reserve: when the process has none left, closing it lets one more
+    // connection in, so that one request is still answered while everything else is full.
+    int m_spareFd = -1;
+    std::uint64_t m_reserveId = 0; // the connection admitted beyond the limits, 0 for none
+    bool m_acceptPaused = false;   // the listening socket is not watched until m_acceptResume
+    bool m_acceptFailing = false;  // reported once until an accept succeeds again
+    SteadyClock::time_point m_acceptResume;
     bool m_stopping = false; // guarded by m_mutex
     std::thread m_pollThread;
     std::vector<std::thread> m_workers;
@@ -149,6 +166,7 @@ void LocalPortListener::Impl::start() {
     epoll_event listenEvent{EPOLLIN, {.u64 = kListenKey}};
     ::epoll_ctl(m_epollFd, EPOLL_CTL_ADD, m_wakeFd, &wakeEvent);
     ::epoll_ctl(m_epollFd, EPOLL_CTL_ADD, m_listenFd, &listenEvent);
+    keepSpare();
     m_stopping = false;
     for (unsigned i = 0; i < std::max(1u, m_limits.workers); ++i)
         m_workers.emplace_back([this] { workerLoop(); });
@@ -177,6 +195,12 @@ void LocalPortListener::Impl::stop() {
     ::close(m_listenFd);
     ::close(m_wakeFd);
     ::close(m_epollFd);
+    if (m_spareFd >= 0)
+        ::close(m_spareFd);
+    m_spareFd = -1;
+    m_reserveId = 0;
+    m_acceptPaused = false;
+    m_acceptFailing = false;
     m_listenFd = -1;
     m_wakeFd = -1;
     m_epollFd = -1;
@@ -242,7 +266,11 @@ void LocalPortListener::Impl::pollLoop() {
             if (m_stopping)
                 return;
         }
-        const int timeout = m_connections.empty() ? -1 : static_cast<int>(kSweepInterval.count());
+        if (m_acceptPaused && SteadyClock::now() >= m_acceptResume)
+            resumeAccepting();
+        const int timeout = m_connections.empty() && !m_acceptPaused
+                                ? -1
+                                : static_cast<int>(kSweepInterval.count());
         const int count = ::epoll_wait(m_epollFd, events, 64, timeout);
         if (count < 0 && errno != EINTR)
             return;
@@ -276,26 +304,103 @@ void LocalPortListener::Impl::pollLoop() {
     }
 }
 
+// Takes every waiting connection. Past the connection limit, or when the process has no
+// descriptor left, one connection is still let in as the reserve; beyond that a connection
+// over the limit is answered 503, and one that can't be accepted for want of descriptors
+// waits in the backlog while the listening socket rests (a level-triggered socket that can't
+// be drained would otherwise wake the loop without end).
 void LocalPortListener::Impl::acceptConnections() {
     for (;;) {
-        const int fd = ::accept4(m_listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-        if (fd < 0)
-            return;
-        if (m_connections.size() >= m_limits.maxConnections) {
-            const std::string busy =
-                serialize(refusal(503, "Too many connections; try again later."), false);
-            [[maybe_unused]] const ssize_t sent =
-                ::send(fd, busy.data(), busy.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-            ::close(fd);
-            continue;
+        int fd = ::accept4(m_listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        bool reserve = false;
+        if (fd >= 0) {
+            m_acceptFailing = false;
+        } else if (errno == EMFILE || errno == ENFILE) {
+            fd = acceptOnSpare();
+            reserve = fd >= 0;
         }
-        const std::uint64_t id = m_nextId++;
-        Connection& connection = m_connections[id];
-        connection.fd = fd;
-        connection.deadline =
-            SteadyClock::now() + std::chrono::milliseconds(m_limits.idleTimeoutMs);
-        setState(id, connection, ConnState::Reading);
+        if (fd < 0) {
+            if (errno == EINTR || errno == ECONNABORTED)
+                continue;
+            if (errno != EAGAIN && errno != EWOULDBLOCK)
+                pauseAccepting();
+            return;
+        }
+        const std::size_t admitted = m_connections.size() - (m_reserveId ? 1 : 0);
+        if (!reserve && admitted >= m_limits.maxConnections) {
+            if (m_reserveId) {
+                refuseBusy(fd);
+                continue;
+            }
+            reserve = true;
+        }
+        admit(fd, reserve);
     }
+}
+
+// Gives up the spare descriptor to accept one connection; -1 (errno set) when the reserve is
+// taken or the accept fails all the same.
+int LocalPortListener::Impl::acceptOnSpare() {
+    if (m_reserveId || m_spareFd < 0)
+        return -1;
+    ::close(m_spareFd);
+    m_spareFd = -1;
+    const int fd = ::accept4(m_listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (fd < 0) {
+        const int error = errno;
+        keepSpare();
+        errno = error;
+    }
+    return fd;
+}
+
+void LocalPortListener::Impl::admit(int fd, bool reserve) {
+    const std::uint64_t id = m_nextId++;
+    Connection& connection = m_connections[id];
+    connection.fd = fd;
+    connection.reserve = reserve;
+    // The reserve is not for idling: it must say what it wants as soon as a request would.
+    connection.deadline =
+        SteadyClock::now() +
+        std::chrono::milliseconds(reserve ? m_limits.headTimeoutMs : m_limits.idleTimeoutMs);
+    if (reserve) {
+        m_reserveId = id;
+        if (m_spareFd >= 0) { // the reserve stands in for the spare descriptor
+            ::close(m_spareFd);
+            m_spareFd = -1;
+        }
+    }
+    setState(id, connection, ConnState::Reading);
+}
+
+void LocalPortListener::Impl::refuseBusy(int fd) {
+    const std::string busy =
+        serialize(refusal(503, "Too many connections; try again later."), false);
+    [[maybe_unused]] const ssize_t sent =
+        ::send(fd, busy.data(), busy.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    ::close(fd);
+}
+
+void LocalPortListener::Impl::keepSpare() {
+    if (m_spareFd < 0)
+        m_spareFd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+}
+
+void LocalPortListener::Impl::pauseAccepting() {
+    if (!m_acceptFailing)
+        PELSU_LOG(listenerGroup(), "The " << m_name << " can't accept a connection: "
+                                          << std::strerror(errno) << "; new ones wait.");
+    m_acceptFailing = true;
+    epoll_event listenEvent{0, {.u64 = kListenKey}};
+    ::epoll_ctl(m_epollFd, EPOLL_CTL_MOD, m_listenFd, &listenEvent);
+    m_acceptPaused = true;
+    m_acceptResume = SteadyClock::now() + kAcceptPause;
+}
+
+void LocalPortListener::Impl::resumeAccepting() {
+    epoll_event listenEvent{EPOLLIN, {.u64 = kListenKey}};
+    ::epoll_ctl(m_epollFd, EPOLL_CTL_MOD, m_listenFd, &listenEvent);
+    m_acceptPaused = false;
 }
 
 void LocalPortListener::Impl::readFrom(std::uint64_t id, Connection& connection) {
@@ -337,7 +442,7 @@ bool LocalPortListener::Impl::takeRequest(std::uint64_t id, Connection& connecti
         answer(id, connection, parsed.refusalAnswer, false);
         return true;
     }
-    connection.keepAlive = parsed.keepAlive;
+    connection.keepAlive = parsed.keepAlive && !connection.reserve;
     setState(id, connection, ConnState::Working);
     {
         std::lock_guard guard(m_mutex);
@@ -426,6 +531,13 @@ void LocalPortListener::Impl::closeConnection(std::uint64_t id) {
         return;
     ::close(it->second.fd);
     m_connections.erase(it);
+    if (id == m_reserveId) {
+        m_reserveId = 0;
+        keepSpare();
+    }
+    // A descriptor came free: connections waiting in the backlog may have one now.
+    if (m_acceptPaused)
+        resumeAccepting();
 }
 
 void LocalPortListener::Impl::expireConnections() {

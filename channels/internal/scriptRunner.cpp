@@ -344,10 +344,11 @@ std::uint32_t runScriptProcess(const std::string& commandLine, const std::string
     if (args.empty())
         throw Exception("Can't run the script: the command line is empty");
     const std::uint64_t limit = scriptSettings().maxOutputBytes;
+    // Taken before the script can run: a stop asked for once it runs must not be missed.
+    const std::uint64_t generation = g_abortGeneration.load();
     const pid_t child = spawnScript(std::move(args), execDir, out.get(), err.get());
     const auto overLimit = [&] { return limit > 0 && (out.size() > limit || err.size() > limit); };
 
-    const std::uint64_t generation = g_abortGeneration.load();
     const auto deadline =
         std::chrono::steady_clock::now() + std::chrono::seconds(std::max(0, timeoutSeconds));
     int status = 0;

@@ -25,7 +25,13 @@ struct Registry {
     std::vector<std::string> watchedFiles;
     std::string watchedSignature;
     std::chrono::steady_clock::time_point lastPoll{};
+    MsgGroupPollClock clock;
 };
+
+// Called with the registry's mutex held.
+std::chrono::steady_clock::time_point pollTime(const Registry& r) {
+    return r.clock ? r.clock() : std::chrono::steady_clock::now();
+}
 
 Registry& registry() {
     static auto* instance = new Registry; // outlives the static registrations
@@ -148,7 +154,7 @@ void watchMsgGroupSettings(const std::vector<std::string>& debugFiles) {
     r.watchedFiles = debugFiles;
     r.watchedSignature = std::move(signature);
     r.settings = std::move(settings);
-    r.lastPoll = std::chrono::steady_clock::now();
+    r.lastPoll = pollTime(r);
     applyLocked(r);
 }
 
@@ -157,7 +163,7 @@ void pollMsgGroupSettings() {
     std::vector<std::string> files;
     {
         std::lock_guard guard(r.mutex);
-        const auto now = std::chrono::steady_clock::now();
+        const auto now = pollTime(r);
         if (r.watchedFiles.empty() || now - r.lastPoll < std::chrono::seconds(1))
             return;
         r.lastPoll = now;
@@ -171,6 +177,12 @@ void pollMsgGroupSettings() {
     r.watchedSignature = std::move(signature);
     r.settings = std::move(settings);
     applyLocked(r);
+}
+
+void setMsgGroupPollClock(MsgGroupPollClock clock) {
+    auto& r = registry();
+    std::lock_guard guard(r.mutex);
+    r.clock = std::move(clock);
 }
 
 } // namespace msglog

@@ -2,6 +2,8 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -44,6 +46,9 @@ void applyMsgGroupSettings(const std::vector<std::string>& debugFiles);
 // contents changed, at most once a second, so that groups can be switched while running.
 void watchMsgGroupSettings(const std::vector<std::string>& debugFiles);
 void pollMsgGroupSettings();
+// The clock that paces the polling (the steady clock when empty); tests move their own.
+using MsgGroupPollClock = std::function<std::chrono::steady_clock::time_point()>;
+void setMsgGroupPollClock(MsgGroupPollClock clock);
 
 // Registers a group at static initialisation and unregisters it at exit.
 class MsgGroupRegistration {

@@ -1,5 +1,6 @@
 #include "lib/misc/threadSafetyWin32.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -7,6 +8,7 @@
 #include <sstream>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <vector>
 
 namespace threadSafety {
 
@@ -48,6 +50,34 @@ LockRegistry& lockRegistry() {
     return *registry;
 }
 
+std::atomic<bool> g_checkLockOrder{false};
+
+// The ranked locks the calling thread holds, in the order taken (one entry per entry).
+std::vector<const CriticalSection*>& heldRankedLocks() {
+    thread_local std::vector<const CriticalSection*> held;
+    return held;
+}
+
+void checkLockOrder(const CriticalSection& section) {
+    auto& held = heldRankedLocks();
+    if (std::find(held.begin(), held.end(), &section) == held.end())
+        for (const CriticalSection* other : held)
+            if (other->rank() > section.rank()) {
+                const std::string message = std::string("Lock order violated: ") + section.name() +
+                                            " after " + other->name() + ".";
+                reportFatal(message.c_str(), nullptr, __FILE__, __LINE__);
+                break;
+            }
+    held.push_back(&section);
+}
+
+void forgetHeldLock(const CriticalSection& section) {
+    auto& held = heldRankedLocks();
+    const auto it = std::find(held.rbegin(), held.rend(), &section);
+    if (it != held.rend())
+        held.erase(std::next(it).base());
+}
+
 std::string formatThreadId(unsigned long id) {
     char buffer[32];
     std::snprintf(buffer, sizeof buffer, "<%08lx>", id);
@@ -75,7 +105,10 @@ unsigned long currentThreadId() {
     return id;
 }
 
-CriticalSection::CriticalSection(const char* name) : m_name(name ? name : "") {
+void setLockOrderChecking(bool on) { g_checkLockOrder = on; }
+
+CriticalSection::CriticalSection(const char* name, LockRank rank)
+    : m_name(name ? name : ""), m_rank(rank) {
     auto& registry = lockRegistry();
     std::lock_guard guard(registry.mutex);
     registry.sections.insert(this);
@@ -120,6 +153,8 @@ bool CriticalSection::isLocked() const {
 std::string CriticalSection::toString() const { return isLocked() ? "[LOCKED]" : "[UNLOCKED]"; }
 
 void enterCriticalSection(CriticalSection& section) {
+    if (section.rank() != LockRank::None && g_checkLockOrder)
+        checkLockOrder(section);
     const float timeout = g_debuggingTimeout;
     if (timeout < 0.0f) {
         section.enterBlocking();
@@ -140,7 +175,11 @@ void enterCriticalSection(CriticalSection& section) {
     reportFatal("EnterCriticalSection() timed out.", nullptr, __FILE__, kEnterTimedOutLine);
 }
 
-void leaveCriticalSection(CriticalSection& section) { section.leave(); }
+void leaveCriticalSection(CriticalSection& section) {
+    if (section.rank() != LockRank::None)
+        forgetHeldLock(section);
+    section.leave();
+}
 
 namespace {
 std::condition_variable& waitCondition() {

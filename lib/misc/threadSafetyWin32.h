@@ -38,10 +38,18 @@ void reportFatal(const char* message, const char* function, const char* file, un
 // A small number that identifies the calling thread in diagnostics.
 unsigned long currentThreadId();
 
+// Where a lock stands in the program's lock order: a thread takes plugin locks before
+// channel locks, and channel locks before the channel manager's. Unranked locks are free.
+enum class LockRank { None = 0, Plugin = 1, Channel = 2, Manager = 3 };
+// When on, taking a ranked lock while the same thread holds one of a higher rank is reported
+// through the fatal handler ("Lock order violated: Channel after ChannelManager."), whether
+// or not the two threads would ever meet. Off by default; tests and debugging turn it on.
+void setLockOrderChecking(bool on);
+
 // Re-entrant mutual exclusion, one per guarded object.
 class CriticalSection {
 public:
-    explicit CriticalSection(const char* name = "");
+    explicit CriticalSection(const char* name = "", LockRank rank = LockRank::None);
     ~CriticalSection();
     CriticalSection(const CriticalSection&) = delete;
     CriticalSection& operator=(const CriticalSection&) = delete;
@@ -53,10 +61,12 @@ public:
     // "[LOCKED]" or "[UNLOCKED]".
     std::string toString() const;
     const char* name() const { return m_name; }
+    LockRank rank() const { return m_rank; }
 
 private:
     friend std::string listLocks();
     const char* m_name;
+    LockRank m_rank;
     std::recursive_mutex m_mutex;
     mutable std::mutex m_stateMutex;
     unsigned long m_owner = 0;

@@ -1,14 +1,18 @@
 #include "channels/channelManager.h"
 #include "channels/rssChannel.h"
+#include "lib/misc/exception.h"
 #include "lib/misc/iniValues.h"
 #include "lib/misc/profileFile.h"
+#include "lib/misc/threadSafetyWin32.h"
 #include "tests/support/testHttpServer.h"
 #include "tests/support/testSupport.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <csignal>
 #include <filesystem>
 #include <mutex>
@@ -17,6 +21,7 @@
 #include <unistd.h>
 
 using namespace channels;
+using testing_support::Gate;
 using testing_support::TempDir;
 using testing_support::TestHttpServer;
 using testing_support::writeFile;
@@ -56,14 +61,63 @@ public:
         std::lock_guard guard(m_mutex);
         return std::exchange(m_lines, {});
     }
+    // Waits until `count` lines not yet taken begin with `prefix`; false after 20 s.
+    bool waitFor(const std::string& prefix, std::size_t count) {
+        std::unique_lock lock(m_mutex);
+        return m_added.wait_for(lock, std::chrono::seconds(20), [&] {
+            return static_cast<std::size_t>(
+                       std::count_if(m_lines.begin(), m_lines.end(), [&](const std::string& line) {
+                           return line.rfind(prefix, 0) == 0;
+                       })) >= count;
+        });
+    }
 
 private:
     void add(std::string line) {
-        std::lock_guard guard(m_mutex);
-        m_lines.push_back(std::move(line));
+        {
+            std::lock_guard guard(m_mutex);
+            m_lines.push_back(std::move(line));
+        }
+        m_added.notify_all();
     }
     std::mutex m_mutex;
+    std::condition_variable m_added;
     std::vector<std::string> m_lines;
+};
+
+// Turns on the lock-order check for a test and records what it reports instead of ending
+// the program.
+class LockOrderWatch {
+public:
+    LockOrderWatch() {
+        reports().clear();
+        threadSafety::setFatalHandler(&record);
+        threadSafety::setLockOrderChecking(true);
+    }
+    ~LockOrderWatch() {
+        threadSafety::setLockOrderChecking(false);
+        threadSafety::setFatalHandler(nullptr);
+    }
+    LockOrderWatch(const LockOrderWatch&) = delete;
+    LockOrderWatch& operator=(const LockOrderWatch&) = delete;
+    std::vector<std::string> taken() {
+        std::lock_guard guard(mutex());
+        return reports();
+    }
+
+private:
+    static std::mutex& mutex() {
+        static std::mutex m;
+        return m;
+    }
+    static std::vector<std::string>& reports() {
+        static std::vector<std::string> r;
+        return r;
+    }
+    static void record(const char* message, const char*, const char*, unsigned) {
+        std::lock_guard guard(mutex());
+        reports().push_back(message);
+    }
 };
 
 // A manager on a temporary channels directory with a clock the test moves.
@@ -78,6 +132,7 @@ protected:
             m_manager->stop();
             m_manager->removeListener(&m_recorder);
         }
+        EXPECT_EQ(m_lockOrder.taken(), std::vector<std::string>{});
     }
     ChannelManager& manager(ChannelManagerOptions options = {}) {
         options.stopWaitMs = m_stopWaitMs;
@@ -98,6 +153,7 @@ protected:
         return m_dir.file(name);
     }
 
+    LockOrderWatch m_lockOrder; // every test here also checks the lock order
     TempDir m_dir;
     std::string m_channelsDir;
     std::atomic<std::time_t> m_now{1'700'000'000};
@@ -257,17 +313,7 @@ TEST_F(EngineTest, WorkerServesRequestsFromManyThreadsAndStopsSavingEverything) 
         });
     for (auto& thread : threads)
         thread.join();
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    size_t ends = 0;
-    std::vector<std::string> all;
-    while (ends < 80 && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        for (auto& line : m_recorder.take()) {
-            ends += line.rfind("end ", 0) == 0;
-            all.push_back(line);
-        }
-    }
-    EXPECT_EQ(ends, 80u);
+    EXPECT_TRUE(m_recorder.waitFor("end ", 80));
     m.stop();
     for (int i = 0; i < 5; ++i) {
         Feed stored;
@@ -277,11 +323,11 @@ TEST_F(EngineTest, WorkerServesRequestsFromManyThreadsAndStopsSavingEverything) 
 }
 
 TEST_F(EngineTest, StopForcesAWorkerStuckOnAServerThatNeverAnswers) {
+    Gate arrived, release;
     TestHttpServer server("127.0.0.2");
-    std::atomic<bool> release{false};
     server.server().Get("/hang", [&](const httplib::Request&, httplib::Response& res) {
-        while (!release)
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        arrived.open();
+        release.wait(std::chrono::seconds(30));
         res.set_content(rss({"late"}), "application/rss+xml");
     });
     ASSERT_TRUE(server.start());
@@ -292,11 +338,11 @@ TEST_F(EngineTest, StopForcesAWorkerStuckOnAServerThatNeverAnswers) {
     m_stopWaitMs = 1500;
     auto& m = manager(options);
     m.start("agent");
-    std::this_thread::sleep_for(std::chrono::milliseconds(1500)); // the worker is in the fetch
+    ASSERT_TRUE(arrived.wait()) << "the worker is in the fetch";
     const auto before = std::chrono::steady_clock::now();
     m.stop();
     const auto took = std::chrono::steady_clock::now() - before;
-    release = true;
+    release.open();
     EXPECT_GE(took, std::chrono::milliseconds(1400));
     EXPECT_LT(took, std::chrono::seconds(10));
     auto events = m_recorder.take();
@@ -316,18 +362,28 @@ TEST_F(EngineTest, KillDuringAPassLeavesEveryChannelFileWhole) {
     for (int i = 0; i < 40; ++i)
         addChannelFile("k" + std::to_string(i), feed, 0);
     for (int round = 0; round < 3; ++round) {
+        int progress[2];
+        ASSERT_EQ(::pipe(progress), 0);
         pid_t child = ::fork();
         if (child == 0) {
+            ::close(progress[0]);
             profile::clearCache();
             ChannelManager m(m_channelsDir, {});
             m.loadChannels();
             for (;;)
-                for (Channel* c : m.channels())
+                for (Channel* c : m.channels()) {
                     m.updateChannel(*c, true);
+                    [[maybe_unused]] const ssize_t sent = ::write(progress[1], "u", 1);
+                }
         }
-        ::usleep(static_cast<useconds_t>(100000 + 37000 * round));
+        ::close(progress[1]);
+        // Once the child is in its pass, it is killed at another point of it each round.
+        char byte;
+        EXPECT_EQ(::read(progress[0], &byte, 1), 1);
+        ::usleep(static_cast<useconds_t>(round * 3700));
         ::kill(child, SIGKILL);
         ::waitpid(child, nullptr, 0);
+        ::close(progress[0]);
         profile::clearCache();
         for (int i = 0; i < 40; ++i) {
             const std::string file = m_channelsDir + "/k" + std::to_string(i) + ".rss";
@@ -355,12 +411,15 @@ TEST_F(EngineTest, FailedSaveIsReportedAfterTheItemEventsAndTheUpdateStillCounts
 }
 
 TEST_F(EngineTest, TrickleAndDroppedConnectionsFailOnlyTheirChannel) {
+    Gate passDone;
     TestHttpServer server("127.0.0.2");
-    server.server().Get("/trickle", [](const httplib::Request&, httplib::Response& res) {
-        res.set_chunked_content_provider("text/xml", [](size_t offset, httplib::DataSink& sink) {
-            if (offset > 3)
+    // One byte, then nothing until the pass is over: the stall check must end the download.
+    server.server().Get("/trickle", [&](const httplib::Request&, httplib::Response& res) {
+        res.set_chunked_content_provider("text/xml", [&](size_t offset, httplib::DataSink& sink) {
+            if (offset > 0) {
+                passDone.wait();
                 return false;
-            std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+            }
             sink.write("<", 1);
             return true;
         });
@@ -383,6 +442,7 @@ TEST_F(EngineTest, TrickleAndDroppedConnectionsFailOnlyTheirChannel) {
     addChannelFile("c_good", server.url("/good"));
     auto& m = manager(options);
     m.runUpdatePass();
+    passDone.open();
     auto events = m_recorder.take();
     ASSERT_EQ(events.size(), 9u);
     EXPECT_EQ(events[1],
@@ -400,8 +460,7 @@ TEST_F(EngineTest, ChannelsComeAndGoWhileTheWorkerRunsAndLoopbackPortsMove) {
     channel->config().setRssChannelUrl(feed);
     m.addChannel(std::move(channel));
     ASSERT_TRUE(m.requestUpdate("late"));
-    for (int i = 0; i < 100 && m_recorder.take().empty(); ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_TRUE(m_recorder.waitFor("end late", 1));
     m.deleteChannel("late");
     EXPECT_FALSE(fs::exists(m_channelsDir + "/late.rss"));
     EXPECT_EQ(m.findChannel("late"), nullptr);
@@ -418,4 +477,38 @@ TEST_F(EngineTest, ChannelsComeAndGoWhileTheWorkerRunsAndLoopbackPortsMove) {
     EXPECT_EQ(dynamic_cast<RssChannel*>(m.findChannel("other"))->config().rssChannelUrl(),
               "http://127.0.0.1:26050/x");
     m.stop();
+}
+
+TEST_F(EngineTest, DeletingAChannelWhoseFileIsAlreadyGoneFailsAndChangesNothing) {
+    addChannelFile("gone", "/nowhere.xml");
+    auto& m = manager();
+    const std::string file = m_channelsDir + "/gone.rss";
+    fs::remove(file);
+    try {
+        m.deleteChannel("gone");
+        ADD_FAILURE() << "a missing file was taken as deleted";
+    } catch (const Exception& e) {
+        EXPECT_EQ(std::string(e.what()), "Can't delete the channel config file: " + file);
+    }
+    ASSERT_NE(m.findChannel("gone"), nullptr);
+    EXPECT_FALSE(m.findChannel("gone")->isRemoved());
+    EXPECT_TRUE(m.requestUpdate("gone"));
+}
+
+TEST_F(EngineTest, NoChannelLockIsTakenUnderTheManagersLock) {
+    const std::string feed = feedFile("feed.xml", rss({"a"}));
+    addChannelFile("one", feed, 0);
+    addChannelFile("two", feed, 0);
+    auto& m = manager();
+    m.start("agent");
+    ASSERT_TRUE(m.requestUpdate("one"));
+    EXPECT_TRUE(m_recorder.waitFor("end one", 1));
+    m.deleteChannel("two");
+    m.stop();
+    ChannelManager reader(m_channelsDir, {});
+    reader.loadChannels();
+    ASSERT_EQ(reader.channels().size(), 1u);
+    reader.discardChannels();
+    EXPECT_TRUE(reader.channels().empty());
+    EXPECT_EQ(m_lockOrder.taken(), std::vector<std::string>{});
 }

@@ -8,7 +8,13 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
 #include <mutex>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 using namespace channels;
 using testing_support::httpGet;
@@ -200,4 +206,75 @@ TEST_F(LocalPortListenersTest, APortInUseIsReportedAndTheRestRun) {
     EXPECT_EQ(httpGet(port("app-plugin server"), "/lib").status, 200);
     EXPECT_EQ(httpGet(port("Headline Viewer listener"), "/add_provider?url=http://a.org/").status,
               200);
+}
+
+namespace {
+
+// The CPU time a process has used, in clock ticks.
+long cpuTicks(pid_t pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::istringstream fields(text.substr(text.rfind(')') + 2));
+    std::string field;
+    long user = 0, system = 0;
+    for (int i = 3; i <= 15 && fields >> field; ++i) {
+        if (i == 14)
+            user = std::stol(field);
+        if (i == 15)
+            system = std::stol(field);
+    }
+    return user + system;
+}
+
+} // namespace
+
+// Five listeners of 256 connections would need more than the usual 1,024 descriptors: the
+// listeners run in a child held to that limit, and this process fills every one of them.
+TEST(ListenersUnderADescriptorLimit, FilledListenersStayQuietAndStillAnswer) {
+    TempDir dir;
+    fs::create_directories(dir.file("Channels"));
+    int portsPipe[2], quitPipe[2];
+    ASSERT_EQ(::pipe(portsPipe), 0);
+    ASSERT_EQ(::pipe(quitPipe), 0);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        rlimit limit{1024, 1024};
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+        ChannelManager channels(dir.file("Channels"), {});
+        AppPluginManager plugins;
+        LocalPortListeners listeners(channels, plugins, nullptr);
+        LocalPortListenerOptions options;
+        options.appServerPort = options.appPluginServerPort = 0;
+        options.amphetaDesk = options.radioUserland = options.headlineViewer = true;
+        options.amphetaDeskPort = options.radioUserlandPort = options.headlineViewerPort = 0;
+        listeners.start(options);
+        int ports[5] = {};
+        const char* names[5] = {"app server", "app-plugin server", "AmphetaDesk listener",
+                                "Radio Userland listener", "Headline Viewer listener"};
+        for (int i = 0; i < 5; ++i)
+            ports[i] = listeners.port(names[i]);
+        [[maybe_unused]] const ssize_t sent = ::write(portsPipe[1], ports, sizeof ports);
+        char quit;
+        [[maybe_unused]] const ssize_t got = ::read(quitPipe[0], &quit, 1);
+        std::_Exit(0);
+    }
+    ::close(portsPipe[1]);
+    ::close(quitPipe[0]);
+    int ports[5] = {};
+    const bool started = ::read(portsPipe[0], ports, sizeof ports) == sizeof ports;
+    std::vector<std::unique_ptr<testing_support::RawConnection>> held;
+    for (int round = 0; started && round < 256; ++round)
+        for (int port : ports)
+            held.push_back(std::make_unique<testing_support::RawConnection>(port));
+    const long cpuBefore = cpuTicks(child);
+    const auto answer = httpGet(ports[0], "/subscribe?url=http://example.org/feed");
+    EXPECT_FALSE(held.front()->closedByServer(1000)) << "an admitted connection stays";
+    const long cpu = cpuTicks(child) - cpuBefore;
+    [[maybe_unused]] const ssize_t sent = ::write(quitPipe[1], "q", 1);
+    ::waitpid(child, nullptr, 0);
+    ::close(portsPipe[0]);
+    ::close(quitPipe[1]);
+    ASSERT_TRUE(started);
+    EXPECT_NE(answer.status, 0) << "the subscription request got no answer";
+    EXPECT_LT(cpu, ::sysconf(_SC_CLK_TCK) / 5) << "the listeners spin on accepts that fail";
 }

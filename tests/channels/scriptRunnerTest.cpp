@@ -8,14 +8,19 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <map>
 #include <optional>
+#include <poll.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <thread>
+#include <unistd.h>
 
 using namespace channels;
 using testing_support::readFile;
@@ -41,6 +46,17 @@ std::pair<int, std::string> run(const std::string& scriptPath, int timeout = 10)
         runScript(buildScriptCommandLine(scriptPath, config->path()),
                   std::filesystem::path(scriptPath).parent_path().string(), output, timeout);
     return {rc, output.read()};
+}
+
+// True when the process (not necessarily a child of ours) ends within ten seconds.
+bool processEnds(pid_t pid) {
+    const int fd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+    if (fd < 0)
+        return errno == ESRCH;
+    pollfd ended{fd, POLLIN, 0};
+    const bool result = ::poll(&ended, 1, 10000) == 1;
+    ::close(fd);
+    return result;
 }
 
 std::string failureOf(const std::function<void()>& body) {
@@ -242,25 +258,35 @@ TEST(ScriptRunner, OutputPastTheLimitStopsTheScript) {
 
 TEST(ScriptRunner, HangingScriptIsKilledWithItsChildrenAtTheTimeOut) {
     TempDir dir;
-    const std::string marker = dir.file("survivor");
+    const std::string pidFile = dir.file("child.pid");
     const std::string hang =
-        script(dir, "hang.sh", "(sleep 3; touch " + marker + ") &\nsleep 30\n");
+        script(dir, "hang.sh", "sleep 30 &\necho $! > " + pidFile + "\nsleep 30\n");
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(failureOf([&] { run(hang, 1); }), "The script timed out.");
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
-    std::this_thread::sleep_for(std::chrono::milliseconds(3500));
-    EXPECT_FALSE(std::filesystem::exists(marker)) << "the whole process group is killed";
+    EXPECT_EQ(failureOf([&] { run(hang, 2); }), "The script timed out.");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+    const std::string pid = readFile(pidFile);
+    ASSERT_FALSE(pid.empty()) << "the script did not start within its time-out";
+    EXPECT_TRUE(processEnds(static_cast<pid_t>(std::stoi(pid))))
+        << "the whole process group is killed";
 }
 
 TEST(ScriptRunner, AnotherThreadCanStopARunningScript) {
     TempDir dir;
-    const std::string hang = script(dir, "hang.sh", "sleep 30\n");
-    std::thread stopper([] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    // The script says it runs through a pipe; the stopper holds both ends, so neither side's
+    // open waits for the other.
+    const std::string started = dir.file("started");
+    ASSERT_EQ(::mkfifo(started.c_str(), 0600), 0);
+    const std::string hang = script(dir, "hang.sh", "echo > " + started + "\nsleep 30\n");
+    const int startedFd = ::open(started.c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_GE(startedFd, 0);
+    std::thread stopper([startedFd] {
+        pollfd running{startedFd, POLLIN, 0};
+        ::poll(&running, 1, 10000);
         abortAllScripts();
     });
     EXPECT_EQ(failureOf([&] { run(hang, 60); }), "The script was stopped.");
     stopper.join();
+    ::close(startedFd);
     // A program that can't be started is an exception with the system's reason.
     ScriptSettings saved = scriptSettings();
     ScriptSettings settings = saved;

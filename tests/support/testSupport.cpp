@@ -65,18 +65,24 @@ ChildResult runInChild(const std::function<void()>& body) {
     return result;
 }
 
-RawConnection::RawConnection(int port) {
+RawConnection::RawConnection(int port, bool connectNow) : m_port(port) {
     m_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    timeval timeout{5, 0};
+    ::setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    if (connectNow)
+        connect();
+}
+
+bool RawConnection::connect() {
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_port = htons(static_cast<uint16_t>(m_port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (::connect(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+    if (m_fd >= 0 && ::connect(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
         ::close(m_fd);
         m_fd = -1;
     }
-    timeval timeout{5, 0};
-    ::setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    return m_fd >= 0;
 }
 
 RawConnection::~RawConnection() {

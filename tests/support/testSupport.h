@@ -1,8 +1,11 @@
 // Helpers shared by the tests: temporary directories, whole files, child processes.
 #pragma once
 
+#include <chrono>
+#include <condition_variable>
 #include <filesystem>
 #include <functional>
+#include <mutex>
 #include <string>
 
 namespace testing_support {
@@ -41,7 +44,9 @@ ChildResult runInChild(const std::function<void()>& body);
 // the local listeners). Reads give up after five seconds.
 class RawConnection {
 public:
-    explicit RawConnection(int port);
+    // Connects at once unless told to wait for connect() (its socket exists already).
+    explicit RawConnection(int port, bool connectNow = true);
+    bool connect();
     ~RawConnection();
     RawConnection(const RawConnection&) = delete;
     RawConnection& operator=(const RawConnection&) = delete;
@@ -59,6 +64,7 @@ public:
     bool closedByServer(int timeoutMs);
 
 private:
+    int m_port;
     int m_fd = -1;
     std::string m_buffer;
 };
@@ -76,6 +82,29 @@ public:
 private:
     int m_fd = -1;
     int m_port = 0;
+};
+
+// A one-way signal between threads ("the request arrived", "release it"): open() lets every
+// waiter through for good. Waits are bounded so that a failing test ends instead of hanging.
+class Gate {
+public:
+    void open() {
+        {
+            std::lock_guard guard(m_mutex);
+            m_open = true;
+        }
+        m_opened.notify_all();
+    }
+    // True when the gate is open or opens within the limit.
+    bool wait(std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+        std::unique_lock lock(m_mutex);
+        return m_opened.wait_for(lock, limit, [this] { return m_open; });
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_opened;
+    bool m_open = false;
 };
 
 // A GET over a new connection with the Host "127.0.0.1:port" (or the one given).

@@ -2,13 +2,17 @@
 
 #include "lib/misc/exception.h"
 #include "tests/support/testSupport.h"
+#include "tools/descriptorLimit.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
+#include <fcntl.h>
 #include <memory>
+#include <sys/resource.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 using testing_support::httpGet;
@@ -20,16 +24,19 @@ using tools::LocalRequest;
 
 namespace {
 
-// A listener on a free port whose handler echoes the path and the query.
+// A listener on a free port whose handler echoes the path and the query. "/busy" says it has
+// arrived and works until released (300 ms at most).
 class ListenerTest : public ::testing::Test {
 protected:
-    void startWith(ListenerLimits limits = {}, int handlerDelayMs = 0) {
+    void startWith(ListenerLimits limits = {}) {
         m_listener = std::make_unique<LocalPortListener>(
             "test listener", 0,
-            [this, handlerDelayMs](const LocalRequest& request) {
+            [this](const LocalRequest& request) {
                 ++m_calls;
-                if (handlerDelayMs)
-                    std::this_thread::sleep_for(std::chrono::milliseconds(handlerDelayMs));
+                if (request.path == "/busy") {
+                    m_busyArrived.open();
+                    m_releaseBusy.wait(std::chrono::milliseconds(300));
+                }
                 if (request.path == "/throw")
                     throw std::runtime_error("<secret>");
                 LocalAnswer answer;
@@ -45,9 +52,45 @@ protected:
         return "GET " + target + " HTTP/1.1\r\nHost: " + host() + "\r\n" + extra + "\r\n";
     }
 
+    testing_support::Gate m_busyArrived;
+    testing_support::Gate m_releaseBusy;
     std::unique_ptr<LocalPortListener> m_listener;
     std::atomic<int> m_calls{0};
 };
+
+// Lowers the soft descriptor limit to a little above what is open and takes the rest, so
+// that the process has no descriptor left; gives everything back when destroyed.
+class DescriptorExhaustion {
+public:
+    DescriptorExhaustion() {
+        ::getrlimit(RLIMIT_NOFILE, &m_saved);
+        rlimit lowered = m_saved;
+        lowered.rlim_cur = tools::openDescriptorCount() + 16;
+        ::setrlimit(RLIMIT_NOFILE, &lowered);
+        for (int fd; (fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;)
+            m_held.push_back(fd);
+    }
+    ~DescriptorExhaustion() {
+        for (int fd : m_held)
+            ::close(fd);
+        ::setrlimit(RLIMIT_NOFILE, &m_saved);
+    }
+    DescriptorExhaustion(const DescriptorExhaustion&) = delete;
+    DescriptorExhaustion& operator=(const DescriptorExhaustion&) = delete;
+
+private:
+    rlimit m_saved{};
+    std::vector<int> m_held;
+};
+
+double processCpuSeconds() {
+    rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    const auto seconds = [](const timeval& time) {
+        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+    };
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
 
 } // namespace
 
@@ -155,7 +198,7 @@ TEST_F(ListenerTest, IdleAndSlowClientsDoNotHoldUpOthers) {
     EXPECT_EQ(idle.front()->readAnswer().body, "/late|");
 }
 
-TEST_F(ListenerTest, ConnectionsBeyondTheLimitAreTurnedAway) {
+TEST_F(ListenerTest, OneConnectionBeyondTheLimitIsAnsweredAndTheNextTurnedAway) {
     ListenerLimits limits;
     limits.maxConnections = 3;
     startWith(limits);
@@ -165,11 +208,65 @@ TEST_F(ListenerTest, ConnectionsBeyondTheLimitAreTurnedAway) {
         held.back()->send(get("/held"));
         ASSERT_EQ(held.back()->readAnswer().status, 200);
     }
+    auto reserve = std::make_unique<RawConnection>(port());
+    reserve->send("GET /reserve HTTP/1.1\r\n"); // holds the reserve with a request begun
     RawConnection extra(port());
     EXPECT_EQ(extra.readAnswer().status, 503);
-    held.pop_back();
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_EQ(httpGet(port(), "/again").status, 200);
+    reserve->send("Host: " + host() + "\r\n\r\n");
+    const auto answer = reserve->readAnswer();
+    EXPECT_EQ(answer.body, "/reserve|");
+    EXPECT_NE(answer.head.find("Connection: close"), std::string::npos);
+    EXPECT_TRUE(reserve->closedByServer(2000)) << "the reserve is not kept alive";
+}
+
+TEST_F(ListenerTest, OutOfDescriptorsItWaitsQuietlyAndStillAnswersOneRequest) {
+    ListenerLimits limits;
+    limits.workers = 1;
+    startWith(limits);
+    // The clients' sockets exist before the process runs out; the listener has none left.
+    auto first = std::make_unique<RawConnection>(port(), false);
+    RawConnection second(port(), false);
+    DescriptorExhaustion exhaustion;
+    ASSERT_TRUE(first->connect() && second.connect());
+    const double cpuBefore = processCpuSeconds();
+    const auto wallBefore = std::chrono::steady_clock::now();
+    EXPECT_FALSE(second.closedByServer(1000)) << "the one that can't be taken waits";
+    const double cpu = processCpuSeconds() - cpuBefore;
+    const double wall =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - wallBefore).count();
+    EXPECT_LT(cpu, 0.2 * wall) << "the listener spins on accepts that fail";
+    ASSERT_TRUE(first->send(get("/first")));
+    EXPECT_EQ(first->readAnswer().body, "/first|") << "taken in on the spare descriptor";
+    EXPECT_TRUE(first->closedByServer(2000));
+    first.reset(); // the server closes its end, and the waiting one is taken in
+    ASSERT_TRUE(second.send(get("/second")));
+    EXPECT_EQ(second.readAnswer().body, "/second|");
+}
+
+TEST(DescriptorLimit, ListenersShareWhatTheLimitLeavesToThem) {
+    // Five listeners of 256 connections would take more than 1,024 descriptors.
+    const std::size_t each = tools::connectionsPerListener(256, 5, 1024, 40);
+    EXPECT_LT(each, 256u);
+    EXPECT_GT(each, 100u);
+    EXPECT_LE(5 * (each + 5) + 40 + 1024 / 4, 1024u);
+    EXPECT_EQ(tools::connectionsPerListener(256, 5, 65536, 40), 256u);
+    EXPECT_EQ(tools::connectionsPerListener(256, 5, 100, 90), 4u) << "never none";
+}
+
+TEST(DescriptorLimit, TheSoftLimitIsRaisedToTheHardOne) {
+    const auto result = testing_support::runInChild([] {
+        rlimit limit{};
+        ::getrlimit(RLIMIT_NOFILE, &limit);
+        const rlim_t hard = limit.rlim_max;
+        limit.rlim_cur = std::min<rlim_t>(256, hard);
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+        const std::size_t raised = tools::raiseDescriptorLimit();
+        ::getrlimit(RLIMIT_NOFILE, &limit);
+        const rlim_t expected = std::min<rlim_t>(hard, 65536);
+        if (limit.rlim_cur != expected || raised != expected)
+            std::_Exit(1);
+    });
+    EXPECT_EQ(result.status, 0) << result.errorOutput;
 }
 
 TEST_F(ListenerTest, HandlerFailuresAreAnswered500WithoutTheirText) {
@@ -196,13 +293,13 @@ TEST_F(ListenerTest, APortInUseIsReportedByName) {
 }
 
 TEST_F(ListenerTest, StopsPromptlyWithClientsConnectedAndARequestRunning) {
-    startWith({}, 300);
+    startWith();
     std::vector<std::unique_ptr<RawConnection>> idle;
     for (int i = 0; i < 20; ++i)
         idle.push_back(std::make_unique<RawConnection>(port()));
     RawConnection busy(port());
     busy.send(get("/busy"));
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    ASSERT_TRUE(m_busyArrived.wait());
     const auto before = std::chrono::steady_clock::now();
     m_listener->stop();
     EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(2));

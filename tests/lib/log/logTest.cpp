@@ -120,14 +120,19 @@ TEST_F(LogTest, GroupsAreSwitchedFromTheDebugFileWhileRunning) {
     MsgGroup& group = registerMsgGroup("LogTestSwitched");
     const std::string debugIni = m_dir.file("debug.ini");
     writeFile(debugIni, "[MessageGroups]\nLogTestSwitched=0\n");
+    auto now = std::chrono::steady_clock::now();
+    setMsgGroupPollClock([&now] { return now; });
     watchMsgGroupSettings({debugIni});
     PELSU_LOG(group, "hidden");
     writeFile(debugIni, "[MessageGroups]\n*=0\nlogtestswitched=1\n");
-    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    now += std::chrono::milliseconds(900);
+    PELSU_LOG(group, "still hidden: the file is read at most once a second");
+    now += std::chrono::milliseconds(100);
     PELSU_LOG(group, "shown");
     EXPECT_EQ(contents(), "shown\n");
     EXPECT_FALSE(findMsgGroup("LogTestOn") && findMsgGroup("LogTestOn")->isEnabled());
     watchMsgGroupSettings({});
+    setMsgGroupPollClock({});
     applyMsgGroupSettings({});
 }
 

@@ -184,15 +184,25 @@ TEST(ProfileFile, ProcessKilledWhileSavingLeavesAWholeFile) {
     };
     saveGeneration(0);
     for (int round = 0; round < 6; ++round) {
+        int progress[2];
+        ASSERT_EQ(::pipe(progress), 0);
         pid_t child = ::fork();
         if (child == 0) {
+            ::close(progress[0]);
             clearCache();
-            for (int generation = 1;; ++generation)
+            for (int generation = 1;; ++generation) {
                 saveGeneration(generation);
+                [[maybe_unused]] const ssize_t sent = ::write(progress[1], "g", 1);
+            }
         }
-        ::usleep(static_cast<useconds_t>(20000 + round * 7000));
+        ::close(progress[1]);
+        // Once the child has saved, it is killed at another point of its next saves each round.
+        char byte;
+        EXPECT_EQ(::read(progress[0], &byte, 1), 1);
+        ::usleep(static_cast<useconds_t>(round * 1300));
         ::kill(child, SIGKILL);
         ::waitpid(child, nullptr, 0);
+        ::close(progress[0]);
         clearCache();
         std::set<std::string> generations;
         for (int k = 0; k < 200; ++k) {

@@ -189,3 +189,28 @@ TEST(LockListing, ShowsHoldersUnderTheExclusiveHeading) {
     EXPECT_NE(listing.find(std::string("- ") + holder + " listed lock"), std::string::npos)
         << listing;
 }
+
+TEST(LockOrder, ALockTakenUnderOneOfAHigherRankIsReported) {
+    auto result = runInChild([] {
+        setLockOrderChecking(true);
+        CriticalSection plugin("AppPlugin", LockRank::Plugin);
+        CriticalSection channel("Channel", LockRank::Channel);
+        CriticalSection manager("ChannelManager", LockRank::Manager);
+        CriticalSection unranked("unranked");
+        {
+            ScopedLock first(plugin);
+            ScopedLock second(channel);
+            ScopedLock third(manager);
+            ScopedLock free(unranked);
+        }
+        std::fputs("in order\n", stderr);
+        ScopedLock third(manager);
+        ScopedLock second(channel);
+    });
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.errorOutput.find("PROGRAM ABORT"),
+              result.errorOutput.find("in order\nPROGRAM ABORT: Lock order violated: Channel "
+                                      "after ChannelManager.\n") +
+                  9)
+        << result.errorOutput;
+}
