@@ -89,6 +89,8 @@ const Option kOptions[] = {
     {"ConnectTimeout", &G::connectTimeout, 0, 3600},
     {"StalledTransferTimeout", &G::stalledTransferTimeout, 0, 86400},
     {"MaxDownloadSizeKB", &G::maxDownloadSizeKB, 0, 4194304},
+    {"MaxTransferTime", &G::maxTransferTime, 0, 86400},
+    {"MaxWebSubscriptionsPerMinute", &G::maxWebSubscriptionsPerMinute, 1, 10000},
     {"AppServerPortNo", &G::appServerPortNo, 1000, 65535},
 };
 
@@ -180,6 +182,7 @@ tools::NetOptions GlobalOptions::netOptions() const {
     net.connectTimeoutSeconds = connectTimeout;
     net.lowSpeedTimeSeconds = stalledTransferTimeout;
     net.maxBodyBytes = static_cast<std::uint64_t>(maxDownloadSizeKB) * 1024u;
+    net.maxTransferSeconds = maxTransferTime;
     return net;
 }
 
