@@ -73,7 +73,7 @@ bool isInterfaceAddress(int family, const void* bytes) {
 bool isThisComputerIpv4(const sockaddr_in& address) {
     const std::uint32_t hostOrder = ntohl(address.sin_addr.s_addr);
     const int testPort = g_remoteTestPort.load();
-    if (testPort != 0 && hostOrder == INADDR_LOOPBACK && ntohs(address.sin_port) == testPort)
+    if (testPort != 0 && (hostOrder >> 24) == 127 && ntohs(address.sin_port) == testPort)
         return false;
     return isLocalIpv4(hostOrder) || isInterfaceAddress(AF_INET, &address.sin_addr);
 }

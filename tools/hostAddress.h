@@ -19,7 +19,7 @@ bool hostNamesThisComputer(const std::string& host, int port);
 // The address as text ("127.0.0.1", "::1").
 std::string addressText(const sockaddr* address);
 
-// For tests only: connections to 127.0.0.1 on this port count as another computer, so that a
+// For tests only: connections to 127.x.x.x on this port count as another computer, so that a
 // test server can stand in for a feed elsewhere. 0 (the default) turns it off.
 void setRemoteTestPort(int port);
 
