@@ -125,8 +125,7 @@ int LocalPortListeners::port(const std::string& name) const {
 
 tools::LocalAnswer LocalPortListeners::subscribeAll(const tools::LocalRequest& request,
                                                     const std::vector<std::string>& addresses) {
-    if (const std::string problem =
-            crossSiteProblem(request.host, request.origin, request.referer);
+    if (const std::string problem = crossSiteProblem(request.host, request.origin, request.referer);
         !problem.empty()) {
         PELSU_LOG(listenersGroup(), "Refused a subscription request from another site.");
         return page(403, "Subscription refused",

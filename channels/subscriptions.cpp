@@ -38,7 +38,8 @@ bool namesThisComputer(const std::string& address) {
         authority = authority.substr(at + 1);
     const std::size_t bracket = authority.rfind(']');
     const std::size_t colon = authority.rfind(':');
-    const bool hasPort = colon != std::string::npos && (bracket == std::string::npos || colon > bracket);
+    const bool hasPort =
+        colon != std::string::npos && (bracket == std::string::npos || colon > bracket);
     const std::string host = hasPort ? authority.substr(0, colon) : authority;
     int port = startsWithNoCase(address, "https:") ? 443 : 80;
     if (hasPort) {
@@ -245,8 +246,7 @@ std::string crossSiteProblem(const std::string& host, const std::string& origin,
         return "The request comes from a page of another site (Origin: " + origin.substr(0, 200) +
                "). Only the reader's own pages may subscribe through this address.";
     if (!referer.empty() && !isOwnSite(referer))
-        return "The request comes from a page of another site (Referer: " +
-               referer.substr(0, 200) +
+        return "The request comes from a page of another site (Referer: " + referer.substr(0, 200) +
                "). Only the reader's own pages may subscribe through this address.";
     return "";
 }

@@ -144,8 +144,7 @@ struct Transfer {
     std::string refusedAddress; // a connection to this computer that the rules refused
 
     Transfer(InternetSession& s, std::string u, std::string& b, const DownloadRules& r)
-        : session(s), url(std::move(u)), body(b), rules(r),
-          startGeneration(s.abortGeneration()) {}
+        : session(s), url(std::move(u)), body(b), rules(r), startGeneration(s.abortGeneration()) {}
     ~Transfer() {
         curl_slist_free_all(headers);
         if (handle)

@@ -67,10 +67,12 @@ void setUseHttpHeaders(bool use);
 bool useHttpHeaders();
 
 // Downloads url (an address "scheme://host/path", a file: URL or the path of an existing
-// regular file) into body; schemes other than http and https are fetched as plain HTTP. lastModified and etag (optional) carry the previous validators in and, after a
-// 200, the new ones out (emptied when the server sent none). forceDownload sends no
-// validators and asks every cache to reload. statusCode and statusText (optional) receive
-// the status; non-200 statuses are not errors. Throws channels::Exception on failure.
+// regular file) into body; schemes other than http and https are fetched as plain HTTP.
+// lastModified and etag (optional) carry the previous validators in and, after a 200, the
+// new ones out (emptied when the server sent none). forceDownload sends no validators and
+// asks every cache to reload. statusCode and statusText (optional) receive the status;
+// non-200 statuses are not errors. rules depend on the channel the download is for.
+// Throws channels::Exception on failure.
 void readUrl(InternetSession& session, const std::string& url, std::string* lastModified,
              std::string* etag, bool forceDownload, long* statusCode, std::string* statusText,
              std::string& body, const DownloadRules& rules = {});

@@ -3,8 +3,8 @@
 #include "lib/misc/iniValues.h"
 #include "lib/misc/profileFile.h"
 #include "tests/support/testHttpServer.h"
-#include "tools/hostAddress.h"
 #include "tests/support/testSupport.h"
+#include "tools/hostAddress.h"
 
 #include <gtest/gtest.h>
 

@@ -82,11 +82,10 @@ RawConnection::Answer getWithHeaders(int port, const std::string& target,
 } // namespace
 
 TEST(SubscriptionAddresses, EveryWrittenFormOfThisComputerIsRefused) {
-    for (const char* host :
-         {"2130706433", "0x7f000001", "0177.0.0.1", "0", "0x0", "[::ffff:127.0.0.1]",
-          "[0:0:0:0:0:0:0:1]", "[::]", "localhost.", "0.0.0.0.", "[::1%25lo]",
-          "%6c%6f%63%61%6c%68%6f%73%74", "127.1", "169.254.169.254", "[fe80::1]",
-          "[::ffff:7f00:1]", "a.localhost"})
+    for (const char* host : {"2130706433", "0x7f000001", "0177.0.0.1", "0", "0x0",
+                             "[::ffff:127.0.0.1]", "[0:0:0:0:0:0:0:1]", "[::]", "localhost.",
+                             "0.0.0.0.", "[::1%25lo]", "%6c%6f%63%61%6c%68%6f%73%74", "127.1",
+                             "169.254.169.254", "[fe80::1]", "[::ffff:7f00:1]", "a.localhost"})
         for (const std::string port : {"", ":2605"}) {
             const std::string address = std::string("http://") + host + port + "/feed";
             EXPECT_NE(subscriptionAddressProblem(address), "") << address;
@@ -236,9 +235,8 @@ TEST_F(LocalPortListenersTest, RequestsFromPagesOfOtherSitesAreRefused) {
     const std::string subscribe = "/subscribe?url=http://one.org/rss";
     for (const std::string& header : std::vector<std::string>{
              "Origin: http://evil.example\r\n", "Referer: http://evil.example/page.html\r\n",
-          "Origin: null\r\n",
-          "Origin: http://127.0.0.1:" + std::to_string(app + 1) + "\r\n",
-          "Referer: http://127.0.0.1:" + std::to_string(app) + ".evil.example/\r\n"}) {
+             "Origin: null\r\n", "Origin: http://127.0.0.1:" + std::to_string(app + 1) + "\r\n",
+             "Referer: http://127.0.0.1:" + std::to_string(app) + ".evil.example/\r\n"}) {
         const auto answer = getWithHeaders(app, subscribe, header);
         EXPECT_EQ(answer.status, 403) << header;
         EXPECT_NE(answer.body.find("another site"), std::string::npos) << answer.body;
@@ -252,9 +250,9 @@ TEST_F(LocalPortListenersTest, RequestsFromPagesOfOtherSitesAreRefused) {
 
     // The listener's own pages, and requests that name no page, may subscribe.
     const std::string own = "http://localhost:" + std::to_string(app);
-    EXPECT_EQ(getWithHeaders(app, subscribe, "Origin: " + own + "\r\nReferer: " + own + "/x\r\n")
-                  .status,
-              200);
+    EXPECT_EQ(
+        getWithHeaders(app, subscribe, "Origin: " + own + "\r\nReferer: " + own + "/x\r\n").status,
+        200);
     EXPECT_EQ(getWithHeaders(app, "/subscribe?url=http://two.org/rss", "").status, 200);
     EXPECT_EQ(addresses(), (std::vector<std::string>{"http://one.org/rss", "http://two.org/rss"}));
 }
@@ -288,7 +286,8 @@ TEST_F(LocalPortListenersTest, WebPagesSubscribeToABoundedNumberOfAddressesAMinu
 
 TEST_F(LocalPortListenersTest, ChannelsThatWebPagesAddAreMarkedAndOthersFilesStayAsTheyWere) {
     const std::string own = m_dir.file("Channels/own.rss");
-    writeFile(own, "[Config]\nRssChannelUrl=http://own.org/rss\n[Settings]\nAutoUpdateInterval=60\n");
+    writeFile(own,
+              "[Config]\nRssChannelUrl=http://own.org/rss\n[Settings]\nAutoUpdateInterval=60\n");
     m_channels.loadChannels();
     ASSERT_TRUE(m_listeners.start(m_options).empty());
     ASSERT_EQ(httpGet(port("app server"), "/subscribe?url=http://one.org/rss").status, 200);

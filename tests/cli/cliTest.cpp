@@ -156,11 +156,17 @@ TEST(PelsuCli, OpmlKeepsTextOutsideAsciiAndRefusesWhatIsNotAFeed) {
               "<outline text=\"Caf\xc3\xa9\" xmlUrl=\"http://example.org/caf\xc3\xa9.xml\"/>"
               "<outline text=\"Zero\" xmlUrl=\"/dev/zero\"/>"
               "<outline text=\"Env\" xmlUrl=\"file:///proc/self/environ\"/>"
-              "<outline text=\"Fifo\" xmlUrl=\"" + home.file("fifo") + "\"/>"
-              "<outline text=\"Dir\" xmlUrl=\"" + home.path().string() + "\"/>"
-              "<outline text=\"Ftp\" xmlUrl=\"ftp://example.org/rss\"/>"
-              "<outline text=\"Local\" xmlUrl=\"" + local + "\"/>"
-              "</body></opml>");
+              "<outline text=\"Fifo\" xmlUrl=\"" +
+                  home.file("fifo") +
+                  "\"/>"
+                  "<outline text=\"Dir\" xmlUrl=\"" +
+                  home.path().string() +
+                  "\"/>"
+                  "<outline text=\"Ftp\" xmlUrl=\"ftp://example.org/rss\"/>"
+                  "<outline text=\"Local\" xmlUrl=\"" +
+                  local +
+                  "\"/>"
+                  "</body></opml>");
     const CliRun imported = cli(home.path(), "import-opml '" + home.file("list.opml") + "'");
     EXPECT_EQ(imported.status, 0) << imported.out;
     EXPECT_NE(imported.out.find("Imported 2 channel(s); skipped 0 duplicate(s); refused 5"),
@@ -170,7 +176,8 @@ TEST(PelsuCli, OpmlKeepsTextOutsideAsciiAndRefusesWhatIsNotAFeed) {
          {std::string("refused: /dev/zero: Not a regular file: /dev/zero"),
           std::string("refused: file:///proc/self/environ: Not a regular file: /proc/self/environ"),
           "refused: " + home.file("fifo") + ": Not a regular file: " + home.file("fifo"),
-          "refused: " + home.path().string() + ": ", std::string("refused: ftp://example.org/rss: ")})
+          "refused: " + home.path().string() + ": ",
+          std::string("refused: ftp://example.org/rss: ")})
         EXPECT_NE(imported.out.find(refused), std::string::npos) << refused << "\n" << imported.out;
 
     // Text and addresses come back as they went in, through another home as well.

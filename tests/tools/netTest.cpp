@@ -1,8 +1,8 @@
 #include "tools/net.h"
-#include "tools/hostAddress.h"
 #include "lib/misc/exception.h"
 #include "tests/support/testHttpServer.h"
 #include "tests/support/testSupport.h"
+#include "tools/hostAddress.h"
 
 #include <gtest/gtest.h>
 
@@ -276,16 +276,17 @@ TEST(ReadUrl, LocalFilesReadAsOkAndOnlyRegularFilesWithinTheLimit) {
     // never holds the reader up.
     ASSERT_EQ(::mkfifo(dir.file("fifo").c_str(), 0600), 0);
     std::filesystem::create_symlink("/dev/zero", dir.file("zero.xml"));
-    for (const std::string& path : {std::string("/dev/zero"), std::string("/dev/urandom"),
-                                    std::string("/proc/self/environ"), dir.file("fifo"),
-                                    dir.file("zero.xml")}) {
+    for (const std::string& path :
+         {std::string("/dev/zero"), std::string("/dev/urandom"), std::string("/proc/self/environ"),
+          dir.file("fifo"), dir.file("zero.xml")}) {
         EXPECT_EQ(failureOf(session, path), "Not a regular file: " + path);
         EXPECT_EQ(failureOf(session, "file://" + path), "Not a regular file: " + path);
     }
     NetOptions small;
     small.maxBodyBytes = 10;
     InternetSession limited("pelsu-test", small);
-    EXPECT_EQ(failureOf(limited, file), "The download is larger than the limit of 10 bytes: " + file);
+    EXPECT_EQ(failureOf(limited, file),
+              "The download is larger than the limit of 10 bytes: " + file);
 }
 
 TEST(ReadUrl, AddressesWithoutASchemeAreRefusedAndOtherSchemesGoAsHttp) {
@@ -298,7 +299,8 @@ TEST(ReadUrl, AddressesWithoutASchemeAreRefusedAndOtherSchemesGoAsHttp) {
     const std::string port = std::to_string(server.port());
     EXPECT_EQ(failureOf(session, "127.0.0.1:" + port + "/feed"),
               "Can't parse URL: 127.0.0.1:" + port + "/feed");
-    EXPECT_EQ(failureOf(session, "feeds.example.org/rss"), "Can't parse URL: feeds.example.org/rss");
+    EXPECT_EQ(failureOf(session, "feeds.example.org/rss"),
+              "Can't parse URL: feeds.example.org/rss");
     EXPECT_EQ(fetch(session, "ftp://127.0.0.1:" + port + "/feed", nullptr, nullptr).body, "<rss/>");
     EXPECT_EQ(fetch(session, "FEED://127.0.0.1:" + port + "/feed", nullptr, nullptr).body,
               "<rss/>");
@@ -400,9 +402,9 @@ TEST(ReadUrl, DownloadsForWebPagesNeverConnectToThisComputer) {
               "A channel that a web page added may not fetch from this computer (127.0.0.1): " +
                   elsewhere.url("/moved"));
     const std::string port = ":" + std::to_string(here.port());
-    for (const char* host : {"127.0.0.1", "2130706433", "0x7f000001", "0177.0.0.1", "127.1",
-                             "[::ffff:127.0.0.1]", "[0:0:0:0:0:0:0:1]", "[::]", "localhost",
-                             "0.0.0.0", "0", "0x0", "[::1%25lo]"}) {
+    for (const char* host :
+         {"127.0.0.1", "2130706433", "0x7f000001", "0177.0.0.1", "127.1", "[::ffff:127.0.0.1]",
+          "[0:0:0:0:0:0:0:1]", "[::]", "localhost", "0.0.0.0", "0", "0x0", "[::1%25lo]"}) {
         const std::string url = std::string("http://") + host + port + "/secret";
         EXPECT_NE(failure(url).find("may not fetch from this computer"), std::string::npos)
             << failure(url);
