@@ -25,7 +25,7 @@ struct ChannelManagerOptions {
     int scriptTimeoutSeconds = 15;     // "ScriptTimeout"
     bool logChannelProcessing = false; // "LogChannelProcessing"
     int appServerPort = 0;             // the local servers' ports, for plugin scripts
-    int appPluginServerPort = 2605;    // "AppPluginServerPortNo"
+    int appPluginServerPort = 2605;    // at start; appPluginServerPort() has the current one
     tools::NetOptions net;             // time limits, size limit, port and TLS rules
     unsigned stopWaitMs = 30000;       // how long stop waits for the worker
 };
