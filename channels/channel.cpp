@@ -50,8 +50,9 @@ void Channel::save() {
         return;
     const std::string file = fileName();
     profile::WriteBatch batch(file);
-    if (m_state.isFeedLoaded() && m_state.feed().feedTime() != 0)
-        config().setCache(m_state.feed().channel()); // the last feed's title etc. for next start
+    // The last feed's title etc. for the next start, copied while the worker may replace it.
+    if (const auto fields = m_state.fetchedFeedChannel())
+        config().setCache(*fields);
     config().save(file);
     m_settings.save(file);
     m_state.save(file);

@@ -32,7 +32,8 @@ void lowerCurrentThreadPriority() {
 
 ChannelManager::ChannelManager(std::string channelsDir, ChannelManagerOptions options, Clock clock)
     : m_channelsDir(std::move(channelsDir)), m_options(std::move(options)),
-      m_clock(clock ? std::move(clock) : Clock([] { return std::time(nullptr); })) {
+      m_clock(clock ? std::move(clock) : Clock([] { return std::time(nullptr); })),
+      m_appPluginServerPort(m_options.appPluginServerPort) {
     PELSU_LOG(channelManagerGroup(), "Channel Manager created: " << m_channelsDir);
 }
 
@@ -279,7 +280,7 @@ std::vector<Channel*> ChannelManager::channels() const {
 
 void ChannelManager::download(const std::string& url, std::string& lastModified, std::string& etag,
                               bool forceDownload, long& statusCode, std::string& statusText,
-                              std::string& body) {
+                              std::string& body, const tools::DownloadRules& rules) {
     if (m_options.disableInternet)
         throw Exception("Internet access has been disabled.");
     tools::InternetSession* session = nullptr;
@@ -291,13 +292,13 @@ void ChannelManager::download(const std::string& url, std::string& lastModified,
         session = m_session.get();
     }
     tools::readUrl(*session, url, &lastModified, &etag, forceDownload, &statusCode, &statusText,
-                   body);
+                   body, rules);
 }
 
 void ChannelManager::changeLoopbackPort(int oldPort, int newPort) {
     for (Channel* channel : channels())
         channel->changeLoopbackPort(oldPort, newPort);
-    m_options.appPluginServerPort = newPort;
+    m_appPluginServerPort = newPort;
 }
 
 void ChannelManager::raiseEvent(Event& event) {

@@ -26,7 +26,7 @@ struct ChannelManagerOptions {
     int scriptTimeoutSeconds = 15;     // "ScriptTimeout"
     bool logChannelProcessing = false; // "LogChannelProcessing"
     int appServerPort = 0;             // the local servers' ports, for plugin scripts
-    int appPluginServerPort = 2605;    // "AppPluginServerPortNo"
+    int appPluginServerPort = 2605;    // at start; appPluginServerPort() has the current one
     tools::NetOptions net;             // time limits, size limit, port and TLS rules
     unsigned stopWaitMs = 30000;       // how long stop waits for the worker
 };
@@ -74,10 +74,12 @@ public:
 
     // Downloads for a channel, through the Internet-access gate.
     void download(const std::string& url, std::string& lastModified, std::string& etag,
-                  bool forceDownload, long& statusCode, std::string& statusText, std::string& body);
-    // Re-points loopback addresses when the local plugin server moves.
+                  bool forceDownload, long& statusCode, std::string& statusText, std::string& body,
+                  const tools::DownloadRules& rules = {});
+    // Re-points loopback addresses when the local plugin server moves; safe while the worker
+    // fetches.
     void changeLoopbackPort(int oldPort, int newPort);
-    int appPluginServerPort() const { return m_options.appPluginServerPort; }
+    int appPluginServerPort() const { return m_appPluginServerPort.load(); }
 
     // One pass of the worker over the due and requested channels, on the calling thread
     // (the worker calls it every second; tests call it directly with their clock).
@@ -118,6 +120,8 @@ private:
     threadSafety::Event m_workerEnded{true, false};
     std::thread m_worker;
     std::atomic<bool> m_forcedStop{false};
+    // Read by the worker for loopback feeds while the user moves the server.
+    std::atomic<int> m_appPluginServerPort;
 };
 
 } // namespace channels

@@ -79,6 +79,12 @@ bool ChannelState::isFeedLoaded() const {
     threadSafety::ScopedLock lock(m_lock);
     return m_feed != nullptr;
 }
+std::optional<FeedChannelFields> ChannelState::fetchedFeedChannel() const {
+    threadSafety::ScopedLock lock(m_lock);
+    if (!m_feed || m_feed->feedTime() == 0)
+        return std::nullopt;
+    return m_feed->channel();
+}
 void ChannelState::releaseFeed(const std::string& file) {
     threadSafety::ScopedLock lock(m_lock);
     m_feed.reset();

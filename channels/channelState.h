@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace channels {
@@ -35,6 +36,9 @@ public:
     // Hands over a new feed; the old one is dropped.
     void replaceFeed(std::unique_ptr<Feed> feed);
     bool isFeedLoaded() const;
+    // A copy, taken under the lock, of the channel fields of the feed in memory when it came
+    // from a fetch (its FeedTime is set); nothing otherwise. Safe while the worker replaces it.
+    std::optional<FeedChannelFields> fetchedFeedChannel() const;
     // Drops the feed from memory after it was saved to file; it is read again when used. Any
     // reference to the old feed is invalid afterwards.
     void releaseFeed(const std::string& file);

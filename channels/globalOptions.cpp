@@ -90,6 +90,8 @@ const Option kOptions[] = {
     {"StalledTransferTimeout", &G::stalledTransferTimeout, 0, 86400},
     {"MaxDownloadSizeKB", &G::maxDownloadSizeKB, 0, 4194304},
     {"MaxScriptOutputKB", &G::maxScriptOutputKB, 0, 4194304},
+    {"MaxTransferTime", &G::maxTransferTime, 0, 86400},
+    {"MaxWebSubscriptionsPerMinute", &G::maxWebSubscriptionsPerMinute, 1, 10000},
     {"AppServerPortNo", &G::appServerPortNo, 1000, 65535},
 };
 
@@ -187,6 +189,7 @@ tools::NetOptions GlobalOptions::netOptions() const {
     net.connectTimeoutSeconds = connectTimeout;
     net.lowSpeedTimeSeconds = stalledTransferTimeout;
     net.maxBodyBytes = static_cast<std::uint64_t>(maxDownloadSizeKB) * 1024u;
+    net.maxTransferSeconds = maxTransferTime;
     return net;
 }
 

@@ -81,6 +81,10 @@ public:
     int stalledTransferTimeout = 120; // "StalledTransferTimeout", seconds, 0 = none
     int maxDownloadSizeKB = 65536;    // "MaxDownloadSizeKB", 0 = none
     int maxScriptOutputKB = 65536;    // "MaxScriptOutputKB", 0 = none
+    int maxTransferTime = 300;        // "MaxTransferTime", seconds, 0 = none
+
+    // Feed addresses that web pages may subscribe to per minute, over all listeners.
+    int maxWebSubscriptionsPerMinute = 10; // "MaxWebSubscriptionsPerMinute"
 
     // The local app server's port ("/subscribe").
     int appServerPortNo = 2604; // "AppServerPortNo"

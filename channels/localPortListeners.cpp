@@ -70,6 +70,7 @@ LocalPortListenerOptions listenerOptions(const GlobalOptions& options) {
     result.amphetaDesk = options.listenForAmphetaDeskSubscriptions;
     result.radioUserland = options.listenForRadioUserlandSubscriptions;
     result.headlineViewer = options.listenForHeadlineViewerSubscriptions;
+    result.maxWebSubscriptionsPerMinute = options.maxWebSubscriptionsPerMinute;
     return result;
 }
 
@@ -101,6 +102,7 @@ std::vector<std::string> LocalPortListeners::start(const LocalPortListenerOption
     for (const Entry& entry : entries)
         enabled += entry.enabled ? 1 : 0;
     const tools::ListenerLimits limits = fittedLimits(options, enabled);
+    m_subscriptions.setMaxPerMinute(options.maxWebSubscriptionsPerMinute);
     std::vector<std::string> problems;
     for (const Entry& entry : entries) {
         if (!entry.enabled)
@@ -141,7 +143,22 @@ int LocalPortListeners::port(const std::string& name) const {
     return 0;
 }
 
-tools::LocalAnswer LocalPortListeners::subscribeAll(const std::vector<std::string>& addresses) {
+tools::LocalAnswer LocalPortListeners::subscribeAll(const tools::LocalRequest& request,
+                                                    const std::vector<std::string>& addresses) {
+    if (const std::string problem = crossSiteProblem(request.host, request.origin, request.referer);
+        !problem.empty()) {
+        PELSU_LOG(listenersGroup(), "Refused a subscription request from another site.");
+        return page(403, "Subscription refused",
+                    "<p>" + templateProcessor::escapeHtml(problem) + "</p>");
+    }
+    // Every address of a list counts, so one request can't make many channels at once.
+    if (!m_subscriptions.admit(addresses.size())) {
+        PELSU_LOG(listenersGroup(), "Refused a subscription request past the limit per minute.");
+        return page(429, "Too many subscriptions",
+                    "<p>Web pages have asked for more subscriptions than the reader accepts in "
+                    "one minute, so nothing was subscribed. Wait a minute and try again, or add "
+                    "the channel yourself.</p>");
+    }
     std::vector<SubscriptionResult> results;
     for (const std::string& address : addresses)
         results.push_back(m_subscriptions.subscribe(address));
@@ -158,7 +175,7 @@ tools::LocalAnswer LocalPortListeners::subscribeParameter(const tools::LocalRequ
         return page(400, "Subscription",
                     "<p>The request names no feed: it needs <code>" + name +
                         "=</code> and the feed's address.</p>");
-    return subscribeAll({*address});
+    return subscribeAll(request, {*address});
 }
 
 tools::LocalAnswer LocalPortListeners::appServerAnswer(const tools::LocalRequest& request) {
@@ -175,9 +192,9 @@ tools::LocalAnswer LocalPortListeners::appServerAnswer(const tools::LocalRequest
 tools::LocalAnswer LocalPortListeners::amphetaDeskAnswer(const tools::LocalRequest& request) {
     // Any path: the links name "/index.html", but only the query matters.
     if (const auto address = subscriptionParameter(request.query, "add_url"))
-        return subscribeAll({*address});
+        return subscribeAll(request, {*address});
     if (const auto list = subscriptionParameter(request.query, "add_urls"))
-        return subscribeAll(splitList(*list));
+        return subscribeAll(request, splitList(*list));
     return page(400, "Subscription",
                 "<p>The request names no feed: it needs <code>add_url=</code> or "
                 "<code>add_urls=</code>.</p>");

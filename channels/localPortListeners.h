@@ -29,6 +29,7 @@ struct LocalPortListenerOptions {
     int amphetaDeskPort = 8888;
     int radioUserlandPort = 5335;
     int headlineViewerPort = 8900;
+    int maxWebSubscriptionsPerMinute = 10; // "MaxWebSubscriptionsPerMinute"
     tools::ListenerLimits limits;
 };
 
@@ -58,7 +59,8 @@ public:
     tools::LocalAnswer appPluginAnswer(const tools::LocalRequest& request);
 
 private:
-    tools::LocalAnswer subscribeAll(const std::vector<std::string>& addresses);
+    tools::LocalAnswer subscribeAll(const tools::LocalRequest& request,
+                                    const std::vector<std::string>& addresses);
     tools::LocalAnswer subscribeParameter(const tools::LocalRequest& request,
                                           const std::string& name);
     tools::LocalAnswer amphetaDeskAnswer(const tools::LocalRequest& request);

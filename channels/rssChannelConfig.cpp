@@ -6,6 +6,8 @@ namespace channels {
 
 namespace {
 
+const char* const kWebPageKey = "SubscribedFromWebPage";
+
 bool namesCodeProjectFeed(const std::string& url) {
     const std::string marker = "/CodeProject/";
     const auto at = url.find(marker);
@@ -25,12 +27,16 @@ void RssChannelConfig::load(const std::string& file) {
     threadSafety::ScopedLock guard(lock());
     m_rssChannelUrl = profile::readIniString(file, "Config", "RssChannelUrl");
     m_isCodeProjectFeed = namesCodeProjectFeed(m_rssChannelUrl);
+    m_subscribedFromWebPage = profile::readIniBool(file, "Config", kWebPageKey, false);
 }
 
 void RssChannelConfig::save(const std::string& file) const {
     ChannelConfig::save(file);
     threadSafety::ScopedLock guard(lock());
     profile::writeIniString(file, "Config", "RssChannelUrl", m_rssChannelUrl);
+    // Other channels' files stay as they were: the key is written only when it is set.
+    if (m_subscribedFromWebPage)
+        profile::writeIniBool(file, "Config", kWebPageKey, true);
 }
 
 std::string RssChannelConfig::rssChannelUrl() const {
@@ -42,6 +48,16 @@ void RssChannelConfig::setRssChannelUrl(const std::string& url) {
     threadSafety::ScopedLock guard(lock());
     m_rssChannelUrl = url;
     m_isCodeProjectFeed = namesCodeProjectFeed(url);
+}
+
+bool RssChannelConfig::subscribedFromWebPage() const {
+    threadSafety::ScopedLock guard(lock());
+    return m_subscribedFromWebPage;
+}
+
+void RssChannelConfig::setSubscribedFromWebPage(bool fromWebPage) {
+    threadSafety::ScopedLock guard(lock());
+    m_subscribedFromWebPage = fromWebPage;
 }
 
 bool RssChannelConfig::isCodeProjectFeed() const {

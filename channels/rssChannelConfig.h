@@ -15,10 +15,15 @@ public:
     // True when the address names a page of the CodeProject support served by the local
     // plugin server ("/CodeProject/" followed by "TheLounge", "MessageBoards" or "Articles").
     bool isCodeProjectFeed() const;
+    // True for a channel that a web page added through a subscription link: its downloads
+    // may reach only other computers. Kept in the file only when true.
+    bool subscribedFromWebPage() const;
+    void setSubscribedFromWebPage(bool fromWebPage);
 
 private:
     std::string m_rssChannelUrl;
     bool m_isCodeProjectFeed = false;
+    bool m_subscribedFromWebPage = false;
 };
 
 } // namespace channels

@@ -6,6 +6,7 @@
 #include "lib/misc/exception.h"
 #include "lib/misc/text.h"
 #include "templateProcessor/templateProcessor.h"
+#include "tools/hostAddress.h"
 
 #include <cctype>
 #include <filesystem>
@@ -28,21 +29,26 @@ bool isRawAddress(const std::string& value) {
            startsWithNoCase(value, "feed:");
 }
 
-// The host of an http(s) address, lower-cased, without user, port or brackets.
-std::string hostOf(const std::string& address) {
+// Whether an http(s) address names this computer by its host, in any of its written forms.
+bool namesThisComputer(const std::string& address) {
     const std::size_t begin = address.find("://") + 3;
     std::string authority = address.substr(begin, address.find_first_of("/?#", begin) - begin);
     const std::size_t at = authority.rfind('@');
     if (at != std::string::npos)
         authority = authority.substr(at + 1);
-    if (!authority.empty() && authority[0] == '[')
-        return misc::lowered(authority.substr(1, authority.find(']') - 1));
-    return misc::lowered(authority.substr(0, authority.find(':')));
-}
-
-bool isThisComputer(const std::string& host) {
-    return host == "localhost" || host.ends_with(".localhost") || host.rfind("127.", 0) == 0 ||
-           host == "0.0.0.0" || host == "::1" || host == "0" || host.empty();
+    const std::size_t bracket = authority.rfind(']');
+    const std::size_t colon = authority.rfind(':');
+    const bool hasPort =
+        colon != std::string::npos && (bracket == std::string::npos || colon > bracket);
+    const std::string host = hasPort ? authority.substr(0, colon) : authority;
+    int port = startsWithNoCase(address, "https:") ? 443 : 80;
+    if (hasPort) {
+        const std::string digits = authority.substr(colon + 1);
+        if (!digits.empty() && digits.size() <= 5 &&
+            digits.find_first_not_of("0123456789") == std::string::npos)
+            port = std::stoi(digits);
+    }
+    return tools::hostNamesThisComputer(host, port);
 }
 
 // "mailto:x" or "javascript:x", but not "host:8080/path" or "host/path".
@@ -98,8 +104,7 @@ std::string subscriptionAddressProblem(const std::string& address) {
             return "The feed address holds spaces or control characters.";
     if (!startsWithNoCase(address, "http://") && !startsWithNoCase(address, "https://"))
         return "Only http and https feeds can be subscribed to from a web page.";
-    const std::string host = hostOf(address);
-    if (isThisComputer(host))
+    if (namesThisComputer(address))
         return "A web page can't subscribe to an address on this computer; add such a channel "
                "yourself.";
     return "";
@@ -195,6 +200,7 @@ SubscriptionResult Subscriptions::subscribe(const std::string& requestedAddress)
         auto channel = std::make_unique<RssChannel>(
             &m_manager, channelIdFromAddress(result.address, m_manager));
         channel->config().setRssChannelUrl(result.address);
+        channel->config().setSubscribedFromWebPage(true);
         result.channelId = m_manager.addChannel(std::move(channel))->id();
     } catch (const std::exception& e) {
         result.outcome = Outcome::Failed;
@@ -208,6 +214,41 @@ SubscriptionResult Subscriptions::subscribe(const std::string& requestedAddress)
     PELSU_LOG(subscriptionGroup(),
               "Subscribed to " << result.address << " as channel " << result.channelId);
     return result;
+}
+
+void Subscriptions::setMaxPerMinute(int limit) {
+    std::lock_guard guard(m_rateMutex);
+    m_maxPerMinute = limit;
+}
+
+bool Subscriptions::admit(std::size_t count) {
+    std::lock_guard guard(m_rateMutex);
+    const std::time_t now = m_manager.now();
+    while (!m_recent.empty() && (m_recent.front() <= now - 60 || m_recent.front() > now))
+        m_recent.pop_front();
+    if (m_recent.size() + count > static_cast<std::size_t>(std::max(m_maxPerMinute, 0)))
+        return false;
+    m_recent.insert(m_recent.end(), count, now);
+    return true;
+}
+
+std::string crossSiteProblem(const std::string& host, const std::string& origin,
+                             const std::string& referer) {
+    // The listener's own pages are addressed as 127.0.0.1 or localhost on its port.
+    const std::string port = host.substr(host.rfind(':') + 1);
+    const auto isOwnSite = [&](const std::string& value) {
+        const std::size_t scheme = value.find("://");
+        const std::string site = misc::lowered(
+            scheme == std::string::npos ? value : value.substr(0, value.find('/', scheme + 3)));
+        return site == "http://127.0.0.1:" + port || site == "http://localhost:" + port;
+    };
+    if (!origin.empty() && !isOwnSite(origin))
+        return "The request comes from a page of another site (Origin: " + origin.substr(0, 200) +
+               "). Only the reader's own pages may subscribe through this address.";
+    if (!referer.empty() && !isOwnSite(referer))
+        return "The request comes from a page of another site (Referer: " + referer.substr(0, 200) +
+               "). Only the reader's own pages may subscribe through this address.";
+    return "";
 }
 
 std::string localAnswerPage(const std::string& title, const std::string& bodyHtml) {

@@ -5,6 +5,9 @@
 
 #include "lib/misc/threadSafetyWin32.h"
 
+#include <ctime>
+#include <deque>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -54,13 +57,26 @@ public:
     // update is requested. Safe from several threads at once.
     SubscriptionResult subscribe(const std::string& requestedAddress);
 
+    // Web pages may subscribe to at most this many addresses a minute (by the manager's clock).
+    void setMaxPerMinute(int limit);
+    // Takes room for count addresses in the last minute; false, taking nothing, past the limit.
+    bool admit(std::size_t count);
+
 private:
     std::string findChannelByAddress(const std::string& address) const;
 
     ChannelManager& m_manager;
     SubscriptionApprover* m_approver;
     threadSafety::CriticalSection m_lock{"Subscriptions"};
+    std::mutex m_rateMutex;
+    int m_maxPerMinute = 10;
+    std::deque<std::time_t> m_recent; // one entry per address admitted
 };
+
+// Why a subscription request from a page is refused because it comes from another site than
+// the listener (by its Origin or Referer header), or empty when it is not.
+std::string crossSiteProblem(const std::string& host, const std::string& origin,
+                             const std::string& referer);
 
 // The page answering a subscription request, and its HTTP status (200 when any address is
 // subscribed or known already).

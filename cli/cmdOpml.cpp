@@ -7,7 +7,9 @@
 #include "expat/parser.h"
 #include "lib/misc/exception.h"
 #include "templateProcessor/templateProcessor.h"
+#include "tools/localFile.h"
 
+#include <cstring>
 #include <fstream>
 #include <iostream>
 #include <set>
@@ -17,6 +19,25 @@
 namespace cli {
 
 namespace {
+
+// OPML files are UTF-8; the engine keeps Latin-1.
+std::string latin1(const char* utf8) {
+    std::string text;
+    expat::appendUtf8AsLatin1(text, utf8, std::strlen(utf8));
+    return text;
+}
+
+// Why an outline's address can't become a channel, or empty when it can: only http and https
+// addresses and regular local files (never devices, FIFOs or the kernel's files).
+std::string addressProblem(const std::string& url) {
+    const std::string scheme = url.substr(0, url.find("://"));
+    if (::strcasecmp(scheme.c_str(), "http") == 0 || ::strcasecmp(scheme.c_str(), "https") == 0)
+        return "";
+    const std::string path = tools::localFilePath(url);
+    if (path.empty())
+        return "not an http or https address or an existing local file";
+    return tools::localFileProblem(path);
+}
 
 struct Outline {
     std::string title;
@@ -36,11 +57,11 @@ protected:
         std::string text;
         for (const char** attribute = attributes; attribute && *attribute; attribute += 2) {
             if (::strcasecmp(attribute[0], "xmlUrl") == 0)
-                outline.url = attribute[1];
+                outline.url = latin1(attribute[1]);
             else if (::strcasecmp(attribute[0], "title") == 0)
-                outline.title = attribute[1];
+                outline.title = latin1(attribute[1]);
             else if (::strcasecmp(attribute[0], "text") == 0)
-                text = attribute[1];
+                text = latin1(attribute[1]);
         }
         if (outline.title.empty())
             outline.title = text;
@@ -64,8 +85,13 @@ int runImport(const CommandContext& context) {
     std::set<std::string> known;
     for (channels::Channel* channel : manager.channels())
         known.insert(channel->address());
-    int added = 0, skipped = 0;
+    int added = 0, skipped = 0, refused = 0;
     for (const Outline& outline : reader.outlines) {
+        if (const std::string problem = addressProblem(outline.url); !problem.empty()) {
+            std::cout << "refused: " << toUtf8(outline.url) << ": " << toUtf8(problem) << '\n';
+            ++refused;
+            continue;
+        }
         if (!known.insert(outline.url).second) {
             std::cout << "skipped (already subscribed): " << toUtf8(outline.url) << '\n';
             ++skipped;
@@ -78,7 +104,10 @@ int runImport(const CommandContext& context) {
         manager.addChannel(std::move(channel));
         ++added;
     }
-    std::cout << "Imported " << added << " channel(s); skipped " << skipped << " duplicate(s).\n";
+    std::cout << "Imported " << added << " channel(s); skipped " << skipped << " duplicate(s)";
+    if (refused > 0)
+        std::cout << "; refused " << refused << " address(es)";
+    std::cout << ".\n";
     return kExitOk;
 }
 

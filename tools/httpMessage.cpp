@@ -24,6 +24,8 @@ const char* reasonPhrase(int status) {
         return "Request Timeout";
     case 414:
         return "URI Too Long";
+    case 429:
+        return "Too Many Requests";
     case 431:
         return "Request Header Fields Too Large";
     case 500:
@@ -126,6 +128,10 @@ ParsedHead parseHead(const std::string& head, int port, const ListenerLimits& li
                 return refuse(400, "The request names its host twice.");
             hostSeen = true;
             host = value;
+        } else if (name == "origin") {
+            parsed.request.origin = value;
+        } else if (name == "referer") {
+            parsed.request.referer = value;
         } else if (name == "connection") {
             const std::string lowered = misc::lowered(value);
             if (lowered.find("close") != std::string::npos)
@@ -145,6 +151,7 @@ ParsedHead parseHead(const std::string& head, int port, const ListenerLimits& li
     if (target.empty() || target[0] != '/')
         return refuse(400, "The request's address is not understood.");
     parsed.request.target = target;
+    parsed.request.host = misc::lowered(host);
     const std::size_t question = target.find('?');
     parsed.request.path = target.substr(0, question);
     if (question != std::string::npos)

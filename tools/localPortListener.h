@@ -16,6 +16,9 @@ struct LocalRequest {
     std::string target; // as sent: "/path?query"
     std::string path;   // the target up to the first "?"
     std::string query;  // what follows the first "?", still encoded
+    std::string host;   // the Host header: "127.0.0.1:PORT" or "localhost:PORT"
+    std::string origin; // the Origin and Referer headers, empty when not sent
+    std::string referer;
 };
 
 struct LocalAnswer {

@@ -3,14 +3,15 @@
 #include "lib/log/log.h"
 #include "lib/misc/exception.h"
 #include "lib/misc/text.h"
+#include "tools/hostAddress.h"
+#include "tools/localFile.h"
 
+#include <cctype>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <curl/curl.h>
-#include <fstream>
 #include <mutex>
-#include <sstream>
-#include <sys/stat.h>
 #include <vector>
 
 namespace tools {
@@ -33,73 +34,26 @@ struct CurlGlobal {
 };
 void initCurl() { static CurlGlobal global; }
 
-// The scheme of an address ("http", "file", ...), lower-cased, or empty when it has none.
-// A one-letter scheme is a drive letter, not a scheme.
+// The scheme of an address written "scheme://...", lower-cased, or empty when it has none:
+// only such addresses can be split into host and path.
 std::string schemeOf(const std::string& url) {
-    const size_t colon = url.find(':');
-    if (colon == std::string::npos || colon < 2)
+    const size_t end = url.find("://");
+    if (end == std::string::npos || end == 0 || !std::isalpha(static_cast<unsigned char>(url[0])))
         return "";
-    for (size_t i = 0; i < colon; ++i) {
+    for (size_t i = 1; i < end; ++i) {
         const auto c = static_cast<unsigned char>(url[i]);
-        if (!(std::isalnum(c) || (i > 0 && (c == '+' || c == '-' || c == '.'))))
+        if (!std::isalnum(c) && c != '+' && c != '-' && c != '.')
             return "";
     }
-    return misc::lowered(url.substr(0, colon));
+    return misc::lowered(url.substr(0, end));
 }
 
-bool isRegularFile(const std::string& path) {
-    struct stat info {};
-    return ::stat(path.c_str(), &info) == 0 && !S_ISDIR(info.st_mode);
-}
-
-std::string percentDecoded(const std::string& text) {
-    std::string out;
-    for (size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '%' && i + 2 < text.size() &&
-            std::isxdigit(static_cast<unsigned char>(text[i + 1])) &&
-            std::isxdigit(static_cast<unsigned char>(text[i + 2]))) {
-            out += static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16));
-            i += 2;
-        } else {
-            out += text[i];
-        }
-    }
-    return out;
-}
-
-// The local file an address names, or empty when it names none.
-std::string localFilePath(const std::string& url) {
-    const std::string scheme = schemeOf(url);
-    if (scheme == "file") {
-        std::string path = url.substr(5);
-        if (path.rfind("//", 0) == 0) {
-            const size_t slash = path.find('/', 2); // skip the (empty or local) host
-            path = slash == std::string::npos ? "" : path.substr(slash);
-        }
-        if (!isRegularFile(path) && isRegularFile(percentDecoded(path)))
-            path = percentDecoded(path);
-        return path.empty() ? url : path;
-    }
-    if ((scheme.empty() || (scheme != "http" && scheme != "https")) && isRegularFile(url))
-        return url;
-    return "";
-}
-
-void readLocalFile(const std::string& path, std::string& body) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in)
-        throw Exception("Can't open file: " + path);
-    std::ostringstream text;
-    text << in.rdbuf();
-    body = text.str();
-}
-
-bool tryLocalFile(const std::string& url, long* statusCode, std::string* statusText,
-                  std::string& body) {
+bool tryLocalFile(InternetSession& session, const std::string& url, long* statusCode,
+                  std::string* statusText, std::string& body) {
     const std::string path = localFilePath(url);
     if (path.empty())
         return false;
-    readLocalFile(path, body);
+    readLocalFile(path, url, session.options().maxBodyBytes, body);
     PELSU_LOG(downloadsGroup(), "Read the local file OK: #bytes="
                                     << body.size() << " ; faking an HTTP 200 OK status.");
     if (statusCode)
@@ -176,6 +130,7 @@ struct Transfer {
     InternetSession& session;
     std::string url;
     std::string& body;
+    DownloadRules rules;
     std::uint64_t startGeneration;
     CURL* handle = nullptr;
     curl_slist* headers = nullptr;
@@ -186,9 +141,10 @@ struct Transfer {
     bool haveETag = false;
     bool tooLarge = false;
     bool aborted = false;
+    std::string refusedAddress; // a connection to this computer that the rules refused
 
-    Transfer(InternetSession& s, std::string u, std::string& b)
-        : session(s), url(std::move(u)), body(b), startGeneration(s.abortGeneration()) {}
+    Transfer(InternetSession& s, std::string u, std::string& b, const DownloadRules& r)
+        : session(s), url(std::move(u)), body(b), rules(r), startGeneration(s.abortGeneration()) {}
     ~Transfer() {
         curl_slist_free_all(headers);
         if (handle)
@@ -247,6 +203,16 @@ struct Transfer {
         return 0;
     }
 
+    // Every connection, the first and those of redirects, is checked here before it is made.
+    static curl_socket_t onOpenSocket(void* user, curlsocktype, curl_sockaddr* address) {
+        auto* self = static_cast<Transfer*>(user);
+        if (self->rules.remoteOnly && isThisComputer(&address->addr)) {
+            self->refusedAddress = addressText(&address->addr);
+            return CURL_SOCKET_BAD;
+        }
+        return ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+    }
+
     // The status text: what follows the code on the status line.
     std::string reasonPhrase() const {
         const size_t first = statusLine.find(' ');
@@ -257,24 +223,35 @@ struct Transfer {
     }
 };
 
-// The address as it is requested: with the classic rule, on port 80 as plain HTTP.
+// The address as it is requested: every scheme but https (with the port honoured) is fetched
+// as plain HTTP. An address that can't be split into scheme, host and path is refused.
 std::string requestAddress(const std::string& url, const NetOptions& options) {
-    if (options.honourUrlPort)
+    const std::string scheme = schemeOf(url);
+    if (scheme.empty())
+        throw Exception("Can't parse URL: " + url);
+    if (scheme == "http" || (scheme == "https" && options.honourUrlPort))
         return url;
-    if (schemeOf(url) == "https")
-        return "http" + url.substr(5);
-    return url;
+    return "http" + url.substr(scheme.size());
 }
 
 void setUp(Transfer& transfer, bool forceDownload) {
     CURL* h = transfer.handle;
     const NetOptions& options = transfer.session.options();
     curl_easy_setopt(h, CURLOPT_URL, requestAddress(transfer.url, options).c_str());
-    curl_easy_setopt(h, CURLOPT_DEFAULT_PROTOCOL, "http");
     curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, options.honourUrlPort ? "http,https" : "http");
     curl_easy_setopt(h, CURLOPT_REDIR_PROTOCOLS_STR, options.honourUrlPort ? "http,https" : "http");
-    if (!options.honourUrlPort)
+    if (!options.honourUrlPort && !transfer.rules.useUrlPort)
         curl_easy_setopt(h, CURLOPT_PORT, 80L);
+    if (options.maxTransferSeconds > 0)
+        curl_easy_setopt(h, CURLOPT_TIMEOUT, options.maxTransferSeconds);
+    if (transfer.rules.remoteOnly) {
+        // Each connection is new and direct, so the check sees every address connected to.
+        curl_easy_setopt(h, CURLOPT_PROXY, "");
+        curl_easy_setopt(h, CURLOPT_FRESH_CONNECT, 1L);
+        curl_easy_setopt(h, CURLOPT_FORBID_REUSE, 1L);
+    }
+    curl_easy_setopt(h, CURLOPT_OPENSOCKETFUNCTION, &Transfer::onOpenSocket);
+    curl_easy_setopt(h, CURLOPT_OPENSOCKETDATA, &transfer);
     curl_easy_setopt(h, CURLOPT_SHARE, transfer.session.impl().share);
     curl_easy_setopt(h, CURLOPT_USERAGENT, transfer.session.userAgent().c_str());
     curl_easy_setopt(h, CURLOPT_FOLLOWLOCATION, 1L);
@@ -314,20 +291,31 @@ void perform(Transfer& transfer, const std::string& failedText) {
         curl_easy_setopt(transfer.handle, CURLOPT_HTTPHEADER, transfer.headers);
     char error[CURL_ERROR_SIZE] = "";
     curl_easy_setopt(transfer.handle, CURLOPT_ERRORBUFFER, error);
+    const auto started = std::chrono::steady_clock::now();
     const CURLcode rc = curl_easy_perform(transfer.handle);
     if (rc == CURLE_OK)
         return;
     PELSU_LOG(downloadsGroup(), "- Transfer failed: " << (*error ? error : curl_easy_strerror(rc)));
     const std::string& url = transfer.url;
+    const long maxSeconds = transfer.session.options().maxTransferSeconds;
     if (transfer.aborted)
         throw Exception("The download was aborted: " + url);
+    if (!transfer.refusedAddress.empty() && rc == CURLE_COULDNT_CONNECT)
+        throw Exception("A channel that a web page added may not fetch from this computer (" +
+                        transfer.refusedAddress + "): " + url);
+    if (rc == CURLE_OPERATION_TIMEDOUT && maxSeconds > 0 &&
+        std::chrono::steady_clock::now() - started >= std::chrono::seconds(maxSeconds))
+        throw Exception("The download took longer than " + std::to_string(maxSeconds) +
+                        " seconds: " + url);
     if (transfer.tooLarge || rc == CURLE_FILESIZE_EXCEEDED)
         throw Exception("The download is larger than the limit of " +
                         std::to_string(transfer.session.options().maxBodyBytes) + " bytes: " + url);
     switch (rc) {
     case CURLE_URL_MALFORMAT:
-    case CURLE_UNSUPPORTED_PROTOCOL:
         throw Exception("Can't parse URL: " + url);
+    case CURLE_UNSUPPORTED_PROTOCOL: // a reply that is not HTTP, or a redirect elsewhere
+    case CURLE_WEIRD_SERVER_REPLY:
+        throw Exception("Can't read the HTTP response: " + url);
     case CURLE_OPERATION_TIMEDOUT:
         throw Exception("The download timed out: " + url);
     case CURLE_RECV_ERROR:
@@ -367,14 +355,24 @@ void storeValidator(std::string* target, bool present, const std::string& value,
     *target = value;
 }
 
+// A channel that a web page added reaches only http and https addresses on other computers.
+void checkRemoteOnly(const std::string& url, const DownloadRules& rules) {
+    const std::string scheme = schemeOf(url);
+    if (rules.remoteOnly && scheme != "http" && scheme != "https")
+        throw Exception("A channel that a web page added may fetch only http and https "
+                        "addresses: " +
+                        url);
+}
+
 void readWithHeaders(InternetSession& session, const std::string& url, std::string* lastModified,
                      std::string* etag, bool forceDownload, long* statusCode,
-                     std::string* statusText, std::string& body) {
+                     std::string* statusText, std::string& body, const DownloadRules& rules) {
     PELSU_LOG(downloadsGroup(), "Reading URL: " << url);
-    if (tryLocalFile(url, statusCode, statusText, body))
+    checkRemoteOnly(url, rules);
+    if (tryLocalFile(session, url, statusCode, statusText, body))
         return;
     body.clear();
-    Transfer transfer(session, url, body);
+    Transfer transfer(session, url, body, rules);
     transfer.handle = session.impl().acquire();
     if (!transfer.handle)
         throw Exception("Can't open request: host= ; urlPath=" + url);
@@ -406,12 +404,13 @@ void readWithHeaders(InternetSession& session, const std::string& url, std::stri
 }
 
 void readSimple(InternetSession& session, const std::string& url, bool forceDownload,
-                std::string& body) {
+                std::string& body, const DownloadRules& rules) {
     PELSU_LOG(downloadsGroup(), "Reading URL (old version): " << url);
-    if (tryLocalFile(url, nullptr, nullptr, body))
+    checkRemoteOnly(url, rules);
+    if (tryLocalFile(session, url, nullptr, nullptr, body))
         return;
     body.clear();
-    Transfer transfer(session, url, body);
+    Transfer transfer(session, url, body, rules);
     transfer.handle = session.impl().acquire();
     if (!transfer.handle)
         throw Exception("Can't open the URL: " + url);
@@ -424,13 +423,13 @@ void readSimple(InternetSession& session, const std::string& url, bool forceDown
 
 void readUrl(InternetSession& session, const std::string& url, std::string* lastModified,
              std::string* etag, bool forceDownload, long* statusCode, std::string* statusText,
-             std::string& body) {
+             std::string& body, const DownloadRules& rules) {
     if (g_useHttpHeaders) {
         readWithHeaders(session, url, lastModified, etag, forceDownload, statusCode, statusText,
-                        body);
+                        body, rules);
         return;
     }
-    readSimple(session, url, forceDownload, body);
+    readSimple(session, url, forceDownload, body, rules);
     PELSU_LOG(headersGroup(), "Faking an HTTP status of 200 OK.");
     if (statusCode)
         *statusCode = 200;

@@ -18,8 +18,20 @@ struct NetOptions {
     long connectTimeoutSeconds = 30;
     // A transfer that moves no data for this many seconds fails; 0 is no limit.
     long lowSpeedTimeSeconds = 120;
-    // Largest body accepted, in bytes; 0 is no limit.
+    // Largest body accepted, in bytes (local files too); 0 is no limit.
     std::uint64_t maxBodyBytes = 64u * 1024u * 1024u;
+    // Seconds a whole transfer may take, however steadily data arrives; 0 is no limit.
+    long maxTransferSeconds = 300;
+};
+
+// Rules that depend on whom a download is for rather than on the session.
+struct DownloadRules {
+    // For a channel that a web page added: only http and https, and every connection (the
+    // first and those of redirects) must go to another computer, directly, not via a proxy.
+    bool remoteOnly = false;
+    // A page of the program's own app-plugin server: the address's port is used whatever
+    // the session's port rule says.
+    bool useUrlPort = false;
 };
 
 // The Internet connection of the channel manager: reuses connections, DNS results and TLS
@@ -54,14 +66,16 @@ private:
 void setUseHttpHeaders(bool use);
 bool useHttpHeaders();
 
-// Downloads url (an http or https address, a file: URL or the path of an existing file)
-// into body. lastModified and etag (optional) carry the previous validators in and, after a
-// 200, the new ones out (emptied when the server sent none). forceDownload sends no
-// validators and asks every cache to reload. statusCode and statusText (optional) receive
-// the status; non-200 statuses are not errors. Throws channels::Exception on failure.
+// Downloads url (an address "scheme://host/path", a file: URL or the path of an existing
+// regular file) into body; schemes other than http and https are fetched as plain HTTP.
+// lastModified and etag (optional) carry the previous validators in and, after a 200, the
+// new ones out (emptied when the server sent none). forceDownload sends no validators and
+// asks every cache to reload. statusCode and statusText (optional) receive the status;
+// non-200 statuses are not errors. rules depend on the channel the download is for.
+// Throws channels::Exception on failure.
 void readUrl(InternetSession& session, const std::string& url, std::string* lastModified,
              std::string* etag, bool forceDownload, long* statusCode, std::string* statusText,
-             std::string& body);
+             std::string& body, const DownloadRules& rules = {});
 
 // The text of the calling thread's last system error (errno).
 std::string lastSystemErrorText();

@@ -6,6 +6,7 @@
 #include "lib/misc/threadSafetyWin32.h"
 #include "tests/support/testHttpServer.h"
 #include "tests/support/testSupport.h"
+#include "tools/hostAddress.h"
 
 #include <gtest/gtest.h>
 
@@ -511,4 +512,97 @@ TEST_F(EngineTest, NoChannelLockIsTakenUnderTheManagersLock) {
     reader.discardChannels();
     EXPECT_TRUE(reader.channels().empty());
     EXPECT_EQ(m_lockOrder.taken(), std::vector<std::string>{});
+}
+
+TEST_F(EngineTest, LoopbackFeedsReachTheAppPluginServerOnItsCurrentPort) {
+    TestHttpServer pluginServer;
+    std::mutex mutex;
+    std::vector<std::string> targets;
+    pluginServer.server().Get(".*", [&](const httplib::Request& req, httplib::Response& res) {
+        std::lock_guard guard(mutex);
+        targets.push_back(req.target);
+        res.set_content(rss({"p"}), "application/rss+xml");
+    });
+    ASSERT_TRUE(pluginServer.start());
+    // Stored under an old port, with the port followed by a query, the end, or a path; the
+    // default port rule (port 80) does not apply to the program's own server.
+    addChannelFile("query", "http://127.0.0.1:1?feed=1");
+    addChannelFile("bare", "http://127.0.0.1:1");
+    addChannelFile("path", "http://127.0.0.1:1/news/feed");
+    ChannelManagerOptions options;
+    options.appPluginServerPort = pluginServer.port();
+    auto& m = manager(options);
+    m.runUpdatePass();
+    for (const std::string& line : m_recorder.take())
+        EXPECT_EQ(line.find("error"), std::string::npos) << line;
+    std::lock_guard guard(mutex);
+    EXPECT_EQ(targets, (std::vector<std::string>{"/", "/news/feed", "/?feed=1"}));
+    EXPECT_TRUE(isLoopbackAddressOnPort("http://127.0.0.1:2605?x", 2605));
+    EXPECT_TRUE(isLoopbackAddressOnPort("http://127.0.0.1:2605", 2605));
+    EXPECT_FALSE(isLoopbackAddressOnPort("http://127.0.0.1:26050", 2605));
+    EXPECT_EQ(withLoopbackPort("http://127.0.0.1:2605?a=/b", 3000), "http://127.0.0.1:3000?a=/b");
+}
+
+TEST_F(EngineTest, ThePluginServerMovesWhileTheWorkerFetchesItsFeeds) {
+    TestHttpServer first, second;
+    for (TestHttpServer* server : {&first, &second}) {
+        server->server().Get("/feed", [](const httplib::Request&, httplib::Response& res) {
+            res.set_content(rss({"x"}), "application/rss+xml");
+        });
+        ASSERT_TRUE(server->start());
+    }
+    addChannelFile("local", "http://127.0.0.1:" + std::to_string(first.port()) + "/feed");
+    ChannelManagerOptions options;
+    options.appPluginServerPort = first.port();
+    auto& m = manager(options);
+    Channel* channel = m.findChannel("local");
+    ASSERT_NE(channel, nullptr);
+    std::atomic<bool> done{false};
+    std::thread mover([&] {
+        for (int i = 0; !done; ++i) {
+            if (i % 2 == 0)
+                m.changeLoopbackPort(first.port(), second.port());
+            else
+                m.changeLoopbackPort(second.port(), first.port());
+        }
+    });
+    for (int i = 0; i < 20; ++i)
+        m.updateChannel(*channel, true);
+    done = true;
+    mover.join();
+    for (const std::string& line : m_recorder.take())
+        EXPECT_EQ(line.find("error"), std::string::npos) << line;
+}
+
+TEST_F(EngineTest, AChannelThatAWebPageAddedFollowsNoRedirectToThisComputer) {
+    TestHttpServer here;
+    std::atomic<int> hits{0};
+    here.server().Get("/plugin", [&](const httplib::Request&, httplib::Response& res) {
+        ++hits;
+        res.set_content(rss({"secret"}), "application/rss+xml");
+    });
+    ASSERT_TRUE(here.start());
+    TestHttpServer elsewhere("127.0.0.2"); // stands in for another computer
+    elsewhere.server().Get("/feed", [&](const httplib::Request&, httplib::Response& res) {
+        res.set_redirect(here.url("/plugin"));
+    });
+    ASSERT_TRUE(elsewhere.start());
+    tools::setRemoteTestPort(elsewhere.port());
+    const std::string web = m_channelsDir + "/web.rss";
+    addChannelFile("web", elsewhere.url("/feed"));
+    profile::writeIniBool(web, "Config", "SubscribedFromWebPage", true);
+    addChannelFile("mine", elsewhere.url("/feed"));
+    ChannelManagerOptions options;
+    options.net.honourUrlPort = true;
+    auto& m = manager(options);
+    m.runUpdatePass();
+    tools::setRemoteTestPort(0);
+    const auto events = m_recorder.take();
+    ASSERT_EQ(events.size(), 6u);
+    EXPECT_EQ(events[0], "begin mine");
+    EXPECT_EQ(events[1], "new 0 secret") << "the user's own channel follows the redirect";
+    EXPECT_EQ(events[4], "error Can't update the feed. A channel that a web page added may not "
+                         "fetch from this computer (127.0.0.1): " +
+                             elsewhere.url("/feed"));
+    EXPECT_EQ(hits, 1);
 }

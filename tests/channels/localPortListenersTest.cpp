@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -18,6 +19,7 @@
 
 using namespace channels;
 using testing_support::httpGet;
+using testing_support::RawConnection;
 using testing_support::TempDir;
 using testing_support::writeFile;
 namespace fs = std::filesystem;
@@ -66,14 +68,38 @@ protected:
     }
 
     TempDir m_dir;
-    ChannelManager m_channels{m_dir.file("Channels"), {}};
+    std::atomic<std::time_t> m_now{1'700'000'000};
+    ChannelManager m_channels{m_dir.file("Channels"), {}, [this] { return m_now.load(); }};
     AppPluginManager m_plugins;
     TestApprover m_approver;
     LocalPortListeners m_listeners{m_channels, m_plugins, &m_approver};
     LocalPortListenerOptions m_options;
 };
 
+// A GET to the listener on port with extra header lines ("Name: value\r\n" each).
+RawConnection::Answer getWithHeaders(int port, const std::string& target,
+                                     const std::string& headers) {
+    RawConnection connection(port);
+    connection.send("GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port) +
+                    "\r\n" + headers + "Connection: close\r\n\r\n");
+    return connection.readAnswer();
+}
+
 } // namespace
+
+TEST(SubscriptionAddresses, EveryWrittenFormOfThisComputerIsRefused) {
+    for (const char* host : {"2130706433", "0x7f000001", "0177.0.0.1", "0", "0x0",
+                             "[::ffff:127.0.0.1]", "[0:0:0:0:0:0:0:1]", "[::]", "localhost.",
+                             "0.0.0.0.", "[::1%25lo]", "%6c%6f%63%61%6c%68%6f%73%74", "127.1",
+                             "169.254.169.254", "[fe80::1]", "[::ffff:7f00:1]", "a.localhost"})
+        for (const std::string port : {"", ":2605"}) {
+            const std::string address = std::string("http://") + host + port + "/feed";
+            EXPECT_NE(subscriptionAddressProblem(address), "") << address;
+        }
+    EXPECT_EQ(subscriptionAddressProblem("http://93.184.216.34/feed"), "");
+    EXPECT_EQ(subscriptionAddressProblem("http://[2001:db8::1]:8080/feed"), "");
+    EXPECT_EQ(subscriptionAddressProblem("http://localhost.example.org/feed"), "");
+}
 
 TEST(SubscriptionAddresses, RawAndEncodedFormsAndFeedSchemes) {
     EXPECT_EQ(subscriptionParameter("url=http://a.org/f?x=1&y=2&go", "url"),
@@ -277,4 +303,83 @@ TEST(ListenersUnderADescriptorLimit, FilledListenersStayQuietAndStillAnswer) {
     ASSERT_TRUE(started);
     EXPECT_NE(answer.status, 0) << "the subscription request got no answer";
     EXPECT_LT(cpu, ::sysconf(_SC_CLK_TCK) / 5) << "the listeners spin on accepts that fail";
+}
+
+TEST_F(LocalPortListenersTest, RequestsFromPagesOfOtherSitesAreRefused) {
+    ASSERT_TRUE(m_listeners.start(m_options).empty());
+    const int app = port("app server");
+    const int amphetaDesk = port("AmphetaDesk listener");
+    const std::string subscribe = "/subscribe?url=http://one.org/rss";
+    for (const std::string& header : std::vector<std::string>{
+             "Origin: http://evil.example\r\n", "Referer: http://evil.example/page.html\r\n",
+             "Origin: null\r\n", "Origin: http://127.0.0.1:" + std::to_string(app + 1) + "\r\n",
+             "Referer: http://127.0.0.1:" + std::to_string(app) + ".evil.example/\r\n"}) {
+        const auto answer = getWithHeaders(app, subscribe, header);
+        EXPECT_EQ(answer.status, 403) << header;
+        EXPECT_NE(answer.body.find("another site"), std::string::npos) << answer.body;
+    }
+    EXPECT_EQ(getWithHeaders(amphetaDesk, "/?add_url=http://one.org/rss",
+                             "Referer: https://evil.example/\r\n")
+                  .status,
+              403);
+    EXPECT_TRUE(addresses().empty());
+    EXPECT_TRUE(m_approver.asked.empty()) << "a refused request never reaches the user";
+
+    // The listener's own pages, and requests that name no page, may subscribe.
+    const std::string own = "http://localhost:" + std::to_string(app);
+    EXPECT_EQ(
+        getWithHeaders(app, subscribe, "Origin: " + own + "\r\nReferer: " + own + "/x\r\n").status,
+        200);
+    EXPECT_EQ(getWithHeaders(app, "/subscribe?url=http://two.org/rss", "").status, 200);
+    EXPECT_EQ(addresses(), (std::vector<std::string>{"http://one.org/rss", "http://two.org/rss"}));
+}
+
+TEST_F(LocalPortListenersTest, WebPagesSubscribeToABoundedNumberOfAddressesAMinute) {
+    m_options.maxWebSubscriptionsPerMinute = 5;
+    ASSERT_TRUE(m_listeners.start(m_options).empty());
+    const int amphetaDesk = port("AmphetaDesk listener");
+    const auto list = [](int first, int count) {
+        std::string text;
+        for (int i = first; i < first + count; ++i)
+            text += (text.empty() ? "" : "%2C") + std::string("http%3A%2F%2Ffeed") +
+                    std::to_string(i) + ".org%2Frss";
+        return "/?add_urls=" + text;
+    };
+    // A list counts by its addresses: four, then two more is past five.
+    EXPECT_EQ(httpGet(amphetaDesk, list(1, 4)).status, 200);
+    const auto refused = httpGet(amphetaDesk, list(5, 2));
+    EXPECT_EQ(refused.status, 429);
+    EXPECT_NE(refused.body.find("Too many subscriptions"), std::string::npos) << refused.body;
+    EXPECT_EQ(httpGet(port("app server"), "/subscribe?url=http://feed5.org/rss").status, 200);
+    EXPECT_EQ(httpGet(port("app server"), "/subscribe?url=http://feed6.org/rss").status, 429);
+    EXPECT_EQ(addresses().size(), 5u);
+    // A minute later there is room again.
+    m_now += 59;
+    EXPECT_EQ(httpGet(amphetaDesk, list(6, 1)).status, 429);
+    m_now += 1;
+    EXPECT_EQ(httpGet(amphetaDesk, list(6, 5)).status, 200);
+    EXPECT_EQ(addresses().size(), 10u);
+}
+
+TEST_F(LocalPortListenersTest, ChannelsThatWebPagesAddAreMarkedAndOthersFilesStayAsTheyWere) {
+    const std::string own = m_dir.file("Channels/own.rss");
+    writeFile(own,
+              "[Config]\nRssChannelUrl=http://own.org/rss\n[Settings]\nAutoUpdateInterval=60\n");
+    m_channels.loadChannels();
+    ASSERT_TRUE(m_listeners.start(m_options).empty());
+    ASSERT_EQ(httpGet(port("app server"), "/subscribe?url=http://one.org/rss").status, 200);
+    m_listeners.stop();
+    m_channels.stop(); // saves every channel
+    const std::string before = testing_support::readFile(own);
+
+    ChannelManager reloaded(m_dir.file("Channels"), {});
+    reloaded.loadChannels();
+    auto* web = dynamic_cast<RssChannel*>(reloaded.findChannel("one_org_rss"));
+    auto* mine = dynamic_cast<RssChannel*>(reloaded.findChannel("own"));
+    ASSERT_TRUE(web && mine);
+    EXPECT_TRUE(web->config().subscribedFromWebPage());
+    EXPECT_FALSE(mine->config().subscribedFromWebPage());
+    reloaded.stop();
+    EXPECT_EQ(testing_support::readFile(own), before);
+    EXPECT_EQ(before.find("SubscribedFromWebPage"), std::string::npos);
 }

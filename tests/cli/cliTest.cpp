@@ -13,6 +13,7 @@
 #include <mutex>
 #include <set>
 #include <sstream>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -201,6 +202,56 @@ TEST(PelsuCli, SampleFeedsParseAsRecorded) {
         ++files;
     }
     EXPECT_GE(files, 20);
+}
+
+TEST(PelsuCli, OpmlKeepsTextOutsideAsciiAndRefusesWhatIsNotAFeed) {
+    TempDir home, other;
+    writeFile(home.file("feed.xml"), feed("a"));
+    ASSERT_EQ(::mkfifo(home.file("fifo").c_str(), 0600), 0);
+    const std::string local = home.file("feed.xml");
+    writeFile(home.file("list.opml"),
+              "<?xml version=\"1.0\" encoding=\"UTF-8\"?><opml version=\"2.0\"><body>"
+              "<outline text=\"Caf\xc3\xa9\" xmlUrl=\"http://example.org/caf\xc3\xa9.xml\"/>"
+              "<outline text=\"Zero\" xmlUrl=\"/dev/zero\"/>"
+              "<outline text=\"Env\" xmlUrl=\"file:///proc/self/environ\"/>"
+              "<outline text=\"Fifo\" xmlUrl=\"" +
+                  home.file("fifo") +
+                  "\"/>"
+                  "<outline text=\"Dir\" xmlUrl=\"" +
+                  home.path().string() +
+                  "\"/>"
+                  "<outline text=\"Ftp\" xmlUrl=\"ftp://example.org/rss\"/>"
+                  "<outline text=\"Local\" xmlUrl=\"" +
+                  local +
+                  "\"/>"
+                  "</body></opml>");
+    const CliRun imported = cli(home.path(), "import-opml '" + home.file("list.opml") + "'");
+    EXPECT_EQ(imported.status, 0) << imported.out;
+    EXPECT_NE(imported.out.find("Imported 2 channel(s); skipped 0 duplicate(s); refused 5"),
+              std::string::npos)
+        << imported.out;
+    for (const std::string& refused :
+         {std::string("refused: /dev/zero: Not a regular file: /dev/zero"),
+          std::string("refused: file:///proc/self/environ: Not a regular file: /proc/self/environ"),
+          "refused: " + home.file("fifo") + ": Not a regular file: " + home.file("fifo"),
+          "refused: " + home.path().string() + ": ",
+          std::string("refused: ftp://example.org/rss: ")})
+        EXPECT_NE(imported.out.find(refused), std::string::npos) << refused << "\n" << imported.out;
+
+    // Text and addresses come back as they went in, through another home as well.
+    const CliRun exported = cli(home.path(), "export-opml '" + home.file("out.opml") + "'");
+    ASSERT_EQ(exported.status, 0) << exported.out;
+    const std::string first = readFile(home.file("out.opml"));
+    EXPECT_NE(first.find("text=\"Caf\xc3\xa9\" title=\"Caf\xc3\xa9\" "
+                         "xmlUrl=\"http://example.org/caf\xc3\xa9.xml\""),
+              std::string::npos)
+        << first;
+    ASSERT_EQ(cli(other.path(), "import-opml '" + home.file("out.opml") + "'").status, 0);
+    const CliRun again = cli(other.path(), "export-opml");
+    EXPECT_NE(again.out.find("text=\"Caf\xc3\xa9\" title=\"Caf\xc3\xa9\" "
+                             "xmlUrl=\"http://example.org/caf\xc3\xa9.xml\""),
+              std::string::npos)
+        << again.out;
 }
 
 TEST(PelsuCli, EveryCorpusFeedEndsInAFeedOrAKnownMessage) {

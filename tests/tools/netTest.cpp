@@ -2,15 +2,22 @@
 #include "lib/misc/exception.h"
 #include "tests/support/testHttpServer.h"
 #include "tests/support/testSupport.h"
+#include "tools/hostAddress.h"
 
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
+#include <ifaddrs.h>
 #include <mutex>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
 #include <thread>
+#include <unistd.h>
 
 using testing_support::TempDir;
 using testing_support::TestHttpServer;
@@ -241,7 +248,7 @@ TEST(ReadUrl, AnotherThreadCanAbortADownloadInProgress) {
     release = true;
 }
 
-TEST(ReadUrl, LocalFilesReadAsOkAndDirectoriesFallThroughToHttp) {
+TEST(ReadUrl, LocalFilesReadAsOkAndOnlyRegularFilesWithinTheLimit) {
     TempDir dir;
     const std::string file = dir.file("feed with blank.xml");
     writeFile(file, "<rss>local</rss>");
@@ -255,11 +262,181 @@ TEST(ReadUrl, LocalFilesReadAsOkAndDirectoriesFallThroughToHttp) {
     EXPECT_EQ(fetch(session, "file://" + file, nullptr, nullptr).body, "<rss>local</rss>");
     EXPECT_EQ(fetch(session, "file:" + dir.file("feed%20with%20blank.xml"), nullptr, nullptr).body,
               "<rss>local</rss>");
+    std::filesystem::create_symlink(file, dir.file("link.xml"));
+    EXPECT_EQ(fetch(session, dir.file("link.xml"), nullptr, nullptr).body, "<rss>local</rss>");
     EXPECT_EQ(failureOf(session, "file://" + dir.file("missing.xml")),
               "Can't open file: " + dir.file("missing.xml"));
-    const std::string directoryFailure = failureOf(session, dir.path().string());
-    EXPECT_NE(directoryFailure.find(dir.path().string()), std::string::npos) << directoryFailure;
-    EXPECT_EQ(directoryFailure.find("Can't open file"), std::string::npos) << directoryFailure;
+    // A directory named by a file: address can't be opened; a plain path naming one is no
+    // address at all.
+    EXPECT_EQ(failureOf(session, "file://" + dir.path().string()),
+              "Can't open file: " + dir.path().string());
+    EXPECT_EQ(failureOf(session, dir.path().string()), "Can't parse URL: " + dir.path().string());
+
+    // Devices, FIFOs and the kernel's files are never read, even through a link, and a FIFO
+    // never holds the reader up.
+    ASSERT_EQ(::mkfifo(dir.file("fifo").c_str(), 0600), 0);
+    std::filesystem::create_symlink("/dev/zero", dir.file("zero.xml"));
+    for (const std::string& path :
+         {std::string("/dev/zero"), std::string("/dev/urandom"), std::string("/proc/self/environ"),
+          dir.file("fifo"), dir.file("zero.xml")}) {
+        EXPECT_EQ(failureOf(session, path), "Not a regular file: " + path);
+        EXPECT_EQ(failureOf(session, "file://" + path), "Not a regular file: " + path);
+    }
+    NetOptions small;
+    small.maxBodyBytes = 10;
+    InternetSession limited("pelsu-test", small);
+    EXPECT_EQ(failureOf(limited, file),
+              "The download is larger than the limit of 10 bytes: " + file);
+}
+
+TEST(ReadUrl, AddressesWithoutASchemeAreRefusedAndOtherSchemesGoAsHttp) {
+    TestHttpServer server;
+    server.server().Get("/feed", [](const httplib::Request&, httplib::Response& res) {
+        res.set_content("<rss/>", "text/xml");
+    });
+    ASSERT_TRUE(server.start());
+    InternetSession session("pelsu-test", honouringPort());
+    const std::string port = std::to_string(server.port());
+    EXPECT_EQ(failureOf(session, "127.0.0.1:" + port + "/feed"),
+              "Can't parse URL: 127.0.0.1:" + port + "/feed");
+    EXPECT_EQ(failureOf(session, "feeds.example.org/rss"),
+              "Can't parse URL: feeds.example.org/rss");
+    EXPECT_EQ(fetch(session, "ftp://127.0.0.1:" + port + "/feed", nullptr, nullptr).body, "<rss/>");
+    EXPECT_EQ(fetch(session, "FEED://127.0.0.1:" + port + "/feed", nullptr, nullptr).body,
+              "<rss/>");
+}
+
+TEST(ReadUrl, AReplyThatIsNotHttpIsABrokenResponse) {
+    // A server of another protocol: it greets and hangs up.
+    const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), length), 0);
+    ASSERT_EQ(::listen(listener, 4), 0);
+    ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    std::thread greeter([listener] {
+        const int client = ::accept(listener, nullptr, nullptr);
+        const char greeting[] = "SSH-2.0-OpenSSH_9.2\r\nProtocol mismatch.\r\n";
+        if (client >= 0) {
+            (void)::write(client, greeting, sizeof greeting - 1);
+            ::shutdown(client, SHUT_WR);
+            char sink[512];
+            while (::read(client, sink, sizeof sink) > 0) {
+            }
+            ::close(client);
+        }
+    });
+    InternetSession session("pelsu-test", honouringPort());
+    const std::string url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/";
+    EXPECT_EQ(failureOf(session, url), "Can't read the HTTP response: " + url);
+    greeter.join();
+    ::close(listener);
+}
+
+TEST(ReadUrl, AWholeTransferTimeLimitEndsATrickle) {
+    TestHttpServer server;
+    std::atomic<bool> done{false};
+    std::atomic<int> written{0};
+    // Two bytes a tenth of a second: never finished.
+    server.server().Get("/trickle", [&](const httplib::Request&, httplib::Response& res) {
+        res.set_chunked_content_provider("text/xml", [&](size_t, httplib::DataSink& sink) {
+            if (done)
+                return false;
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            written += 2;
+            return sink.write("<r", 2);
+        });
+    });
+    ASSERT_TRUE(server.start());
+    NetOptions options = honouringPort();
+    options.lowSpeedTimeSeconds = 0;
+    options.maxTransferSeconds = 2;
+    InternetSession session("pelsu-test", options);
+    EXPECT_EQ(failureOf(session, server.url("/trickle")),
+              "The download took longer than 2 seconds: " + server.url("/trickle"));
+    EXPECT_GT(written, 10);
+    done = true;
+}
+
+TEST(ReadUrl, DownloadsForWebPagesNeverConnectToThisComputer) {
+    // "Elsewhere" stands in for a feed on another computer; "here" is a server of this one.
+    TestHttpServer here;
+    std::atomic<int> hits{0};
+    here.server().Get("/secret", [&](const httplib::Request&, httplib::Response& res) {
+        ++hits;
+        res.set_content("secret", "text/plain");
+    });
+    ASSERT_TRUE(here.start());
+    TestHttpServer elsewhere;
+    elsewhere.server().Get("/feed", [](const httplib::Request&, httplib::Response& res) {
+        res.set_content("<rss/>", "text/xml");
+    });
+    elsewhere.server().Get("/moved", [&](const httplib::Request&, httplib::Response& res) {
+        res.set_redirect(here.url("/secret"));
+    });
+    ASSERT_TRUE(elsewhere.start());
+    tools::setRemoteTestPort(elsewhere.port());
+    InternetSession session("pelsu-test", honouringPort());
+    tools::DownloadRules forWebPage;
+    forWebPage.remoteOnly = true;
+    const auto failure = [&](const std::string& url) {
+        try {
+            std::string body;
+            readUrl(session, url, nullptr, nullptr, false, nullptr, nullptr, body, forWebPage);
+        } catch (const channels::Exception& e) {
+            return std::string(e.what());
+        }
+        return std::string("no failure");
+    };
+    std::string body;
+    readUrl(session, elsewhere.url("/feed"), nullptr, nullptr, false, nullptr, nullptr, body,
+            forWebPage);
+    EXPECT_EQ(body, "<rss/>");
+    // The redirect is followed for the user's own channels, never for a web page's.
+    readUrl(session, elsewhere.url("/moved"), nullptr, nullptr, false, nullptr, nullptr, body);
+    EXPECT_EQ(body, "secret");
+    EXPECT_EQ(hits.exchange(0), 1);
+    EXPECT_EQ(failure(elsewhere.url("/moved")),
+              "A channel that a web page added may not fetch from this computer (127.0.0.1): " +
+                  elsewhere.url("/moved"));
+    const std::string port = ":" + std::to_string(here.port());
+    for (const char* host :
+         {"127.0.0.1", "2130706433", "0x7f000001", "0177.0.0.1", "127.1", "[::ffff:127.0.0.1]",
+          "[0:0:0:0:0:0:0:1]", "[::]", "localhost", "0.0.0.0", "0", "0x0", "[::1%25lo]"}) {
+        const std::string url = std::string("http://") + host + port + "/secret";
+        EXPECT_NE(failure(url).find("may not fetch from this computer"), std::string::npos)
+            << failure(url);
+    }
+    // Names the resolver may not know fail one way or another, and never reach the server.
+    for (const char* host : {"localhost.", "0.0.0.0.", "%6c%6f%63%61%6c%68%6f%73%74"})
+        EXPECT_NE(failure(std::string("http://") + host + port + "/secret"), "no failure");
+    EXPECT_EQ(failure("file:///etc/hostname"),
+              "A channel that a web page added may fetch only http and https addresses: "
+              "file:///etc/hostname");
+    EXPECT_EQ(hits, 0);
+    tools::setRemoteTestPort(0);
+}
+
+TEST(HostAddresses, ThisComputersOwnInterfaceAddressesCountAsThisComputer) {
+    ifaddrs* list = nullptr;
+    ASSERT_EQ(::getifaddrs(&list), 0);
+    int checked = 0;
+    for (const ifaddrs* entry = list; entry; entry = entry->ifa_next)
+        if (entry->ifa_addr &&
+            (entry->ifa_addr->sa_family == AF_INET || entry->ifa_addr->sa_family == AF_INET6)) {
+            EXPECT_TRUE(tools::isThisComputer(entry->ifa_addr))
+                << tools::addressText(entry->ifa_addr);
+            ++checked;
+        }
+    ::freeifaddrs(list);
+    EXPECT_GT(checked, 0);
+    sockaddr_in remote{};
+    remote.sin_family = AF_INET;
+    ::inet_pton(AF_INET, "192.0.2.7", &remote.sin_addr);
+    EXPECT_FALSE(tools::isThisComputer(reinterpret_cast<sockaddr*>(&remote)));
+    EXPECT_FALSE(tools::hostNamesThisComputer("feeds.example.org", 80));
 }
 
 TEST(ReadUrl, SimplePathReportsOkAndLeavesTheValidatorsAlone) {
