@@ -50,11 +50,11 @@ void ChannelConfig::save(const std::string& file) const {
 #define PELSU_CONFIG_ACCESSORS(Type, getter, setter, member)                                       \
     Type ChannelConfig::getter() const {                                                           \
         threadSafety::ScopedLock guard(m_lock);                                                    \
-        return member;                                                                             \
+        return (member);                                                                           \
     }                                                                                              \
     void ChannelConfig::setter(const Type& value) {                                                \
         threadSafety::ScopedLock guard(m_lock);                                                    \
-        member = value;                                                                            \
+        (member) = value;                                                                          \
     }
 
 bool ChannelConfig::forceNetDownloads() const {

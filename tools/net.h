@@ -19,7 +19,7 @@ struct NetOptions {
     // A transfer that moves no data for this many seconds fails; 0 is no limit.
     long lowSpeedTimeSeconds = 120;
     // Largest body accepted, in bytes (local files too); 0 is no limit.
-    std::uint64_t maxBodyBytes = 64u * 1024u * 1024u;
+    std::uint64_t maxBodyBytes = std::uint64_t{64} * 1024 * 1024;
     // Seconds a whole transfer may take, however steadily data arrives; 0 is no limit.
     long maxTransferSeconds = 300;
 };

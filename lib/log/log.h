@@ -96,7 +96,7 @@ private:
     std::mutex m_fileMutex;
     std::FILE* m_file = nullptr;
     std::string m_path;
-    std::uint64_t m_maxFileSize = 5u * 1024u * 1024u;
+    std::uint64_t m_maxFileSize = std::uint64_t{5} * 1024 * 1024;
     std::uint64_t m_fileSize = 0;
     std::ostream* m_mirror = nullptr;
     std::atomic<bool> m_writing{false};
@@ -181,7 +181,7 @@ std::string dumpBytes(const void* data, std::size_t size);
     do {                                                                                           \
         ::msglog::LogLine pelsuLogLine_((group), __FILE__, __LINE__);                              \
         if (pelsuLogLine_)                                                                         \
-            pelsuLogLine_.stream() << text;                                                        \
+            pelsuLogLine_.stream() << text; /* NOLINT(bugprone-macro-parentheses) */               \
     } while (0)
 
 #define PELSU_ASSERT(expression, message)                                                          \
