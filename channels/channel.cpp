@@ -49,6 +49,7 @@ void Channel::save() {
     if (m_removed)
         return;
     const std::string file = fileName();
+    m_state.keepFeedThroughSave(file);
     profile::WriteBatch batch(file);
     if (m_state.isFeedLoaded() && m_state.feed().feedTime() != 0)
         config().setCache(m_state.feed().channel()); // the last feed's title etc. for next start
@@ -57,6 +58,7 @@ void Channel::save() {
     m_state.save(file);
     if (!batch.commit())
         throw Exception(profile::lastWriteError());
+    m_state.feedSaved(file);
 }
 
 void Channel::releaseFeed() {

@@ -50,10 +50,15 @@ struct Line {
 struct Section {
     std::string name; // empty for the lines before the first section
     bool isPrelude = false;
+    bool deleted = false; // left in place so that deleting many sections stays linear
     std::vector<Line> lines;
 };
 
-// A parsed profile file. The index maps a lower-cased section name to its first section.
+} // namespace
+
+// A parsed profile file. The index maps a lower-cased section name to its first section;
+// later sections of the same name are listed apart. Deleted sections stay in the list,
+// marked, until the document is written out.
 class Document {
 public:
     void parse(const std::string& text);
@@ -66,15 +71,20 @@ public:
     void deleteSection(const std::string& section);
     std::vector<std::string> sectionNames() const;
 
+    // Identifies the text the document was read from or last written as (0 when neither).
+    std::size_t textHash = 0;
+    std::size_t textSize = 0;
+
 private:
     void reindex();
     std::vector<Section> m_sections;
     std::unordered_map<std::string, size_t> m_index;
+    std::unordered_multimap<std::string, size_t> m_laterDuplicates;
 };
 
 void Document::parse(const std::string& text) {
     m_sections.clear();
-    m_sections.push_back(Section{"", true, {}});
+    m_sections.push_back(Section{"", true, false, {}});
     size_t pos = 0;
     while (pos < text.size()) {
         size_t end = text.find('\n', pos);
@@ -89,7 +99,7 @@ void Document::parse(const std::string& text) {
             size_t close = line.find(']');
             std::string name = misc::trimmed(
                 line.substr(1, close == std::string::npos ? std::string::npos : close - 1));
-            m_sections.push_back(Section{name, false, {}});
+            m_sections.push_back(Section{name, false, false, {}});
             continue;
         }
         Line entry;
@@ -108,6 +118,8 @@ void Document::parse(const std::string& text) {
 std::string Document::serialize() const {
     std::string out;
     for (const Section& section : m_sections) {
+        if (section.deleted)
+            continue;
         if (!section.isPrelude)
             out += "[" + section.name + "]\n";
         for (const Line& line : section.lines) {
@@ -123,9 +135,14 @@ std::string Document::serialize() const {
 
 void Document::reindex() {
     m_index.clear();
-    for (size_t i = 0; i < m_sections.size(); ++i)
-        if (!m_sections[i].isPrelude)
-            m_index.emplace(lowered(m_sections[i].name), i);
+    m_laterDuplicates.clear();
+    for (size_t i = 0; i < m_sections.size(); ++i) {
+        if (m_sections[i].isPrelude || m_sections[i].deleted)
+            continue;
+        std::string name = lowered(m_sections[i].name);
+        if (!m_index.emplace(name, i).second)
+            m_laterDuplicates.emplace(std::move(name), i);
+    }
 }
 
 const Section* Document::findSection(const std::string& name) const {
@@ -148,7 +165,7 @@ void Document::setValue(const std::string& section, const std::string& key,
                         const std::string& value) {
     auto it = m_index.find(lowered(section));
     if (it == m_index.end()) {
-        m_sections.push_back(Section{section, false, {}});
+        m_sections.push_back(Section{section, false, false, {}});
         it = m_index.emplace(lowered(section), m_sections.size() - 1).first;
     }
     Section& target = m_sections[it->second];
@@ -183,31 +200,31 @@ void Document::deleteKey(const std::string& section, const std::string& key) {
 }
 
 void Document::deleteSection(const std::string& section) {
-    if (!findSection(section))
+    const std::string name = lowered(section);
+    auto first = m_index.find(name);
+    if (first == m_index.end())
         return;
-    // Usually one section goes: the index is shifted rather than rebuilt.
-    std::vector<size_t> removed;
-    for (size_t i = 0; i < m_sections.size(); ++i)
-        if (!m_sections[i].isPrelude && equalsNoCase(m_sections[i].name, section))
-            removed.push_back(i);
-    for (auto position = removed.rbegin(); position != removed.rend(); ++position)
-        m_sections.erase(m_sections.begin() + static_cast<std::ptrdiff_t>(*position));
-    m_index.erase(lowered(section));
-    for (auto& [name, index] : m_index) {
-        size_t shift = 0;
-        while (shift < removed.size() && removed[shift] < index)
-            ++shift;
-        index -= shift;
-    }
+    const auto drop = [this](size_t index) {
+        m_sections[index].deleted = true;
+        std::vector<Line>().swap(m_sections[index].lines);
+    };
+    drop(first->second);
+    m_index.erase(first);
+    auto [begin, end] = m_laterDuplicates.equal_range(name);
+    for (auto it = begin; it != end; ++it)
+        drop(it->second);
+    m_laterDuplicates.erase(begin, end);
 }
 
 std::vector<std::string> Document::sectionNames() const {
     std::vector<std::string> names;
     for (const Section& section : m_sections)
-        if (!section.isPrelude && findSection(section.name) == &section)
+        if (!section.isPrelude && !section.deleted && findSection(section.name) == &section)
             names.push_back(section.name);
     return names;
 }
+
+namespace {
 
 // What identifies one version of a file on disk.
 struct Stamp {
@@ -263,7 +280,8 @@ std::atomic<std::uint64_t> g_nextVersion{1};
 
 struct CachedFile {
     std::mutex mutex;
-    Document document;
+    // Shared with the snapshots taken of it: changed in place only while nobody else holds it.
+    std::shared_ptr<Document> document = std::make_shared<Document>();
     Stamp stamp;
     bool valid = false;
     std::uint64_t version = 0; // changes with every change of the parsed copy
@@ -293,6 +311,7 @@ struct BatchState {
 };
 
 thread_local std::map<std::string, BatchState> t_batches;
+thread_local std::map<std::string, Snapshot> t_pinned;
 thread_local std::string t_lastWriteError;
 
 std::string normalized(const std::string& path) {
@@ -353,7 +372,10 @@ void refresh(CachedFile& file, const std::string& path) {
     std::string text;
     if (current.exists)
         readWholeFile(path, text);
-    file.document.parse(text);
+    file.document = std::make_shared<Document>();
+    file.document->parse(text);
+    file.document->textHash = std::hash<std::string>{}(text);
+    file.document->textSize = text.size();
     file.stamp = current;
     file.valid = true;
     file.version = g_nextVersion++;
@@ -399,13 +421,15 @@ bool applyAndWrite(const std::string& path, const std::vector<Operation>& operat
     std::lock_guard guard(file->mutex);
     refresh(*file, path);
     if (batch && batch->baseVersion == file->version) {
-        file->document = std::move(batch->document);
+        file->document = std::make_shared<Document>(std::move(batch->document));
     } else {
+        if (file->document.use_count() > 1) // a snapshot keeps the copy it was given
+            file->document = std::make_shared<Document>(*file->document);
         for (const Operation& operation : operations)
-            operation.applyTo(file->document);
+            operation.applyTo(*file->document);
     }
     file->version = g_nextVersion++;
-    const std::string text = file->document.serialize();
+    const std::string text = file->document->serialize();
     const std::size_t hash = std::hash<std::string>{}(text);
     if (file->stamp.exists && text.size() == file->textSize && hash == file->textHash)
         return true; // the file already holds exactly this
@@ -416,8 +440,8 @@ bool applyAndWrite(const std::string& path, const std::vector<Operation>& operat
         return false;
     }
     file->stamp = stampOf(path);
-    file->textHash = hash;
-    file->textSize = text.size();
+    file->textHash = file->document->textHash = hash;
+    file->textSize = file->document->textSize = text.size();
     return true;
 }
 
@@ -435,13 +459,16 @@ bool change(const std::string& rawPath, Operation operation) {
 template <typename Function>
 auto withDocument(const std::string& rawPath, Function function) {
     const std::string path = normalized(rawPath);
+    auto pinned = t_pinned.find(path);
+    if (pinned != t_pinned.end())
+        return function(*pinned->second);
     auto batch = t_batches.find(path);
     if (batch != t_batches.end())
         return function(static_cast<const Document&>(batch->second.document));
     auto file = cachedFile(path);
     std::lock_guard guard(file->mutex);
     refresh(*file, path);
-    return function(static_cast<const Document&>(file->document));
+    return function(static_cast<const Document&>(*file->document));
 }
 
 } // namespace
@@ -511,6 +538,41 @@ std::string fileProblem(const std::string& path) {
     return "";
 }
 
+Snapshot snapshot(const std::string& rawPath) {
+    const std::string path = normalized(rawPath);
+    auto file = cachedFile(path);
+    std::lock_guard guard(file->mutex);
+    auto batch = t_batches.find(path);
+    if (batch == t_batches.end())
+        refresh(*file, path);
+    else if (!batch->second.operations.empty() || batch->second.baseVersion != file->version) {
+        auto copy = std::make_shared<Document>(batch->second.document);
+        copy->textHash = copy->textSize = 0; // not a text that was read or written
+        return copy;
+    }
+    return file->document;
+}
+
+bool sameText(const Snapshot& first, const Snapshot& second) {
+    if (first == second)
+        return true;
+    return first && second && first->textHash != 0 && first->textHash == second->textHash &&
+           first->textSize == second->textSize;
+}
+
+ReadFromSnapshot::ReadFromSnapshot(const std::string& path, Snapshot snapshot)
+    : m_path(normalized(path)) {
+    if (snapshot && !t_pinned.count(m_path))
+        t_pinned.emplace(m_path, std::move(snapshot));
+    else
+        m_path.clear();
+}
+
+ReadFromSnapshot::~ReadFromSnapshot() {
+    if (!m_path.empty())
+        t_pinned.erase(m_path);
+}
+
 void clearCache() {
     auto& instance = cache();
     std::lock_guard guard(instance.mutex);
@@ -523,7 +585,7 @@ WriteBatch::WriteBatch(const std::string& path) : m_path(normalized(path)) {
         auto file = cachedFile(m_path);
         std::lock_guard guard(file->mutex);
         refresh(*file, m_path);
-        it->second.document = file->document;
+        it->second.document = *file->document;
         it->second.baseVersion = file->version;
         m_outermost = true;
     }
