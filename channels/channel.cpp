@@ -120,6 +120,10 @@ std::unique_ptr<Feed> parseFeed(RssParser& parser, Channel& channel, const std::
     options.skipLeadingBinaryData =
         channel.channelParameterFlag("SkipLeadingRssFeedBinaryData", true);
     options.allowEmptyFeeds = channel.settings().allowEmptyFeeds();
+    if (const ChannelManager* manager = channel.manager()) {
+        options.itemLimit = manager->options().feedItemLimit;
+        options.depthLimit = manager->options().feedDepthLimit;
+    }
     return parseFeed(parser, options, feedText, maxItems);
 }
 

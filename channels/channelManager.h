@@ -27,6 +27,8 @@ struct ChannelManagerOptions {
     int appServerPort = 0;             // the local servers' ports, for plugin scripts
     int appPluginServerPort = 2605;    // "AppPluginServerPortNo"
     tools::NetOptions net;             // time limits, size limit, port and TLS rules
+    int feedItemLimit = 500000;        // "MaxItemsPerFeed"
+    int feedDepthLimit = 1000;         // "MaxFeedNestingDepth"
     unsigned stopWaitMs = 30000;       // how long stop waits for the worker
 };
 

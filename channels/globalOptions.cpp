@@ -90,6 +90,8 @@ const Option kOptions[] = {
     {"StalledTransferTimeout", &G::stalledTransferTimeout, 0, 86400},
     {"MaxDownloadSizeKB", &G::maxDownloadSizeKB, 0, 4194304},
     {"AppServerPortNo", &G::appServerPortNo, 1000, 65535},
+    {"MaxItemsPerFeed", &G::maxItemsPerFeed, 0, 100000000},
+    {"MaxFeedNestingDepth", &G::maxFeedNestingDepth, 0, 100000},
 };
 
 struct Reader {

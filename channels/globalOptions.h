@@ -81,6 +81,10 @@ public:
     int stalledTransferTimeout = 120; // "StalledTransferTimeout", seconds, 0 = none
     int maxDownloadSizeKB = 65536;    // "MaxDownloadSizeKB", 0 = none
 
+    // What one feed may hold.
+    int maxItemsPerFeed = 500000;  // "MaxItemsPerFeed", 0 = none
+    int maxFeedNestingDepth = 1000; // "MaxFeedNestingDepth", 0 = none
+
     // The local app server's port ("/subscribe").
     int appServerPortNo = 2604; // "AppServerPortNo"
 
