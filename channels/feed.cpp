@@ -166,6 +166,23 @@ void Feed::load(const std::string& file, const std::string& section) {
     m_items = std::move(items);
 }
 
+void Feed::writeAsNewFile(std::ostream& out, const std::string& section) const {
+    threadSafety::ScopedLock lock(m_lock);
+    out << '[' << section << "]\nFeedTime=" << m_feedTime << '\n';
+    for (const ChannelKey& key : kChannelKeys) {
+        out << key.key << '=';
+        if (key.text)
+            out << profile::escapeIniValue(m_channel.*key.text) << '\n';
+        else
+            out << m_channel.*key.number << '\n';
+    }
+    for (std::size_t i = 0; i < m_items.size(); ++i) {
+        out << '[' << feedItemSectionName(section, i + 1) << "]\n";
+        for (const ItemKey& key : kItemKeys)
+            out << key.key << '=' << profile::escapeIniValue(m_items[i].*key.field) << '\n';
+    }
+}
+
 void Feed::save(const std::string& file, const std::string& section) const {
     threadSafety::ScopedLock lock(m_lock);
     profile::WriteBatch batch(file);

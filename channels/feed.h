@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -77,6 +78,9 @@ public:
     void load(const std::string& file, const std::string& section);
     // Saves under section S, deleting the old item sections first; the file is written once.
     void save(const std::string& file, const std::string& section) const;
+    // Writes the text a save under S puts into a file that held nothing before, without
+    // building it in memory first.
+    void writeAsNewFile(std::ostream& out, const std::string& section) const;
 
     // The lock that guards the item list.
     threadSafety::CriticalSection& lock() const { return m_lock; }

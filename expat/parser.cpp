@@ -94,8 +94,9 @@ void Parser::parseBuffer(const char* data, std::size_t length) {
     XML_SetElementHandler(handle, &Callbacks::start, &Callbacks::end);
     XML_SetCharacterDataHandler(handle, &Callbacks::characters);
     XML_SetUserData(handle, this);
-    // Buffers beyond what one call takes are fed in pieces; the last piece is final.
-    constexpr std::size_t kPiece = 1u << 30;
+    // Fed in pieces, the last one final: expat copies what it is given into a buffer of its
+    // own, so one whole large document would cost its size twice.
+    constexpr std::size_t kPiece = 1u << 20;
     std::size_t offset = 0;
     do {
         const std::size_t piece = std::min(kPiece, length - offset);

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <sstream>
 
 using namespace channels;
 using testing_support::readFile;
@@ -63,4 +64,47 @@ TEST(ChannelFile, ItemsSurviveTheFileBeingReplacedOrRemovedUnderARunningManager)
     EXPECT_EQ(storedIds(channels + "/kept.rss"), expected);
     EXPECT_EQ(profile::readValue(channels + "/replaced.rss", "Config", "RssChannelUrl"),
               "http://a.example/");
+}
+
+TEST(ChannelFile, SavedFeedHasTheseExactBytesAndParseOutputMatchesThem) {
+    Feed feed;
+    feed.setFeedTime(1700000000);
+    feed.channel().channelDisplayName = "News 100%";
+    feed.channel().channelImageWidth = 88;
+    FeedItem item;
+    item.id = "a";
+    item.title = "Caf\xE9\r\nnext";
+    feed.appendItem(item);
+    item.id = "b";
+    item.title = " padded ";
+    feed.appendItem(item);
+    const std::string expected =
+        "[Last Feed]\nFeedTime=1700000000\nChannelDisplayName=News 100%25\n"
+        "ChannelDescription=\nChannelHomeUrl=\nChannelImageUrl=\nChannelImageWidth=88\n"
+        "ChannelImageHeight=0\nCopyrightString=\nEditorEmailAddress=\nWebMasterEmailAddress=\n"
+        "PubDateString=\nLastBuildDateString=\nFeedGenerator=\n"
+        "[Last Feed (1)]\nId=a\nTitle=Caf%E9%0D%0Anext\nDescription=\nUrl=\nSource=\nAuthor=\n"
+        "CommentsUrl=\nPubDateString=\n"
+        "[Last Feed (2)]\nId=b\nTitle= padded \nDescription=\nUrl=\nSource=\nAuthor=\n"
+        "CommentsUrl=\nPubDateString=\n";
+    TempDir dir;
+    const std::string file = dir.file("c.rss");
+    feed.save(file, "Last Feed");
+    EXPECT_EQ(readFile(file), expected);
+    std::ostringstream direct;
+    feed.writeAsNewFile(direct, "Last Feed");
+    EXPECT_EQ(direct.str(), expected);
+
+    // A second save of a shorter feed drops the old item sections and appends the new ones
+    // after the sections written in between.
+    profile::writeValue(file, "ChannelParameters", "Colour", "red");
+    Feed shorter;
+    item.id = "c";
+    item.title = "C";
+    shorter.appendItem(item);
+    shorter.save(file, "Last Feed");
+    const std::string text = readFile(file);
+    EXPECT_NE(text.find("[ChannelParameters]\nColour=red\n[Last Feed (1)]\nId=c\n"),
+              std::string::npos);
+    EXPECT_EQ(text.find("[Last Feed (2)]"), std::string::npos);
 }
