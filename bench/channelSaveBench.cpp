@@ -41,9 +41,9 @@ void save(const channels::Feed& feed, const std::string& file) {
 }
 
 void setPerItem(benchmark::State& state) {
-    state.counters["per_item"] = benchmark::Counter(
-        static_cast<double>(state.range(0)),
-        benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+    state.counters["per_item"] = benchmark::Counter(static_cast<double>(state.range(0)),
+                                                    benchmark::Counter::kIsIterationInvariantRate |
+                                                        benchmark::Counter::kInvert);
 }
 
 void BM_FirstSave(benchmark::State& state) {
