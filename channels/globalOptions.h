@@ -82,7 +82,7 @@ public:
     int maxDownloadSizeKB = 65536;    // "MaxDownloadSizeKB", 0 = none
 
     // What one feed may hold.
-    int maxItemsPerFeed = 500000;  // "MaxItemsPerFeed", 0 = none
+    int maxItemsPerFeed = 500000;   // "MaxItemsPerFeed", 0 = none
     int maxFeedNestingDepth = 1000; // "MaxFeedNestingDepth", 0 = none
 
     // The local app server's port ("/subscribe").
