@@ -153,8 +153,7 @@ void Parser::startElement(const char* name, const char** attributes) {
     if (!m_abortMessage.empty())
         return;
     if (m_maxDepth > 0 && m_tagStack.size() >= m_maxDepth) {
-        abort("The document nests elements deeper than " + std::to_string(m_maxDepth) +
-              " levels");
+        abort("The document nests elements deeper than " + std::to_string(m_maxDepth) + " levels");
         return;
     }
     m_tagStack.emplace_back(name);

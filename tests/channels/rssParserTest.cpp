@@ -215,9 +215,10 @@ TEST(RssParser, FeedsBeyondTheItemAndNestingLimitsAreRefusedWithTheirMessages) {
     EXPECT_EQ(parse(feedOf(2, 7), 0, limits)->itemCount(), 3u);
     EXPECT_EQ(failureOf(feedOf(3, 0), limits),
               "The feed holds more than 3 items, the limit set by MaxItemsPerFeed (L1/C136)");
-    EXPECT_EQ(failureOf(feedOf(0, 8), limits).rfind("The document nests elements deeper than 10 "
-                                                    "levels (L1/C",
-                                                    0),
+    EXPECT_EQ(failureOf(feedOf(0, 8), limits)
+                  .rfind("The document nests elements deeper than 10 "
+                         "levels (L1/C",
+                         0),
               0u);
     // The per-channel item limit keeps the first items; the cap still counts every item.
     EXPECT_NE(failureOf(feedOf(5, 0), limits), "no failure");
