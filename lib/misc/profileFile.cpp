@@ -70,6 +70,9 @@ public:
     void deleteKey(const std::string& section, const std::string& key);
     void deleteSection(const std::string& section);
     std::vector<std::string> sectionNames() const;
+    // Applies to this document what changed from base to mine: sections mine no longer has
+    // are deleted, and keys mine added, changed or removed are set or deleted.
+    void mergeChanges(const Document& base, const Document& mine);
 
     // Identifies the text the document was read from or last written as (0 when neither).
     std::size_t textHash = 0;
@@ -216,6 +219,26 @@ void Document::deleteSection(const std::string& section) {
     m_laterDuplicates.erase(begin, end);
 }
 
+void Document::mergeChanges(const Document& base, const Document& mine) {
+    for (const std::string& name : base.sectionNames())
+        if (!mine.findSection(name))
+            deleteSection(name);
+    for (const std::string& name : mine.sectionNames()) {
+        const Section* before = base.findSection(name);
+        const Section* after = mine.findSection(name);
+        for (const Line& line : after->lines) {
+            if (!line.isKey || mine.value(name, line.key) != line.value)
+                continue; // not the first occurrence of the key
+            if (!before || base.value(name, line.key) != line.value)
+                setValue(name, line.key, line.value);
+        }
+        if (before)
+            for (const Line& line : before->lines)
+                if (line.isKey && !mine.value(name, line.key))
+                    deleteKey(name, line.key);
+    }
+}
+
 std::vector<std::string> Document::sectionNames() const {
     std::vector<std::string> names;
     for (const Section& section : m_sections)
@@ -306,8 +329,9 @@ Cache& cache() {
 struct BatchState {
     int depth = 0;
     Document document;
-    std::vector<Operation> operations;
-    std::uint64_t baseVersion = 0; // the shared copy's version the batch started from
+    bool changed = false;
+    std::shared_ptr<const Document> base; // the shared copy the batch started from
+    std::uint64_t baseVersion = 0;        // and its version
 };
 
 thread_local std::map<std::string, BatchState> t_batches;
@@ -414,7 +438,8 @@ bool writeAtomically(const std::string& path, const std::string& text, std::stri
 }
 
 // Applies operations to the shared copy and rewrites the file once. A batch whose starting
-// copy is still current hands over its document instead of replaying its operations.
+// copy is still current hands over its document; otherwise its changes are merged into the
+// fresher copy.
 bool applyAndWrite(const std::string& path, const std::vector<Operation>& operations,
                    BatchState* batch = nullptr) {
     auto file = cachedFile(path);
@@ -425,6 +450,8 @@ bool applyAndWrite(const std::string& path, const std::vector<Operation>& operat
     } else {
         if (file->document.use_count() > 1) // a snapshot keeps the copy it was given
             file->document = std::make_shared<Document>(*file->document);
+        if (batch)
+            file->document->mergeChanges(*batch->base, batch->document);
         for (const Operation& operation : operations)
             operation.applyTo(*file->document);
     }
@@ -450,7 +477,7 @@ bool change(const std::string& rawPath, Operation operation) {
     auto batch = t_batches.find(path);
     if (batch != t_batches.end()) {
         operation.applyTo(batch->second.document);
-        batch->second.operations.push_back(std::move(operation));
+        batch->second.changed = true;
         return true;
     }
     return applyAndWrite(path, {operation});
@@ -545,7 +572,7 @@ Snapshot snapshot(const std::string& rawPath) {
     auto batch = t_batches.find(path);
     if (batch == t_batches.end())
         refresh(*file, path);
-    else if (!batch->second.operations.empty() || batch->second.baseVersion != file->version) {
+    else if (batch->second.changed || batch->second.baseVersion != file->version) {
         auto copy = std::make_shared<Document>(batch->second.document);
         copy->textHash = copy->textSize = 0; // not a text that was read or written
         return copy;
@@ -586,6 +613,7 @@ WriteBatch::WriteBatch(const std::string& path) : m_path(normalized(path)) {
         std::lock_guard guard(file->mutex);
         refresh(*file, m_path);
         it->second.document = *file->document;
+        it->second.base = file->document;
         it->second.baseVersion = file->version;
         m_outermost = true;
     }
@@ -608,9 +636,9 @@ bool WriteBatch::commit() {
         return true;
     BatchState state = std::move(it->second);
     t_batches.erase(it);
-    if (state.operations.empty())
+    if (!state.changed)
         return true;
-    return applyAndWrite(m_path, state.operations, &state);
+    return applyAndWrite(m_path, {}, &state);
 }
 
 } // namespace profile
