@@ -282,6 +282,18 @@ struct Operation {
     std::string section;
     std::string key;
     std::string value;
+    // Whether applying it to the document would change anything.
+    bool changes(const Document& document) const {
+        switch (kind) {
+        case Set:
+            return document.value(section, key) != value;
+        case DeleteKey:
+            return document.value(section, key).has_value();
+        case DeleteSection:
+            return document.findSection(section) != nullptr;
+        }
+        return true;
+    }
     void applyTo(Document& document) const {
         switch (kind) {
         case Set:
@@ -328,7 +340,7 @@ Cache& cache() {
 
 struct BatchState {
     int depth = 0;
-    Document document;
+    std::unique_ptr<Document> document; // made from base at the first write that changes it
     bool changed = false;
     std::shared_ptr<const Document> base; // the shared copy the batch started from
     std::uint64_t baseVersion = 0;        // and its version
@@ -446,12 +458,12 @@ bool applyAndWrite(const std::string& path, const std::vector<Operation>& operat
     std::lock_guard guard(file->mutex);
     refresh(*file, path);
     if (batch && batch->baseVersion == file->version) {
-        file->document = std::make_shared<Document>(std::move(batch->document));
+        file->document = std::make_shared<Document>(std::move(*batch->document));
     } else {
         if (file->document.use_count() > 1) // a snapshot keeps the copy it was given
             file->document = std::make_shared<Document>(*file->document);
         if (batch)
-            file->document->mergeChanges(*batch->base, batch->document);
+            file->document->mergeChanges(*batch->base, *batch->document);
         for (const Operation& operation : operations)
             operation.applyTo(*file->document);
     }
@@ -476,8 +488,14 @@ bool change(const std::string& rawPath, Operation operation) {
     const std::string path = normalized(rawPath);
     auto batch = t_batches.find(path);
     if (batch != t_batches.end()) {
-        operation.applyTo(batch->second.document);
-        batch->second.changed = true;
+        BatchState& state = batch->second;
+        if (!state.document) {
+            if (!operation.changes(*state.base))
+                return true; // a batch that changes nothing copies nothing
+            state.document = std::make_unique<Document>(*state.base);
+        }
+        operation.applyTo(*state.document);
+        state.changed = true;
         return true;
     }
     return applyAndWrite(path, {operation});
@@ -491,7 +509,8 @@ auto withDocument(const std::string& rawPath, Function function) {
         return function(*pinned->second);
     auto batch = t_batches.find(path);
     if (batch != t_batches.end())
-        return function(static_cast<const Document&>(batch->second.document));
+        return function(static_cast<const Document&>(
+            batch->second.document ? *batch->second.document : *batch->second.base));
     auto file = cachedFile(path);
     std::lock_guard guard(file->mutex);
     refresh(*file, path);
@@ -572,8 +591,10 @@ Snapshot snapshot(const std::string& rawPath) {
     auto batch = t_batches.find(path);
     if (batch == t_batches.end())
         refresh(*file, path);
-    else if (batch->second.changed || batch->second.baseVersion != file->version) {
-        auto copy = std::make_shared<Document>(batch->second.document);
+    else if (!batch->second.document)
+        return batch->second.base;
+    else {
+        auto copy = std::make_shared<Document>(*batch->second.document);
         copy->textHash = copy->textSize = 0; // not a text that was read or written
         return copy;
     }
@@ -612,7 +633,6 @@ WriteBatch::WriteBatch(const std::string& path) : m_path(normalized(path)) {
         auto file = cachedFile(m_path);
         std::lock_guard guard(file->mutex);
         refresh(*file, m_path);
-        it->second.document = *file->document;
         it->second.base = file->document;
         it->second.baseVersion = file->version;
         m_outermost = true;
