@@ -3,6 +3,7 @@
 # two shapes: ordinary items (title, link, guid, a paragraph of text, a date) and the worst
 # shape, minimal items (<item><title>x</title></item>). Prints the peak resident size that
 # /usr/bin/time reports beside the feed's size, their ratio, and the wall time.
+# PELSU_SHAPES picks the shapes ("ordinary minimal"), PELSU_CLI another pelsu-cli binary.
 # Usage: bench/memory/run.sh [MEGABYTES]   (default 30; minimal items stop at 14 MB, about
 # 480,000 items, under the default "MaxItemsPerFeed" of 500,000)
 set -euo pipefail
@@ -65,7 +66,7 @@ print('%-26s feed %7.1f MiB  peak %8.1f MiB  ratio %6.2f  (peak - 30 MiB) / feed
         "$label" "$size" "$peak" "$start" "$end"
 }
 
-for shape in ordinary minimal; do
+for shape in ${PELSU_SHAPES:-ordinary minimal}; do
     make_feed "$shape" "$work/$shape-1.xml" 1
     make_feed "$shape" "$work/$shape-2.xml" 2
     home="$work/home-$shape"
