@@ -79,6 +79,13 @@ void ChannelState::replaceFeed(std::unique_ptr<Feed> feed) {
     threadSafety::ScopedLock lock(m_lock);
     m_feed = feed ? std::move(feed) : std::make_unique<Feed>();
 }
+std::size_t ChannelState::itemCount() const {
+    threadSafety::ScopedLock lock(m_lock);
+    if (m_feed || m_feedFile.empty())
+        return loadedFeed().itemCount();
+    profile::ReadFromSnapshot asLoaded(m_feedFile, m_feedSource);
+    return Feed::storedItemCount(m_feedFile, kFeedSection);
+}
 bool ChannelState::isFeedLoaded() const {
     threadSafety::ScopedLock lock(m_lock);
     return m_feed != nullptr;

@@ -38,6 +38,9 @@ public:
     // Hands over a new feed; the old one is dropped.
     void replaceFeed(std::unique_ptr<Feed> feed);
     bool isFeedLoaded() const;
+    // The feed's item count; counted in the file, without reading the feed, when it is not in
+    // memory.
+    std::size_t itemCount() const;
     // Drops the feed from memory after it was saved to file; it is read again when used. Any
     // reference to the old feed is invalid afterwards.
     void releaseFeed(const std::string& file);

@@ -210,6 +210,14 @@ void Feed::truncateItems(std::size_t count) {
     m_items.truncate(count);
 }
 
+std::size_t Feed::storedItemCount(const std::string& file, const std::string& section) {
+    profile::WriteBatch snapshot(file);
+    std::size_t count = 0;
+    while (!profile::readIniString(file, feedItemSectionName(section, count + 1), "Id").empty())
+        ++count;
+    return count;
+}
+
 void Feed::load(const std::string& file, const std::string& section) {
     profile::WriteBatch snapshot(file);
     std::int32_t feedTime = profile::readIniInt(file, section, "FeedTime", 0);

@@ -92,6 +92,8 @@ public:
     // Keeps the first count items.
     void truncateItems(std::size_t count);
 
+    // How many items a load from section S would bring, without reading them.
+    static std::size_t storedItemCount(const std::string& file, const std::string& section);
     // Loads from section S and its item sections "S (1)", "S (2)", ...; a gap ends the list.
     void load(const std::string& file, const std::string& section);
     // Saves under section S, deleting the old item sections first; the file is written once.

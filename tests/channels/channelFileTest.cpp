@@ -56,6 +56,9 @@ TEST(ChannelFile, ItemsSurviveTheFileBeingReplacedOrRemovedUnderARunningManager)
                                      "[Last Feed (1)]\nId=foreign\n");
     fs::rename(dir.file("other.rss"), channels + "/replaced.rss");
     fs::remove(channels + "/removed.rss");
+    const ChannelState& removed = manager.findChannel("removed")->state();
+    EXPECT_EQ(removed.itemCount(), 2u) << "counted in the copy taken at load";
+    EXPECT_FALSE(removed.isFeedLoaded());
     manager.stop();
 
     const std::vector<std::string> expected{"first", "second"};
