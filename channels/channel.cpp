@@ -49,6 +49,7 @@ void Channel::save() {
     if (m_removed)
         return;
     const std::string file = fileName();
+    m_state.keepFeedThroughSave(file);
     profile::WriteBatch batch(file);
     // The last feed's title etc. for the next start, copied while the worker may replace it.
     if (const auto fields = m_state.fetchedFeedChannel())
@@ -58,6 +59,7 @@ void Channel::save() {
     m_state.save(file);
     if (!batch.commit())
         throw Exception(profile::lastWriteError());
+    m_state.feedSaved(file);
 }
 
 void Channel::releaseFeed() {
@@ -119,6 +121,10 @@ std::unique_ptr<Feed> parseFeed(RssParser& parser, Channel& channel, const std::
     options.skipLeadingBinaryData =
         channel.channelParameterFlag("SkipLeadingRssFeedBinaryData", true);
     options.allowEmptyFeeds = channel.settings().allowEmptyFeeds();
+    if (const ChannelManager* manager = channel.manager()) {
+        options.itemLimit = manager->options().feedItemLimit;
+        options.depthLimit = manager->options().feedDepthLimit;
+    }
     return parseFeed(parser, options, feedText, maxItems);
 }
 

@@ -28,6 +28,8 @@ struct ChannelManagerOptions {
     int appServerPort = 0;             // the local servers' ports, for plugin scripts
     int appPluginServerPort = 2605;    // at start; appPluginServerPort() has the current one
     tools::NetOptions net;             // time limits, size limit, port and TLS rules
+    int feedItemLimit = 500000;        // "MaxItemsPerFeed"
+    int feedDepthLimit = 1000;         // "MaxFeedNestingDepth"
     unsigned stopWaitMs = 30000;       // how long stop waits for the worker
 };
 

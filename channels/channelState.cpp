@@ -19,6 +19,7 @@ void ChannelState::load(const std::string& file) {
     m_httpETag = profile::readIniString(file, kSection, "HttpETag");
     m_feed.reset();
     m_feedFile = file;
+    m_feedSource = profile::snapshot(file);
 }
 
 void ChannelState::save(const std::string& file) const {
@@ -57,9 +58,12 @@ void ChannelState::setHttpETag(const std::string& value) {
 Feed& ChannelState::loadedFeed() const {
     if (!m_feed) {
         auto feed = std::make_unique<Feed>();
-        if (!m_feedFile.empty())
+        if (!m_feedFile.empty()) {
+            profile::ReadFromSnapshot asLoaded(m_feedFile, m_feedSource);
             feed->load(m_feedFile, kFeedSection);
+        }
         m_feed = std::move(feed);
+        m_feedSource.reset();
     }
     return *m_feed;
 }
@@ -75,6 +79,13 @@ void ChannelState::replaceFeed(std::unique_ptr<Feed> feed) {
     threadSafety::ScopedLock lock(m_lock);
     m_feed = feed ? std::move(feed) : std::make_unique<Feed>();
 }
+std::size_t ChannelState::itemCount() const {
+    threadSafety::ScopedLock lock(m_lock);
+    if (m_feed || m_feedFile.empty())
+        return loadedFeed().itemCount();
+    profile::ReadFromSnapshot asLoaded(m_feedFile, m_feedSource);
+    return Feed::storedItemCount(m_feedFile, kFeedSection);
+}
 bool ChannelState::isFeedLoaded() const {
     threadSafety::ScopedLock lock(m_lock);
     return m_feed != nullptr;
@@ -89,6 +100,18 @@ void ChannelState::releaseFeed(const std::string& file) {
     threadSafety::ScopedLock lock(m_lock);
     m_feed.reset();
     m_feedFile = file;
+    m_feedSource = profile::snapshot(file);
+}
+
+void ChannelState::keepFeedThroughSave(const std::string& file) {
+    threadSafety::ScopedLock lock(m_lock);
+    if (!m_feed && m_feedSource && !profile::sameText(m_feedSource, profile::snapshot(file)))
+        loadedFeed();
+}
+void ChannelState::feedSaved(const std::string& file) {
+    threadSafety::ScopedLock lock(m_lock);
+    if (!m_feed)
+        m_feedSource = profile::snapshot(file);
 }
 
 } // namespace channels

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "channels/feed.h"
+#include "lib/misc/profileFile.h"
 #include "lib/misc/threadSafetyWin32.h"
 
 #include <cstdint>
@@ -18,7 +19,9 @@ public:
     ChannelState(const ChannelState&) = delete;
     ChannelState& operator=(const ChannelState&) = delete;
 
-    // Reads the keys; the feed stored under "Last Feed" is read when it is first used.
+    // Reads the keys; the feed stored under "Last Feed" is read when it is first used, from
+    // the file as it was at this load (a copy is kept), so that a file replaced or removed
+    // meanwhile costs no items.
     virtual void load(const std::string& file);
     // Writes the keys and, when it is in memory, the feed.
     virtual void save(const std::string& file) const;
@@ -39,9 +42,17 @@ public:
     // A copy, taken under the lock, of the channel fields of the feed in memory when it came
     // from a fetch (its FeedTime is set); nothing otherwise. Safe while the worker replaces it.
     std::optional<FeedChannelFields> fetchedFeedChannel() const;
+    // The feed's item count; counted in the file, without reading the feed, when it is not in
+    // memory.
+    std::size_t itemCount() const;
     // Drops the feed from memory after it was saved to file; it is read again when used. Any
     // reference to the old feed is invalid afterwards.
     void releaseFeed(const std::string& file);
+    // Before a save: when the feed is not in memory and the file no longer holds the text it
+    // was loaded from, reads the feed from the kept copy so that the save writes it back.
+    void keepFeedThroughSave(const std::string& file);
+    // After a save: the file now holds the feed.
+    void feedSaved(const std::string& file);
 
 private:
     mutable threadSafety::CriticalSection m_lock{"ChannelState"};
@@ -52,6 +63,8 @@ private:
 
     mutable std::unique_ptr<Feed> m_feed;
     std::string m_feedFile; // where the feed is read from when it is not in memory
+    // The file as it was loaded or last saved, while the feed is not in memory.
+    mutable profile::Snapshot m_feedSource;
 };
 
 } // namespace channels

@@ -72,20 +72,17 @@ templateProcessor::Variables channelVariables(Channel& channel, const std::strin
     };
 }
 
-std::vector<templateProcessor::Variables> itemRows(const Feed& feed) {
-    std::vector<templateProcessor::Variables> rows;
-    std::size_t number = 0;
-    for (const FeedItem& item : feed.items())
-        rows.push_back({{"ITEM-NUMBER", std::to_string(++number)},
-                        {"ITEM-ID", item.id},
-                        {"ITEM-TITLE", item.title},
-                        {"ITEM-DESCRIPTION", htmlStripper::plainText(item.description)},
-                        {"ITEM-URL", safeUrl(item.url)},
-                        {"ITEM-SOURCE", item.source},
-                        {"ITEM-AUTHOR", item.author},
-                        {"ITEM-COMMENTS-URL", safeUrl(item.commentsUrl)},
-                        {"ITEM-PUBDATE", item.pubDateString}});
-    return rows;
+templateProcessor::Variables itemRow(const Feed& feed, std::size_t index) {
+    const FeedItem item = feed.item(index);
+    return {{"ITEM-NUMBER", std::to_string(index + 1)},
+            {"ITEM-ID", item.id},
+            {"ITEM-TITLE", item.title},
+            {"ITEM-DESCRIPTION", htmlStripper::plainText(item.description)},
+            {"ITEM-URL", safeUrl(item.url)},
+            {"ITEM-SOURCE", item.source},
+            {"ITEM-AUTHOR", item.author},
+            {"ITEM-COMMENTS-URL", safeUrl(item.commentsUrl)},
+            {"ITEM-PUBDATE", item.pubDateString}};
 }
 
 } // namespace
@@ -113,16 +110,18 @@ std::string writeChannelSummaryPage(Channel& channel, const std::string& userDir
         throw Exception("Can't open file: " + templateFile);
     std::ostringstream text;
     text << in.rdbuf();
-    std::string page;
+    const Feed& feed = channel.state().feed();
+    const templateProcessor::Variables variables = channelVariables(channel, background);
     try {
-        page = templateProcessor::process(text.str(), channelVariables(channel, background),
-                                          itemRows(channel.state().feed()));
+        templateProcessor::process(text.str(), {}); // a broken template leaves the page alone
     } catch (const templateProcessor::Exception& failure) {
         throw Exception(std::string(failure.what()) + " (" + templateFile + ")");
     }
     tools::TempFile& file = channel.summaryPage();
     std::ofstream& out = file.reopen(true);
-    out << page;
+    templateProcessor::process(
+        text.str(), variables, feed.itemCount(),
+        [&feed](std::size_t index) { return itemRow(feed, index); }, out);
     file.close();
     return file.path();
 }

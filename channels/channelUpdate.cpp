@@ -24,7 +24,7 @@ FeedIndex indexFeed(const Feed& feed) {
     FeedIndex index;
     const std::size_t count = feed.itemCount();
     for (std::size_t i = 0; i < count; ++i)
-        index[feed.item(i).id] = i; // a later item with the same id takes the entry
+        index[feed.itemId(i)] = i; // a later item with the same id takes the entry
     return index;
 }
 

@@ -48,6 +48,60 @@ constexpr int kImageSizeMaximum = 500;
 
 } // namespace
 
+namespace {
+
+void appendLength(std::string& out, std::size_t length) {
+    do {
+        const auto low = static_cast<unsigned char>(length & 0x7F);
+        length >>= 7;
+        out += static_cast<char>(length ? low | 0x80 : low);
+    } while (length);
+}
+
+std::size_t readLength(const std::string& bytes, std::size_t& position) {
+    std::size_t length = 0;
+    for (int shift = 0;; shift += 7) {
+        const auto byte = static_cast<unsigned char>(bytes[position++]);
+        length |= static_cast<std::size_t>(byte & 0x7F) << shift;
+        if (!(byte & 0x80))
+            return length;
+    }
+}
+
+} // namespace
+
+FeedItem PackedFeedItems::at(std::size_t index) const {
+    FeedItem item;
+    std::size_t position = m_starts[index];
+    for (const ItemKey& key : kItemKeys) {
+        const std::size_t length = readLength(m_bytes, position);
+        (item.*key.field).assign(m_bytes, position, length);
+        position += length;
+    }
+    return item;
+}
+
+std::string PackedFeedItems::id(std::size_t index) const {
+    std::size_t position = m_starts[index];
+    const std::size_t length = readLength(m_bytes, position); // the id is the first field
+    return m_bytes.substr(position, length);
+}
+
+void PackedFeedItems::push_back(const FeedItem& item) {
+    m_starts.push_back(m_bytes.size());
+    for (const ItemKey& key : kItemKeys) {
+        appendLength(m_bytes, (item.*key.field).size());
+        m_bytes += item.*key.field;
+    }
+}
+
+void PackedFeedItems::truncate(std::size_t count) {
+    if (count >= m_starts.size())
+        return;
+    m_bytes.resize(m_starts[count]);
+    m_starts.resize(count);
+}
+
 std::string feedItemSectionName(const std::string& section, std::size_t number) {
     return section + " (" + std::to_string(number) + ")";
 }
@@ -129,23 +183,39 @@ std::size_t Feed::itemCount() const {
 
 FeedItem Feed::item(std::size_t index) const {
     threadSafety::ScopedLock lock(m_lock);
-    return index < m_items.size() ? m_items[index] : FeedItem{};
+    return index < m_items.size() ? m_items.at(index) : FeedItem{};
 }
 
 std::vector<FeedItem> Feed::items() const {
     threadSafety::ScopedLock lock(m_lock);
-    return m_items;
+    std::vector<FeedItem> items;
+    items.reserve(m_items.size());
+    for (std::size_t i = 0; i < m_items.size(); ++i)
+        items.push_back(m_items.at(i));
+    return items;
+}
+
+std::string Feed::itemId(std::size_t index) const {
+    threadSafety::ScopedLock lock(m_lock);
+    return index < m_items.size() ? m_items.id(index) : std::string();
 }
 
 void Feed::appendItem(FeedItem item) {
     threadSafety::ScopedLock lock(m_lock);
-    m_items.push_back(std::move(item));
+    m_items.push_back(item);
 }
 
 void Feed::truncateItems(std::size_t count) {
     threadSafety::ScopedLock lock(m_lock);
-    if (m_items.size() > count)
-        m_items.resize(count);
+    m_items.truncate(count);
+}
+
+std::size_t Feed::storedItemCount(const std::string& file, const std::string& section) {
+    profile::WriteBatch snapshot(file);
+    std::size_t count = 0;
+    while (!profile::readIniString(file, feedItemSectionName(section, count + 1), "Id").empty())
+        ++count;
+    return count;
 }
 
 void Feed::load(const std::string& file, const std::string& section) {
@@ -153,17 +223,35 @@ void Feed::load(const std::string& file, const std::string& section) {
     std::int32_t feedTime = profile::readIniInt(file, section, "FeedTime", 0);
     FeedChannelFields channel;
     channel.load(file, section);
-    std::vector<FeedItem> items;
+    PackedFeedItems items;
     for (std::size_t n = 1;; ++n) {
         FeedItem item;
         if (!item.load(file, feedItemSectionName(section, n)))
             break;
-        items.push_back(std::move(item));
+        items.push_back(item);
     }
     threadSafety::ScopedLock lock(m_lock);
     m_feedTime = feedTime;
     m_channel = std::move(channel);
     m_items = std::move(items);
+}
+
+void Feed::writeAsNewFile(std::ostream& out, const std::string& section) const {
+    threadSafety::ScopedLock lock(m_lock);
+    out << '[' << section << "]\nFeedTime=" << m_feedTime << '\n';
+    for (const ChannelKey& key : kChannelKeys) {
+        out << key.key << '=';
+        if (key.text)
+            out << profile::escapeIniValue(m_channel.*key.text) << '\n';
+        else
+            out << m_channel.*key.number << '\n';
+    }
+    for (std::size_t i = 0; i < m_items.size(); ++i) {
+        const FeedItem item = m_items.at(i);
+        out << '[' << feedItemSectionName(section, i + 1) << "]\n";
+        for (const ItemKey& key : kItemKeys)
+            out << key.key << '=' << profile::escapeIniValue(item.*key.field) << '\n';
+    }
 }
 
 void Feed::save(const std::string& file, const std::string& section) const {
@@ -178,7 +266,7 @@ void Feed::save(const std::string& file, const std::string& section) const {
         profile::deleteIniSection(file, itemSection);
     }
     for (std::size_t i = 0; i < m_items.size(); ++i)
-        m_items[i].save(file, feedItemSectionName(section, i + 1));
+        m_items.at(i).save(file, feedItemSectionName(section, i + 1));
 }
 
 } // namespace channels

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -51,6 +52,22 @@ struct FeedChannelFields {
     void save(const std::string& file, const std::string& section) const;
 };
 
+// Items packed one after another in one buffer, each field as its length and its bytes: a
+// feed of a million small items then costs tens of bytes per item, not hundreds.
+class PackedFeedItems {
+public:
+    std::size_t size() const { return m_starts.size(); }
+    FeedItem at(std::size_t index) const;
+    std::string id(std::size_t index) const;
+    void push_back(const FeedItem& item);
+    void truncate(std::size_t count);
+    bool operator==(const PackedFeedItems&) const = default;
+
+private:
+    std::string m_bytes;
+    std::vector<std::size_t> m_starts;
+};
+
 class Feed {
 public:
     Feed() = default;
@@ -69,14 +86,21 @@ public:
     // The item at a 0-based index (a copy, taken under the feed's lock).
     FeedItem item(std::size_t index) const;
     std::vector<FeedItem> items() const;
+    // The id of the item at a 0-based index (empty past the end).
+    std::string itemId(std::size_t index) const;
     void appendItem(FeedItem item);
     // Keeps the first count items.
     void truncateItems(std::size_t count);
 
+    // How many items a load from section S would bring, without reading them.
+    static std::size_t storedItemCount(const std::string& file, const std::string& section);
     // Loads from section S and its item sections "S (1)", "S (2)", ...; a gap ends the list.
     void load(const std::string& file, const std::string& section);
     // Saves under section S, deleting the old item sections first; the file is written once.
     void save(const std::string& file, const std::string& section) const;
+    // Writes the text a save under S puts into a file that held nothing before, without
+    // building it in memory first.
+    void writeAsNewFile(std::ostream& out, const std::string& section) const;
 
     // The lock that guards the item list.
     threadSafety::CriticalSection& lock() const { return m_lock; }
@@ -85,7 +109,7 @@ private:
     mutable threadSafety::CriticalSection m_lock{"Feed"};
     std::int32_t m_feedTime = 0;
     FeedChannelFields m_channel;
-    std::vector<FeedItem> m_items;
+    PackedFeedItems m_items;
 };
 
 // "S (n)": the name of the section of the n-th item (from 1) of a feed stored under S.

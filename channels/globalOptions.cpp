@@ -93,6 +93,8 @@ const Option kOptions[] = {
     {"MaxTransferTime", &G::maxTransferTime, 0, 86400},
     {"MaxWebSubscriptionsPerMinute", &G::maxWebSubscriptionsPerMinute, 1, 10000},
     {"AppServerPortNo", &G::appServerPortNo, 1000, 65535},
+    {"MaxItemsPerFeed", &G::maxItemsPerFeed, 0, 100000000},
+    {"MaxFeedNestingDepth", &G::maxFeedNestingDepth, 0, 100000},
 };
 
 struct Reader {

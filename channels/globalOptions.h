@@ -86,6 +86,10 @@ public:
     // Feed addresses that web pages may subscribe to per minute, over all listeners.
     int maxWebSubscriptionsPerMinute = 10; // "MaxWebSubscriptionsPerMinute"
 
+    // What one feed may hold.
+    int maxItemsPerFeed = 500000;   // "MaxItemsPerFeed", 0 = none
+    int maxFeedNestingDepth = 1000; // "MaxFeedNestingDepth", 0 = none
+
     // The local app server's port ("/subscribe").
     int appServerPortNo = 2604; // "AppServerPortNo"
 

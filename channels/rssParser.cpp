@@ -7,6 +7,7 @@
 #include "lib/misc/exception.h"
 #include "lib/misc/text.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdlib>
 #include <fstream>
@@ -20,7 +21,7 @@ bool isSpace(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; 
 // Collects the channel's and the items' fields while expat walks the document.
 class RssXmlParser : public expat::Parser {
 public:
-    RssXmlParser(Feed& feed, int maxItems, std::ostream* parseLog);
+    RssXmlParser(Feed& feed, int maxItems, int itemLimit, std::ostream* parseLog);
 
     bool isRss() const { return m_isRss; }
 
@@ -68,6 +69,8 @@ private:
 
     Feed& m_feed;
     int m_maxItems;
+    int m_itemLimit;
+    int m_itemsSeen = 0;
     std::ostream* m_parseLog;
     std::string m_title, m_description, m_link, m_imageUrl;
     int m_imageWidth = 0;
@@ -109,8 +112,9 @@ const expat::ElementHandler RssXmlParser::kHandlers[] = {
     expat::ElementHandler{expat::kEndOfTable, nullptr, nullptr},
 };
 
-RssXmlParser::RssXmlParser(Feed& feed, int maxItems, std::ostream* parseLog)
-    : expat::Parser(kHandlers), m_feed(feed), m_maxItems(maxItems), m_parseLog(parseLog) {}
+RssXmlParser::RssXmlParser(Feed& feed, int maxItems, int itemLimit, std::ostream* parseLog)
+    : expat::Parser(kHandlers), m_feed(feed), m_maxItems(maxItems), m_itemLimit(itemLimit),
+      m_parseLog(parseLog) {}
 
 void RssXmlParser::onStartElement(const char* name, const char** attributes) {
     if (!m_parseLog)
@@ -174,6 +178,11 @@ void RssXmlParser::startItem() {
 }
 
 void RssXmlParser::endItem() {
+    if (m_itemLimit > 0 && ++m_itemsSeen > m_itemLimit) {
+        abort("The feed holds more than " + std::to_string(m_itemLimit) +
+              " items, the limit set by MaxItemsPerFeed");
+        return;
+    }
     if (m_maxItems >= 1 && m_feed.itemCount() >= static_cast<std::size_t>(m_maxItems))
         return;
     if (m_itemLink.empty())
@@ -289,7 +298,9 @@ std::unique_ptr<Feed> RssParser::parse(const ParseOptions& options, const std::s
     if (feedText.empty())
         throw Exception("Empty RSS feed.");
     auto feed = std::make_unique<Feed>();
-    RssXmlParser parser(*feed, maxItems, parseLog.is_open() ? &parseLog : nullptr);
+    RssXmlParser parser(*feed, maxItems, options.itemLimit,
+                        parseLog.is_open() ? &parseLog : nullptr);
+    parser.setMaxDepth(static_cast<std::size_t>(std::max(options.depthLimit, 0)));
     // Traces of every element, the tag stack and the text, off unless switched on by name.
     static msglog::MsgGroup& elements = msglog::registerQuietMsgGroup("XmlElements");
     static msglog::MsgGroup& tagStack = msglog::registerQuietMsgGroup("XmlTagStack");
@@ -311,6 +322,8 @@ std::unique_ptr<Feed> parseFeed(RssParser& parser, const ParseOptions& options,
         if (options.skipLeadingBinaryData)
             while (skip < feedText.size() && static_cast<unsigned char>(feedText[skip]) >= 128)
                 ++skip;
+        if (skip == 0)
+            throw; // the same text again would fail the same way
         feed = parser.parse(options, feedText.substr(skip), maxItems);
     }
     logFeed(options, *feed);

@@ -17,6 +17,10 @@ struct ParseOptions {
     std::string parseLogPath;
     bool skipLeadingBinaryData = true; // "SkipLeadingRssFeedBinaryData"
     bool allowEmptyFeeds = false;      // "AllowEmptyFeeds"
+    // What one feed may hold: a document with more items, or elements nested deeper, is
+    // refused with an error ("MaxItemsPerFeed", "MaxFeedNestingDepth"; 0: no limit).
+    int itemLimit = 500000;
+    int depthLimit = 1000;
 };
 
 class RssParser {

@@ -116,7 +116,7 @@ int runList(const CommandContext& context) {
         std::printf("%-24s %-28s %-40s %-16s %5zu  %s\n", channel->id().c_str(),
                     toTerminal(channel->name()).c_str(), toTerminal(channel->address()).c_str(),
                     channels::fetchTimeText(channel->state().lastFetchTime()).c_str(),
-                    channel->state().feed().itemCount(), state.c_str());
+                    channel->state().itemCount(), state.c_str());
     }
     return kExitOk;
 }

@@ -2,12 +2,11 @@
 
 #include "channels/rssParser.h"
 #include "cli/commands.h"
-#include "lib/misc/profileFile.h"
-#include "tools/tempFile.h"
 
 #include <charconv>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 #include <limits>
 #include <sstream>
 
@@ -53,14 +52,18 @@ int runParse(const CommandContext& context) {
         std::cerr << "Can't open file: " << file << '\n';
         return kExitFailure;
     }
-    std::ostringstream text;
-    text << in.rdbuf();
+    std::string text;
+    in.seekg(0, std::ios::end);
+    if (const auto size = in.tellg(); size > 0)
+        text.reserve(static_cast<std::size_t>(size));
+    in.seekg(0);
+    text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     try {
         channels::RssParser parser;
-        auto feed = channels::parseFeed(parser, options, text.str(), maxItems);
-        tools::TempFile output(".ini");
-        feed->save(output.path(), "Last Feed");
-        std::cout << output.read();
+        auto feed = channels::parseFeed(parser, options, text, maxItems);
+        std::string().swap(text);
+        feed->writeAsNewFile(std::cout, "Last Feed");
+        std::cout.flush();
     } catch (const std::exception& failure) {
         std::cerr << failure.what() << '\n';
         return kExitFailure;

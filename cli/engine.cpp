@@ -68,6 +68,8 @@ channels::ChannelManagerOptions managerOptions(const channels::GlobalOptions& op
     result.appPluginServerPort = options.appPluginServerPortNo;
     result.net = options.netOptions();
     result.logChannelProcessing = options.logChannelProcessing;
+    result.feedItemLimit = options.maxItemsPerFeed;
+    result.feedDepthLimit = options.maxFeedNestingDepth;
     return result;
 }
 

@@ -77,6 +77,7 @@ void Parser::parse(const char* data, std::size_t length) {
     m_handle = handle;
     m_tagStack.clear();
     m_characterData.clear();
+    m_abortMessage.clear();
     try {
         parseBuffer(data, length);
     } catch (...) {
@@ -93,14 +94,19 @@ void Parser::parseBuffer(const char* data, std::size_t length) {
     XML_SetElementHandler(handle, &Callbacks::start, &Callbacks::end);
     XML_SetCharacterDataHandler(handle, &Callbacks::characters);
     XML_SetUserData(handle, this);
-    // Buffers beyond what one call takes are fed in pieces; the last piece is final.
-    constexpr std::size_t kPiece = 1u << 30;
+    // Fed in pieces, the last one final: expat copies what it is given into a buffer of its
+    // own, so one whole large document would cost its size twice.
+    constexpr std::size_t kPiece = 1u << 20;
     std::size_t offset = 0;
     do {
         const std::size_t piece = std::min(kPiece, length - offset);
         const bool final = offset + piece == length;
         if (XML_Parse(handle, data + offset, static_cast<int>(piece), final) == XML_STATUS_ERROR) {
             const XML_Error code = XML_GetErrorCode(handle);
+            if (code == XML_ERROR_ABORTED && !m_abortMessage.empty())
+                throw Exception(m_abortMessage + " (L" +
+                                std::to_string(XML_GetCurrentLineNumber(handle)) + "/C" +
+                                std::to_string(XML_GetCurrentColumnNumber(handle)) + ")");
             throw Exception("XML parse failed (" + std::to_string(static_cast<int>(code)) + ":L" +
                             std::to_string(XML_GetCurrentLineNumber(handle)) + "/C" +
                             std::to_string(XML_GetCurrentColumnNumber(handle)) +
@@ -108,6 +114,13 @@ void Parser::parseBuffer(const char* data, std::size_t length) {
         }
         offset += piece;
     } while (offset < length);
+}
+
+void Parser::abort(const std::string& message) {
+    if (!m_abortMessage.empty() || !m_handle)
+        return;
+    m_abortMessage = message;
+    XML_StopParser(static_cast<XML_Parser>(m_handle), XML_FALSE);
 }
 
 void Parser::onStartElement(const char*, const char**) {}
@@ -137,6 +150,12 @@ void Parser::dispatch(int event, const char* name) {
 }
 
 void Parser::startElement(const char* name, const char** attributes) {
+    if (!m_abortMessage.empty())
+        return;
+    if (m_maxDepth > 0 && m_tagStack.size() >= m_maxDepth) {
+        abort("The document nests elements deeper than " + std::to_string(m_maxDepth) + " levels");
+        return;
+    }
     m_tagStack.emplace_back(name);
     if (m_elementGroup && m_elementGroup->isEnabled()) {
         std::string trace = std::string("START ELEMENT: ") + name + " ; ";
@@ -152,6 +171,8 @@ void Parser::startElement(const char* name, const char** attributes) {
 }
 
 void Parser::endElement(const char* name) {
+    if (!m_abortMessage.empty())
+        return;
     if (m_elementGroup && m_elementGroup->isEnabled())
         PELSU_LOG(*m_elementGroup, "END ELEMENT: " << name);
     if (m_tagStackGroup && m_tagStackGroup->isEnabled())

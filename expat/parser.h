@@ -48,6 +48,9 @@ public:
     // True when the element below the top of the stack is named name (ignoring case).
     bool isParent(const char* name) const;
 
+    // Elements open at once beyond this many end the parse with an error (0: no limit).
+    void setMaxDepth(std::size_t depth) { m_maxDepth = depth; }
+
     // Trace groups; null (the default) writes no trace.
     void setTraceGroups(msglog::MsgGroup* elements, msglog::MsgGroup* tagStack,
                         msglog::MsgGroup* characterData);
@@ -57,6 +60,9 @@ protected:
     virtual void parseBuffer(const char* data, std::size_t length);
     virtual void onStartElement(const char* name, const char** attributes);
     virtual void onEndElement(const char* name);
+    // Ends the parse from inside a handler; parse then throws expat::Exception with the
+    // message followed by the line and column.
+    void abort(const std::string& message);
 
 private:
     friend struct Callbacks;
@@ -70,6 +76,8 @@ private:
     void* m_handle = nullptr; // the expat parser while a parse runs
     std::vector<std::string> m_tagStack;
     std::string m_characterData;
+    std::size_t m_maxDepth = 0;
+    std::string m_abortMessage;
     msglog::MsgGroup* m_elementGroup = nullptr;
     msglog::MsgGroup* m_tagStackGroup = nullptr;
     msglog::MsgGroup* m_characterDataGroup = nullptr;

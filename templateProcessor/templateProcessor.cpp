@@ -1,5 +1,7 @@
 #include "templateProcessor/templateProcessor.h"
 
+#include <sstream>
+
 namespace templateProcessor {
 
 namespace {
@@ -74,10 +76,16 @@ std::string escapeHtml(const std::string& text) {
     return out;
 }
 
-std::string process(const std::string& text, const Variables& variables,
-                    const std::vector<Variables>& rows) {
-    std::string out;
-    out.reserve(text.size());
+namespace {
+
+// The text outside blocks and the block bodies, in order: pieces[0], body 0, pieces[1], ...
+struct Blocks {
+    std::vector<std::string> pieces;
+    std::vector<std::string> bodies;
+};
+
+Blocks splitBlocks(const std::string& text) {
+    Blocks blocks;
     std::size_t position = 0;
     for (;;) {
         const std::size_t start = text.find(kRepeat, position);
@@ -86,21 +94,48 @@ std::string process(const std::string& text, const Variables& variables,
             throw Exception("Template error: {%/REPEAT%} without {%REPEAT%}" + offsetText(stray));
         if (start == std::string::npos)
             break;
-        expand(text.substr(position, start - position), variables, nullptr, out);
+        blocks.pieces.push_back(text.substr(position, start - position));
         const std::size_t bodyStart = start + kRepeat.size();
         const std::size_t end = text.find(kEndRepeat, bodyStart);
         if (end == std::string::npos)
             throw Exception("Template error: {%REPEAT%} without {%/REPEAT%}" + offsetText(start));
-        const std::string body = text.substr(bodyStart, end - bodyStart);
+        std::string body = text.substr(bodyStart, end - bodyStart);
         if (body.find(kRepeat) != std::string::npos)
             throw Exception("Template error: {%REPEAT%} blocks do not nest" +
                             offsetText(bodyStart + body.find(kRepeat)));
-        for (const Variables& row : rows)
-            expand(body, row, &variables, out);
+        blocks.bodies.push_back(std::move(body));
         position = end + kEndRepeat.size();
     }
-    expand(text.substr(position), variables, nullptr, out);
-    return out;
+    blocks.pieces.push_back(text.substr(position));
+    return blocks;
+}
+
+} // namespace
+
+void process(const std::string& text, const Variables& variables, std::size_t rowCount,
+             const RowSource& row, std::ostream& out) {
+    const Blocks blocks = splitBlocks(text);
+    std::string chunk;
+    for (std::size_t b = 0; b < blocks.pieces.size(); ++b) {
+        chunk.clear();
+        expand(blocks.pieces[b], variables, nullptr, chunk);
+        out << chunk;
+        if (b == blocks.bodies.size())
+            break;
+        for (std::size_t r = 0; r < rowCount; ++r) {
+            chunk.clear();
+            expand(blocks.bodies[b], row(r), &variables, chunk);
+            out << chunk;
+        }
+    }
+}
+
+std::string process(const std::string& text, const Variables& variables,
+                    const std::vector<Variables>& rows) {
+    std::ostringstream out;
+    process(
+        text, variables, rows.size(), [&](std::size_t r) { return rows[r]; }, out);
+    return out.str();
 }
 
 } // namespace templateProcessor

@@ -11,7 +11,9 @@
 // round) is an error.
 #pragma once
 
+#include <functional>
 #include <map>
+#include <ostream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -28,6 +30,13 @@ using Variables = std::map<std::string, std::string>;
 // The filled text; throws templateProcessor::Exception for an unbalanced block.
 std::string process(const std::string& text, const Variables& variables,
                     const std::vector<Variables>& rows = {});
+
+// The same, writing to out as it goes and asking for each row when it is reached, so that a
+// page of many rows never sits in memory whole. Throws before writing anything when the
+// blocks are unbalanced.
+using RowSource = std::function<Variables(std::size_t)>;
+void process(const std::string& text, const Variables& variables, std::size_t rowCount,
+             const RowSource& row, std::ostream& out);
 
 // & < > " ' as entities.
 std::string escapeHtml(const std::string& text);

@@ -50,10 +50,15 @@ struct Line {
 struct Section {
     std::string name; // empty for the lines before the first section
     bool isPrelude = false;
+    bool deleted = false; // left in place so that deleting many sections stays linear
     std::vector<Line> lines;
 };
 
-// A parsed profile file. The index maps a lower-cased section name to its first section.
+} // namespace
+
+// A parsed profile file. The index maps a lower-cased section name to its first section;
+// later sections of the same name are listed apart. Deleted sections stay in the list,
+// marked, until the document is written out.
 class Document {
 public:
     void parse(const std::string& text);
@@ -65,16 +70,24 @@ public:
     void deleteKey(const std::string& section, const std::string& key);
     void deleteSection(const std::string& section);
     std::vector<std::string> sectionNames() const;
+    // Applies to this document what changed from base to mine: sections mine no longer has
+    // are deleted, and keys mine added, changed or removed are set or deleted.
+    void mergeChanges(const Document& base, const Document& mine);
+
+    // Identifies the text the document was read from or last written as (0 when neither).
+    std::size_t textHash = 0;
+    std::size_t textSize = 0;
 
 private:
     void reindex();
     std::vector<Section> m_sections;
     std::unordered_map<std::string, size_t> m_index;
+    std::unordered_multimap<std::string, size_t> m_laterDuplicates;
 };
 
 void Document::parse(const std::string& text) {
     m_sections.clear();
-    m_sections.push_back(Section{"", true, {}});
+    m_sections.push_back(Section{"", true, false, {}});
     size_t pos = 0;
     while (pos < text.size()) {
         size_t end = text.find('\n', pos);
@@ -89,7 +102,7 @@ void Document::parse(const std::string& text) {
             size_t close = line.find(']');
             std::string name = misc::trimmed(
                 line.substr(1, close == std::string::npos ? std::string::npos : close - 1));
-            m_sections.push_back(Section{name, false, {}});
+            m_sections.push_back(Section{name, false, false, {}});
             continue;
         }
         Line entry;
@@ -108,6 +121,8 @@ void Document::parse(const std::string& text) {
 std::string Document::serialize() const {
     std::string out;
     for (const Section& section : m_sections) {
+        if (section.deleted)
+            continue;
         if (!section.isPrelude)
             out += "[" + section.name + "]\n";
         for (const Line& line : section.lines) {
@@ -123,9 +138,14 @@ std::string Document::serialize() const {
 
 void Document::reindex() {
     m_index.clear();
-    for (size_t i = 0; i < m_sections.size(); ++i)
-        if (!m_sections[i].isPrelude)
-            m_index.emplace(lowered(m_sections[i].name), i);
+    m_laterDuplicates.clear();
+    for (size_t i = 0; i < m_sections.size(); ++i) {
+        if (m_sections[i].isPrelude || m_sections[i].deleted)
+            continue;
+        std::string name = lowered(m_sections[i].name);
+        if (!m_index.emplace(name, i).second)
+            m_laterDuplicates.emplace(std::move(name), i);
+    }
 }
 
 const Section* Document::findSection(const std::string& name) const {
@@ -148,7 +168,7 @@ void Document::setValue(const std::string& section, const std::string& key,
                         const std::string& value) {
     auto it = m_index.find(lowered(section));
     if (it == m_index.end()) {
-        m_sections.push_back(Section{section, false, {}});
+        m_sections.push_back(Section{section, false, false, {}});
         it = m_index.emplace(lowered(section), m_sections.size() - 1).first;
     }
     Section& target = m_sections[it->second];
@@ -183,31 +203,51 @@ void Document::deleteKey(const std::string& section, const std::string& key) {
 }
 
 void Document::deleteSection(const std::string& section) {
-    if (!findSection(section))
+    const std::string name = lowered(section);
+    auto first = m_index.find(name);
+    if (first == m_index.end())
         return;
-    // Usually one section goes: the index is shifted rather than rebuilt.
-    std::vector<size_t> removed;
-    for (size_t i = 0; i < m_sections.size(); ++i)
-        if (!m_sections[i].isPrelude && equalsNoCase(m_sections[i].name, section))
-            removed.push_back(i);
-    for (auto position = removed.rbegin(); position != removed.rend(); ++position)
-        m_sections.erase(m_sections.begin() + static_cast<std::ptrdiff_t>(*position));
-    m_index.erase(lowered(section));
-    for (auto& [name, index] : m_index) {
-        size_t shift = 0;
-        while (shift < removed.size() && removed[shift] < index)
-            ++shift;
-        index -= shift;
+    const auto drop = [this](size_t index) {
+        m_sections[index].deleted = true;
+        std::vector<Line>().swap(m_sections[index].lines);
+    };
+    drop(first->second);
+    m_index.erase(first);
+    auto [begin, end] = m_laterDuplicates.equal_range(name);
+    for (auto it = begin; it != end; ++it)
+        drop(it->second);
+    m_laterDuplicates.erase(begin, end);
+}
+
+void Document::mergeChanges(const Document& base, const Document& mine) {
+    for (const std::string& name : base.sectionNames())
+        if (!mine.findSection(name))
+            deleteSection(name);
+    for (const std::string& name : mine.sectionNames()) {
+        const Section* before = base.findSection(name);
+        const Section* after = mine.findSection(name);
+        for (const Line& line : after->lines) {
+            if (!line.isKey || mine.value(name, line.key) != line.value)
+                continue; // not the first occurrence of the key
+            if (!before || base.value(name, line.key) != line.value)
+                setValue(name, line.key, line.value);
+        }
+        if (before)
+            for (const Line& line : before->lines)
+                if (line.isKey && !mine.value(name, line.key))
+                    deleteKey(name, line.key);
     }
 }
 
 std::vector<std::string> Document::sectionNames() const {
     std::vector<std::string> names;
     for (const Section& section : m_sections)
-        if (!section.isPrelude && findSection(section.name) == &section)
+        if (!section.isPrelude && !section.deleted && findSection(section.name) == &section)
             names.push_back(section.name);
     return names;
 }
+
+namespace {
 
 // What identifies one version of a file on disk.
 struct Stamp {
@@ -242,6 +282,18 @@ struct Operation {
     std::string section;
     std::string key;
     std::string value;
+    // Whether applying it to the document would change anything.
+    bool changes(const Document& document) const {
+        switch (kind) {
+        case Set:
+            return document.value(section, key) != value;
+        case DeleteKey:
+            return document.value(section, key).has_value();
+        case DeleteSection:
+            return document.findSection(section) != nullptr;
+        }
+        return true;
+    }
     void applyTo(Document& document) const {
         switch (kind) {
         case Set:
@@ -263,7 +315,8 @@ std::atomic<std::uint64_t> g_nextVersion{1};
 
 struct CachedFile {
     std::mutex mutex;
-    Document document;
+    // Shared with the snapshots taken of it: changed in place only while nobody else holds it.
+    std::shared_ptr<Document> document = std::make_shared<Document>();
     Stamp stamp;
     bool valid = false;
     std::uint64_t version = 0; // changes with every change of the parsed copy
@@ -287,12 +340,14 @@ Cache& cache() {
 
 struct BatchState {
     int depth = 0;
-    Document document;
-    std::vector<Operation> operations;
-    std::uint64_t baseVersion = 0; // the shared copy's version the batch started from
+    std::unique_ptr<Document> document; // made from base at the first write that changes it
+    bool changed = false;
+    std::shared_ptr<const Document> base; // the shared copy the batch started from
+    std::uint64_t baseVersion = 0;        // and its version
 };
 
 thread_local std::map<std::string, BatchState> t_batches;
+thread_local std::map<std::string, Snapshot> t_pinned;
 thread_local std::string t_lastWriteError;
 
 std::string normalized(const std::string& path) {
@@ -353,7 +408,10 @@ void refresh(CachedFile& file, const std::string& path) {
     std::string text;
     if (current.exists)
         readWholeFile(path, text);
-    file.document.parse(text);
+    file.document = std::make_shared<Document>();
+    file.document->parse(text);
+    file.document->textHash = std::hash<std::string>{}(text);
+    file.document->textSize = text.size();
     file.stamp = current;
     file.valid = true;
     file.version = g_nextVersion++;
@@ -392,20 +450,25 @@ bool writeAtomically(const std::string& path, const std::string& text, std::stri
 }
 
 // Applies operations to the shared copy and rewrites the file once. A batch whose starting
-// copy is still current hands over its document instead of replaying its operations.
+// copy is still current hands over its document; otherwise its changes are merged into the
+// fresher copy.
 bool applyAndWrite(const std::string& path, const std::vector<Operation>& operations,
                    BatchState* batch = nullptr) {
     auto file = cachedFile(path);
     std::lock_guard guard(file->mutex);
     refresh(*file, path);
     if (batch && batch->baseVersion == file->version) {
-        file->document = std::move(batch->document);
+        file->document = std::make_shared<Document>(std::move(*batch->document));
     } else {
+        if (file->document.use_count() > 1) // a snapshot keeps the copy it was given
+            file->document = std::make_shared<Document>(*file->document);
+        if (batch)
+            file->document->mergeChanges(*batch->base, *batch->document);
         for (const Operation& operation : operations)
-            operation.applyTo(file->document);
+            operation.applyTo(*file->document);
     }
     file->version = g_nextVersion++;
-    const std::string text = file->document.serialize();
+    const std::string text = file->document->serialize();
     const std::size_t hash = std::hash<std::string>{}(text);
     if (file->stamp.exists && text.size() == file->textSize && hash == file->textHash)
         return true; // the file already holds exactly this
@@ -416,8 +479,8 @@ bool applyAndWrite(const std::string& path, const std::vector<Operation>& operat
         return false;
     }
     file->stamp = stampOf(path);
-    file->textHash = hash;
-    file->textSize = text.size();
+    file->textHash = file->document->textHash = hash;
+    file->textSize = file->document->textSize = text.size();
     return true;
 }
 
@@ -425,8 +488,14 @@ bool change(const std::string& rawPath, Operation operation) {
     const std::string path = normalized(rawPath);
     auto batch = t_batches.find(path);
     if (batch != t_batches.end()) {
-        operation.applyTo(batch->second.document);
-        batch->second.operations.push_back(std::move(operation));
+        BatchState& state = batch->second;
+        if (!state.document) {
+            if (!operation.changes(*state.base))
+                return true; // a batch that changes nothing copies nothing
+            state.document = std::make_unique<Document>(*state.base);
+        }
+        operation.applyTo(*state.document);
+        state.changed = true;
         return true;
     }
     return applyAndWrite(path, {operation});
@@ -435,13 +504,17 @@ bool change(const std::string& rawPath, Operation operation) {
 template <typename Function>
 auto withDocument(const std::string& rawPath, Function function) {
     const std::string path = normalized(rawPath);
+    auto pinned = t_pinned.find(path);
+    if (pinned != t_pinned.end())
+        return function(*pinned->second);
     auto batch = t_batches.find(path);
     if (batch != t_batches.end())
-        return function(static_cast<const Document&>(batch->second.document));
+        return function(static_cast<const Document&>(
+            batch->second.document ? *batch->second.document : *batch->second.base));
     auto file = cachedFile(path);
     std::lock_guard guard(file->mutex);
     refresh(*file, path);
-    return function(static_cast<const Document&>(file->document));
+    return function(static_cast<const Document&>(*file->document));
 }
 
 } // namespace
@@ -511,6 +584,43 @@ std::string fileProblem(const std::string& path) {
     return "";
 }
 
+Snapshot snapshot(const std::string& rawPath) {
+    const std::string path = normalized(rawPath);
+    auto file = cachedFile(path);
+    std::lock_guard guard(file->mutex);
+    auto batch = t_batches.find(path);
+    if (batch == t_batches.end())
+        refresh(*file, path);
+    else if (!batch->second.document)
+        return batch->second.base;
+    else {
+        auto copy = std::make_shared<Document>(*batch->second.document);
+        copy->textHash = copy->textSize = 0; // not a text that was read or written
+        return copy;
+    }
+    return file->document;
+}
+
+bool sameText(const Snapshot& first, const Snapshot& second) {
+    if (first == second)
+        return true;
+    return first && second && first->textHash != 0 && first->textHash == second->textHash &&
+           first->textSize == second->textSize;
+}
+
+ReadFromSnapshot::ReadFromSnapshot(const std::string& path, Snapshot snapshot)
+    : m_path(normalized(path)) {
+    if (snapshot && !t_pinned.count(m_path))
+        t_pinned.emplace(m_path, std::move(snapshot));
+    else
+        m_path.clear();
+}
+
+ReadFromSnapshot::~ReadFromSnapshot() {
+    if (!m_path.empty())
+        t_pinned.erase(m_path);
+}
+
 void clearCache() {
     auto& instance = cache();
     std::lock_guard guard(instance.mutex);
@@ -523,7 +633,7 @@ WriteBatch::WriteBatch(const std::string& path) : m_path(normalized(path)) {
         auto file = cachedFile(m_path);
         std::lock_guard guard(file->mutex);
         refresh(*file, m_path);
-        it->second.document = file->document;
+        it->second.base = file->document;
         it->second.baseVersion = file->version;
         m_outermost = true;
     }
@@ -546,9 +656,9 @@ bool WriteBatch::commit() {
         return true;
     BatchState state = std::move(it->second);
     t_batches.erase(it);
-    if (state.operations.empty())
+    if (!state.changed)
         return true;
-    return applyAndWrite(m_path, state.operations, &state);
+    return applyAndWrite(m_path, {}, &state);
 }
 
 } // namespace profile

@@ -41,6 +41,28 @@ std::string lastWriteError();
 // bytes, as binary files do); empty when it can, or when it does not exist.
 std::string fileProblem(const std::string& path);
 
+class Document;
+// The parsed copy of a file at one moment. Holding one keeps that copy alive however the file
+// changes later, on disk or through this layer.
+using Snapshot = std::shared_ptr<const Document>;
+// The file as the calling thread sees it now (with the writes of its open batch).
+Snapshot snapshot(const std::string& path);
+// Whether two snapshots were taken of the same text (as read from disk or written there).
+bool sameText(const Snapshot& first, const Snapshot& second);
+
+// While one lives, the calling thread's reads of the file come from the snapshot instead of
+// the file or an open batch (writes are not meant meanwhile). A null snapshot changes nothing.
+class ReadFromSnapshot {
+public:
+    ReadFromSnapshot(const std::string& path, Snapshot snapshot);
+    ~ReadFromSnapshot();
+    ReadFromSnapshot(const ReadFromSnapshot&) = delete;
+    ReadFromSnapshot& operator=(const ReadFromSnapshot&) = delete;
+
+private:
+    std::string m_path;
+};
+
 // Forgets the parsed copies (tests; or after moving files around).
 void clearCache();
 

@@ -187,9 +187,42 @@ TEST(RssParser, LargeAndHostileDocumentsEndInBoundedTime) {
     std::string deep = "<rss>";
     for (int i = 0; i < 100000; ++i)
         deep += "<a>";
-    EXPECT_EQ(failureOf(deep).rfind("XML parse failed (", 0), 0u);
+    ParseOptions unlimited;
+    unlimited.depthLimit = 0;
+    EXPECT_EQ(failureOf(deep, unlimited).rfind("XML parse failed (", 0), 0u);
     std::string garbage;
     for (int i = 0; i < 100000; ++i)
         garbage += static_cast<char>((i * 7919) % 256);
     EXPECT_NE(failureOf(garbage), "no failure");
+}
+
+TEST(RssParser, FeedsBeyondTheItemAndNestingLimitsAreRefusedWithTheirMessages) {
+    const auto feedOf = [](int items, int depth) {
+        std::string text = "<rss><channel><link>http://x/</link>";
+        for (int i = 0; i < items; ++i)
+            text += "<item><title>x</title></item>";
+        text += "<item>" + std::string(5 * static_cast<std::size_t>(depth), ' ');
+        for (int i = 0; i < depth; ++i)
+            text += "<b>";
+        for (int i = 0; i < depth; ++i)
+            text += "</b>";
+        return text + "</item></channel></rss>";
+    };
+    ParseOptions limits;
+    limits.itemLimit = 3;
+    limits.depthLimit = 10;
+    // At the limits: three items in all, elements open at most ten deep (rss/channel/item/b...).
+    EXPECT_EQ(parse(feedOf(2, 7), 0, limits)->itemCount(), 3u);
+    EXPECT_EQ(failureOf(feedOf(3, 0), limits),
+              "The feed holds more than 3 items, the limit set by MaxItemsPerFeed (L1/C136)");
+    EXPECT_EQ(failureOf(feedOf(0, 8), limits)
+                  .rfind("The document nests elements deeper than 10 "
+                         "levels (L1/C",
+                         0),
+              0u);
+    // The per-channel item limit keeps the first items; the cap still counts every item.
+    EXPECT_NE(failureOf(feedOf(5, 0), limits), "no failure");
+    limits.itemLimit = 0;
+    limits.depthLimit = 0;
+    EXPECT_EQ(parse(feedOf(5, 50), 0, limits)->itemCount(), 6u);
 }

@@ -144,6 +144,25 @@ TEST(ProfileFile, BatchKeepsWritesOtherThreadsMadeMeanwhile) {
     EXPECT_EQ(readValue(path, "Theirs", "b"), "2");
 }
 
+TEST(ProfileFile, BatchMergesItsDeletionsAndChangesIntoAFileChangedMeanwhile) {
+    TempDir dir;
+    const std::string path = dir.file("merge3.ini");
+    writeFile(path, "[Keep]\nx=1\ny=2\n[Gone]\nz=3\n");
+    WriteBatch batch(path);
+    writeValue(path, "Keep", "x", "10");
+    deleteKey(path, "Keep", "y");
+    deleteSection(path, "Gone");
+    writeValue(path, "New", "n", "4");
+    std::thread other([&] {
+        EXPECT_TRUE(writeValue(path, "Keep", "theirs", "5"));
+        EXPECT_TRUE(writeValue(path, "Keep", "y", "2")); // unchanged by them: still deleted
+    });
+    other.join();
+    ASSERT_TRUE(batch.commit());
+    clearCache();
+    EXPECT_EQ(readFile(path), "[Keep]\nx=10\ntheirs=5\n[New]\nn=4\n");
+}
+
 TEST(ProfileFile, ManyThreadsWritingDifferentKeysLoseNothing) {
     TempDir dir;
     const std::string path = dir.file("threads.ini");
