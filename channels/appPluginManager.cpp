@@ -6,7 +6,7 @@
 #include "channels/internal/scriptRunner.h"
 #include "channels/scriptAppPlugin.h"
 #include "lib/log/log.h"
-#include "lib/misc/exception.h"
+#include "channels/exception.h"
 #include "lib/misc/iniValues.h"
 
 #include <atomic>

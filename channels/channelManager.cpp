@@ -5,7 +5,7 @@
 #include "channels/pluginChannel.h"
 #include "channels/rssChannel.h"
 #include "lib/log/log.h"
-#include "lib/misc/exception.h"
+#include "channels/exception.h"
 #include "lib/misc/profileFile.h"
 
 #include <algorithm>

@@ -2,7 +2,7 @@
 
 #include "channels/channel.h"
 #include "htmlStripper/htmlStripper.h"
-#include "lib/misc/exception.h"
+#include "channels/exception.h"
 #include "templateProcessor/templateProcessor.h"
 
 #include <cctype>

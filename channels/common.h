@@ -1,6 +1,7 @@
 // Names shared by every module of the channel engine: message groups and section names.
 #pragma once
 
+#include "channels/exception.h"
 #include "lib/log/msgGroup.h"
 
 namespace channels {

@@ -3,7 +3,7 @@
 #include "channels/appPluginManager.h"
 #include "channels/common.h"
 #include "include/pelsuPlugin.h"
-#include "lib/misc/exception.h"
+#include "channels/exception.h"
 #include "lib/misc/iniValues.h"
 #include "templateProcessor/templateProcessor.h"
 

@@ -5,7 +5,7 @@
 #include "channels/globalOptions.h"
 #include "channels/internal/scriptRunner.h"
 #include "lib/log/log.h"
-#include "lib/misc/exception.h"
+#include "channels/exception.h"
 #include "templateProcessor/templateProcessor.h"
 #include "tools/descriptorLimit.h"
 

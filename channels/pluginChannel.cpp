@@ -5,7 +5,7 @@
 #include "channels/internal/paramDefs.h"
 #include "channels/internal/scriptRunner.h"
 #include "lib/log/log.h"
-#include "lib/misc/exception.h"
+#include "channels/exception.h"
 #include "lib/misc/iniValues.h"
 #include "tools/tempFile.h"
 

@@ -1,7 +1,7 @@
 #include "channels/rssChannel.h"
 
 #include "channels/channelManager.h"
-#include "lib/misc/exception.h"
+#include "channels/exception.h"
 
 #include <cstring>
 

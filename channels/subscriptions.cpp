@@ -3,7 +3,7 @@
 #include "channels/channelManager.h"
 #include "channels/rssChannel.h"
 #include "lib/log/log.h"
-#include "lib/misc/exception.h"
+#include "channels/exception.h"
 #include "lib/misc/text.h"
 #include "templateProcessor/templateProcessor.h"
 #include "tools/hostAddress.h"

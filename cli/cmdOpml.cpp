@@ -5,7 +5,7 @@
 #include "cli/commands.h"
 #include "cli/engine.h"
 #include "expat/parser.h"
-#include "lib/misc/exception.h"
+#include "channels/exception.h"
 #include "templateProcessor/templateProcessor.h"
 #include "tools/localFile.h"
 

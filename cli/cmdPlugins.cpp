@@ -4,7 +4,7 @@
 #include "channels/dllAppPlugin.h"
 #include "cli/commands.h"
 #include "cli/engine.h"
-#include "lib/misc/exception.h"
+#include "channels/exception.h"
 
 #include <fstream>
 #include <iostream>

@@ -3,7 +3,7 @@
 #include "channels/appPluginManager.h"
 #include "channels/pluginChannel.h"
 #include "channels/rssChannel.h"
-#include "lib/misc/exception.h"
+#include "channels/exception.h"
 
 #include <filesystem>
 #include <iostream>

@@ -1,6 +1,6 @@
 #include "tools/localFile.h"
 
-#include "lib/misc/exception.h"
+#include "tools/exception.h"
 #include "lib/misc/text.h"
 
 #include <cerrno>
@@ -13,8 +13,6 @@
 namespace tools {
 
 namespace {
-
-using channels::Exception;
 
 bool isScheme(const std::string& url, const char* scheme) {
     const std::string prefix = std::string(scheme) + ":";

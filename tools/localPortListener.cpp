@@ -4,7 +4,7 @@
 
 #include "lib/log/log.h"
 #include "lib/log/msgGroup.h"
-#include "lib/misc/exception.h"
+#include "tools/exception.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -135,7 +135,7 @@ private:
 void LocalPortListener::Impl::bindSocket() {
     m_listenFd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (m_listenFd < 0)
-        throw channels::Exception("Can't create a socket for the " + m_name + ": " +
+        throw tools::Exception("Can't create a socket for the " + m_name + ": " +
                                   std::strerror(errno));
     const int on = 1;
     ::setsockopt(m_listenFd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
@@ -148,7 +148,7 @@ void LocalPortListener::Impl::bindSocket() {
         const std::string reason = std::strerror(errno);
         ::close(m_listenFd);
         m_listenFd = -1;
-        throw channels::Exception("Can't listen on 127.0.0.1:" + std::to_string(m_port) + " (" +
+        throw tools::Exception("Can't listen on 127.0.0.1:" + std::to_string(m_port) + " (" +
                                   m_name + "): " + reason);
     }
     socklen_t length = sizeof address;

@@ -1,7 +1,7 @@
 #include "tools/net.h"
 
 #include "lib/log/log.h"
-#include "lib/misc/exception.h"
+#include "tools/exception.h"
 #include "lib/misc/text.h"
 #include "tools/hostAddress.h"
 #include "tools/localFile.h"
@@ -17,8 +17,6 @@
 namespace tools {
 
 namespace {
-
-using channels::Exception;
 
 msglog::MsgGroup& downloadsGroup() { return msglog::registerMsgGroup("InternetDownloads"); }
 msglog::MsgGroup& headersGroup() { return msglog::registerMsgGroup("HttpHeaders"); }

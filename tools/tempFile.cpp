@@ -1,6 +1,6 @@
 #include "tools/tempFile.h"
 
-#include "lib/misc/exception.h"
+#include "tools/exception.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -20,7 +20,7 @@ TempFile::TempFile(const std::string& extension, bool deleteOnDestroy)
     std::string pattern = (directory / "pelsu-XXXXXX").string() + extension;
     int descriptor = ::mkstemps(pattern.data(), static_cast<int>(extension.size()));
     if (descriptor < 0)
-        throw channels::Exception("Can't create a temporary file in " + directory.string() + ": " +
+        throw tools::Exception("Can't create a temporary file in " + directory.string() + ": " +
                                   std::strerror(errno));
     ::close(descriptor);
     m_path = pattern;

@@ -2,7 +2,7 @@
 
 #include "channels/common.h"
 #include "lib/log/log.h"
-#include "lib/misc/exception.h"
+#include "channels/exception.h"
 #include "lib/misc/iniValues.h"
 #include "lib/misc/profileFile.h"
 

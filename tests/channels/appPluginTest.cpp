@@ -3,7 +3,7 @@
 #include "channels/dllAppPlugin.h"
 #include "channels/rssChannel.h"
 #include "channels/scriptAppPlugin.h"
-#include "lib/misc/exception.h"
+#include "channels/exception.h"
 #include "lib/misc/iniValues.h"
 #include "tests/support/testSupport.h"
 

@@ -1,6 +1,6 @@
 #include "tools/localPortListener.h"
 
-#include "lib/misc/exception.h"
+#include "tools/exception.h"
 #include "tests/support/testSupport.h"
 #include "tools/descriptorLimit.h"
 
@@ -284,7 +284,7 @@ TEST_F(ListenerTest, APortInUseIsReportedByName) {
     try {
         second.start();
         FAIL() << "the port was taken";
-    } catch (const channels::Exception& e) {
+    } catch (const tools::Exception& e) {
         EXPECT_EQ(std::string(e.what()), "Can't listen on 127.0.0.1:" + std::to_string(port()) +
                                              " (second listener): Address already in use");
     }
