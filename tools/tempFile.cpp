@@ -1,5 +1,6 @@
 #include "tools/tempFile.h"
 
+#include "tools/descriptor.h"
 #include "tools/exception.h"
 
 #include <cerrno>
@@ -18,11 +19,11 @@ TempFile::TempFile(const std::string& extension, bool deleteOnDestroy)
     if (error)
         directory = "/tmp";
     std::string pattern = (directory / "pelsu-XXXXXX").string() + extension;
-    int descriptor = ::mkstemps(pattern.data(), static_cast<int>(extension.size()));
-    if (descriptor < 0)
+    // Only the name is kept; the file is opened as a stream when it is written.
+    const Descriptor created(::mkstemps(pattern.data(), static_cast<int>(extension.size())));
+    if (!created.valid())
         throw tools::Exception("Can't create a temporary file in " + directory.string() + ": " +
-                                  std::strerror(errno));
-    ::close(descriptor);
+                               std::strerror(errno));
     m_path = pattern;
 }
 
