@@ -2,8 +2,8 @@
 
 #include "channels/appPluginManager.h"
 #include "channels/common.h"
-#include "include/pelsuPlugin.h"
 #include "channels/exception.h"
+#include "include/pelsuPlugin.h"
 #include "lib/misc/iniValues.h"
 #include "templateProcessor/templateProcessor.h"
 

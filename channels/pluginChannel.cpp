@@ -2,10 +2,10 @@
 
 #include "channels/channelManager.h"
 #include "channels/common.h"
+#include "channels/exception.h"
 #include "channels/internal/paramDefs.h"
 #include "channels/internal/scriptRunner.h"
 #include "lib/log/log.h"
-#include "channels/exception.h"
 #include "lib/misc/iniValues.h"
 #include "tools/tempFile.h"
 

@@ -3,9 +3,9 @@
 #include "channels/appPluginManager.h"
 #include "channels/channel.h"
 #include "channels/common.h"
+#include "channels/exception.h"
 #include "channels/internal/scriptRunner.h"
 #include "lib/log/log.h"
-#include "channels/exception.h"
 #include "lib/misc/iniValues.h"
 #include "lib/misc/profileFile.h"
 

@@ -1,7 +1,7 @@
 #include "cli/environment.h"
 
-#include "channels/internal/scriptRunner.h"
 #include "channels/exception.h"
+#include "channels/internal/scriptRunner.h"
 
 #include <filesystem>
 #include <unistd.h>

@@ -1,8 +1,8 @@
 #include "tools/net.h"
 
 #include "lib/log/log.h"
-#include "tools/exception.h"
 #include "lib/misc/text.h"
+#include "tools/exception.h"
 #include "tools/hostAddress.h"
 #include "tools/localFile.h"
 

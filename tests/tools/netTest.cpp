@@ -1,7 +1,7 @@
 #include "tools/net.h"
-#include "tools/exception.h"
 #include "tests/support/testHttpServer.h"
 #include "tests/support/testSupport.h"
+#include "tools/exception.h"
 #include "tools/hostAddress.h"
 
 #include <gtest/gtest.h>
