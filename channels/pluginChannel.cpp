@@ -93,12 +93,10 @@ void PluginChannel::fetch(std::string& text, bool firstFetch, bool& unchanged) {
         pluginDownloadValidators(downloadUrl, lastModified, etag);
         manager()->download(downloadUrl, lastModified, etag, forceDownload(firstFetch), status,
                             statusText, body);
-        if (status == 304) {
+        if (!feedDownloadChanged(status, statusText)) {
             unchanged = true;
             return;
         }
-        if (status != 200)
-            throw Exception("Feed update error: HTTP " + std::to_string(status) + " " + statusText);
         setPluginDownloadValidators(downloadUrl, lastModified, etag);
         downloaded = std::make_unique<tools::TempFile>();
         downloaded->stream() << body;
