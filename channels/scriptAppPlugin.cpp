@@ -20,9 +20,6 @@ msglog::MsgGroup& configDumpGroup() { return msglog::registerQuietMsgGroup("Scri
 
 void ScriptAppPlugin::load(const std::string& configFilename) {
     threadSafety::ScopedLock lock(m_lock);
-    const std::string value = profile::readIniString(configFilename, kConfigSection, "Plugin");
-    if (value.empty())
-        throw Exception("Missing 'Plugin' parameter: " + value);
     m_scriptFilename = pluginPath(configFilename);
 }
 
