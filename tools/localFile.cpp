@@ -1,7 +1,7 @@
 #include "tools/localFile.h"
 
+#include "lib/misc/descriptor.h"
 #include "lib/misc/text.h"
-#include "tools/descriptor.h"
 #include "tools/exception.h"
 
 #include <cerrno>
@@ -12,6 +12,8 @@
 #include <unistd.h>
 
 namespace tools {
+
+using misc::Descriptor;
 
 namespace {
 

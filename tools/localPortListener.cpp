@@ -4,7 +4,7 @@
 
 #include "lib/log/log.h"
 #include "lib/log/msgGroup.h"
-#include "tools/descriptor.h"
+#include "lib/misc/descriptor.h"
 #include "tools/exception.h"
 
 #include <arpa/inet.h>
@@ -25,6 +25,8 @@
 #include <vector>
 
 namespace tools {
+
+using misc::Descriptor;
 
 namespace {
 

@@ -1,6 +1,6 @@
 #include "tools/tempFile.h"
 
-#include "tools/descriptor.h"
+#include "lib/misc/descriptor.h"
 #include "tools/exception.h"
 
 #include <cerrno>
@@ -11,6 +11,8 @@
 #include <unistd.h>
 
 namespace tools {
+
+using misc::Descriptor;
 
 TempFile::TempFile(const std::string& extension, bool deleteOnDestroy)
     : m_deleteOnDestroy(deleteOnDestroy) {

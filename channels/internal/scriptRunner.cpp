@@ -4,11 +4,11 @@
 #include "channels/common.h"
 #include "channels/exception.h"
 #include "lib/log/log.h"
+#include "lib/misc/descriptor.h"
 #include "lib/misc/iniValues.h"
 #include "lib/misc/profileFile.h"
 #include "lib/misc/systemValues.h"
 #include "lib/misc/text.h"
-#include "tools/descriptor.h"
 #include "tools/net.h"
 
 #include <atomic>
@@ -265,7 +265,7 @@ std::vector<std::string> splitCommandLine(const std::string& commandLine) {
 
 namespace {
 
-std::uint64_t sizeOf(const tools::Descriptor& file) {
+std::uint64_t sizeOf(const misc::Descriptor& file) {
     struct stat info {};
     return ::fstat(file.get(), &info) == 0 ? static_cast<std::uint64_t>(info.st_size) : 0;
 }
@@ -323,8 +323,8 @@ std::uint32_t runScriptProcess(const std::string& commandLine, const std::string
                                int timeoutSeconds) {
     outputFile.close();
     errorFile.close();
-    const tools::Descriptor out(openForScript(outputFile.path()));
-    const tools::Descriptor err(openForScript(errorFile.path()));
+    const misc::Descriptor out(openForScript(outputFile.path()));
+    const misc::Descriptor err(openForScript(errorFile.path()));
     PELSU_LOG(scriptPluginsGroup(), "Running script process: execDir=" << execDir);
     std::vector<std::string> args = splitCommandLine(commandLine);
     if (args.empty())
@@ -332,7 +332,7 @@ std::uint32_t runScriptProcess(const std::string& commandLine, const std::string
     const std::uint64_t limit = scriptSettings().maxOutputBytes;
     // Taken before the script can run: a stop asked for once it runs must not be missed.
     const std::uint64_t generation = g_abortGeneration.load();
-    tools::ChildProcess child(spawnScript(std::move(args), execDir, out.get(), err.get()));
+    misc::ChildProcess child(spawnScript(std::move(args), execDir, out.get(), err.get()));
     const auto overLimit = [&] {
         return limit > 0 && (sizeOf(out) > limit || sizeOf(err) > limit);
     };

@@ -1,10 +1,10 @@
-#include "tools/descriptor.h"
+#include "lib/misc/descriptor.h"
 
 #include <csignal>
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace tools {
+namespace misc {
 
 Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
     if (this != &other)
@@ -48,4 +48,4 @@ int ChildProcess::killAndReap() {
     return status;
 }
 
-} // namespace tools
+} // namespace misc

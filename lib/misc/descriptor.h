@@ -4,7 +4,7 @@
 
 #include <sys/types.h>
 
-namespace tools {
+namespace misc {
 
 class Descriptor {
 public:
@@ -47,4 +47,4 @@ private:
     pid_t m_pid;
 };
 
-} // namespace tools
+} // namespace misc
