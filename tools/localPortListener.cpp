@@ -140,8 +140,7 @@ private:
 void LocalPortListener::Impl::bindSocket() {
     Descriptor listening(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (!listening.valid())
-        throw tools::Exception("Can't create a socket for the " + m_name + ": " +
-                               std::strerror(errno));
+        throw Exception("Can't create a socket for the " + m_name + ": " + std::strerror(errno));
     const int on = 1;
     ::setsockopt(listening.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     sockaddr_in address{};
@@ -151,8 +150,8 @@ void LocalPortListener::Impl::bindSocket() {
     if (::bind(listening.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
         ::listen(listening.get(), 128) != 0) {
         const std::string reason = std::strerror(errno);
-        throw tools::Exception("Can't listen on 127.0.0.1:" + std::to_string(m_port) + " (" +
-                               m_name + "): " + reason);
+        throw Exception("Can't listen on 127.0.0.1:" + std::to_string(m_port) + " (" + m_name +
+                        "): " + reason);
     }
     socklen_t length = sizeof address;
     ::getsockname(listening.get(), reinterpret_cast<sockaddr*>(&address), &length);
@@ -302,8 +301,11 @@ void LocalPortListener::Impl::pollLoop() {
                                 ? -1
                                 : static_cast<int>(kSweepInterval.count());
         const int count = ::epoll_wait(m_epollFd.get(), events, 64, timeout);
-        if (count < 0 && errno != EINTR)
+        if (count < 0 && errno != EINTR) {
+            PELSU_LOG(listenerGroup(), "The " << m_name << " can't wait for its connections: "
+                                              << std::strerror(errno));
             return;
+        }
         for (int i = 0; i < count; ++i) {
             const std::uint64_t id = events[i].data.u64;
             if (id == kWakeKey) {

@@ -42,7 +42,9 @@ int ChildProcess::killAndReap() {
     int status = 0;
     if (m_pid <= 0)
         return status;
-    ::kill(-m_pid, SIGKILL);
+    // The group, so that what the child started goes too; the child alone if it has none yet.
+    if (::kill(-m_pid, SIGKILL) != 0)
+        ::kill(m_pid, SIGKILL);
     ::waitpid(m_pid, &status, 0);
     m_pid = -1;
     return status;
