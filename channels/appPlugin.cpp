@@ -37,6 +37,8 @@ void AppPlugin::saveParamValues(const std::string& configFilename) {
 
 std::string AppPlugin::pluginPath(const std::string& configFilename) const {
     const std::string value = profile::readIniString(configFilename, kConfigSection, "Plugin");
+    if (value.empty())
+        throw Exception("Missing 'Plugin' parameter: " + value);
     return (std::filesystem::path(configFilename).parent_path() / value).string();
 }
 

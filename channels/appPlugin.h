@@ -48,6 +48,7 @@ protected:
     // The kind-specific part of loading, called last by loadAppPlugin.
     virtual void load(const std::string& configFilename) = 0;
     // The script or library: the ".plugin" file's directory joined with the "Plugin" value.
+    // Throws channels::Exception when the value is missing.
     std::string pluginPath(const std::string& configFilename) const;
 
     AppPluginManager* m_manager;

@@ -3,10 +3,10 @@
 #include "channels/channelManager.h"
 #include "channels/common.h"
 #include "channels/dllAppPlugin.h"
+#include "channels/exception.h"
 #include "channels/internal/scriptRunner.h"
 #include "channels/scriptAppPlugin.h"
 #include "lib/log/log.h"
-#include "lib/misc/exception.h"
 #include "lib/misc/iniValues.h"
 
 #include <atomic>

@@ -1,11 +1,11 @@
 #include "channels/channelManager.h"
 
 #include "channels/common.h"
+#include "channels/exception.h"
 #include "channels/internal/scriptRunner.h"
 #include "channels/pluginChannel.h"
 #include "channels/rssChannel.h"
 #include "lib/log/log.h"
-#include "lib/misc/exception.h"
 #include "lib/misc/profileFile.h"
 
 #include <algorithm>

@@ -3,6 +3,8 @@
 // what happened.
 #pragma once
 
+#include "channels/exception.h"
+
 #include "channels/channel.h"
 #include "channels/events.h"
 #include "tools/net.h"

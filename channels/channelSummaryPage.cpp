@@ -1,8 +1,8 @@
 #include "channels/channelSummaryPage.h"
 
 #include "channels/channel.h"
+#include "channels/exception.h"
 #include "htmlStripper/htmlStripper.h"
-#include "lib/misc/exception.h"
 #include "templateProcessor/templateProcessor.h"
 
 #include <cctype>

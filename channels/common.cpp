@@ -22,4 +22,12 @@ msglog::MsgGroup& channelManagerActivityGroup() {
 msglog::MsgGroup& scriptPluginsGroup() { return msglog::registerMsgGroup("ScriptPlugins"); }
 msglog::MsgGroup& pluginLoadGroup() { return msglog::registerMsgGroup("PluginLoad"); }
 
+bool feedDownloadChanged(long status, const std::string& statusText) {
+    if (status == 304)
+        return false;
+    if (status != 200)
+        throw Exception("Feed update error: HTTP " + std::to_string(status) + " " + statusText);
+    return true;
+}
+
 } // namespace channels

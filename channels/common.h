@@ -1,7 +1,11 @@
-// Names shared by every module of the channel engine: message groups and section names.
+// Names shared by every module of the channel engine: message groups, section names and the
+// reading of a feed download's HTTP status.
 #pragma once
 
+#include "channels/exception.h"
 #include "lib/log/msgGroup.h"
+
+#include <string>
 
 namespace channels {
 
@@ -18,5 +22,10 @@ inline constexpr const char* kConfigSection = "Config";
 inline constexpr const char* kSystemSection = "System";
 inline constexpr const char* kPluginParametersSection = "PluginParameters";
 inline constexpr const char* kChannelParametersSection = "ChannelParameters";
+
+// What a feed download's status means for both kinds of channel: true for a new feed (200),
+// false for an unchanged one (304); any other status throws "Feed update error: HTTP <status>
+// <statusText>".
+bool feedDownloadChanged(long status, const std::string& statusText);
 
 } // namespace channels

@@ -2,8 +2,8 @@
 
 #include "channels/appPluginManager.h"
 #include "channels/common.h"
+#include "channels/exception.h"
 #include "include/pelsuPlugin.h"
-#include "lib/misc/exception.h"
 #include "lib/misc/iniValues.h"
 #include "templateProcessor/templateProcessor.h"
 
@@ -27,12 +27,10 @@ struct ErrorBuffer {
 
 void DllAppPlugin::load(const std::string& configFilename) {
     threadSafety::ScopedLock lock(m_lock);
-    const std::string value = profile::readIniString(configFilename, kConfigSection, "Plugin");
-    if (value.empty())
-        throw Exception("Missing 'Plugin' parameter: " + value);
     m_library = ::dlopen(pluginPath(configFilename).c_str(), RTLD_NOW | RTLD_LOCAL);
     if (!m_library)
-        throw Exception("Can't load the plugin DLL: " + value);
+        throw Exception("Can't load the plugin DLL: " +
+                        profile::readIniString(configFilename, kConfigSection, "Plugin"));
     auto getInfo = reinterpret_cast<PelsuGetPluginInfo>(::dlsym(m_library, "get_plugin_info"));
     if (!getInfo)
         throw Exception("Can't find the DLL's get_plugin_info() entry point.");

@@ -41,12 +41,8 @@ void EndChannelUpdateEvent::write(std::ostream& out) const {
     out << "[EndChannelUpdateEvent:" << (m_channel ? m_channel->name() : "<Unknown>") << ']';
 }
 
-void NewFeedItemEvent::write(std::ostream& out) const {
-    writeChannelEvent(out, "NewFeedItemEvent", m_channel, m_index);
-}
-
-void ExpiredFeedItemEvent::write(std::ostream& out) const {
-    writeChannelEvent(out, "ExpiredFeedItemEvent", m_channel, m_index);
+void FeedItemEvent::writeAs(std::ostream& out, const char* name) const {
+    writeChannelEvent(out, name, m_channel, m_index);
 }
 
 void ChannelErrorEvent::write(std::ostream& out) const {

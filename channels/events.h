@@ -59,32 +59,38 @@ private:
     bool m_explicit;
 };
 
-class NewFeedItemEvent : public Event {
+// What the two item events share: the channel and the item's index in its feed.
+class FeedItemEvent : public Event {
 public:
-    NewFeedItemEvent(std::time_t time, Channel* channel, std::int32_t feedItemIndex)
-        : Event(time), m_channel(channel), m_index(feedItemIndex) {}
-    void write(std::ostream& out) const override;
     Channel* channel() const { return m_channel; }
-    // The new item's index in the channel's current feed.
     std::int32_t feedItemIndex() const { return m_index; }
+
+protected:
+    FeedItemEvent(std::time_t time, Channel* channel, std::int32_t feedItemIndex)
+        : Event(time), m_channel(channel), m_index(feedItemIndex) {}
+    // Writes "[<name>:<channel>:<index>]".
+    void writeAs(std::ostream& out, const char* name) const;
 
 private:
     Channel* m_channel;
     std::int32_t m_index;
 };
 
-class ExpiredFeedItemEvent : public Event {
+// feedItemIndex() is the new item's index in the channel's current feed.
+class NewFeedItemEvent : public FeedItemEvent {
+public:
+    NewFeedItemEvent(std::time_t time, Channel* channel, std::int32_t feedItemIndex)
+        : FeedItemEvent(time, channel, feedItemIndex) {}
+    void write(std::ostream& out) const override { writeAs(out, "NewFeedItemEvent"); }
+};
+
+// feedItemIndex() is the vanished item's index in the feed the channel still holds while the
+// event runs.
+class ExpiredFeedItemEvent : public FeedItemEvent {
 public:
     ExpiredFeedItemEvent(std::time_t time, Channel* channel, std::int32_t feedItemIndex)
-        : Event(time), m_channel(channel), m_index(feedItemIndex) {}
-    void write(std::ostream& out) const override;
-    Channel* channel() const { return m_channel; }
-    // The vanished item's index in the feed the channel still holds while the event runs.
-    std::int32_t feedItemIndex() const { return m_index; }
-
-private:
-    Channel* m_channel;
-    std::int32_t m_index;
+        : FeedItemEvent(time, channel, feedItemIndex) {}
+    void write(std::ostream& out) const override { writeAs(out, "ExpiredFeedItemEvent"); }
 };
 
 class ChannelErrorEvent : public Event {

@@ -2,6 +2,7 @@
 
 #include "lib/misc/iniValues.h"
 #include "lib/misc/profileFile.h"
+#include "lib/misc/text.h"
 
 #include <variant>
 
@@ -146,9 +147,7 @@ void loadScriptFileTypes(GlobalOptions& options, const std::string& globalIniFil
             name, profile::readIniString(globalIniFile, "Script File Types", name));
     for (const std::string& extension :
          profile::listIniKeys(globalIniFile, "Scripting File Associations")) {
-        std::string key = extension;
-        for (char& c : key)
-            c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        std::string key = misc::lowered(extension);
         if (!key.empty() && key[0] != '.')
             key = "." + key;
         options.scriptFileTypeCommands[key] =

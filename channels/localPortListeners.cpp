@@ -2,10 +2,10 @@
 
 #include "channels/appPluginManager.h"
 #include "channels/channelManager.h"
+#include "channels/exception.h"
 #include "channels/globalOptions.h"
 #include "channels/internal/scriptRunner.h"
 #include "lib/log/log.h"
-#include "lib/misc/exception.h"
 #include "templateProcessor/templateProcessor.h"
 #include "tools/descriptorLimit.h"
 

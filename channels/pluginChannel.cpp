@@ -2,10 +2,10 @@
 
 #include "channels/channelManager.h"
 #include "channels/common.h"
+#include "channels/exception.h"
 #include "channels/internal/paramDefs.h"
 #include "channels/internal/scriptRunner.h"
 #include "lib/log/log.h"
-#include "lib/misc/exception.h"
 #include "lib/misc/iniValues.h"
 #include "tools/tempFile.h"
 
@@ -93,12 +93,10 @@ void PluginChannel::fetch(std::string& text, bool firstFetch, bool& unchanged) {
         pluginDownloadValidators(downloadUrl, lastModified, etag);
         manager()->download(downloadUrl, lastModified, etag, forceDownload(firstFetch), status,
                             statusText, body);
-        if (status == 304) {
+        if (!feedDownloadChanged(status, statusText)) {
             unchanged = true;
             return;
         }
-        if (status != 200)
-            throw Exception("Feed update error: HTTP " + std::to_string(status) + " " + statusText);
         setPluginDownloadValidators(downloadUrl, lastModified, etag);
         downloaded = std::make_unique<tools::TempFile>();
         downloaded->stream() << body;

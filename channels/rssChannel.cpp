@@ -1,7 +1,8 @@
 #include "channels/rssChannel.h"
 
 #include "channels/channelManager.h"
-#include "lib/misc/exception.h"
+#include "channels/common.h"
+#include "channels/exception.h"
 
 #include <cstring>
 
@@ -54,12 +55,10 @@ void RssChannel::fetch(std::string& text, bool firstFetch, bool& unchanged) {
     std::string body;
     owner->download(url, lastModified, etag, forceDownload(firstFetch), status, statusText, body,
                     rules);
-    if (status == 304) {
+    if (!feedDownloadChanged(status, statusText)) {
         unchanged = true;
         return;
     }
-    if (status != 200)
-        throw Exception("Feed update error: HTTP " + std::to_string(status) + " " + statusText);
     state().setHttpLastModified(lastModified);
     state().setHttpETag(etag);
     text = std::move(body);

@@ -3,9 +3,9 @@
 #include "channels/appPluginManager.h"
 #include "channels/channel.h"
 #include "channels/common.h"
+#include "channels/exception.h"
 #include "channels/internal/scriptRunner.h"
 #include "lib/log/log.h"
-#include "lib/misc/exception.h"
 #include "lib/misc/iniValues.h"
 #include "lib/misc/profileFile.h"
 
@@ -20,9 +20,6 @@ msglog::MsgGroup& configDumpGroup() { return msglog::registerQuietMsgGroup("Scri
 
 void ScriptAppPlugin::load(const std::string& configFilename) {
     threadSafety::ScopedLock lock(m_lock);
-    const std::string value = profile::readIniString(configFilename, kConfigSection, "Plugin");
-    if (value.empty())
-        throw Exception("Missing 'Plugin' parameter: " + value);
     m_scriptFilename = pluginPath(configFilename);
 }
 

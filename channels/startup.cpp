@@ -1,7 +1,7 @@
 #include "channels/startup.h"
 
+#include "channels/exception.h"
 #include "lib/log/log.h"
-#include "lib/misc/exception.h"
 #include "lib/misc/iniValues.h"
 #include "lib/misc/profileFile.h"
 #include "lib/misc/systemValues.h"

@@ -1,9 +1,9 @@
 #include "channels/subscriptions.h"
 
 #include "channels/channelManager.h"
+#include "channels/exception.h"
 #include "channels/rssChannel.h"
 #include "lib/log/log.h"
-#include "lib/misc/exception.h"
 #include "lib/misc/text.h"
 #include "templateProcessor/templateProcessor.h"
 #include "tools/hostAddress.h"

@@ -1,11 +1,11 @@
 // pelsu-cli import-opml and export-opml: subscription lists in OPML 1.0 and 2.0.
 
+#include "channels/exception.h"
 #include "channels/rssChannel.h"
 #include "channels/subscriptions.h"
 #include "cli/commands.h"
 #include "cli/engine.h"
 #include "expat/parser.h"
-#include "lib/misc/exception.h"
 #include "templateProcessor/templateProcessor.h"
 #include "tools/localFile.h"
 

@@ -2,9 +2,9 @@
 
 #include "channels/appPluginManager.h"
 #include "channels/dllAppPlugin.h"
+#include "channels/exception.h"
 #include "cli/commands.h"
 #include "cli/engine.h"
-#include "lib/misc/exception.h"
 
 #include <fstream>
 #include <iostream>

@@ -1,9 +1,9 @@
 #include "cli/engine.h"
 
 #include "channels/appPluginManager.h"
+#include "channels/exception.h"
 #include "channels/pluginChannel.h"
 #include "channels/rssChannel.h"
-#include "lib/misc/exception.h"
 
 #include <filesystem>
 #include <iostream>

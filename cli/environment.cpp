@@ -1,7 +1,7 @@
 #include "cli/environment.h"
 
+#include "channels/exception.h"
 #include "channels/internal/scriptRunner.h"
-#include "lib/misc/exception.h"
 
 #include <filesystem>
 #include <unistd.h>

@@ -3,7 +3,7 @@
 // the stack of open elements and the text since the last start tag, converted to Latin-1.
 #pragma once
 
-#include "lib/misc/exception.h"
+#include "expat/exception.h"
 
 #include <cstddef>
 #include <string>

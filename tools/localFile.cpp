@@ -1,7 +1,8 @@
 #include "tools/localFile.h"
 
-#include "lib/misc/exception.h"
+#include "lib/misc/descriptor.h"
 #include "lib/misc/text.h"
+#include "tools/exception.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -12,9 +13,9 @@
 
 namespace tools {
 
-namespace {
+using misc::Descriptor;
 
-using channels::Exception;
+namespace {
 
 bool isScheme(const std::string& url, const char* scheme) {
     const std::string prefix = std::string(scheme) + ":";
@@ -44,14 +45,6 @@ std::string typeProblem(const struct stat& info, const std::string& path) {
     return "";
 }
 
-struct FileDescriptor {
-    int fd;
-    ~FileDescriptor() {
-        if (fd >= 0)
-            ::close(fd);
-    }
-};
-
 } // namespace
 
 std::string localFilePath(const std::string& url) {
@@ -76,10 +69,10 @@ std::string localFileProblem(const std::string& path) {
         return "Can't open file: " + path;
     if (std::string problem = typeProblem(info, path); !problem.empty())
         return problem;
-    const FileDescriptor file{::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)};
-    if (file.fd < 0)
+    const Descriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    if (!file.valid())
         return "Can't open file: " + path;
-    if (isKernelFileSystem(file.fd))
+    if (isKernelFileSystem(file.get()))
         return "Not a regular file: " + path;
     return "";
 }
@@ -93,12 +86,12 @@ void readLocalFile(const std::string& path, const std::string& url, std::uint64_
         throw Exception("Can't open file: " + path);
     if (std::string problem = typeProblem(info, path); !problem.empty())
         throw Exception(problem);
-    const FileDescriptor file{::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)};
-    if (file.fd < 0 || ::fstat(file.fd, &info) != 0)
+    const Descriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    if (!file.valid() || ::fstat(file.get(), &info) != 0)
         throw Exception("Can't open file: " + path);
     if (std::string problem = typeProblem(info, path); !problem.empty())
         throw Exception(problem);
-    if (isKernelFileSystem(file.fd))
+    if (isKernelFileSystem(file.get()))
         throw Exception("Not a regular file: " + path);
     const auto tooLarge = [&] {
         return Exception("The download is larger than the limit of " + std::to_string(maxBytes) +
@@ -110,7 +103,7 @@ void readLocalFile(const std::string& path, const std::string& url, std::uint64_
     body.reserve(static_cast<std::size_t>(info.st_size));
     char buffer[65536];
     for (;;) {
-        const ssize_t got = ::read(file.fd, buffer, sizeof buffer);
+        const ssize_t got = ::read(file.get(), buffer, sizeof buffer);
         if (got < 0 && errno == EINTR)
             continue;
         if (got < 0)

@@ -2,6 +2,8 @@
 // bounded size.
 #pragma once
 
+#include "tools/exception.h"
+
 #include <cstdint>
 #include <string>
 
@@ -13,7 +15,7 @@ std::string localFilePath(const std::string& url);
 // Why the path can't be read as a feed ("Can't open file: ...", "Not a regular file: ..."),
 // or empty when it can. Links are followed.
 std::string localFileProblem(const std::string& path);
-// Reads a regular file whole into body; throws channels::Exception with the problem, or
+// Reads a regular file whole into body; throws tools::Exception with the problem, or
 // with the size limit's message (naming url) past maxBytes (0 = no limit). Never blocks on
 // a FIFO or a device.
 void readLocalFile(const std::string& path, const std::string& url, std::uint64_t maxBytes,

@@ -4,7 +4,8 @@
 
 #include "lib/log/log.h"
 #include "lib/log/msgGroup.h"
-#include "lib/misc/exception.h"
+#include "lib/misc/descriptor.h"
+#include "tools/exception.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -25,6 +26,8 @@
 
 namespace tools {
 
+using misc::Descriptor;
+
 namespace {
 
 using SteadyClock = std::chrono::steady_clock;
@@ -44,7 +47,7 @@ constexpr int kDrainTimeoutMs = 2000;
 constexpr auto kAcceptPause = std::chrono::milliseconds(250);
 
 struct Connection {
-    int fd = -1;
+    Descriptor fd;
     ConnState state = ConnState::Reading;
     std::string in;
     std::string out;
@@ -80,13 +83,15 @@ public:
 
     void start();
     void stop();
-    bool isRunning() const { return m_listenFd >= 0; }
+    bool isRunning() const { return m_listenFd.valid(); }
 
     std::string m_name;
     int m_port;
 
 private:
     void bindSocket();
+    void openPollSet();
+    void watchOrExpire(Connection& connection, int operation, epoll_event& event);
     void pollLoop();
     void workerLoop();
     void acceptConnections();
@@ -111,12 +116,12 @@ private:
 
     RequestHandler m_handler;
     ListenerLimits m_limits;
-    int m_listenFd = -1;
-    int m_wakeFd = -1;
-    int m_epollFd = -1;
+    Descriptor m_listenFd;
+    Descriptor m_wakeFd;
+    Descriptor m_epollFd;
     // A descriptor held in reserve: when the process has none left, closing it lets one more
     // connection in, so that one request is still answered while everything else is full.
-    int m_spareFd = -1;
+    Descriptor m_spareFd;
     std::uint64_t m_reserveId = 0; // the connection admitted beyond the limits, 0 for none
     bool m_acceptPaused = false;   // the listening socket is not watched until m_acceptResume
     bool m_acceptFailing = false;  // reported once until an accept succeeds again
@@ -133,39 +138,58 @@ private:
 };
 
 void LocalPortListener::Impl::bindSocket() {
-    m_listenFd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (m_listenFd < 0)
-        throw channels::Exception("Can't create a socket for the " + m_name + ": " +
-                                  std::strerror(errno));
+    Descriptor listening(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!listening.valid())
+        throw Exception("Can't create a socket for the " + m_name + ": " + std::strerror(errno));
     const int on = 1;
-    ::setsockopt(m_listenFd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    ::setsockopt(listening.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<std::uint16_t>(m_port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (::bind(m_listenFd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        ::listen(m_listenFd, 128) != 0) {
+    if (::bind(listening.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        ::listen(listening.get(), 128) != 0) {
         const std::string reason = std::strerror(errno);
-        ::close(m_listenFd);
-        m_listenFd = -1;
-        throw channels::Exception("Can't listen on 127.0.0.1:" + std::to_string(m_port) + " (" +
-                                  m_name + "): " + reason);
+        throw Exception("Can't listen on 127.0.0.1:" + std::to_string(m_port) + " (" + m_name +
+                        "): " + reason);
     }
     socklen_t length = sizeof address;
-    ::getsockname(m_listenFd, reinterpret_cast<sockaddr*>(&address), &length);
+    ::getsockname(listening.get(), reinterpret_cast<sockaddr*>(&address), &length);
     m_port = ntohs(address.sin_port);
+    m_listenFd = std::move(listening);
+}
+
+// The wake-up event and the epoll set that watches it and the listening socket. Throws with
+// the step that failed; the members are set only when every step succeeded.
+void LocalPortListener::Impl::openPollSet() {
+    const auto failure = [this](const char* step) {
+        return Exception("Can't start the " + m_name + " (" + step + "): " + std::strerror(errno));
+    };
+    Descriptor wakeFd(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+    if (!wakeFd.valid())
+        throw failure("eventfd");
+    Descriptor epollFd(::epoll_create1(EPOLL_CLOEXEC));
+    if (!epollFd.valid())
+        throw failure("epoll_create1");
+    epoll_event wakeEvent{EPOLLIN, {.u64 = kWakeKey}};
+    epoll_event listenEvent{EPOLLIN, {.u64 = kListenKey}};
+    if (::epoll_ctl(epollFd.get(), EPOLL_CTL_ADD, wakeFd.get(), &wakeEvent) != 0 ||
+        ::epoll_ctl(epollFd.get(), EPOLL_CTL_ADD, m_listenFd.get(), &listenEvent) != 0)
+        throw failure("epoll_ctl");
+    m_wakeFd = std::move(wakeFd);
+    m_epollFd = std::move(epollFd);
 }
 
 void LocalPortListener::Impl::start() {
-    if (m_listenFd >= 0)
+    if (m_listenFd.valid())
         return;
     bindSocket();
-    m_wakeFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    m_epollFd = ::epoll_create1(EPOLL_CLOEXEC);
-    epoll_event wakeEvent{EPOLLIN, {.u64 = kWakeKey}};
-    epoll_event listenEvent{EPOLLIN, {.u64 = kListenKey}};
-    ::epoll_ctl(m_epollFd, EPOLL_CTL_ADD, m_wakeFd, &wakeEvent);
-    ::epoll_ctl(m_epollFd, EPOLL_CTL_ADD, m_listenFd, &listenEvent);
+    try {
+        openPollSet();
+    } catch (const Exception&) {
+        m_listenFd.reset(); // not running: the port is free again
+        throw;
+    }
     keepSpare();
     m_stopping = false;
     for (unsigned i = 0; i < std::max(1u, m_limits.workers); ++i)
@@ -175,7 +199,7 @@ void LocalPortListener::Impl::start() {
 }
 
 void LocalPortListener::Impl::stop() {
-    if (m_listenFd < 0)
+    if (!m_listenFd.valid())
         return;
     {
         std::lock_guard guard(m_mutex);
@@ -187,29 +211,22 @@ void LocalPortListener::Impl::stop() {
     for (auto& worker : m_workers)
         worker.join();
     m_workers.clear();
-    for (auto& [id, connection] : m_connections)
-        ::close(connection.fd);
     m_connections.clear();
     m_jobs.clear();
     m_done.clear();
-    ::close(m_listenFd);
-    ::close(m_wakeFd);
-    ::close(m_epollFd);
-    if (m_spareFd >= 0)
-        ::close(m_spareFd);
-    m_spareFd = -1;
+    m_listenFd.reset();
+    m_wakeFd.reset();
+    m_epollFd.reset();
+    m_spareFd.reset();
     m_reserveId = 0;
     m_acceptPaused = false;
     m_acceptFailing = false;
-    m_listenFd = -1;
-    m_wakeFd = -1;
-    m_epollFd = -1;
     PELSU_LOG(listenerGroup(), "The " << m_name << " has stopped.");
 }
 
 void LocalPortListener::Impl::wake() {
     const std::uint64_t one = 1;
-    [[maybe_unused]] const ssize_t written = ::write(m_wakeFd, &one, sizeof one);
+    [[maybe_unused]] const ssize_t written = ::write(m_wakeFd.get(), &one, sizeof one);
 }
 
 void LocalPortListener::Impl::workerLoop() {
@@ -245,14 +262,26 @@ void LocalPortListener::Impl::setState(std::uint64_t id, Connection& connection,
     connection.state = state;
     if (state == ConnState::Working) {
         if (connection.watched)
-            ::epoll_ctl(m_epollFd, EPOLL_CTL_DEL, connection.fd, nullptr);
+            ::epoll_ctl(m_epollFd.get(), EPOLL_CTL_DEL, connection.fd.get(), nullptr);
         connection.watched = false;
         return;
     }
     epoll_event event{state == ConnState::Writing ? EPOLLOUT : EPOLLIN, {.u64 = id}};
-    ::epoll_ctl(m_epollFd, connection.watched ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, connection.fd,
-                &event);
-    connection.watched = true;
+    watchOrExpire(connection, connection.watched ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, event);
+}
+
+// A connection that can't be watched would wait for nothing: it is closed by the next sweep.
+void LocalPortListener::Impl::watchOrExpire(Connection& connection, int operation,
+                                            epoll_event& event) {
+    if (::epoll_ctl(m_epollFd.get(), operation, connection.fd.get(), &event) == 0) {
+        connection.watched = true;
+        return;
+    }
+    PELSU_LOG(listenerGroup(), "The " << m_name << " can't watch a connection: "
+                                      << std::strerror(errno) << "; it is closed.");
+    if (operation == EPOLL_CTL_ADD)
+        connection.watched = false;
+    connection.deadline = SteadyClock::now();
 }
 
 void LocalPortListener::Impl::pollLoop() {
@@ -271,14 +300,17 @@ void LocalPortListener::Impl::pollLoop() {
         const int timeout = m_connections.empty() && !m_acceptPaused
                                 ? -1
                                 : static_cast<int>(kSweepInterval.count());
-        const int count = ::epoll_wait(m_epollFd, events, 64, timeout);
-        if (count < 0 && errno != EINTR)
+        const int count = ::epoll_wait(m_epollFd.get(), events, 64, timeout);
+        if (count < 0 && errno != EINTR) {
+            PELSU_LOG(listenerGroup(), "The " << m_name << " can't wait for its connections: "
+                                              << std::strerror(errno));
             return;
+        }
         for (int i = 0; i < count; ++i) {
             const std::uint64_t id = events[i].data.u64;
             if (id == kWakeKey) {
                 std::uint64_t value;
-                [[maybe_unused]] const ssize_t read = ::read(m_wakeFd, &value, sizeof value);
+                [[maybe_unused]] const ssize_t read = ::read(m_wakeFd.get(), &value, sizeof value);
                 finishAnswers();
                 continue;
             }
@@ -311,7 +343,7 @@ void LocalPortListener::Impl::pollLoop() {
 // be drained would otherwise wake the loop without end).
 void LocalPortListener::Impl::acceptConnections() {
     for (;;) {
-        int fd = ::accept4(m_listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        int fd = ::accept4(m_listenFd.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         bool reserve = false;
         if (fd >= 0) {
             m_acceptFailing = false;
@@ -341,11 +373,10 @@ void LocalPortListener::Impl::acceptConnections() {
 // Gives up the spare descriptor to accept one connection; -1 (errno set) when the reserve is
 // taken or the accept fails all the same.
 int LocalPortListener::Impl::acceptOnSpare() {
-    if (m_reserveId || m_spareFd < 0)
+    if (m_reserveId || !m_spareFd.valid())
         return -1;
-    ::close(m_spareFd);
-    m_spareFd = -1;
-    const int fd = ::accept4(m_listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    m_spareFd.reset();
+    const int fd = ::accept4(m_listenFd.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (fd < 0) {
         const int error = errno;
         keepSpare();
@@ -357,7 +388,7 @@ int LocalPortListener::Impl::acceptOnSpare() {
 void LocalPortListener::Impl::admit(int fd, bool reserve) {
     const std::uint64_t id = m_nextId++;
     Connection& connection = m_connections[id];
-    connection.fd = fd;
+    connection.fd.reset(fd);
     connection.reserve = reserve;
     // The reserve is not for idling: it must say what it wants as soon as a request would.
     connection.deadline =
@@ -365,25 +396,22 @@ void LocalPortListener::Impl::admit(int fd, bool reserve) {
         std::chrono::milliseconds(reserve ? m_limits.headTimeoutMs : m_limits.idleTimeoutMs);
     if (reserve) {
         m_reserveId = id;
-        if (m_spareFd >= 0) { // the reserve stands in for the spare descriptor
-            ::close(m_spareFd);
-            m_spareFd = -1;
-        }
+        m_spareFd.reset(); // the reserve stands in for the spare descriptor
     }
     setState(id, connection, ConnState::Reading);
 }
 
-void LocalPortListener::Impl::refuseBusy(int fd) {
+void LocalPortListener::Impl::refuseBusy(int accepted) {
+    const Descriptor fd(accepted);
     const std::string busy =
         serialize(refusal(503, "Too many connections; try again later."), false);
     [[maybe_unused]] const ssize_t sent =
-        ::send(fd, busy.data(), busy.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-    ::close(fd);
+        ::send(fd.get(), busy.data(), busy.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
 }
 
 void LocalPortListener::Impl::keepSpare() {
-    if (m_spareFd < 0)
-        m_spareFd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (!m_spareFd.valid())
+        m_spareFd.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
 }
 
 void LocalPortListener::Impl::pauseAccepting() {
@@ -392,20 +420,24 @@ void LocalPortListener::Impl::pauseAccepting() {
                                           << std::strerror(errno) << "; new ones wait.");
     m_acceptFailing = true;
     epoll_event listenEvent{0, {.u64 = kListenKey}};
-    ::epoll_ctl(m_epollFd, EPOLL_CTL_MOD, m_listenFd, &listenEvent);
+    if (::epoll_ctl(m_epollFd.get(), EPOLL_CTL_MOD, m_listenFd.get(), &listenEvent) != 0)
+        PELSU_LOG(listenerGroup(),
+                  "The " << m_name << " can't change what it watches: " << std::strerror(errno));
     m_acceptPaused = true;
     m_acceptResume = SteadyClock::now() + kAcceptPause;
 }
 
 void LocalPortListener::Impl::resumeAccepting() {
     epoll_event listenEvent{EPOLLIN, {.u64 = kListenKey}};
-    ::epoll_ctl(m_epollFd, EPOLL_CTL_MOD, m_listenFd, &listenEvent);
+    if (::epoll_ctl(m_epollFd.get(), EPOLL_CTL_MOD, m_listenFd.get(), &listenEvent) != 0)
+        PELSU_LOG(listenerGroup(),
+                  "The " << m_name << " can't change what it watches: " << std::strerror(errno));
     m_acceptPaused = false;
 }
 
 void LocalPortListener::Impl::readFrom(std::uint64_t id, Connection& connection) {
     char buffer[4096];
-    const ssize_t count = ::recv(connection.fd, buffer, sizeof buffer, 0);
+    const ssize_t count = ::recv(connection.fd.get(), buffer, sizeof buffer, 0);
     if (count == 0 || (count < 0 && errno != EAGAIN && errno != EINTR)) {
         closeConnection(id);
         return;
@@ -464,7 +496,7 @@ void LocalPortListener::Impl::answer(std::uint64_t id, Connection& connection,
 
 void LocalPortListener::Impl::writeTo(std::uint64_t id, Connection& connection) {
     while (connection.written < connection.out.size()) {
-        const ssize_t sent = ::send(connection.fd, connection.out.data() + connection.written,
+        const ssize_t sent = ::send(connection.fd.get(), connection.out.data() + connection.written,
                                     connection.out.size() - connection.written, MSG_NOSIGNAL);
         if (sent < 0) {
             if (errno == EAGAIN || errno == EINTR)
@@ -497,7 +529,7 @@ void LocalPortListener::Impl::closeIfDone(std::uint64_t id) {
         it->second.written < it->second.out.size())
         return;
     Connection& connection = it->second;
-    ::shutdown(connection.fd, SHUT_WR);
+    ::shutdown(connection.fd.get(), SHUT_WR);
     connection.in.clear();
     connection.deadline = SteadyClock::now() + std::chrono::milliseconds(kDrainTimeoutMs);
     setState(id, connection, ConnState::Draining);
@@ -505,7 +537,7 @@ void LocalPortListener::Impl::closeIfDone(std::uint64_t id) {
 
 void LocalPortListener::Impl::drain(std::uint64_t id, Connection& connection) {
     char buffer[65536];
-    const ssize_t count = ::recv(connection.fd, buffer, sizeof buffer, 0);
+    const ssize_t count = ::recv(connection.fd.get(), buffer, sizeof buffer, 0);
     if (count == 0 || (count < 0 && errno != EAGAIN && errno != EINTR))
         closeConnection(id);
 }
@@ -529,7 +561,6 @@ void LocalPortListener::Impl::closeConnection(std::uint64_t id) {
     auto it = m_connections.find(id);
     if (it == m_connections.end())
         return;
-    ::close(it->second.fd);
     m_connections.erase(it);
     if (id == m_reserveId) {
         m_reserveId = 0;

@@ -5,6 +5,8 @@
 // headers and the number of connections are bounded.
 #pragma once
 
+#include "tools/exception.h"
+
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -49,7 +51,7 @@ public:
     LocalPortListener(const LocalPortListener&) = delete;
     LocalPortListener& operator=(const LocalPortListener&) = delete;
 
-    // Binds 127.0.0.1:port and starts the threads. Throws channels::Exception
+    // Binds 127.0.0.1:port and starts the threads. Throws tools::Exception
     // ("Can't listen on 127.0.0.1:2605 (app-plugin server): Address already in use").
     void start();
     // Closes every connection and joins the threads; a handler running ends first.

@@ -1,8 +1,8 @@
 #include "tools/net.h"
 
 #include "lib/log/log.h"
-#include "lib/misc/exception.h"
 #include "lib/misc/text.h"
+#include "tools/exception.h"
 #include "tools/hostAddress.h"
 #include "tools/localFile.h"
 
@@ -17,8 +17,6 @@
 namespace tools {
 
 namespace {
-
-using channels::Exception;
 
 msglog::MsgGroup& downloadsGroup() { return msglog::registerMsgGroup("InternetDownloads"); }
 msglog::MsgGroup& headersGroup() { return msglog::registerMsgGroup("HttpHeaders"); }
@@ -364,19 +362,33 @@ void checkRemoteOnly(const std::string& url, const DownloadRules& rules) {
                         url);
 }
 
+// Checks the rules and reads a local file: false, with body emptied, for a network URL.
+bool readLocally(InternetSession& session, const std::string& url, long* statusCode,
+                 std::string* statusText, std::string& body, const DownloadRules& rules) {
+    checkRemoteOnly(url, rules);
+    if (tryLocalFile(session, url, statusCode, statusText, body))
+        return true;
+    body.clear();
+    return false;
+}
+
+// Gives the transfer a handle from the session's pool; throws noHandleText and the URL when
+// there is none.
+void openTransfer(Transfer& transfer, bool forceDownload, const std::string& noHandleText) {
+    transfer.handle = transfer.session.impl().acquire();
+    if (!transfer.handle)
+        throw Exception(noHandleText + transfer.url);
+    setUp(transfer, forceDownload);
+}
+
 void readWithHeaders(InternetSession& session, const std::string& url, std::string* lastModified,
                      std::string* etag, bool forceDownload, long* statusCode,
                      std::string* statusText, std::string& body, const DownloadRules& rules) {
     PELSU_LOG(downloadsGroup(), "Reading URL: " << url);
-    checkRemoteOnly(url, rules);
-    if (tryLocalFile(session, url, statusCode, statusText, body))
+    if (readLocally(session, url, statusCode, statusText, body, rules))
         return;
-    body.clear();
     Transfer transfer(session, url, body, rules);
-    transfer.handle = session.impl().acquire();
-    if (!transfer.handle)
-        throw Exception("Can't open request: host= ; urlPath=" + url);
-    setUp(transfer, forceDownload);
+    openTransfer(transfer, forceDownload, "Can't open request: host= ; urlPath=");
     if (forceDownload) {
         PELSU_LOG(headersGroup(), "ForceDownload is requested - skipping HTTP headers.");
     } else {
@@ -406,15 +418,10 @@ void readWithHeaders(InternetSession& session, const std::string& url, std::stri
 void readSimple(InternetSession& session, const std::string& url, bool forceDownload,
                 std::string& body, const DownloadRules& rules) {
     PELSU_LOG(downloadsGroup(), "Reading URL (old version): " << url);
-    checkRemoteOnly(url, rules);
-    if (tryLocalFile(session, url, nullptr, nullptr, body))
+    if (readLocally(session, url, nullptr, nullptr, body, rules))
         return;
-    body.clear();
     Transfer transfer(session, url, body, rules);
-    transfer.handle = session.impl().acquire();
-    if (!transfer.handle)
-        throw Exception("Can't open the URL: " + url);
-    setUp(transfer, forceDownload);
+    openTransfer(transfer, forceDownload, "Can't open the URL: ");
     perform(transfer, "Can't open the URL: ");
     PELSU_LOG(downloadsGroup(), "Received file OK: #bytes=" << body.size());
 }

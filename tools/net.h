@@ -2,6 +2,8 @@
 // validators of the previous download and hand back the new ones.
 #pragma once
 
+#include "tools/exception.h"
+
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -72,7 +74,7 @@ bool useHttpHeaders();
 // new ones out (emptied when the server sent none). forceDownload sends no validators and
 // asks every cache to reload. statusCode and statusText (optional) receive the status;
 // non-200 statuses are not errors. rules depend on the channel the download is for.
-// Throws channels::Exception on failure.
+// Throws tools::Exception on failure.
 void readUrl(InternetSession& session, const std::string& url, std::string* lastModified,
              std::string* etag, bool forceDownload, long* statusCode, std::string* statusText,
              std::string& body, const DownloadRules& rules = {});

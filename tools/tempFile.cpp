@@ -1,6 +1,7 @@
 #include "tools/tempFile.h"
 
-#include "lib/misc/exception.h"
+#include "lib/misc/descriptor.h"
+#include "tools/exception.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -11,6 +12,8 @@
 
 namespace tools {
 
+using misc::Descriptor;
+
 TempFile::TempFile(const std::string& extension, bool deleteOnDestroy)
     : m_deleteOnDestroy(deleteOnDestroy) {
     std::error_code error;
@@ -18,11 +21,11 @@ TempFile::TempFile(const std::string& extension, bool deleteOnDestroy)
     if (error)
         directory = "/tmp";
     std::string pattern = (directory / "pelsu-XXXXXX").string() + extension;
-    int descriptor = ::mkstemps(pattern.data(), static_cast<int>(extension.size()));
-    if (descriptor < 0)
-        throw channels::Exception("Can't create a temporary file in " + directory.string() + ": " +
-                                  std::strerror(errno));
-    ::close(descriptor);
+    // Only the name is kept; the file is opened as a stream when it is written.
+    const Descriptor created(::mkstemps(pattern.data(), static_cast<int>(extension.size())));
+    if (!created.valid())
+        throw tools::Exception("Can't create a temporary file in " + directory.string() + ": " +
+                               std::strerror(errno));
     m_path = pattern;
 }
 

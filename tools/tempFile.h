@@ -1,6 +1,8 @@
 // A temporary file with a unique name in the system's temporary directory.
 #pragma once
 
+#include "tools/exception.h"
+
 #include <fstream>
 #include <string>
 
@@ -9,7 +11,7 @@ namespace tools {
 class TempFile {
 public:
     // Creates the file (empty) with the extension ("" or, say, ".html"); it is removed when
-    // this object is destroyed if deleteOnDestroy is set. Throws channels::Exception when no
+    // this object is destroyed if deleteOnDestroy is set. Throws tools::Exception when no
     // file can be created.
     explicit TempFile(const std::string& extension = "", bool deleteOnDestroy = true);
     ~TempFile();

@@ -1,8 +1,8 @@
 #include "channels/internal/paramDefs.h"
 
 #include "channels/common.h"
+#include "channels/exception.h"
 #include "lib/log/log.h"
-#include "lib/misc/exception.h"
 #include "lib/misc/iniValues.h"
 #include "lib/misc/profileFile.h"
 

@@ -2,8 +2,9 @@
 
 #include "channels/channel.h"
 #include "channels/common.h"
+#include "channels/exception.h"
 #include "lib/log/log.h"
-#include "lib/misc/exception.h"
+#include "lib/misc/descriptor.h"
 #include "lib/misc/iniValues.h"
 #include "lib/misc/profileFile.h"
 #include "lib/misc/systemValues.h"
@@ -264,25 +265,10 @@ std::vector<std::string> splitCommandLine(const std::string& commandLine) {
 
 namespace {
 
-// Owns a descriptor of the parent's side of a run.
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : m_fd(fd) {}
-    ~Descriptor() {
-        if (m_fd >= 0)
-            ::close(m_fd);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return m_fd; }
-    std::uint64_t size() const {
-        struct stat info {};
-        return ::fstat(m_fd, &info) == 0 ? static_cast<std::uint64_t>(info.st_size) : 0;
-    }
-
-private:
-    int m_fd;
-};
+std::uint64_t sizeOf(const misc::Descriptor& file) {
+    struct stat info {};
+    return ::fstat(file.get(), &info) == 0 ? static_cast<std::uint64_t>(info.st_size) : 0;
+}
 
 int openForScript(const std::string& path) {
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
@@ -337,8 +323,8 @@ std::uint32_t runScriptProcess(const std::string& commandLine, const std::string
                                int timeoutSeconds) {
     outputFile.close();
     errorFile.close();
-    const Descriptor out(openForScript(outputFile.path()));
-    const Descriptor err(openForScript(errorFile.path()));
+    const misc::Descriptor out(openForScript(outputFile.path()));
+    const misc::Descriptor err(openForScript(errorFile.path()));
     PELSU_LOG(scriptPluginsGroup(), "Running script process: execDir=" << execDir);
     std::vector<std::string> args = splitCommandLine(commandLine);
     if (args.empty())
@@ -346,22 +332,23 @@ std::uint32_t runScriptProcess(const std::string& commandLine, const std::string
     const std::uint64_t limit = scriptSettings().maxOutputBytes;
     // Taken before the script can run: a stop asked for once it runs must not be missed.
     const std::uint64_t generation = g_abortGeneration.load();
-    const pid_t child = spawnScript(std::move(args), execDir, out.get(), err.get());
-    const auto overLimit = [&] { return limit > 0 && (out.size() > limit || err.size() > limit); };
+    misc::ChildProcess child(spawnScript(std::move(args), execDir, out.get(), err.get()));
+    const auto overLimit = [&] {
+        return limit > 0 && (sizeOf(out) > limit || sizeOf(err) > limit);
+    };
 
     const auto deadline =
         std::chrono::steady_clock::now() + std::chrono::seconds(std::max(0, timeoutSeconds));
     int status = 0;
     std::chrono::microseconds pause(50);
     for (;;) {
-        const pid_t done = ::waitpid(child, &status, WNOHANG);
-        if (done == child)
+        bool waitFailed = false;
+        if (child.reapIfEnded(status, waitFailed))
             break;
         const bool aborted = g_abortGeneration.load() != generation;
         const bool tooMuch = overLimit();
-        if (done < 0 || aborted || tooMuch || std::chrono::steady_clock::now() >= deadline) {
-            ::kill(-child, SIGKILL);
-            ::waitpid(child, &status, 0);
+        if (waitFailed || aborted || tooMuch || std::chrono::steady_clock::now() >= deadline) {
+            child.killAndReap();
             throw Exception(aborted   ? "The script was stopped."
                             : tooMuch ? outputLimitMessage(limit)
                                       : "The script timed out.");

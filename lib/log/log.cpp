@@ -1,5 +1,7 @@
 #include "lib/log/log.h"
 
+#include "lib/misc/text.h"
+
 #include <atomic>
 #include <cctype>
 #include <cerrno>
@@ -164,8 +166,7 @@ std::string CMessageLog::formatPrefix(const char* file, unsigned line, std::time
         if (m_switches.date) {
             prefix += text[8] == ' ' ? '0' : text[8];
             prefix += text[9];
-            for (int i = 4; i < 7; ++i)
-                prefix += static_cast<char>(std::tolower(static_cast<unsigned char>(text[i])));
+            prefix += misc::lowered(std::string(text + 4, 3));
             prefix.append(text + 22, 2);
             prefix += ' ';
         }
@@ -180,9 +181,7 @@ std::string CMessageLog::formatPrefix(const char* file, unsigned line, std::time
             splitSourcePath(file, base, extension);
             std::snprintf(buffer, sizeof buffer, "%8s%-4s:%06lu", base.c_str(), extension.c_str(),
                           static_cast<unsigned long>(line));
-            for (char* c = buffer; *c; ++c)
-                *c = static_cast<char>(std::tolower(static_cast<unsigned char>(*c)));
-            prefix += buffer;
+            prefix += misc::lowered(buffer);
         } else {
             prefix += "         ???:   ???";
         }

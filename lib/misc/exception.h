@@ -1,5 +1,6 @@
-// The failure types of the engine libraries: one per namespace, each carrying one
-// complete English message.
+// The common base of the engine libraries' failure types: each layer declares its own
+// (tools::Exception, expat::Exception, channels::Exception) on top of this one, so that a
+// boundary catching any engine failure gets the one complete English message.
 #pragma once
 
 #include <exception>
@@ -19,17 +20,3 @@ private:
 };
 
 } // namespace misc
-
-namespace channels {
-class Exception : public misc::MessageException {
-public:
-    using MessageException::MessageException;
-};
-} // namespace channels
-
-namespace expat {
-class Exception : public misc::MessageException {
-public:
-    using MessageException::MessageException;
-};
-} // namespace expat

@@ -1,9 +1,9 @@
 #include "channels/appPluginManager.h"
 #include "channels/channelManager.h"
 #include "channels/dllAppPlugin.h"
+#include "channels/exception.h"
 #include "channels/rssChannel.h"
 #include "channels/scriptAppPlugin.h"
-#include "lib/misc/exception.h"
 #include "lib/misc/iniValues.h"
 #include "tests/support/testSupport.h"
 

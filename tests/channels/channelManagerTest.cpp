@@ -1,6 +1,6 @@
 #include "channels/channelManager.h"
+#include "channels/exception.h"
 #include "channels/rssChannel.h"
-#include "lib/misc/exception.h"
 #include "lib/misc/iniValues.h"
 #include "lib/misc/profileFile.h"
 #include "lib/misc/threadSafetyWin32.h"

@@ -1,7 +1,7 @@
 #include "channels/channelSummaryPage.h"
 #include "channels/channelManager.h"
+#include "channels/exception.h"
 #include "channels/rssChannel.h"
-#include "lib/misc/exception.h"
 #include "tests/support/testSupport.h"
 
 #include <gtest/gtest.h>

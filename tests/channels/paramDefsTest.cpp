@@ -1,5 +1,5 @@
 #include "channels/internal/paramDefs.h"
-#include "lib/misc/exception.h"
+#include "channels/exception.h"
 #include "tests/support/testSupport.h"
 
 #include <gtest/gtest.h>

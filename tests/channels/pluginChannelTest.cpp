@@ -91,7 +91,7 @@ TEST_F(PluginChannelTest, FailingScriptsBecomeChannelErrors) {
               (std::vector<std::string>{"Can't update the feed. Not an RSS feed."}));
 }
 
-TEST_F(PluginChannelTest, DownloadIsHandedToTheScriptAndA304SkipsIt) {
+TEST_F(PluginChannelTest, DownloadIsHandedToTheScriptA304SkipsItAndOtherStatusesFail) {
     TestHttpServer server("127.0.0.2");
     server.server().Get("/data", [](const httplib::Request& req, httplib::Response& res) {
         if (req.get_header_value("If-None-Match") == "\"d1\"") {
@@ -123,6 +123,11 @@ TEST_F(PluginChannelTest, DownloadIsHandedToTheScriptAndA304SkipsIt) {
     channel.state().feed().setFeedTime(1); // no longer a first fetch: the request is conditional
     manager.updateChannel(channel, true);
     EXPECT_TRUE(collector.lines.empty()) << collector.lines.front();
+    profile::writeIniString(m_dir.file("Channels/plug.plugin"), "ChannelParameters", "DownloadUrl",
+                            url + "/gone");
+    manager.updateChannel(channel, true);
+    EXPECT_EQ(collector.lines, (std::vector<std::string>{"Can't update the feed. Feed update "
+                                                         "error: HTTP 404 Not Found"}));
     manager.stop();
     manager.removeListener(&collector);
 }

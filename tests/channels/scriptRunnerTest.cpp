@@ -1,7 +1,7 @@
 #include "channels/internal/scriptRunner.h"
 #include "channels/events.h"
+#include "channels/exception.h"
 #include "channels/globalOptions.h"
-#include "lib/misc/exception.h"
 #include "lib/misc/iniValues.h"
 #include "lib/misc/systemValues.h"
 #include "tests/support/testSupport.h"

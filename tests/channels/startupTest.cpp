@@ -1,5 +1,5 @@
 #include "channels/startup.h"
-#include "lib/misc/exception.h"
+#include "channels/exception.h"
 #include "lib/misc/iniValues.h"
 #include "lib/misc/systemValues.h"
 #include "tests/support/testSupport.h"

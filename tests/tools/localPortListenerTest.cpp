@@ -1,18 +1,20 @@
 #include "tools/localPortListener.h"
 
-#include "lib/misc/exception.h"
 #include "tests/support/testSupport.h"
 #include "tools/descriptorLimit.h"
+#include "tools/exception.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
+#include <exception>
 #include <fcntl.h>
 #include <memory>
 #include <sys/resource.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 using testing_support::httpGet;
@@ -62,13 +64,18 @@ protected:
 // that the process has no descriptor left; gives everything back when destroyed.
 class DescriptorExhaustion {
 public:
-    DescriptorExhaustion() {
+    // leaveFree descriptors stay free for the code under test.
+    explicit DescriptorExhaustion(std::size_t leaveFree = 0) {
         ::getrlimit(RLIMIT_NOFILE, &m_saved);
         rlimit lowered = m_saved;
         lowered.rlim_cur = tools::openDescriptorCount() + 16;
         ::setrlimit(RLIMIT_NOFILE, &lowered);
         for (int fd; (fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;)
             m_held.push_back(fd);
+        for (; leaveFree > 0 && !m_held.empty(); --leaveFree) {
+            ::close(m_held.back());
+            m_held.pop_back();
+        }
     }
     ~DescriptorExhaustion() {
         for (int fd : m_held)
@@ -284,12 +291,42 @@ TEST_F(ListenerTest, APortInUseIsReportedByName) {
     try {
         second.start();
         FAIL() << "the port was taken";
-    } catch (const channels::Exception& e) {
+    } catch (const tools::Exception& e) {
         EXPECT_EQ(std::string(e.what()), "Can't listen on 127.0.0.1:" + std::to_string(port()) +
                                              " (second listener): Address already in use");
     }
     EXPECT_FALSE(second.isRunning());
     EXPECT_EQ(httpGet(port(), "/first").status, 200);
+}
+
+TEST(ListenerStart, NamesTheStepThatFailedAndCanStartOnceDescriptorsAreFree) {
+    LocalPortListener listener("short listener", 0,
+                               [](const LocalRequest&) { return LocalAnswer{}; });
+    // With one descriptor free the socket takes it; with two the wake-up event gets one too.
+    const std::pair<std::size_t, std::string> cases[] = {{1, "eventfd"}, {2, "epoll_create1"}};
+    for (const auto& [free, step] : cases) {
+        // The failure is looked at once descriptors are free again: the sanitizers' checks of
+        // a member call need one.
+        std::exception_ptr failure;
+        {
+            DescriptorExhaustion exhaustion(free);
+            try {
+                listener.start();
+            } catch (...) {
+                failure = std::current_exception();
+            }
+        }
+        EXPECT_FALSE(listener.isRunning());
+        ASSERT_TRUE(failure) << "started with " << free << " descriptors free";
+        try {
+            std::rethrow_exception(failure);
+        } catch (const tools::Exception& e) {
+            EXPECT_EQ(std::string(e.what()),
+                      "Can't start the short listener (" + step + "): Too many open files");
+        }
+    }
+    listener.start();
+    EXPECT_EQ(httpGet(listener.port(), "/after").status, 200);
 }
 
 TEST_F(ListenerTest, StopsPromptlyWithClientsConnectedAndARequestRunning) {

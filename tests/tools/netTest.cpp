@@ -1,7 +1,7 @@
 #include "tools/net.h"
-#include "lib/misc/exception.h"
 #include "tests/support/testHttpServer.h"
 #include "tests/support/testSupport.h"
+#include "tools/exception.h"
 #include "tools/hostAddress.h"
 
 #include <gtest/gtest.h>
@@ -51,7 +51,7 @@ Result fetch(InternetSession& session, const std::string& url, std::string* last
 std::string failureOf(InternetSession& session, const std::string& url) {
     try {
         fetch(session, url, nullptr, nullptr);
-    } catch (const channels::Exception& failure) {
+    } catch (const tools::Exception& failure) {
         return failure.what();
     }
     return "no failure";
@@ -385,7 +385,7 @@ TEST(ReadUrl, DownloadsForWebPagesNeverConnectToThisComputer) {
         try {
             std::string body;
             readUrl(session, url, nullptr, nullptr, false, nullptr, nullptr, body, forWebPage);
-        } catch (const channels::Exception& e) {
+        } catch (const tools::Exception& e) {
             return std::string(e.what());
         }
         return std::string("no failure");
