@@ -37,7 +37,9 @@ std::uint64_t hashNoCase(std::string_view name) {
     std::uint64_t hash = 14695981039346656037ull;
     for (char c : name)
         hash = (hash ^ static_cast<unsigned char>(asciiLower(c))) * 1099511628211ull;
-    return hash;
+    hash ^= hash >> 32; // the low bits pick the slot: mix the high ones into them
+    hash *= 0x9E3779B97F4A7C15ull;
+    return hash ^ (hash >> 29);
 }
 
 inline bool isSpace(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
@@ -201,6 +203,18 @@ struct ParsedSection {
 // document is written out.
 class Document {
 public:
+    Document() = default;
+    Document(const Document& other)
+        : textHash(other.textHash), textSize(other.textSize), m_text(other.m_text),
+          m_sections(other.m_sections), m_parsed(other.m_parsed), m_sources(other.m_sources),
+          m_table(other.m_table), m_tableUsed(other.m_tableUsed), m_duplicates(other.m_duplicates),
+          m_sourceSections(other.m_sourceSections) {}
+    Document(Document&& other) noexcept
+        : textHash(other.textHash), textSize(other.textSize), m_text(std::move(other.m_text)),
+          m_sections(std::move(other.m_sections)), m_parsed(std::move(other.m_parsed)),
+          m_sources(std::move(other.m_sources)), m_table(std::move(other.m_table)),
+          m_tableUsed(other.m_tableUsed), m_duplicates(std::move(other.m_duplicates)),
+          m_sourceSections(std::move(other.m_sourceSections)) {}
     void parse(std::shared_ptr<const std::string> text);
     // Streams the text into the sink.
     void serialize(Sink& sink) const;
@@ -251,10 +265,11 @@ private:
     std::vector<Section> m_sections;
     std::vector<ParsedSection> m_parsed;
     std::vector<std::shared_ptr<const SectionSource>> m_sources;
-    std::vector<std::uint32_t> m_table;          // open addressing: section index + 1, 0 when free
-    std::vector<std::uint32_t> m_duplicates;     // the sections marked duplicate
-    std::vector<std::uint32_t> m_sourceSections; // the sections written from a source
+    std::vector<std::uint64_t> m_table; // open addressing, 0 when free (see insertIntoTable)
     std::size_t m_tableUsed = 0;
+    std::vector<std::uint32_t> m_duplicates;        // the sections marked duplicate
+    std::vector<std::uint32_t> m_sourceSections;    // the sections written from a source
+    mutable std::atomic<std::size_t> m_nextHint{0}; // the section find tries first
 };
 
 void Document::parse(std::shared_ptr<const std::string> text) {
@@ -263,6 +278,7 @@ void Document::parse(std::shared_ptr<const std::string> text) {
     m_parsed.clear();
     m_sources.clear();
     const std::string_view all(*m_text);
+    m_sections.reserve(all.size() / 128 + 1); // a guess that fits files of many small sections
     Section current;
     current.isPrelude = true;
     size_t pos = 0;
@@ -299,11 +315,14 @@ std::string_view Document::nameOf(const Section& section) const {
     return std::string_view(*m_text).substr(section.nameBegin, section.nameLength);
 }
 
+// A slot holds the section's index + 1 in its low half and the high half of the name's hash in
+// the other, so that most names that differ are told apart without reading them.
 void Document::insertIntoTable(std::size_t index) {
     const size_t mask = m_table.size() - 1;
-    for (size_t slot = hashNoCase(nameOf(m_sections[index])) & mask;; slot = (slot + 1) & mask)
+    const std::uint64_t hash = hashNoCase(nameOf(m_sections[index]));
+    for (size_t slot = hash & mask;; slot = (slot + 1) & mask)
         if (m_table[slot] == 0) {
-            m_table[slot] = static_cast<std::uint32_t>(index + 1);
+            m_table[slot] = (hash & 0xFFFFFFFF00000000ull) | (index + 1);
             ++m_tableUsed;
             return;
         }
@@ -313,10 +332,14 @@ std::size_t Document::lookup(std::string_view name) const {
     if (m_table.empty())
         return 0;
     const size_t mask = m_table.size() - 1;
-    for (size_t slot = hashNoCase(name) & mask; m_table[slot] != 0; slot = (slot + 1) & mask) {
-        const Section& candidate = m_sections[m_table[slot] - 1];
+    const std::uint64_t hash = hashNoCase(name);
+    for (size_t slot = hash & mask; m_table[slot] != 0; slot = (slot + 1) & mask) {
+        if ((m_table[slot] ^ hash) >> 32 != 0)
+            continue;
+        const size_t index = m_table[slot] & 0xFFFFFFFFull;
+        const Section& candidate = m_sections[index - 1];
         if (!candidate.deleted && equalsNoCase(nameOf(candidate), name))
-            return m_table[slot];
+            return index;
     }
     return 0;
 }
@@ -329,7 +352,11 @@ void Document::reindex() {
     m_tableUsed = 0;
     m_duplicates.clear();
     m_sourceSections.clear();
+    const size_t mask = m_table.size() - 1;
+    constexpr size_t kAhead = 16; // slots are fetched this many sections ahead of their use
     for (size_t i = 0; i < m_sections.size(); ++i) {
+        if (i + kAhead < m_sections.size() && m_sections[i + kAhead].source < 0)
+            __builtin_prefetch(&m_table[hashNoCase(nameOf(m_sections[i + kAhead])) & mask]);
         Section& section = m_sections[i];
         section.duplicate = false;
         if (section.source >= 0 && !section.deleted)
@@ -345,8 +372,20 @@ void Document::reindex() {
 }
 
 Document::Found Document::find(std::string_view name) const {
-    if (const size_t index = lookup(name))
+    // Sections are mostly read in file order: try the one after the last found first.
+    const size_t hint = m_nextHint.load(std::memory_order_relaxed);
+    if (hint < m_sections.size()) {
+        const Section& next = m_sections[hint];
+        if (!next.isPrelude && !next.deleted && !next.duplicate && next.source < 0 &&
+            equalsNoCase(nameOf(next), name)) {
+            m_nextHint.store(hint + 1, std::memory_order_relaxed);
+            return {&next, 0};
+        }
+    }
+    if (const size_t index = lookup(name)) {
+        m_nextHint.store(index, std::memory_order_relaxed);
         return {&m_sections[index - 1], 0};
+    }
     for (std::uint32_t index : m_sourceSections) {
         const Section& section = m_sections[index];
         if (section.source >= 0 && !section.deleted)
@@ -793,6 +832,9 @@ bool readWholeFile(const std::string& path, std::string& text) {
     FILE* file = std::fopen(path.c_str(), "rb");
     if (!file)
         return false;
+    struct stat info {};
+    if (::fstat(::fileno(file), &info) == 0 && info.st_size > 0)
+        text.reserve(static_cast<size_t>(info.st_size));
     char buffer[65536];
     size_t count;
     while ((count = std::fread(buffer, 1, sizeof buffer, file)) > 0)
