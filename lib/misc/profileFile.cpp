@@ -1088,6 +1088,12 @@ void clearCache() {
     instance.files.clear();
 }
 
+void forget(const std::string& path) {
+    auto& instance = cache();
+    std::lock_guard guard(instance.mutex);
+    instance.files.erase(normalized(path));
+}
+
 WriteBatch::WriteBatch(const std::string& path) : m_path(normalized(path)) {
     auto [it, inserted] = t_batches.try_emplace(m_path);
     if (inserted) {

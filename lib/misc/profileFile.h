@@ -91,6 +91,9 @@ private:
 
 // Forgets the parsed copies (tests; or after moving files around).
 void clearCache();
+// Forgets the copy kept of one file, so that its text leaves memory once no snapshot holds it;
+// the next read reads the file again.
+void forget(const std::string& path);
 
 // While a batch on a file is open on a thread, that thread's writes to the file are
 // collected in memory (and its reads see them); the file is rewritten once when the
