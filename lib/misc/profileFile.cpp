@@ -182,8 +182,10 @@ struct Section {
     std::size_t nameBegin = 0; // the name in the text, unless the section is parsed
     std::size_t bodyBegin = 0;
     std::size_t bodyEnd = 0;
-    std::int32_t parsed = -1; // index of its lines and name once parsed or created
-    std::int32_t source = -1; // index of its source, for sections written from one
+    std::int32_t parsed = -1;        // index of its lines and name once parsed or created
+    std::int32_t source = -1;        // index of its source, for sections appended from one
+    std::int32_t inPlaceSource = -1; // a section of the text whose keys a source now gives
+    std::uint32_t item = 0;          // the source's section shown here, or the first one appended
     std::uint32_t nameLength = 0;
     bool isPrelude = false;
     bool deleted = false;   // left in place so that deleting many sections stays linear
@@ -255,6 +257,9 @@ private:
     void forEachKey(const Found& found, Function function) const;
     // The parsed lines of the first section of that name (parsing or creating it).
     std::vector<Line>* linesFor(const std::string& name, bool create);
+    // Whether a section of the text holds exactly these keys, one a line as "key=value".
+    bool holdsExactly(const Section& section,
+                      const std::vector<std::pair<std::string, std::string>>& keys) const;
     // Replaces the sections written from a source by parsed sections with the same lines.
     void materialize(std::int32_t source);
     void reindex();
@@ -389,7 +394,8 @@ Document::Found Document::find(std::string_view name) const {
     for (std::uint32_t index : m_sourceSections) {
         const Section& section = m_sections[index];
         if (section.source >= 0 && !section.deleted)
-            if (auto item = m_sources[static_cast<size_t>(section.source)]->indexOf(name))
+            if (auto item = m_sources[static_cast<size_t>(section.source)]->indexOf(name);
+                item && *item >= section.item)
                 return {&section, *item};
     }
     return {};
@@ -398,9 +404,12 @@ Document::Found Document::find(std::string_view name) const {
 template <typename Function>
 void Document::forEachKey(const Found& found, Function function) const {
     const Section& section = *found.section;
-    if (section.source >= 0) {
+    if (section.source >= 0 || section.inPlaceSource >= 0) {
         std::vector<std::pair<std::string, std::string>> keys;
-        m_sources[static_cast<size_t>(section.source)]->sectionKeys(found.item, keys);
+        if (section.source >= 0)
+            m_sources[static_cast<size_t>(section.source)]->sectionKeys(found.item, keys);
+        else
+            m_sources[static_cast<size_t>(section.inPlaceSource)]->sectionKeys(section.item, keys);
         for (const auto& [key, value] : keys)
             if (function(std::string_view(key), std::string_view(value)))
                 return;
@@ -463,7 +472,7 @@ void Document::serialize(Sink& sink) const {
             continue;
         if (section.source >= 0) {
             const SectionSource& source = *m_sources[static_cast<size_t>(section.source)];
-            for (size_t i = 0; i < source.sectionCount(); ++i) {
+            for (size_t i = section.item; i < source.sectionCount(); ++i) {
                 sink.append("[" + source.sectionName(i) + "]\n");
                 keys.clear();
                 source.sectionKeys(i, keys);
@@ -480,6 +489,17 @@ void Document::serialize(Sink& sink) const {
             sink.append('[');
             sink.append(nameOf(section));
             sink.append("]\n");
+        }
+        if (section.inPlaceSource >= 0) {
+            keys.clear();
+            m_sources[static_cast<size_t>(section.inPlaceSource)]->sectionKeys(section.item, keys);
+            for (const auto& [key, value] : keys) {
+                sink.append(key);
+                sink.append('=');
+                sink.append(value);
+                sink.append('\n');
+            }
+            continue;
         }
         if (section.parsed >= 0) {
             for (const Line& line : m_parsed[static_cast<size_t>(section.parsed)].lines) {
@@ -527,6 +547,16 @@ std::vector<Line>* Document::linesFor(const std::string& name, bool create) {
         return &m_parsed.back().lines;
     }
     Section& section = m_sections[static_cast<size_t>(found.section - m_sections.data())];
+    if (section.parsed < 0 && section.inPlaceSource >= 0) {
+        ParsedSection parsed{std::string(nameOf(section)), {}};
+        std::vector<std::pair<std::string, std::string>> keys;
+        m_sources[static_cast<size_t>(section.inPlaceSource)]->sectionKeys(section.item, keys);
+        for (auto& [key, value] : keys)
+            parsed.lines.push_back(Line{true, std::move(key), std::move(value), {}});
+        section.inPlaceSource = -1;
+        section.parsed = static_cast<std::int32_t>(m_parsed.size());
+        m_parsed.push_back(std::move(parsed));
+    }
     if (section.parsed < 0) {
         ParsedSection parsed{std::string(nameOf(section)), {}};
         forEachRawLine(bodyOf(section), [&](std::string_view raw) {
@@ -603,7 +633,7 @@ void Document::materialize(std::int32_t sourceIndex) {
     const SectionSource& source = *m_sources[static_cast<size_t>(sourceIndex)];
     std::vector<Section> sections;
     std::vector<std::pair<std::string, std::string>> keys;
-    for (size_t i = 0; i < source.sectionCount(); ++i) {
+    for (size_t i = at->item; i < source.sectionCount(); ++i) {
         ParsedSection parsed{source.sectionName(i), {}};
         keys.clear();
         source.sectionKeys(i, keys);
@@ -620,20 +650,61 @@ void Document::materialize(std::int32_t sourceIndex) {
     reindex();
 }
 
+bool Document::holdsExactly(const Section& section,
+                            const std::vector<std::pair<std::string, std::string>>& keys) const {
+    if (section.parsed >= 0 || section.inPlaceSource >= 0 || section.source >= 0 ||
+        section.isPrelude)
+        return false;
+    size_t matched = 0;
+    bool exact = true;
+    forEachRawLine(bodyOf(section), [&](std::string_view raw) {
+        std::string_view key, value;
+        exact = matched < keys.size() && splitKey(raw, key, value) && key == keys[matched].first &&
+                key.data() == raw.data() && raw.size() == key.size() + 1 + value.size() &&
+                raw[key.size()] == '=';
+        ++matched;
+        return !exact;
+    });
+    return exact && matched == keys.size();
+}
+
 void Document::appendSections(const std::shared_ptr<const SectionSource>& source) {
+    // Sections the file holds already take their keys where writes would put them: when such a
+    // section holds exactly those keys one a line, its keys come from the source in its place.
+    // The others are appended, from the source, when they are its last ones.
     const size_t count = source->sectionCount();
-    bool anyExists = false;
-    for (size_t i = 0; i < count && !anyExists; ++i)
-        anyExists = find(source->sectionName(i)).section != nullptr;
-    if (!anyExists) {
-        Section section;
-        section.source = static_cast<std::int32_t>(m_sources.size());
+    std::vector<const Section*> inPlace;
+    std::vector<std::pair<std::string, std::string>> keys;
+    size_t firstMissing = count;
+    bool streamable = true;
+    for (size_t i = 0; i < count && streamable; ++i) {
+        const Found found = find(source->sectionName(i));
+        if (!found.section) {
+            firstMissing = std::min(firstMissing, i);
+            continue;
+        }
+        keys.clear();
+        source->sectionKeys(i, keys);
+        streamable = firstMissing == count && holdsExactly(*found.section, keys);
+        inPlace.push_back(found.section);
+    }
+    if (streamable) {
+        const auto sourceIndex = static_cast<std::int32_t>(m_sources.size());
         m_sources.push_back(source);
-        m_sections.push_back(section);
-        m_sourceSections.push_back(static_cast<std::uint32_t>(m_sections.size() - 1));
+        for (size_t i = 0; i < inPlace.size(); ++i) {
+            Section& section = m_sections[static_cast<size_t>(inPlace[i] - m_sections.data())];
+            section.inPlaceSource = sourceIndex;
+            section.item = static_cast<std::uint32_t>(i);
+        }
+        if (firstMissing < count) {
+            Section section;
+            section.source = sourceIndex;
+            section.item = static_cast<std::uint32_t>(firstMissing);
+            m_sections.push_back(section);
+            m_sourceSections.push_back(static_cast<std::uint32_t>(m_sections.size() - 1));
+        }
         return;
     }
-    std::vector<std::pair<std::string, std::string>> keys;
     for (size_t i = 0; i < count; ++i) {
         keys.clear();
         source->sectionKeys(i, keys);
@@ -673,7 +744,7 @@ std::vector<std::string> Document::sectionNames() const {
             continue;
         if (section.source >= 0) {
             const SectionSource& source = *m_sources[static_cast<size_t>(section.source)];
-            for (size_t i = 0; i < source.sectionCount(); ++i)
+            for (size_t i = section.item; i < source.sectionCount(); ++i)
                 names.push_back(source.sectionName(i));
         } else
             names.emplace_back(nameOf(section));

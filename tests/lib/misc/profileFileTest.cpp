@@ -344,3 +344,33 @@ TEST(ProfileFile, AppendedSectionsWriteTheBytesOfKeysWrittenOneByOne) {
     writeOneByOne(clashExpected, *source);
     EXPECT_EQ(readFile(clash), readFile(clashExpected));
 }
+
+TEST(ProfileFile, SectionsHoldingExactlyTheAppendedKeysTakeThemInPlace) {
+    // As a feed's items without ids stay in the file and are written over at the next save.
+    TempDir dir;
+    const auto source = std::make_shared<NumberedSections>(3);
+    const std::string start = "[item (1)]\nId=\nText=old 1\n[Tail]\nt=1\n[Item (2)]\nId=\nText=\n";
+    const std::string actual = dir.file("actual.ini"), expected = dir.file("expected.ini");
+    for (const std::string& path : {actual, expected})
+        writeFile(path, start);
+    writeOneByOne(expected, *source);
+    {
+        WriteBatch batch(actual);
+        ASSERT_TRUE(appendSections(actual, source));
+        EXPECT_EQ(readValue(actual, "Item (1)", "Text"), "text 1");
+        EXPECT_EQ(listSections(actual),
+                  (std::vector<std::string>{"item (1)", "Tail", "Item (2)", "Item (3)"}));
+        ASSERT_TRUE(batch.commit());
+    }
+    EXPECT_EQ(readFile(actual), readFile(expected));
+    // A write into such a section keeps the keys the source gave it.
+    writeFile(actual, start);
+    {
+        WriteBatch batch(actual);
+        ASSERT_TRUE(appendSections(actual, source));
+        ASSERT_TRUE(writeValue(actual, "ITEM (2)", "More", "m"));
+        ASSERT_TRUE(batch.commit());
+    }
+    ASSERT_TRUE(writeValue(expected, "ITEM (2)", "More", "m"));
+    EXPECT_EQ(readFile(actual), readFile(expected));
+}
