@@ -64,6 +64,9 @@ Feed& ChannelState::loadedFeed() const {
         }
         m_feed = std::move(feed);
         m_feedSource.reset();
+        // The feed is in memory now: the file's text is read again when a save needs it.
+        if (!m_feedFile.empty())
+            profile::forget(m_feedFile);
     }
     return *m_feed;
 }

@@ -2,6 +2,11 @@
 
 #include "lib/misc/iniValues.h"
 #include "lib/misc/profileFile.h"
+#include "lib/misc/text.h"
+
+#include <algorithm>
+#include <optional>
+#include <string_view>
 
 namespace channels {
 
@@ -72,46 +77,124 @@ std::size_t readLength(const std::string& bytes, std::size_t& position) {
 
 FeedItem PackedFeedItems::at(std::size_t index) const {
     FeedItem item;
-    std::size_t position = m_starts[index];
+    const std::string& bytes = m_storage->bytes;
+    std::size_t position = m_storage->starts[index];
     for (const ItemKey& key : kItemKeys) {
-        const std::size_t length = readLength(m_bytes, position);
-        (item.*key.field).assign(m_bytes, position, length);
+        const std::size_t length = readLength(bytes, position);
+        (item.*key.field).assign(bytes, position, length);
         position += length;
     }
     return item;
 }
 
 std::string PackedFeedItems::id(std::size_t index) const {
-    std::size_t position = m_starts[index];
-    const std::size_t length = readLength(m_bytes, position); // the id is the first field
-    return m_bytes.substr(position, length);
+    std::size_t position = m_storage->starts[index];
+    const std::size_t length = readLength(m_storage->bytes, position); // the first field
+    return m_storage->bytes.substr(position, length);
+}
+
+PackedFeedItems::Storage& PackedFeedItems::mutableStorage() {
+    if (!m_storage)
+        m_storage = std::make_shared<Storage>();
+    else if (m_storage.use_count() > 1) // a copy still reads the old items
+        m_storage = std::make_shared<Storage>(*m_storage);
+    return *m_storage;
 }
 
 void PackedFeedItems::push_back(const FeedItem& item) {
-    m_starts.push_back(m_bytes.size());
+    Storage& storage = mutableStorage();
+    storage.starts.push_back(storage.bytes.size());
     for (const ItemKey& key : kItemKeys) {
-        appendLength(m_bytes, (item.*key.field).size());
-        m_bytes += item.*key.field;
+        appendLength(storage.bytes, (item.*key.field).size());
+        storage.bytes += item.*key.field;
     }
 }
 
 void PackedFeedItems::truncate(std::size_t count) {
-    if (count >= m_starts.size())
+    if (count >= size())
         return;
-    m_bytes.resize(m_starts[count]);
-    m_starts.resize(count);
+    Storage& storage = mutableStorage();
+    storage.bytes.resize(storage.starts[count]);
+    storage.starts.resize(count);
+}
+
+bool PackedFeedItems::operator==(const PackedFeedItems& other) const {
+    if (m_storage == other.m_storage || size() != other.size())
+        return m_storage == other.m_storage || size() == other.size(); // both empty, or unequal
+    return m_storage->bytes == other.m_storage->bytes;
 }
 
 std::string feedItemSectionName(const std::string& section, std::size_t number) {
     return section + " (" + std::to_string(number) + ")";
 }
 
+namespace {
+
+// Section names compare without regard to the case of ASCII letters.
+bool sameName(std::string_view a, std::string_view b) {
+    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
+    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(),
+                                              [&](char x, char y) { return lower(x) == lower(y); });
+}
+
+// The item sections of a feed saved under a section, written straight from its items.
+class ItemSections : public profile::SectionSource {
+public:
+    ItemSections(std::string section, PackedFeedItems items)
+        : m_section(std::move(section)), m_items(std::move(items)) {}
+    std::size_t sectionCount() const override { return m_items.size(); }
+    std::string sectionName(std::size_t index) const override {
+        return feedItemSectionName(m_section, index + 1);
+    }
+    std::optional<std::size_t> indexOf(std::string_view name) const override {
+        // "S (n)" with n written as feedItemSectionName writes it, 1 <= n <= the item count.
+        const std::size_t prefix = m_section.size() + 2;
+        if (name.size() < prefix + 2 || name.substr(m_section.size(), 2) != " (" ||
+            name.back() != ')' || !sameName(name.substr(0, m_section.size()), m_section))
+            return std::nullopt;
+        const std::string_view digits = name.substr(prefix, name.size() - prefix - 1);
+        std::size_t number = 0;
+        for (char c : digits) {
+            if (c < '0' || c > '9' || number > m_items.size())
+                return std::nullopt;
+            number = number * 10 + static_cast<std::size_t>(c - '0');
+        }
+        if (number == 0 || number > m_items.size() || std::to_string(number) != digits)
+            return std::nullopt;
+        return number - 1;
+    }
+    void sectionKeys(std::size_t index,
+                     std::vector<std::pair<std::string, std::string>>& keys) const override {
+        const FeedItem item = m_items.at(index);
+        for (const ItemKey& key : kItemKeys)
+            keys.emplace_back(key.key, profile::escapeIniValue(item.*key.field));
+    }
+
+private:
+    std::string m_section;
+    PackedFeedItems m_items;
+};
+
+} // namespace
+
 bool FeedItem::load(const std::string& file, const std::string& section) {
-    const std::string itemId = profile::readIniString(file, section, "Id");
+    static const std::vector<std::string> names = [] {
+        std::vector<std::string> keys;
+        for (const ItemKey& key : kItemKeys)
+            keys.emplace_back(key.key);
+        return keys;
+    }();
+    const auto values = profile::readValues(file, section, names);
+    // As readIniString reads them: unescaped, then trimmed; the id is the first key.
+    const auto text = [](const std::optional<std::string>& raw) {
+        return raw ? misc::trimmed(profile::unescapeIniValue(*raw)) : std::string();
+    };
+    std::string itemId = text(values[0]);
     if (itemId.empty())
         return false;
-    for (const ItemKey& key : kItemKeys)
-        this->*key.field = profile::readIniString(file, section, key.key);
+    id = std::move(itemId);
+    for (std::size_t i = 1; i < names.size(); ++i)
+        this->*kItemKeys[i].field = text(values[i]);
     return true;
 }
 
@@ -265,8 +348,7 @@ void Feed::save(const std::string& file, const std::string& section) const {
             break;
         profile::deleteIniSection(file, itemSection);
     }
-    for (std::size_t i = 0; i < m_items.size(); ++i)
-        m_items.at(i).save(file, feedItemSectionName(section, i + 1));
+    profile::appendSections(file, std::make_shared<ItemSections>(section, m_items));
 }
 
 } // namespace channels

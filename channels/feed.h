@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -53,19 +54,24 @@ struct FeedChannelFields {
 };
 
 // Items packed one after another in one buffer, each field as its length and its bytes: a
-// feed of a million small items then costs tens of bytes per item, not hundreds.
+// feed of a million small items then costs tens of bytes per item, not hundreds. Copies share
+// the buffer until one of them changes.
 class PackedFeedItems {
 public:
-    std::size_t size() const { return m_starts.size(); }
+    std::size_t size() const { return m_storage ? m_storage->starts.size() : 0; }
     FeedItem at(std::size_t index) const;
     std::string id(std::size_t index) const;
     void push_back(const FeedItem& item);
     void truncate(std::size_t count);
-    bool operator==(const PackedFeedItems&) const = default;
+    bool operator==(const PackedFeedItems& other) const;
 
 private:
-    std::string m_bytes;
-    std::vector<std::size_t> m_starts;
+    struct Storage {
+        std::string bytes;
+        std::vector<std::size_t> starts;
+    };
+    Storage& mutableStorage();
+    std::shared_ptr<Storage> m_storage;
 };
 
 class Feed {

@@ -24,7 +24,7 @@ namespace {
 // Names compare as the platform compares them: ASCII letters without regard to case.
 inline char asciiLower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; }
 
-bool equalsNoCase(const std::string& a, const std::string& b) {
+bool equalsNoCase(std::string_view a, std::string_view b) {
     if (a.size() != b.size())
         return false;
     for (size_t i = 0; i < a.size(); ++i)
@@ -33,11 +33,111 @@ bool equalsNoCase(const std::string& a, const std::string& b) {
     return true;
 }
 
-std::string lowered(std::string text) {
-    for (char& c : text)
-        c = asciiLower(c);
+std::uint64_t hashNoCase(std::string_view name) {
+    std::uint64_t hash = 14695981039346656037ull;
+    for (char c : name)
+        hash = (hash ^ static_cast<unsigned char>(asciiLower(c))) * 1099511628211ull;
+    hash ^= hash >> 32; // the low bits pick the slot: mix the high ones into them
+    hash *= 0x9E3779B97F4A7C15ull;
+    return hash ^ (hash >> 29);
+}
+
+inline bool isSpace(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
+
+std::string_view trimmedView(std::string_view text) {
+    while (!text.empty() && isSpace(text.front()))
+        text.remove_prefix(1);
+    while (!text.empty() && isSpace(text.back()))
+        text.remove_suffix(1);
     return text;
 }
+
+// A hash of a text that can be fed in pieces, eight bytes at a time.
+class TextHasher {
+public:
+    void add(const char* data, std::size_t size) {
+        m_size += size;
+        while (size > 0 && m_pending > 0) {
+            addByte(*data++);
+            --size;
+        }
+        for (; size >= 8; data += 8, size -= 8) {
+            std::uint64_t word;
+            std::memcpy(&word, data, 8);
+            mix(word);
+        }
+        while (size-- > 0)
+            addByte(*data++);
+    }
+    std::size_t value() const {
+        std::uint64_t hash = m_hash ^ (m_word * 0xff51afd7ed558ccdull) ^ m_size;
+        hash ^= hash >> 33;
+        hash *= 0xc4ceb9fe1a85ec53ull;
+        hash ^= hash >> 33;
+        return static_cast<std::size_t>(hash | 1); // 0 means "no text"
+    }
+    std::size_t size() const { return m_size; }
+
+private:
+    void addByte(char c) {
+        m_word |= static_cast<std::uint64_t>(static_cast<unsigned char>(c)) << (8 * m_pending);
+        if (++m_pending == 8)
+            mix(std::exchange(m_word, 0));
+    }
+    void mix(std::uint64_t word) {
+        m_pending = 0;
+        m_hash = (m_hash ^ word) * 0x9E3779B97F4A7C15ull;
+        m_hash ^= m_hash >> 29;
+    }
+    std::uint64_t m_hash = 0x243F6A8885A308D3ull;
+    std::uint64_t m_word = 0;
+    int m_pending = 0;
+    std::size_t m_size = 0;
+};
+
+// Where a serialized document goes: a file written as it is produced, or a string.
+class Sink {
+public:
+    explicit Sink(int descriptor = -1) : m_descriptor(descriptor) {}
+    void append(std::string_view text) {
+        m_hasher.add(text.data(), text.size());
+        m_buffer.append(text);
+        if (m_descriptor >= 0 && m_buffer.size() >= kFlushSize)
+            flush();
+    }
+    void append(char c) { append(std::string_view(&c, 1)); }
+    // Writes what is buffered; false (with errno set) when the file could not take it.
+    bool flush() {
+        if (m_failed || m_descriptor < 0)
+            return !m_failed;
+        size_t written = 0;
+        while (written < m_buffer.size()) {
+            ssize_t n = ::write(m_descriptor, m_buffer.data() + written, m_buffer.size() - written);
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n <= 0) {
+                m_failed = true;
+                m_errno = n < 0 ? errno : EIO;
+                return false;
+            }
+            written += static_cast<size_t>(n);
+        }
+        m_buffer.clear();
+        return true;
+    }
+    bool failed() const { return m_failed; }
+    int error() const { return m_errno; }
+    const TextHasher& hasher() const { return m_hasher; }
+    std::string& text() { return m_buffer; }
+
+private:
+    static constexpr std::size_t kFlushSize = 1 << 18;
+    int m_descriptor;
+    std::string m_buffer;
+    TextHasher m_hasher;
+    bool m_failed = false;
+    int m_errno = 0;
+};
 
 // One line of a section: a key with its value, or a line kept as it is (comment, blank).
 struct Line {
@@ -47,28 +147,90 @@ struct Line {
     std::string raw; // the line as read; empty once the key's value was changed
 };
 
+// Calls function(raw line) for each line of a text range, without the line break and a
+// carriage return before it.
+template <typename Function>
+void forEachRawLine(std::string_view text, Function function) {
+    size_t pos = 0;
+    while (pos < text.size()) {
+        size_t end = text.find('\n', pos);
+        if (end == std::string_view::npos)
+            end = text.size();
+        std::string_view raw = text.substr(pos, end - pos);
+        pos = end + 1;
+        if (!raw.empty() && raw.back() == '\r')
+            raw.remove_suffix(1);
+        if (function(raw))
+            return;
+    }
+}
+
+// Splits a line that is not a section header: whether it is a key, its key and value.
+bool splitKey(std::string_view raw, std::string_view& key, std::string_view& value) {
+    const std::string_view line = trimmedView(raw);
+    if (line.empty() || line[0] == ';')
+        return false;
+    const size_t equals = line.find('=');
+    key = trimmedView(line.substr(0, equals));
+    value = equals == std::string_view::npos ? std::string_view()
+                                             : trimmedView(line.substr(equals + 1));
+    return true;
+}
+
+// A section of the document: a range of the text, parsed lines, or the sections of a source.
 struct Section {
-    std::string name; // empty for the lines before the first section
+    std::size_t nameBegin = 0; // the name in the text, unless the section is parsed
+    std::size_t bodyBegin = 0;
+    std::size_t bodyEnd = 0;
+    std::int32_t parsed = -1;        // index of its lines and name once parsed or created
+    std::int32_t source = -1;        // index of its source, for sections appended from one
+    std::int32_t inPlaceSource = -1; // a section of the text whose keys a source now gives
+    std::uint32_t item = 0;          // the source's section shown here, or the first one appended
+    std::uint32_t nameLength = 0;
     bool isPrelude = false;
-    bool deleted = false; // left in place so that deleting many sections stays linear
+    bool deleted = false;   // left in place so that deleting many sections stays linear
+    bool duplicate = false; // a later section of a name an earlier one has
+};
+
+struct ParsedSection {
+    std::string name;
     std::vector<Line> lines;
 };
 
 } // namespace
 
-// A parsed profile file. The index maps a lower-cased section name to its first section;
-// later sections of the same name are listed apart. Deleted sections stay in the list,
-// marked, until the document is written out.
+// A profile file in memory: the text it was read from, and its sections in file order. A
+// section stays a range of that text until a write parses it into lines. Sections named in a
+// hash table of first occurrences; deleted sections stay in the list, marked, until the
+// document is written out.
 class Document {
 public:
-    void parse(const std::string& text);
-    std::string serialize() const;
+    Document() = default;
+    Document(const Document& other)
+        : textHash(other.textHash), textSize(other.textSize), m_text(other.m_text),
+          m_sections(other.m_sections), m_parsed(other.m_parsed), m_sources(other.m_sources),
+          m_table(other.m_table), m_tableUsed(other.m_tableUsed), m_duplicates(other.m_duplicates),
+          m_sourceSections(other.m_sourceSections) {}
+    Document(Document&& other) noexcept
+        : textHash(other.textHash), textSize(other.textSize), m_text(std::move(other.m_text)),
+          m_sections(std::move(other.m_sections)), m_parsed(std::move(other.m_parsed)),
+          m_sources(std::move(other.m_sources)), m_table(std::move(other.m_table)),
+          m_tableUsed(other.m_tableUsed), m_duplicates(std::move(other.m_duplicates)),
+          m_sourceSections(std::move(other.m_sourceSections)) {}
+    void parse(std::shared_ptr<const std::string> text);
+    // Streams the text into the sink.
+    void serialize(Sink& sink) const;
 
-    const Section* findSection(const std::string& name) const;
-    std::optional<std::string> value(const std::string& section, const std::string& key) const;
+    std::optional<std::string> value(std::string_view section, std::string_view key) const;
+    std::vector<std::optional<std::string>> values(std::string_view section,
+                                                   const std::vector<std::string>& keys) const;
+    std::vector<std::string> keys(std::string_view section) const;
+    bool hasSection(std::string_view section) const { return find(section).section != nullptr; }
     void setValue(const std::string& section, const std::string& key, const std::string& value);
     void deleteKey(const std::string& section, const std::string& key);
     void deleteSection(const std::string& section);
+    // Appends the sections of the source as setValue would one by one.
+    void appendSections(const std::shared_ptr<const SectionSource>& source);
     std::vector<std::string> sectionNames() const;
     // Applies to this document what changed from base to mine: sections mine no longer has
     // are deleted, and keys mine added, changed or removed are set or deleted.
@@ -77,104 +239,350 @@ public:
     // Identifies the text the document was read from or last written as (0 when neither).
     std::size_t textHash = 0;
     std::size_t textSize = 0;
+    bool hasSources() const { return !m_sources.empty(); }
 
 private:
+    struct Found {
+        const Section* section = nullptr;
+        std::size_t item = 0; // the section's index in its source
+    };
+    Found find(std::string_view name) const;
+    std::string_view nameOf(const Section& section) const;
+    std::string_view bodyOf(const Section& section) const {
+        return std::string_view(*m_text).substr(section.bodyBegin,
+                                                section.bodyEnd - section.bodyBegin);
+    }
+    // Calls function(key, value) for each key line of a section, in order, until it returns true.
+    template <typename Function>
+    void forEachKey(const Found& found, Function function) const;
+    // The parsed lines of the first section of that name (parsing or creating it).
+    std::vector<Line>* linesFor(const std::string& name, bool create);
+    // Whether a section of the text holds exactly these keys, one a line as "key=value".
+    bool holdsExactly(const Section& section,
+                      const std::vector<std::pair<std::string, std::string>>& keys) const;
+    // Replaces the sections written from a source by parsed sections with the same lines.
+    void materialize(std::int32_t source);
     void reindex();
+    void insertIntoTable(std::size_t index);
+    std::size_t lookup(std::string_view name) const; // index + 1 of the first occurrence, or 0
+
+    std::shared_ptr<const std::string> m_text = std::make_shared<const std::string>();
     std::vector<Section> m_sections;
-    std::unordered_map<std::string, size_t> m_index;
-    std::unordered_multimap<std::string, size_t> m_laterDuplicates;
+    std::vector<ParsedSection> m_parsed;
+    std::vector<std::shared_ptr<const SectionSource>> m_sources;
+    std::vector<std::uint64_t> m_table; // open addressing, 0 when free (see insertIntoTable)
+    std::size_t m_tableUsed = 0;
+    std::vector<std::uint32_t> m_duplicates;        // the sections marked duplicate
+    std::vector<std::uint32_t> m_sourceSections;    // the sections written from a source
+    mutable std::atomic<std::size_t> m_nextHint{0}; // the section find tries first
 };
 
-void Document::parse(const std::string& text) {
+void Document::parse(std::shared_ptr<const std::string> text) {
+    m_text = std::move(text);
     m_sections.clear();
-    m_sections.push_back(Section{"", true, false, {}});
+    m_parsed.clear();
+    m_sources.clear();
+    const std::string_view all(*m_text);
+    m_sections.reserve(all.size() / 128 + 1); // a guess that fits files of many small sections
+    Section current;
+    current.isPrelude = true;
     size_t pos = 0;
-    while (pos < text.size()) {
-        size_t end = text.find('\n', pos);
-        if (end == std::string::npos)
-            end = text.size();
-        std::string raw = text.substr(pos, end - pos);
-        pos = end + 1;
-        if (!raw.empty() && raw.back() == '\r')
-            raw.pop_back();
-        const std::string line = misc::trimmed(raw);
-        if (!line.empty() && line[0] == '[') {
-            size_t close = line.find(']');
-            std::string name = misc::trimmed(
-                line.substr(1, close == std::string::npos ? std::string::npos : close - 1));
-            m_sections.push_back(Section{name, false, false, {}});
-            continue;
+    while (pos < all.size()) {
+        size_t end = all.find('\n', pos);
+        const size_t next = end == std::string_view::npos ? all.size() : end + 1;
+        if (end == std::string_view::npos)
+            end = all.size();
+        size_t first = pos;
+        while (first < end && isSpace(all[first]))
+            ++first;
+        if (first < end && all[first] == '[') {
+            current.bodyEnd = pos;
+            m_sections.push_back(current);
+            const std::string_view line = trimmedView(all.substr(first, end - first));
+            const size_t close = line.find(']');
+            const std::string_view name = trimmedView(
+                line.substr(1, close == std::string_view::npos ? line.npos : close - 1));
+            current = Section{};
+            current.nameBegin = static_cast<size_t>(name.data() - all.data());
+            current.nameLength = static_cast<std::uint32_t>(name.size());
+            current.bodyBegin = next;
         }
-        Line entry;
-        entry.raw = raw;
-        if (!line.empty() && line[0] != ';') {
-            entry.isKey = true;
-            size_t equals = line.find('=');
-            entry.key = misc::trimmed(line.substr(0, equals));
-            entry.value = equals == std::string::npos ? "" : misc::trimmed(line.substr(equals + 1));
-        }
-        m_sections.back().lines.push_back(std::move(entry));
+        pos = next;
     }
+    current.bodyEnd = all.size();
+    m_sections.push_back(current);
     reindex();
 }
 
-std::string Document::serialize() const {
-    std::string out;
-    for (const Section& section : m_sections) {
-        if (section.deleted)
-            continue;
-        if (!section.isPrelude)
-            out += "[" + section.name + "]\n";
-        for (const Line& line : section.lines) {
-            if (!line.raw.empty() || !line.isKey)
-                out += line.raw;
-            else
-                out += line.key + "=" + line.value;
-            out += '\n';
+std::string_view Document::nameOf(const Section& section) const {
+    if (section.parsed >= 0)
+        return m_parsed[static_cast<size_t>(section.parsed)].name;
+    return std::string_view(*m_text).substr(section.nameBegin, section.nameLength);
+}
+
+// A slot holds the section's index + 1 in its low half and the high half of the name's hash in
+// the other, so that most names that differ are told apart without reading them.
+void Document::insertIntoTable(std::size_t index) {
+    const size_t mask = m_table.size() - 1;
+    const std::uint64_t hash = hashNoCase(nameOf(m_sections[index]));
+    for (size_t slot = hash & mask;; slot = (slot + 1) & mask)
+        if (m_table[slot] == 0) {
+            m_table[slot] = (hash & 0xFFFFFFFF00000000ull) | (index + 1);
+            ++m_tableUsed;
+            return;
         }
+}
+
+std::size_t Document::lookup(std::string_view name) const {
+    if (m_table.empty())
+        return 0;
+    const size_t mask = m_table.size() - 1;
+    const std::uint64_t hash = hashNoCase(name);
+    for (size_t slot = hash & mask; m_table[slot] != 0; slot = (slot + 1) & mask) {
+        if ((m_table[slot] ^ hash) >> 32 != 0)
+            continue;
+        const size_t index = m_table[slot] & 0xFFFFFFFFull;
+        const Section& candidate = m_sections[index - 1];
+        if (!candidate.deleted && equalsNoCase(nameOf(candidate), name))
+            return index;
     }
-    return out;
+    return 0;
 }
 
 void Document::reindex() {
-    m_index.clear();
-    m_laterDuplicates.clear();
+    size_t size = 16;
+    while (size < m_sections.size() * 2 + 2)
+        size *= 2;
+    m_table.assign(size, 0);
+    m_tableUsed = 0;
+    m_duplicates.clear();
+    m_sourceSections.clear();
+    const size_t mask = m_table.size() - 1;
+    constexpr size_t kAhead = 16; // slots are fetched this many sections ahead of their use
     for (size_t i = 0; i < m_sections.size(); ++i) {
-        if (m_sections[i].isPrelude || m_sections[i].deleted)
+        if (i + kAhead < m_sections.size() && m_sections[i + kAhead].source < 0)
+            __builtin_prefetch(&m_table[hashNoCase(nameOf(m_sections[i + kAhead])) & mask]);
+        Section& section = m_sections[i];
+        section.duplicate = false;
+        if (section.source >= 0 && !section.deleted)
+            m_sourceSections.push_back(static_cast<std::uint32_t>(i));
+        if (section.isPrelude || section.deleted || section.source >= 0)
             continue;
-        std::string name = lowered(m_sections[i].name);
-        if (!m_index.emplace(name, i).second)
-            m_laterDuplicates.emplace(std::move(name), i);
+        if (lookup(nameOf(section)) != 0) {
+            section.duplicate = true;
+            m_duplicates.push_back(static_cast<std::uint32_t>(i));
+        } else
+            insertIntoTable(i);
     }
 }
 
-const Section* Document::findSection(const std::string& name) const {
-    auto it = m_index.find(lowered(name));
-    return it == m_index.end() ? nullptr : &m_sections[it->second];
+Document::Found Document::find(std::string_view name) const {
+    // Sections are mostly read in file order: try the one after the last found first.
+    const size_t hint = m_nextHint.load(std::memory_order_relaxed);
+    if (hint < m_sections.size()) {
+        const Section& next = m_sections[hint];
+        if (!next.isPrelude && !next.deleted && !next.duplicate && next.source < 0 &&
+            equalsNoCase(nameOf(next), name)) {
+            m_nextHint.store(hint + 1, std::memory_order_relaxed);
+            return {&next, 0};
+        }
+    }
+    if (const size_t index = lookup(name)) {
+        m_nextHint.store(index, std::memory_order_relaxed);
+        return {&m_sections[index - 1], 0};
+    }
+    for (std::uint32_t index : m_sourceSections) {
+        const Section& section = m_sections[index];
+        if (section.source >= 0 && !section.deleted)
+            if (auto item = m_sources[static_cast<size_t>(section.source)]->indexOf(name);
+                item && *item >= section.item)
+                return {&section, *item};
+    }
+    return {};
 }
 
-std::optional<std::string> Document::value(const std::string& section,
-                                           const std::string& key) const {
-    const Section* found = findSection(section);
-    if (!found)
-        return std::nullopt;
-    for (const Line& line : found->lines)
-        if (line.isKey && equalsNoCase(line.key, key))
-            return line.value;
-    return std::nullopt;
+template <typename Function>
+void Document::forEachKey(const Found& found, Function function) const {
+    const Section& section = *found.section;
+    if (section.source >= 0 || section.inPlaceSource >= 0) {
+        std::vector<std::pair<std::string, std::string>> keys;
+        if (section.source >= 0)
+            m_sources[static_cast<size_t>(section.source)]->sectionKeys(found.item, keys);
+        else
+            m_sources[static_cast<size_t>(section.inPlaceSource)]->sectionKeys(section.item, keys);
+        for (const auto& [key, value] : keys)
+            if (function(std::string_view(key), std::string_view(value)))
+                return;
+    } else if (section.parsed >= 0) {
+        for (const Line& line : m_parsed[static_cast<size_t>(section.parsed)].lines)
+            if (line.isKey && function(std::string_view(line.key), std::string_view(line.value)))
+                return;
+    } else {
+        forEachRawLine(bodyOf(section), [&](std::string_view raw) {
+            std::string_view key, value;
+            return splitKey(raw, key, value) && function(key, value);
+        });
+    }
+}
+
+std::optional<std::string> Document::value(std::string_view section, std::string_view key) const {
+    const Found found = find(section);
+    std::optional<std::string> result;
+    if (found.section)
+        forEachKey(found, [&](std::string_view name, std::string_view value) {
+            if (!equalsNoCase(name, key))
+                return false;
+            result.emplace(value);
+            return true;
+        });
+    return result;
+}
+
+std::vector<std::optional<std::string>>
+Document::values(std::string_view section, const std::vector<std::string>& keys) const {
+    std::vector<std::optional<std::string>> result(keys.size());
+    const Found found = find(section);
+    if (found.section)
+        forEachKey(found, [&](std::string_view name, std::string_view value) {
+            for (size_t i = 0; i < keys.size(); ++i)
+                if (!result[i] && equalsNoCase(name, keys[i]))
+                    result[i].emplace(value);
+            return false;
+        });
+    return result;
+}
+
+std::vector<std::string> Document::keys(std::string_view section) const {
+    std::vector<std::string> keys;
+    const Found found = find(section);
+    if (found.section)
+        forEachKey(found, [&](std::string_view name, std::string_view) {
+            if (std::none_of(keys.begin(), keys.end(),
+                             [&](const std::string& k) { return equalsNoCase(k, name); }))
+                keys.emplace_back(name);
+            return false;
+        });
+    return keys;
+}
+
+void Document::serialize(Sink& sink) const {
+    std::vector<std::pair<std::string, std::string>> keys;
+    for (const Section& section : m_sections) {
+        if (section.deleted)
+            continue;
+        if (section.source >= 0) {
+            const SectionSource& source = *m_sources[static_cast<size_t>(section.source)];
+            for (size_t i = section.item; i < source.sectionCount(); ++i) {
+                sink.append("[" + source.sectionName(i) + "]\n");
+                keys.clear();
+                source.sectionKeys(i, keys);
+                for (const auto& [key, value] : keys) {
+                    sink.append(key);
+                    sink.append('=');
+                    sink.append(value);
+                    sink.append('\n');
+                }
+            }
+            continue;
+        }
+        if (!section.isPrelude) {
+            sink.append('[');
+            sink.append(nameOf(section));
+            sink.append("]\n");
+        }
+        if (section.inPlaceSource >= 0) {
+            keys.clear();
+            m_sources[static_cast<size_t>(section.inPlaceSource)]->sectionKeys(section.item, keys);
+            for (const auto& [key, value] : keys) {
+                sink.append(key);
+                sink.append('=');
+                sink.append(value);
+                sink.append('\n');
+            }
+            continue;
+        }
+        if (section.parsed >= 0) {
+            for (const Line& line : m_parsed[static_cast<size_t>(section.parsed)].lines) {
+                if (!line.raw.empty() || !line.isKey)
+                    sink.append(line.raw);
+                else {
+                    sink.append(line.key);
+                    sink.append('=');
+                    sink.append(line.value);
+                }
+                sink.append('\n');
+            }
+            continue;
+        }
+        const std::string_view body = bodyOf(section);
+        if (body.find('\r') == std::string_view::npos && (body.empty() || body.back() == '\n')) {
+            sink.append(body); // the lines as they were read
+            continue;
+        }
+        forEachRawLine(body, [&](std::string_view raw) {
+            sink.append(raw);
+            sink.append('\n');
+            return false;
+        });
+    }
+}
+
+std::vector<Line>* Document::linesFor(const std::string& name, bool create) {
+    Found found = find(name);
+    if (found.section && found.section->source >= 0) {
+        materialize(found.section->source);
+        found = find(name);
+    }
+    if (!found.section) {
+        if (!create)
+            return nullptr;
+        Section section;
+        section.parsed = static_cast<std::int32_t>(m_parsed.size());
+        m_parsed.push_back(ParsedSection{name, {}});
+        m_sections.push_back(section);
+        if ((m_tableUsed + 1) * 2 > m_table.size())
+            reindex();
+        else
+            insertIntoTable(m_sections.size() - 1);
+        return &m_parsed.back().lines;
+    }
+    Section& section = m_sections[static_cast<size_t>(found.section - m_sections.data())];
+    if (section.parsed < 0 && section.inPlaceSource >= 0) {
+        ParsedSection parsed{std::string(nameOf(section)), {}};
+        std::vector<std::pair<std::string, std::string>> keys;
+        m_sources[static_cast<size_t>(section.inPlaceSource)]->sectionKeys(section.item, keys);
+        for (auto& [key, value] : keys)
+            parsed.lines.push_back(Line{true, std::move(key), std::move(value), {}});
+        section.inPlaceSource = -1;
+        section.parsed = static_cast<std::int32_t>(m_parsed.size());
+        m_parsed.push_back(std::move(parsed));
+    }
+    if (section.parsed < 0) {
+        ParsedSection parsed{std::string(nameOf(section)), {}};
+        forEachRawLine(bodyOf(section), [&](std::string_view raw) {
+            Line entry;
+            entry.raw = raw;
+            std::string_view key, value;
+            if (splitKey(raw, key, value)) {
+                entry.isKey = true;
+                entry.key = key;
+                entry.value = value;
+            }
+            parsed.lines.push_back(std::move(entry));
+            return false;
+        });
+        section.parsed = static_cast<std::int32_t>(m_parsed.size());
+        m_parsed.push_back(std::move(parsed));
+    }
+    return &m_parsed[static_cast<size_t>(section.parsed)].lines;
 }
 
 void Document::setValue(const std::string& section, const std::string& key,
                         const std::string& value) {
-    auto it = m_index.find(lowered(section));
-    if (it == m_index.end()) {
-        m_sections.push_back(Section{section, false, false, {}});
-        it = m_index.emplace(lowered(section), m_sections.size() - 1).first;
-    }
-    Section& target = m_sections[it->second];
+    std::vector<Line>& lines = *linesFor(section, true);
     size_t insertAt = 0;
-    for (size_t i = 0; i < target.lines.size(); ++i) {
-        Line& line = target.lines[i];
+    for (size_t i = 0; i < lines.size(); ++i) {
+        Line& line = lines[i];
         if (line.isKey && equalsNoCase(line.key, key)) {
             if (line.value != value) {
                 line.value = value;
@@ -182,68 +590,165 @@ void Document::setValue(const std::string& section, const std::string& key,
             }
             return;
         }
-        if (line.isKey || !misc::trimmed(line.raw).empty())
+        if (line.isKey || !trimmedView(line.raw).empty())
             insertAt = i + 1; // new keys go after the last non-blank line
     }
     Line entry;
     entry.isKey = true;
     entry.key = key;
     entry.value = value;
-    target.lines.insert(target.lines.begin() + static_cast<std::ptrdiff_t>(insertAt),
-                        std::move(entry));
+    lines.insert(lines.begin() + static_cast<std::ptrdiff_t>(insertAt), std::move(entry));
 }
 
 void Document::deleteKey(const std::string& section, const std::string& key) {
-    auto it = m_index.find(lowered(section));
-    if (it == m_index.end())
-        return;
-    auto& lines = m_sections[it->second].lines;
-    std::erase_if(lines,
-                  [&](const Line& line) { return line.isKey && equalsNoCase(line.key, key); });
+    if (std::vector<Line>* lines = linesFor(section, false))
+        std::erase_if(*lines,
+                      [&](const Line& line) { return line.isKey && equalsNoCase(line.key, key); });
 }
 
 void Document::deleteSection(const std::string& section) {
-    const std::string name = lowered(section);
-    auto first = m_index.find(name);
-    if (first == m_index.end())
+    Found found = find(section);
+    if (found.section && found.section->source >= 0) {
+        materialize(found.section->source);
+        found = find(section);
+    }
+    if (!found.section)
         return;
-    const auto drop = [this](size_t index) {
-        m_sections[index].deleted = true;
-        std::vector<Line>().swap(m_sections[index].lines);
+    const auto drop = [this](Section& dropped) {
+        dropped.deleted = true;
+        if (dropped.parsed >= 0)
+            std::vector<Line>().swap(m_parsed[static_cast<size_t>(dropped.parsed)].lines);
     };
-    drop(first->second);
-    m_index.erase(first);
-    auto [begin, end] = m_laterDuplicates.equal_range(name);
-    for (auto it = begin; it != end; ++it)
-        drop(it->second);
-    m_laterDuplicates.erase(begin, end);
+    drop(m_sections[static_cast<size_t>(found.section - m_sections.data())]);
+    for (std::uint32_t index : m_duplicates) {
+        Section& candidate = m_sections[index];
+        if (!candidate.deleted && equalsNoCase(nameOf(candidate), section))
+            drop(candidate);
+    }
+}
+
+void Document::materialize(std::int32_t sourceIndex) {
+    const auto at = std::find_if(m_sections.begin(), m_sections.end(),
+                                 [&](const Section& s) { return s.source == sourceIndex; });
+    const SectionSource& source = *m_sources[static_cast<size_t>(sourceIndex)];
+    std::vector<Section> sections;
+    std::vector<std::pair<std::string, std::string>> keys;
+    for (size_t i = at->item; i < source.sectionCount(); ++i) {
+        ParsedSection parsed{source.sectionName(i), {}};
+        keys.clear();
+        source.sectionKeys(i, keys);
+        for (auto& [key, value] : keys)
+            parsed.lines.push_back(Line{true, std::move(key), std::move(value), {}});
+        Section section;
+        section.parsed = static_cast<std::int32_t>(m_parsed.size());
+        m_parsed.push_back(std::move(parsed));
+        sections.push_back(section);
+    }
+    at->deleted = true;
+    at->source = -1;
+    m_sections.insert(at + 1, sections.begin(), sections.end());
+    reindex();
+}
+
+bool Document::holdsExactly(const Section& section,
+                            const std::vector<std::pair<std::string, std::string>>& keys) const {
+    if (section.parsed >= 0 || section.inPlaceSource >= 0 || section.source >= 0 ||
+        section.isPrelude)
+        return false;
+    size_t matched = 0;
+    bool exact = true;
+    forEachRawLine(bodyOf(section), [&](std::string_view raw) {
+        std::string_view key, value;
+        exact = matched < keys.size() && splitKey(raw, key, value) && key == keys[matched].first &&
+                key.data() == raw.data() && raw.size() == key.size() + 1 + value.size() &&
+                raw[key.size()] == '=';
+        ++matched;
+        return !exact;
+    });
+    return exact && matched == keys.size();
+}
+
+void Document::appendSections(const std::shared_ptr<const SectionSource>& source) {
+    // Sections the file holds already take their keys where writes would put them: when such a
+    // section holds exactly those keys one a line, its keys come from the source in its place.
+    // The others are appended, from the source, when they are its last ones.
+    const size_t count = source->sectionCount();
+    std::vector<const Section*> inPlace;
+    std::vector<std::pair<std::string, std::string>> keys;
+    size_t firstMissing = count;
+    bool streamable = true;
+    for (size_t i = 0; i < count && streamable; ++i) {
+        const Found found = find(source->sectionName(i));
+        if (!found.section) {
+            firstMissing = std::min(firstMissing, i);
+            continue;
+        }
+        keys.clear();
+        source->sectionKeys(i, keys);
+        streamable = firstMissing == count && holdsExactly(*found.section, keys);
+        inPlace.push_back(found.section);
+    }
+    if (streamable) {
+        const auto sourceIndex = static_cast<std::int32_t>(m_sources.size());
+        m_sources.push_back(source);
+        for (size_t i = 0; i < inPlace.size(); ++i) {
+            Section& section = m_sections[static_cast<size_t>(inPlace[i] - m_sections.data())];
+            section.inPlaceSource = sourceIndex;
+            section.item = static_cast<std::uint32_t>(i);
+        }
+        if (firstMissing < count) {
+            Section section;
+            section.source = sourceIndex;
+            section.item = static_cast<std::uint32_t>(firstMissing);
+            m_sections.push_back(section);
+            m_sourceSections.push_back(static_cast<std::uint32_t>(m_sections.size() - 1));
+        }
+        return;
+    }
+    for (size_t i = 0; i < count; ++i) {
+        keys.clear();
+        source->sectionKeys(i, keys);
+        const std::string name = source->sectionName(i);
+        for (const auto& [key, value] : keys)
+            setValue(name, key, value);
+    }
 }
 
 void Document::mergeChanges(const Document& base, const Document& mine) {
     for (const std::string& name : base.sectionNames())
-        if (!mine.findSection(name))
+        if (!mine.hasSection(name))
             deleteSection(name);
     for (const std::string& name : mine.sectionNames()) {
-        const Section* before = base.findSection(name);
-        const Section* after = mine.findSection(name);
-        for (const Line& line : after->lines) {
-            if (!line.isKey || mine.value(name, line.key) != line.value)
-                continue; // not the first occurrence of the key
-            if (!before || base.value(name, line.key) != line.value)
-                setValue(name, line.key, line.value);
-        }
-        if (before)
-            for (const Line& line : before->lines)
-                if (line.isKey && !mine.value(name, line.key))
-                    deleteKey(name, line.key);
+        const Found before = base.find(name);
+        mine.forEachKey(mine.find(name), [&](std::string_view keyView, std::string_view valueView) {
+            const std::string key(keyView), value(valueView);
+            if (mine.value(name, key) != value)
+                return false; // not the first occurrence of the key
+            if (!before.section || base.value(name, key) != value)
+                setValue(name, key, value);
+            return false;
+        });
+        if (before.section)
+            base.forEachKey(before, [&](std::string_view key, std::string_view) {
+                if (!mine.value(name, key))
+                    deleteKey(name, std::string(key));
+                return false;
+            });
     }
 }
 
 std::vector<std::string> Document::sectionNames() const {
     std::vector<std::string> names;
-    for (const Section& section : m_sections)
-        if (!section.isPrelude && !section.deleted && findSection(section.name) == &section)
-            names.push_back(section.name);
+    for (const Section& section : m_sections) {
+        if (section.isPrelude || section.deleted || section.duplicate)
+            continue;
+        if (section.source >= 0) {
+            const SectionSource& source = *m_sources[static_cast<size_t>(section.source)];
+            for (size_t i = section.item; i < source.sectionCount(); ++i)
+                names.push_back(source.sectionName(i));
+        } else
+            names.emplace_back(nameOf(section));
+    }
     return names;
 }
 
@@ -278,10 +783,11 @@ Stamp stampOf(const std::string& path) {
 
 // A change to a document, kept so that a batch can be replayed on a fresher copy.
 struct Operation {
-    enum Kind { Set, DeleteKey, DeleteSection } kind;
+    enum Kind { Set, DeleteKey, DeleteSection, AppendSections } kind;
     std::string section;
     std::string key;
     std::string value;
+    std::shared_ptr<const SectionSource> source = {};
     // Whether applying it to the document would change anything.
     bool changes(const Document& document) const {
         switch (kind) {
@@ -290,7 +796,9 @@ struct Operation {
         case DeleteKey:
             return document.value(section, key).has_value();
         case DeleteSection:
-            return document.findSection(section) != nullptr;
+            return document.hasSection(section);
+        case AppendSections:
+            return source->sectionCount() > 0;
         }
         return true;
     }
@@ -304,6 +812,9 @@ struct Operation {
             break;
         case DeleteSection:
             document.deleteSection(section);
+            break;
+        case AppendSections:
+            document.appendSections(source);
             break;
         }
     }
@@ -392,6 +903,9 @@ bool readWholeFile(const std::string& path, std::string& text) {
     FILE* file = std::fopen(path.c_str(), "rb");
     if (!file)
         return false;
+    struct stat info {};
+    if (::fstat(::fileno(file), &info) == 0 && info.st_size > 0)
+        text.reserve(static_cast<size_t>(info.st_size));
     char buffer[65536];
     size_t count;
     while ((count = std::fread(buffer, 1, sizeof buffer, file)) > 0)
@@ -405,21 +919,25 @@ void refresh(CachedFile& file, const std::string& path) {
     Stamp current = stampOf(path);
     if (file.valid && current == file.stamp)
         return;
-    std::string text;
+    auto text = std::make_shared<std::string>();
     if (current.exists)
-        readWholeFile(path, text);
+        readWholeFile(path, *text);
+    TextHasher hasher;
+    hasher.add(text->data(), text->size());
     file.document = std::make_shared<Document>();
-    file.document->parse(text);
-    file.document->textHash = std::hash<std::string>{}(text);
-    file.document->textSize = text.size();
+    file.document->parse(std::move(text));
+    file.document->textHash = file.textHash = hasher.value();
+    file.document->textSize = file.textSize = hasher.size();
     file.stamp = current;
     file.valid = true;
     file.version = g_nextVersion++;
-    file.textHash = std::hash<std::string>{}(text);
-    file.textSize = text.size();
 }
 
-bool writeAtomically(const std::string& path, const std::string& text, std::string& error) {
+// Streams the document to a temporary file beside path and renames it over path, unless the
+// file already holds exactly that text. On failure the reason is in error.
+bool writeAtomically(const std::string& path, const Document& document, std::size_t oldHash,
+                     std::size_t oldSize, TextHasher& written, bool& unchanged,
+                     std::string& error) {
     std::string pattern = path + ".tmp-XXXXXX";
     int descriptor = ::mkstemp(pattern.data());
     if (descriptor < 0) {
@@ -428,18 +946,20 @@ bool writeAtomically(const std::string& path, const std::string& text, std::stri
     }
     struct stat info {};
     ::fchmod(descriptor, ::stat(path.c_str(), &info) == 0 ? (info.st_mode & 07777) : 0644);
-    size_t written = 0;
-    while (written < text.size()) {
-        ssize_t n = ::write(descriptor, text.data() + written, text.size() - written);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0) {
-            error = "Can't write " + path + ": " + std::strerror(errno);
-            ::close(descriptor);
-            ::unlink(pattern.c_str());
-            return false;
-        }
-        written += static_cast<size_t>(n);
+    Sink sink(descriptor);
+    document.serialize(sink);
+    if (!sink.flush()) {
+        error = "Can't write " + path + ": " + std::strerror(sink.error());
+        ::close(descriptor);
+        ::unlink(pattern.c_str());
+        return false;
+    }
+    written = sink.hasher();
+    unchanged = oldHash != 0 && sink.hasher().size() == oldSize && sink.hasher().value() == oldHash;
+    if (unchanged) { // the file already holds exactly this
+        ::close(descriptor);
+        ::unlink(pattern.c_str());
+        return true;
     }
     if (::close(descriptor) != 0 || ::rename(pattern.c_str(), path.c_str()) != 0) {
         error = "Can't replace " + path + ": " + std::strerror(errno);
@@ -468,19 +988,26 @@ bool applyAndWrite(const std::string& path, const std::vector<Operation>& operat
             operation.applyTo(*file->document);
     }
     file->version = g_nextVersion++;
-    const std::string text = file->document->serialize();
-    const std::size_t hash = std::hash<std::string>{}(text);
-    if (file->stamp.exists && text.size() == file->textSize && hash == file->textHash)
-        return true; // the file already holds exactly this
     std::string error;
-    if (!writeAtomically(path, text, error)) {
+    bool unchanged = false;
+    TextHasher written;
+    if (!writeAtomically(path, *file->document, file->stamp.exists ? file->textHash : 0,
+                         file->textSize, written, unchanged, error)) {
         t_lastWriteError = error;
         file->valid = false; // the disk still holds the old text: read it again next time
         return false;
     }
+    if (file->document->hasSources()) {
+        // Sections written from a source are not kept: the file is read again when next used.
+        file->valid = false;
+        file->document = std::make_shared<Document>();
+        return true;
+    }
+    if (unchanged)
+        return true;
     file->stamp = stampOf(path);
-    file->textHash = file->document->textHash = hash;
-    file->textSize = file->document->textSize = text.size();
+    file->textHash = file->document->textHash = written.value();
+    file->textSize = file->document->textSize = written.size();
     return true;
 }
 
@@ -525,16 +1052,7 @@ std::optional<std::string> readValue(const std::string& path, const std::string&
 }
 
 std::vector<std::string> listKeys(const std::string& path, const std::string& section) {
-    return withDocument(path, [&](const Document& d) {
-        std::vector<std::string> keys;
-        if (const Section* found = d.findSection(section))
-            for (const Line& line : found->lines)
-                if (line.isKey && std::none_of(keys.begin(), keys.end(), [&](const auto& k) {
-                        return equalsNoCase(k, line.key);
-                    }))
-                    keys.push_back(line.key);
-        return keys;
-    });
+    return withDocument(path, [&](const Document& d) { return d.keys(section); });
 }
 
 std::vector<std::string> listSections(const std::string& path) {
@@ -542,7 +1060,17 @@ std::vector<std::string> listSections(const std::string& path) {
 }
 
 bool hasSection(const std::string& path, const std::string& section) {
-    return withDocument(path, [&](const Document& d) { return d.findSection(section) != nullptr; });
+    return withDocument(path, [&](const Document& d) { return d.hasSection(section); });
+}
+
+std::vector<std::optional<std::string>> readValues(const std::string& path,
+                                                   const std::string& section,
+                                                   const std::vector<std::string>& keys) {
+    return withDocument(path, [&](const Document& d) { return d.values(section, keys); });
+}
+
+bool appendSections(const std::string& path, std::shared_ptr<const SectionSource> source) {
+    return change(path, Operation{Operation::AppendSections, {}, {}, {}, std::move(source)});
 }
 
 bool writeValue(const std::string& path, const std::string& section, const std::string& key,
@@ -576,12 +1104,16 @@ std::string fileProblem(const std::string& path) {
         return errno == ENOENT ? "" : "Can't read " + path + ": " + std::strerror(errno);
     if (!S_ISREG(info.st_mode))
         return "Not a regular file: " + path;
-    std::string text;
-    if (!readWholeFile(path, text))
+    FILE* file = std::fopen(path.c_str(), "rb");
+    if (!file)
         return "Can't read " + path + ": " + std::strerror(errno);
-    if (text.find('\0') != std::string::npos)
-        return "Not a text file (it holds NUL bytes): " + path;
-    return "";
+    char buffer[65536];
+    size_t count;
+    bool binary = false;
+    while (!binary && (count = std::fread(buffer, 1, sizeof buffer, file)) > 0)
+        binary = std::memchr(buffer, '\0', count) != nullptr;
+    std::fclose(file);
+    return binary ? "Not a text file (it holds NUL bytes): " + path : "";
 }
 
 Snapshot snapshot(const std::string& rawPath) {
@@ -625,6 +1157,12 @@ void clearCache() {
     auto& instance = cache();
     std::lock_guard guard(instance.mutex);
     instance.files.clear();
+}
+
+void forget(const std::string& path) {
+    auto& instance = cache();
+    std::lock_guard guard(instance.mutex);
+    instance.files.erase(normalized(path));
 }
 
 WriteBatch::WriteBatch(const std::string& path) : m_path(normalized(path)) {

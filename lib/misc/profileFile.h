@@ -3,15 +3,20 @@
 // of a section or key wins, white space around names and values is ignored, and a
 // value runs to the end of its line (quotes are kept as they are).
 //
-// A parsed copy of each file is kept in memory and re-read when the file changes on
-// disk. Every write rewrites the whole file atomically (a temporary file beside it,
-// then a rename), so a crash leaves the old file or the new one, never a torn one.
-// A WriteBatch groups many writes to one file into a single rewrite.
+// Each file is kept in memory as its text and an index of its sections, and read again
+// when the file changes on disk. Reads scan only the section they name; a section's lines
+// are parsed when it is first written. Every write streams the whole file to a temporary
+// file beside it (untouched sections copied from the text) and renames it over the file,
+// so a crash leaves the old file or the new one, never a torn one. A WriteBatch groups
+// many writes to one file into a single rewrite.
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 namespace profile {
@@ -24,6 +29,11 @@ std::vector<std::string> listKeys(const std::string& path, const std::string& se
 // The section names of a file in file order (first occurrences only).
 std::vector<std::string> listSections(const std::string& path);
 bool hasSection(const std::string& path, const std::string& section);
+// The raw values of several keys of one section (nothing for a missing key), in the order of
+// keys: one look-up of the section instead of one per key.
+std::vector<std::optional<std::string>> readValues(const std::string& path,
+                                                   const std::string& section,
+                                                   const std::vector<std::string>& keys);
 
 // Sets a key (creating section and file as needed). The value must not contain a line
 // break. Returns false when the file could not be written; the error text is then in
@@ -34,6 +44,22 @@ bool writeValue(const std::string& path, const std::string& section, const std::
 bool deleteKey(const std::string& path, const std::string& section, const std::string& key);
 // Removes every section of that name with all its keys.
 bool deleteSection(const std::string& path, const std::string& section);
+// Sections whose keys come from elsewhere (a feed's items) when they are read or written out,
+// instead of being held as lines. Names are distinct, and so are the keys of one section.
+class SectionSource {
+public:
+    virtual ~SectionSource() = default;
+    virtual std::size_t sectionCount() const = 0;
+    virtual std::string sectionName(std::size_t index) const = 0;
+    // The index of the section of that name (compared without regard to case), if any.
+    virtual std::optional<std::size_t> indexOf(std::string_view name) const = 0;
+    // The keys and raw values of a section, in file order.
+    virtual void sectionKeys(std::size_t index,
+                             std::vector<std::pair<std::string, std::string>>& keys) const = 0;
+};
+// Writes every key of every section of the source, as writeValue would one by one; when the
+// file holds none of those sections yet, they are written out from the source itself.
+bool appendSections(const std::string& path, std::shared_ptr<const SectionSource> source);
 // The reason of the calling thread's last failed write.
 std::string lastWriteError();
 
@@ -65,6 +91,9 @@ private:
 
 // Forgets the parsed copies (tests; or after moving files around).
 void clearCache();
+// Forgets the copy kept of one file, so that its text leaves memory once no snapshot holds it;
+// the next read reads the file again.
+void forget(const std::string& path);
 
 // While a batch on a file is open on a thread, that thread's writes to the file are
 // collected in memory (and its reads see them); the file is rewritten once when the

@@ -232,3 +232,145 @@ TEST(ProfileFile, ProcessKilledWhileSavingLeavesAWholeFile) {
         EXPECT_EQ(generations.size(), 1u) << "torn file after kill " << round;
     }
 }
+
+namespace {
+
+// Numbered sections "Item (n)" with the keys Id and Text, as a feed's items are stored.
+class NumberedSections : public SectionSource {
+public:
+    explicit NumberedSections(std::size_t count) : m_count(count) {}
+    std::size_t sectionCount() const override { return m_count; }
+    std::string sectionName(std::size_t index) const override {
+        return "Item (" + std::to_string(index + 1) + ")";
+    }
+    std::optional<std::size_t> indexOf(std::string_view name) const override {
+        for (std::size_t i = 0; i < m_count; ++i)
+            if (name.size() == sectionName(i).size() &&
+                std::equal(name.begin(), name.end(), sectionName(i).begin(), [](char a, char b) {
+                    return std::tolower(static_cast<unsigned char>(a)) ==
+                           std::tolower(static_cast<unsigned char>(b));
+                }))
+                return i;
+        return std::nullopt;
+    }
+    void sectionKeys(std::size_t index,
+                     std::vector<std::pair<std::string, std::string>>& keys) const override {
+        keys.emplace_back("Id", "id-" + std::to_string(index + 1));
+        keys.emplace_back("Text", "text " + std::to_string(index + 1));
+    }
+
+private:
+    std::size_t m_count;
+};
+
+// What appendSections must produce: the same keys written one by one.
+void writeOneByOne(const std::string& path, const SectionSource& source) {
+    std::vector<std::pair<std::string, std::string>> keys;
+    for (std::size_t i = 0; i < source.sectionCount(); ++i) {
+        keys.clear();
+        source.sectionKeys(i, keys);
+        for (const auto& [key, value] : keys)
+            ASSERT_TRUE(writeValue(path, source.sectionName(i), key, value));
+    }
+}
+
+} // namespace
+
+TEST(ProfileFile, UntouchedSectionsAreWrittenAsReadWithLineEndsAndHeadersTidied) {
+    TempDir dir;
+    const std::string path = dir.file("tidy.ini");
+    writeFile(path, "; top\r\n[A]\r\nx=1\r\n  [ B ] trailing\r\n\r\ny = 2\r\n[C]\nz=3");
+    EXPECT_EQ(readValue(path, "b", "Y"), "2");
+    ASSERT_TRUE(writeValue(path, "D", "w", "4"));
+    EXPECT_EQ(readFile(path), "; top\n[A]\nx=1\n[B]\n\ny = 2\n[C]\nz=3\n[D]\nw=4\n");
+    // A section added after the file was indexed is found, and a key added to it is kept.
+    ASSERT_TRUE(writeValue(path, "d", "v", "5"));
+    EXPECT_EQ(listSections(path), (std::vector<std::string>{"A", "B", "C", "D"}));
+    EXPECT_EQ(listKeys(path, "D"), (std::vector<std::string>{"w", "v"}));
+}
+
+TEST(ProfileFile, SectionsNotReadYetComeFromTheFileAsItIsNow) {
+    TempDir dir;
+    const std::string path = dir.file("lazy.ini");
+    writeFile(path, "[Config]\nName=first\n[Items]\nCount=1\n");
+    EXPECT_EQ(readValue(path, "Config", "Name"), "first"); // indexed, [Items] not read yet
+    Snapshot before = snapshot(path);
+    auto child = testing_support::runInChild([&] {
+        clearCache();
+        writeFile(path, "[Items]\nCount=2\n[Config]\nName=second\n");
+    });
+    ASSERT_EQ(child.status, 0);
+    EXPECT_EQ(readValue(path, "Items", "Count"), "2");
+    EXPECT_EQ(readValue(path, "Config", "Name"), "second");
+    // A snapshot taken before keeps reading the text it was taken of.
+    ReadFromSnapshot pinned(path, before);
+    EXPECT_EQ(readValue(path, "Items", "Count"), "1");
+    EXPECT_EQ(readValues(path, "Config", {"name", "Missing"}),
+              (std::vector<std::optional<std::string>>{"first", std::nullopt}));
+}
+
+TEST(ProfileFile, AppendedSectionsWriteTheBytesOfKeysWrittenOneByOne) {
+    TempDir dir;
+    const std::string start = "[State]\nTime=1\n[Item (7)]\nId=old\n[Other]\nk=v\n";
+    const auto source = std::make_shared<NumberedSections>(3);
+    const std::string expected = dir.file("expected.ini"), actual = dir.file("actual.ini");
+    for (const std::string& path : {expected, actual})
+        writeFile(path, start);
+    writeOneByOne(expected, *source);
+    {
+        WriteBatch batch(actual);
+        ASSERT_TRUE(writeValue(actual, "State", "Time", "2"));
+        ASSERT_TRUE(appendSections(actual, source));
+        // Inside the batch the sections read as written, and changing one keeps the rest.
+        EXPECT_EQ(readValue(actual, "item (2)", "TEXT"), "text 2");
+        EXPECT_EQ(listSections(actual),
+                  (std::vector<std::string>{"State", "Item (7)", "Other", "Item (1)", "Item (2)",
+                                            "Item (3)"}));
+        ASSERT_TRUE(writeValue(actual, "Item (2)", "Text", "changed"));
+        ASSERT_TRUE(writeValue(actual, "Last", "k", "after the items"));
+        ASSERT_TRUE(batch.commit());
+    }
+    ASSERT_TRUE(writeValue(expected, "State", "Time", "2"));
+    ASSERT_TRUE(writeValue(expected, "Item (2)", "Text", "changed"));
+    ASSERT_TRUE(writeValue(expected, "Last", "k", "after the items"));
+    EXPECT_EQ(readFile(actual), readFile(expected));
+    EXPECT_EQ(readValue(actual, "Item (3)", "Id"), "id-3");
+
+    // When the file already holds one of the sections, the keys go where writes put them.
+    const std::string clash = dir.file("clash.ini"), clashExpected = dir.file("clash-x.ini");
+    for (const std::string& path : {clash, clashExpected})
+        writeFile(path, "[item (2)]\nKeep=1\n[Tail]\nt=1\n");
+    ASSERT_TRUE(appendSections(clash, source));
+    writeOneByOne(clashExpected, *source);
+    EXPECT_EQ(readFile(clash), readFile(clashExpected));
+}
+
+TEST(ProfileFile, SectionsHoldingExactlyTheAppendedKeysTakeThemInPlace) {
+    // As a feed's items without ids stay in the file and are written over at the next save.
+    TempDir dir;
+    const auto source = std::make_shared<NumberedSections>(3);
+    const std::string start = "[item (1)]\nId=\nText=old 1\n[Tail]\nt=1\n[Item (2)]\nId=\nText=\n";
+    const std::string actual = dir.file("actual.ini"), expected = dir.file("expected.ini");
+    for (const std::string& path : {actual, expected})
+        writeFile(path, start);
+    writeOneByOne(expected, *source);
+    {
+        WriteBatch batch(actual);
+        ASSERT_TRUE(appendSections(actual, source));
+        EXPECT_EQ(readValue(actual, "Item (1)", "Text"), "text 1");
+        EXPECT_EQ(listSections(actual),
+                  (std::vector<std::string>{"item (1)", "Tail", "Item (2)", "Item (3)"}));
+        ASSERT_TRUE(batch.commit());
+    }
+    EXPECT_EQ(readFile(actual), readFile(expected));
+    // A write into such a section keeps the keys the source gave it.
+    writeFile(actual, start);
+    {
+        WriteBatch batch(actual);
+        ASSERT_TRUE(appendSections(actual, source));
+        ASSERT_TRUE(writeValue(actual, "ITEM (2)", "More", "m"));
+        ASSERT_TRUE(batch.commit());
+    }
+    ASSERT_TRUE(writeValue(expected, "ITEM (2)", "More", "m"));
+    EXPECT_EQ(readFile(actual), readFile(expected));
+}
