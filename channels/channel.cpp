@@ -1,8 +1,8 @@
 #include "channels/channel.h"
 
 #include "channels/channelManager.h"
+#include "channels/exception.h"
 #include "channels/rssParser.h"
-#include "lib/misc/exception.h"
 #include "lib/misc/profileFile.h"
 
 #include <filesystem>

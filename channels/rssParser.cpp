@@ -1,10 +1,10 @@
 #include "channels/rssParser.h"
 
 #include "channels/common.h"
+#include "channels/exception.h"
 #include "expat/parser.h"
 #include "htmlStripper/htmlStripper.h"
 #include "lib/log/log.h"
-#include "lib/misc/exception.h"
 #include "lib/misc/text.h"
 
 #include <algorithm>

@@ -3,13 +3,13 @@
 #include "channels/channelManager.h"
 #include "channels/channelSummaryPage.h"
 #include "channels/common.h"
+#include "channels/exception.h"
 #include "channels/pluginChannel.h"
 #include "channels/rssChannel.h"
 #include "channels/subscriptions.h"
 #include "cli/commands.h"
 #include "cli/engine.h"
 #include "cli/environment.h"
-#include "lib/misc/exception.h"
 #include "lib/misc/iniValues.h"
 
 #include <cctype>
