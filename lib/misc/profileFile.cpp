@@ -467,6 +467,16 @@ std::vector<std::string> Document::keys(std::string_view section) const {
 
 void Document::serialize(Sink& sink) const {
     std::vector<std::pair<std::string, std::string>> keys;
+    const auto writeKeys = [&](const SectionSource& source, size_t index) {
+        keys.clear();
+        source.sectionKeys(index, keys);
+        for (const auto& [key, value] : keys) {
+            sink.append(key);
+            sink.append('=');
+            sink.append(value);
+            sink.append('\n');
+        }
+    };
     for (const Section& section : m_sections) {
         if (section.deleted)
             continue;
@@ -474,14 +484,7 @@ void Document::serialize(Sink& sink) const {
             const SectionSource& source = *m_sources[static_cast<size_t>(section.source)];
             for (size_t i = section.item; i < source.sectionCount(); ++i) {
                 sink.append("[" + source.sectionName(i) + "]\n");
-                keys.clear();
-                source.sectionKeys(i, keys);
-                for (const auto& [key, value] : keys) {
-                    sink.append(key);
-                    sink.append('=');
-                    sink.append(value);
-                    sink.append('\n');
-                }
+                writeKeys(source, i);
             }
             continue;
         }
@@ -491,14 +494,7 @@ void Document::serialize(Sink& sink) const {
             sink.append("]\n");
         }
         if (section.inPlaceSource >= 0) {
-            keys.clear();
-            m_sources[static_cast<size_t>(section.inPlaceSource)]->sectionKeys(section.item, keys);
-            for (const auto& [key, value] : keys) {
-                sink.append(key);
-                sink.append('=');
-                sink.append(value);
-                sink.append('\n');
-            }
+            writeKeys(*m_sources[static_cast<size_t>(section.inPlaceSource)], section.item);
             continue;
         }
         if (section.parsed >= 0) {
