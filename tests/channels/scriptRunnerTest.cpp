@@ -68,15 +68,31 @@ std::string failureOf(const std::function<void()>& body) {
     return "no failure";
 }
 
+// Changes the script settings while it lives; the old ones come back however the test ends.
+class ScriptSettingsOverride {
+public:
+    template <typename Change>
+    explicit ScriptSettingsOverride(Change change) : m_saved(scriptSettings()) {
+        ScriptSettings settings = m_saved;
+        change(settings);
+        setScriptSettings(settings);
+    }
+    ~ScriptSettingsOverride() { setScriptSettings(m_saved); }
+    ScriptSettingsOverride(const ScriptSettingsOverride&) = delete;
+    ScriptSettingsOverride& operator=(const ScriptSettingsOverride&) = delete;
+
+private:
+    ScriptSettings m_saved;
+};
+
 } // namespace
 
 TEST(ScriptRunner, CommandLinesFollowTheFileTypeTable) {
-    ScriptSettings saved = scriptSettings();
-    ScriptSettings settings = saved;
-    settings.fileTypeCommands[".py"] = "/opt/py/python \"%1\" %*";
-    settings.fileTypeCommands[".pl"] = "perl";
-    settings.fileTypeCommands[".x"] = "";
-    setScriptSettings(settings);
+    const ScriptSettingsOverride changed([&](ScriptSettings& settings) {
+        settings.fileTypeCommands[".py"] = "/opt/py/python \"%1\" %*";
+        settings.fileTypeCommands[".pl"] = "perl";
+        settings.fileTypeCommands[".x"] = "";
+    });
     EXPECT_EQ(buildScriptCommandLine("/s/news.py", "/tmp/cfg"),
               "/opt/py/python \"/s/news.py\" /tmp/cfg");
     EXPECT_EQ(buildScriptCommandLine("/s/a.pl", "/tmp/cfg"), "perl /s/a.pl /tmp/cfg");
@@ -86,19 +102,17 @@ TEST(ScriptRunner, CommandLinesFollowTheFileTypeTable) {
               "This file type has no 'shell/open' command specified: .x");
     EXPECT_EQ(failureOf([] { buildScriptCommandLine("/nonexistent/a.zz", "c"); }),
               "No application is registered for this file type: .zz");
-    setScriptSettings(saved);
     EXPECT_EQ(splitCommandLine("a \"b c\" 'd e' f\\ g \"h\\\"i\""),
               (std::vector<std::string>{"a", "b c", "d e", "f g", "h\"i"}));
 }
 
 TEST(ScriptRunner, EveryPathInACommandLineStaysOneArgument) {
-    ScriptSettings saved = scriptSettings();
-    ScriptSettings settings = saved;
-    settings.fileTypeCommands[".py"] = "python3 %1 %*";
-    settings.fileTypeCommands[".pl"] = "perl \"%1\" %*";
-    settings.fileTypeCommands[".sh"] = "sh '%1' %*";
-    settings.fileTypeCommands[".rb"] = "ruby -w";
-    setScriptSettings(settings);
+    const ScriptSettingsOverride changed([&](ScriptSettings& settings) {
+        settings.fileTypeCommands[".py"] = "python3 %1 %*";
+        settings.fileTypeCommands[".pl"] = "perl \"%1\" %*";
+        settings.fileTypeCommands[".sh"] = "sh '%1' %*";
+        settings.fileTypeCommands[".rb"] = "ruby -w";
+    });
     const std::string config = "/tmp/t m p/cfg";
     const auto arguments = [&](const std::string& scriptPath) {
         return splitCommandLine(buildScriptCommandLine(scriptPath, config));
@@ -109,7 +123,6 @@ TEST(ScriptRunner, EveryPathInACommandLineStaysOneArgument) {
     EXPECT_EQ(arguments("/it's here/x.sh"), (Args{"sh", "/it's here/x.sh", config}));
     EXPECT_EQ(arguments("/a b/x.rb"), (Args{"ruby", "-w", "/a b/x.rb", config}));
     EXPECT_EQ(arguments("/a b/Main.class"), (Args{"java", "-cp", "/a b", "Main", config}));
-    setScriptSettings(saved);
 }
 
 TEST(ScriptRunner, ConfigurationFileCarriesSystemValuesAndParameters) {
@@ -181,12 +194,11 @@ TEST(ScriptRunner, ScriptsInFoldersWithBlanksRunWithTheShippedFileTypes) {
     std::filesystem::create_directories(dir.file("temp files"));
     GlobalOptions options;
     ASSERT_TRUE(options.load("", (testing_support::sourceDir() / "resources/global.ini").string()));
-    ScriptSettings saved = scriptSettings();
-    ScriptSettings settings = saved;
-    settings.fileTypeCommands = builtInFileTypeCommands();
-    for (const auto& [extension, command] : options.scriptFileTypeCommands)
-        settings.fileTypeCommands[extension] = command;
-    setScriptSettings(settings);
+    const ScriptSettingsOverride changed([&](ScriptSettings& settings) {
+        settings.fileTypeCommands = builtInFileTypeCommands();
+        for (const auto& [extension, command] : options.scriptFileTypeCommands)
+            settings.fileTypeCommands[extension] = command;
+    });
     TemporaryDirectoryOverride temp(dir.file("temp files"));
     // Each script prints how many arguments it got and the Command its configuration holds.
     const std::map<std::string, std::string> scripts = {
@@ -201,7 +213,6 @@ TEST(ScriptRunner, ScriptsInFoldersWithBlanksRunWithTheShippedFileTypes) {
         EXPECT_EQ(rc, 0) << name << ": " << page;
         EXPECT_EQ(page.substr(0, page.find_last_not_of('\n') + 1), "1 ProcessRequest") << name;
     }
-    setScriptSettings(saved);
 }
 
 TEST(ScriptRunner, JavaClassesInFoldersWithBlanksRun) {
@@ -235,10 +246,8 @@ TEST(ScriptRunner, ProcessesLeftBehindByAScriptLiveOn) {
 
 TEST(ScriptRunner, OutputPastTheLimitStopsTheScript) {
     TempDir dir;
-    ScriptSettings saved = scriptSettings();
-    ScriptSettings settings = saved;
-    settings.maxOutputBytes = 1024 * 1024;
-    setScriptSettings(settings);
+    const ScriptSettingsOverride changed(
+        [&](ScriptSettings& settings) { settings.maxOutputBytes = 1024 * 1024; });
     const std::string message =
         "The script wrote more than 1024 KB of output (the limit set by MaxScriptOutputKB).";
     // A writer that goes on running is stopped at once (not at its time-out); a quick one is
@@ -253,7 +262,6 @@ TEST(ScriptRunner, OutputPastTheLimitStopsTheScript) {
     auto [rc, page] = run(script(dir, "fits.sh", "head -c 1048576 /dev/zero\n"));
     EXPECT_EQ(rc, 0);
     EXPECT_EQ(page.size(), 1048576u);
-    setScriptSettings(saved);
 }
 
 TEST(ScriptRunner, HangingScriptIsKilledWithItsChildrenAtTheTimeOut) {
@@ -288,13 +296,11 @@ TEST(ScriptRunner, AnotherThreadCanStopARunningScript) {
     stopper.join();
     ::close(startedFd);
     // A program that can't be started is an exception with the system's reason.
-    ScriptSettings saved = scriptSettings();
-    ScriptSettings settings = saved;
-    settings.fileTypeCommands[".zz"] = "/nonexistent/interpreter %1 %*";
-    setScriptSettings(settings);
+    const ScriptSettingsOverride changed([&](ScriptSettings& settings) {
+        settings.fileTypeCommands[".zz"] = "/nonexistent/interpreter %1 %*";
+    });
     const std::string zz = script(dir, "a.zz", "");
     EXPECT_EQ(failureOf([&] { run(zz, 5); }), "Can't run the script: No such file or directory");
-    setScriptSettings(saved);
 }
 
 TEST(ScriptRunner, PluginAddressesSplitIntoTheirParts) {
