@@ -1,15 +1,15 @@
 // pelsu-cli add, remove, list and show.
 
+#include "app/subscriptions.h"
 #include "channels/channelManager.h"
 #include "channels/channelSummaryPage.h"
 #include "channels/common.h"
 #include "channels/exception.h"
 #include "channels/pluginChannel.h"
 #include "channels/rssChannel.h"
-#include "channels/subscriptions.h"
 #include "cli/commands.h"
 #include "cli/engine.h"
-#include "cli/environment.h"
+#include "cli/terminal.h"
 #include "lib/misc/iniValues.h"
 
 #include <cctype>
@@ -23,7 +23,7 @@ namespace cli {
 namespace {
 
 // A plugin channel's script: a path, or a path under the program's app-plugins directory.
-std::string findScript(const std::string& name, const Environment& environment) {
+std::string findScript(const std::string& name, const app::Environment& environment) {
     if (std::filesystem::exists(name))
         return std::filesystem::absolute(name).lexically_normal().string();
     const auto inPlugins = std::filesystem::path(environment.paths.appPluginsDir) / name;
@@ -69,7 +69,7 @@ int runAdd(const CommandContext& context) {
     if (!script.empty())
         script = findScript(script, engine.environment());
     if (id.empty())
-        id = channels::channelIdFromAddress(script.empty() ? address : script, manager);
+        id = app::channelIdFromAddress(script.empty() ? address : script, manager);
     if (!isValidChannelId(id))
         throw UsageError("a channel ID may hold letters, digits, '-', '_' and '.': " + id);
     std::unique_ptr<channels::Channel> channel;

@@ -1,8 +1,8 @@
 // pelsu-cli import-opml and export-opml: subscription lists in OPML 1.0 and 2.0.
 
+#include "app/subscriptions.h"
 #include "channels/exception.h"
 #include "channels/rssChannel.h"
-#include "channels/subscriptions.h"
 #include "cli/commands.h"
 #include "cli/engine.h"
 #include "expat/parser.h"
@@ -98,7 +98,7 @@ int runImport(const CommandContext& context) {
             continue;
         }
         auto channel = std::make_unique<channels::RssChannel>(
-            &manager, channels::channelIdFromAddress(outline.url, manager));
+            &manager, app::channelIdFromAddress(outline.url, manager));
         channel->config().setRssChannelUrl(outline.url);
         channel->config().setPreferredChannelDisplayName(outline.title);
         manager.addChannel(std::move(channel));

@@ -17,8 +17,8 @@ namespace {
 int runPlugins(const CommandContext& context) {
     if (!context.args.empty())
         throw UsageError("plugins takes no arguments");
-    const Environment environment = startEnvironment(context);
-    const std::vector<std::string> errors = loadAppPlugins(environment);
+    const app::Environment environment = app::startEnvironment(context.home);
+    const std::vector<std::string> errors = app::loadAppPlugins(environment);
     auto& plugins = channels::AppPluginManager::instance();
     std::printf("%-16s %-8s %-32s %s\n", "ID", "KIND", "NAME", "FILE");
     for (const std::string& id : plugins.appPluginIds()) {
@@ -35,8 +35,8 @@ int runPlugins(const CommandContext& context) {
 int runPlugin(const CommandContext& context) {
     if (context.args.empty() || context.args.size() > 3)
         throw UsageError("plugin needs an ID, and takes a request and its parameters");
-    const Environment environment = startEnvironment(context);
-    loadAppPlugins(environment);
+    const app::Environment environment = app::startEnvironment(context.home);
+    app::loadAppPlugins(environment);
     channels::AppPlugin* plugin =
         channels::AppPluginManager::instance().findAppPlugin(context.args[0]);
     if (!plugin)

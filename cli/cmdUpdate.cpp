@@ -1,8 +1,8 @@
 // pelsu-cli update and run: the engine at work, its events printed as they happen.
 
+#include "app/localPortListeners.h"
 #include "channels/appPluginManager.h"
 #include "channels/channelManager.h"
-#include "channels/localPortListeners.h"
 #include "cli/commands.h"
 #include "cli/engine.h"
 #include "lib/log/log.h"
@@ -137,7 +137,7 @@ int runUpdate(const CommandContext& context) {
     Engine engine(context);
     engine.setSaveOnExit(true);
     auto& manager = engine.manager();
-    manager.setUserAgent(userAgent(engine.environment().options));
+    manager.setUserAgent(app::userAgent(engine.environment().options));
     std::vector<channels::Channel*> targets;
     if (context.args.empty())
         targets = manager.channels();
@@ -188,7 +188,7 @@ public:
 };
 
 // Subscriptions from web pages: accepted only when the command line says so.
-class CommandLineApprover : public channels::SubscriptionApprover {
+class CommandLineApprover : public app::SubscriptionApprover {
 public:
     explicit CommandLineApprover(bool allow) : m_allow(allow) {}
     std::string approveSubscription(const std::string& address) override {
@@ -205,9 +205,8 @@ private:
 
 // Starts the local listeners and says where they are; a port in use is reported and the
 // rest goes on.
-void startListeners(channels::LocalPortListeners& listeners, const Environment& environment) {
-    for (const std::string& problem :
-         listeners.start(channels::listenerOptions(environment.options)))
+void startListeners(app::LocalPortListeners& listeners, const app::Environment& environment) {
+    for (const std::string& problem : listeners.start(app::listenerOptions(environment.options)))
         std::cerr << "pelsu-cli: " << problem << std::endl;
     for (const char* name : {"app server", "app-plugin server", "AmphetaDesk listener",
                              "Radio Userland listener", "Headline Viewer listener"})
@@ -238,13 +237,13 @@ int runRun(const CommandContext& context) {
     auto& manager = engine.manager();
     EventPrinter printer;
     manager.addListener(&printer);
-    manager.start(userAgent(engine.environment().options));
+    manager.start(app::userAgent(engine.environment().options));
     auto& plugins = channels::AppPluginManager::instance();
     plugins.setChannelManager(&manager);
-    for (const std::string& error : loadAppPlugins(engine.environment()))
+    for (const std::string& error : app::loadAppPlugins(engine.environment()))
         std::cerr << "pelsu-cli: " << toUtf8(error) << std::endl;
     CommandLineApprover approver(allowSubscriptions);
-    channels::LocalPortListeners listeners(manager, plugins, &approver);
+    app::LocalPortListeners listeners(manager, plugins, &approver);
     if (listen)
         startListeners(listeners, engine.environment());
     std::cout << "Running with " << manager.channels().size()

@@ -1,6 +1,5 @@
 #include "cli/engine.h"
 
-#include "channels/appPluginManager.h"
 #include "channels/exception.h"
 #include "channels/pluginChannel.h"
 #include "channels/rssChannel.h"
@@ -23,20 +22,11 @@ public:
     }
 };
 
-// Collects the messages of the plugins that fail to load.
-class PluginErrorCollector : public channels::EventListener {
-public:
-    std::vector<std::string> messages;
-    void onAppPluginError(channels::AppPluginErrorEvent& event) override {
-        messages.push_back(event.errorText());
-    }
-};
-
 } // namespace
 
-Engine::Engine(const CommandContext& context) : m_environment(startEnvironment(context)) {
-    m_manager = std::make_unique<channels::ChannelManager>(m_environment.paths.channelsDir,
-                                                           managerOptions(m_environment.options));
+Engine::Engine(const CommandContext& context) : m_environment(app::startEnvironment(context.home)) {
+    m_manager = std::make_unique<channels::ChannelManager>(
+        m_environment.paths.channelsDir, app::managerOptions(m_environment.options));
     LoadErrorPrinter printer;
     m_manager->addListener(&printer);
     const bool loaded = m_manager->loadChannels();
@@ -60,42 +50,11 @@ channels::Channel& Engine::requireChannel(const std::string& id) {
     return *channel;
 }
 
-channels::ChannelManagerOptions managerOptions(const channels::GlobalOptions& options) {
-    channels::ChannelManagerOptions result;
-    result.disableInternet = options.disableInternet;
-    result.scriptTimeoutSeconds = options.scriptTimeout;
-    result.appServerPort = options.appServerPortNo;
-    result.appPluginServerPort = options.appPluginServerPortNo;
-    result.net = options.netOptions();
-    result.logChannelProcessing = options.logChannelProcessing;
-    result.feedItemLimit = options.maxItemsPerFeed;
-    result.feedDepthLimit = options.maxFeedNestingDepth;
-    return result;
-}
-
 int parseCount(const std::string& text, const std::string& option) {
     if (text.empty() || text.size() > 9 ||
         text.find_first_not_of("0123456789") != std::string::npos)
         throw UsageError(option + " needs a whole number of seconds, not '" + text + "'");
     return std::stoi(text);
-}
-
-std::vector<std::string> loadAppPlugins(const Environment& environment) {
-    auto& plugins = channels::AppPluginManager::instance();
-    plugins.setAppPluginsDir(environment.paths.appPluginsDir);
-    plugins.setScriptTimeout(environment.options.scriptTimeout);
-    plugins.setPorts(environment.options.appServerPortNo,
-                     environment.options.appPluginServerPortNo);
-    PluginErrorCollector errors;
-    plugins.addListener(&errors);
-    plugins.loadAppPlugins();
-    plugins.removeListener(&errors);
-    return errors.messages;
-}
-
-std::string userAgent(const channels::GlobalOptions& options) {
-    return options.httpUserAgent.empty() ? std::string("Pelsu/") + PELSU_VERSION
-                                         : options.httpUserAgent;
 }
 
 std::string nameOrAddress(const channels::Channel& channel) {

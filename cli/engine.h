@@ -2,9 +2,10 @@
 // and the helpers the commands share.
 #pragma once
 
+#include "app/environment.h"
 #include "channels/channelManager.h"
 #include "cli/commands.h"
-#include "cli/environment.h"
+#include "cli/terminal.h"
 
 #include <memory>
 #include <stdexcept>
@@ -26,7 +27,7 @@ public:
     explicit Engine(const CommandContext& context);
     ~Engine();
 
-    Environment& environment() { return m_environment; }
+    app::Environment& environment() { return m_environment; }
     channels::ChannelManager& manager() { return *m_manager; }
     // The channel, or a channels::Exception naming the unknown ID.
     channels::Channel& requireChannel(const std::string& id);
@@ -36,23 +37,16 @@ public:
     int loadFailures() const { return m_loadFailures; }
 
 private:
-    Environment m_environment;
+    app::Environment m_environment;
     std::unique_ptr<channels::ChannelManager> m_manager;
     bool m_saveOnExit = false;
     int m_loadFailures = 0;
 };
 
-// The manager's options from the global options.
-channels::ChannelManagerOptions managerOptions(const channels::GlobalOptions& options);
 // A non-negative decimal number from an argument, or a UsageError naming the option.
 int parseCount(const std::string& text, const std::string& option);
 bool isValidChannelId(const std::string& id);
 // The channel's display name, or its address when it has none yet.
 std::string nameOrAddress(const channels::Channel& channel);
-// Loads the app plugins of the program directory into the plugin manager; returns the
-// messages of those that failed.
-std::vector<std::string> loadAppPlugins(const Environment& environment);
-// The user agent of downloads: "_HttpUserAgent", or the program's own.
-std::string userAgent(const channels::GlobalOptions& options);
 
 } // namespace cli

@@ -2,9 +2,9 @@
 // listener, "{P}" in the rest stands for its port (so that requests can pass the Host check).
 // Every connection ends, and whatever comes back is an HTTP answer.
 
+#include "app/localPortListeners.h"
 #include "channels/appPluginManager.h"
 #include "channels/channelManager.h"
-#include "channels/localPortListeners.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -21,7 +21,7 @@
 namespace {
 
 // Subscriptions are parsed and checked, then refused: the fuzzer writes no channel files.
-class Refuser : public channels::SubscriptionApprover {
+class Refuser : public app::SubscriptionApprover {
 public:
     std::string approveSubscription(const std::string&) override { return "no"; }
 };
@@ -32,8 +32,8 @@ struct Servers {
         std::filesystem::create_directories(dir);
         manager =
             std::make_unique<channels::ChannelManager>(dir, channels::ChannelManagerOptions{});
-        listeners = std::make_unique<channels::LocalPortListeners>(*manager, plugins, &refuser);
-        channels::LocalPortListenerOptions options;
+        listeners = std::make_unique<app::LocalPortListeners>(*manager, plugins, &refuser);
+        app::LocalPortListenerOptions options;
         options.appServerPort = options.appPluginServerPort = 0;
         options.amphetaDesk = options.radioUserland = options.headlineViewer = true;
         options.amphetaDeskPort = options.radioUserlandPort = options.headlineViewerPort = 0;
@@ -43,7 +43,7 @@ struct Servers {
     channels::AppPluginManager plugins;
     Refuser refuser;
     std::unique_ptr<channels::ChannelManager> manager;
-    std::unique_ptr<channels::LocalPortListeners> listeners;
+    std::unique_ptr<app::LocalPortListeners> listeners;
 };
 
 std::string withPort(std::string text, int port) {

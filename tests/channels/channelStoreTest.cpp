@@ -1,6 +1,5 @@
 #include "channels/channelSettings.h"
 #include "channels/channelState.h"
-#include "channels/globalOptions.h"
 #include "channels/rssChannelConfig.h"
 #include "lib/misc/iniValues.h"
 #include "lib/misc/profileFile.h"
@@ -156,45 +155,4 @@ TEST(ChannelStore, StateBringsTheLastFeedWithIt) {
     EXPECT_EQ(loaded.lastFetchTime(), 1234);
     EXPECT_EQ(loaded.httpETag(), "\"e\"");
     EXPECT_EQ(loaded.feed().itemCount(), 2u);
-}
-
-TEST(GlobalOptions, BoundsFallBackToDefaultsAndTheColourKeyPairIsKept) {
-    TempDir dir;
-    const std::string config = dir.file("config.ini");
-    writeFile(config, "[Global Options]\nNotificationBalloonDisplayTime=0\n"
-                      "AppPluginServerPortNo=999\nOneClickMode=7\nScriptTimeout=301\n"
-                      "_HttpUserAgent=Agent/1\n");
-    GlobalOptions options;
-    ASSERT_TRUE(options.load(config, ""));
-    EXPECT_EQ(options.notificationBalloonDisplayTime, 30);
-    EXPECT_EQ(options.appPluginServerPortNo, 2605);
-    EXPECT_TRUE(options.oneClickMode);
-    EXPECT_EQ(options.scriptTimeout, 15);
-    EXPECT_EQ(options.httpUserAgent, "Agent/1");
-
-    options.notificationBalloonDisplayTime = 1800;
-    options.controlCenterNonAutoUpdateChannelFgdCol = 0x123456;
-    ASSERT_TRUE(options.save(config));
-    const std::string text = readFile(config);
-    EXPECT_NE(text.find("ControlCenterNonAutoUpdateChannelFgdCol=1193046"), std::string::npos);
-    EXPECT_EQ(text.find("ActivityLogFgdCol"), std::string::npos)
-        << "read-only keys are not written";
-    GlobalOptions reloaded;
-    ASSERT_TRUE(reloaded.load(config, ""));
-    EXPECT_EQ(reloaded.notificationBalloonDisplayTime, 1800);
-    EXPECT_EQ(reloaded.controlCenterNonAutoUpdateChannelFgdCol, 0x808080u)
-        << "the colour is read under another key, so a saved value does not come back";
-}
-
-TEST(GlobalOptions, ScriptFileTypesComeFromTheProgramsGlobalIni) {
-    TempDir dir;
-    writeFile(dir.file("global.ini"),
-              "[Script File Types]\nPython scripts=.py\n"
-              "[Scripting File Associations]\n.PY=python3 %1 %*\nrb=ruby\n");
-    GlobalOptions options;
-    ASSERT_TRUE(options.load(dir.file("config.ini"), dir.file("global.ini")));
-    EXPECT_EQ(options.scriptFileTypeCommands.at(".py"), "python3 %1 %*");
-    EXPECT_EQ(options.scriptFileTypeCommands.at(".rb"), "ruby");
-    EXPECT_EQ(options.scriptFileTypeCommands.at(".class"), "java %1 %*");
-    ASSERT_EQ(options.scriptFileTypes.size(), 1u);
 }

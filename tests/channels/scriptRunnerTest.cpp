@@ -1,7 +1,7 @@
 #include "channels/internal/scriptRunner.h"
+#include "app/globalOptions.h"
 #include "channels/events.h"
 #include "channels/exception.h"
-#include "channels/globalOptions.h"
 #include "lib/misc/iniValues.h"
 #include "lib/misc/systemValues.h"
 #include "tests/support/testSupport.h"
@@ -192,7 +192,7 @@ TEST(ScriptRunner, ScriptsInFoldersWithBlanksRunWithTheShippedFileTypes) {
     TempDir dir;
     std::filesystem::create_directories(dir.file("my plugins"));
     std::filesystem::create_directories(dir.file("temp files"));
-    GlobalOptions options;
+    app::GlobalOptions options;
     ASSERT_TRUE(options.load("", (testing_support::sourceDir() / "resources/global.ini").string()));
     const ScriptSettingsOverride changed([&](ScriptSettings& settings) {
         settings.fileTypeCommands = builtInFileTypeCommands();

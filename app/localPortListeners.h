@@ -3,7 +3,7 @@
 // subscription links written for older feed readers.
 #pragma once
 
-#include "channels/subscriptions.h"
+#include "app/subscriptions.h"
 #include "tools/localPortListener.h"
 
 #include <map>
@@ -13,10 +13,13 @@
 #include <vector>
 
 namespace channels {
-
 class AppPlugin;
 class AppPluginManager;
 class ChannelManager;
+} // namespace channels
+
+namespace app {
+
 class GlobalOptions;
 
 struct LocalPortListenerOptions {
@@ -38,7 +41,7 @@ LocalPortListenerOptions listenerOptions(const GlobalOptions& options);
 class LocalPortListeners {
 public:
     // The approver decides on subscriptions (null refuses them all).
-    LocalPortListeners(ChannelManager& channels, AppPluginManager& plugins,
+    LocalPortListeners(channels::ChannelManager& channels, channels::AppPluginManager& plugins,
                        SubscriptionApprover* approver);
     ~LocalPortListeners();
 
@@ -66,11 +69,11 @@ private:
     tools::LocalAnswer amphetaDeskAnswer(const tools::LocalRequest& request);
     tools::LocalAnswer radioUserlandAnswer(const tools::LocalRequest& request);
     tools::LocalAnswer headlineViewerAnswer(const tools::LocalRequest& request);
-    std::string pluginMainPage(AppPlugin& plugin);
+    std::string pluginMainPage(channels::AppPlugin& plugin);
     tools::LocalAnswer pluginIndex();
 
-    ChannelManager& m_channels;
-    AppPluginManager& m_plugins;
+    channels::ChannelManager& m_channels;
+    channels::AppPluginManager& m_plugins;
     Subscriptions m_subscriptions;
     std::vector<std::unique_ptr<tools::LocalPortListener>> m_listeners;
     // One main page at a time per plugin: the page is made in the plugin's one file.
@@ -78,4 +81,4 @@ private:
     std::map<std::string, std::unique_ptr<std::mutex>> m_mainPageLocks;
 };
 
-} // namespace channels
+} // namespace app

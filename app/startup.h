@@ -5,7 +5,7 @@
 
 #include <string>
 
-namespace channels {
+namespace app {
 
 // Where everything lives.
 struct AppPaths {
@@ -63,4 +63,4 @@ void publishSystemValues(const AppPaths& paths, const std::string& version);
 // The address of the news feed the default channel reads: a file that ships with the program.
 std::string defaultNewsFeedAddress(const std::string& programDir);
 
-} // namespace channels
+} // namespace app

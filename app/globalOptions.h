@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace channels {
+namespace app {
 
 // A colour in the 0x00BBGGRR layout: red in the low byte.
 using ColourRef = unsigned int;
@@ -112,4 +112,4 @@ private:
     std::string m_configFile;
 };
 
-} // namespace channels
+} // namespace app

@@ -1,9 +1,9 @@
-#include "channels/localPortListeners.h"
+#include "app/localPortListeners.h"
 
+#include "app/globalOptions.h"
 #include "channels/appPluginManager.h"
 #include "channels/channelManager.h"
 #include "channels/exception.h"
-#include "channels/globalOptions.h"
 #include "channels/internal/scriptRunner.h"
 #include "lib/log/log.h"
 #include "templateProcessor/templateProcessor.h"
@@ -12,7 +12,13 @@
 #include <fstream>
 #include <sstream>
 
-namespace channels {
+namespace app {
+
+using channels::AppPlugin;
+using channels::AppPluginManager;
+using channels::ChannelManager;
+using channels::Exception;
+using channels::parsePluginUri;
 
 namespace {
 
@@ -274,4 +280,4 @@ tools::LocalAnswer LocalPortListeners::appPluginAnswer(const tools::LocalRequest
     return answer;
 }
 
-} // namespace channels
+} // namespace app

@@ -1,4 +1,4 @@
-#include "channels/startup.h"
+#include "app/startup.h"
 #include "channels/exception.h"
 #include "lib/misc/iniValues.h"
 #include "lib/misc/systemValues.h"
@@ -8,6 +8,7 @@
 
 #include <filesystem>
 
+using namespace app;
 using namespace channels;
 using testing_support::TempDir;
 using testing_support::writeFile;

@@ -1,4 +1,4 @@
-#include "channels/subscriptions.h"
+#include "app/subscriptions.h"
 
 #include "channels/channelManager.h"
 #include "channels/exception.h"
@@ -11,7 +11,12 @@
 #include <cctype>
 #include <filesystem>
 
-namespace channels {
+namespace app {
+
+using channels::Channel;
+using channels::ChannelManager;
+using channels::Exception;
+using channels::RssChannel;
 
 namespace {
 
@@ -309,4 +314,4 @@ int subscriptionAnswerStatus(const std::vector<SubscriptionResult>& results) {
     return status;
 }
 
-} // namespace channels
+} // namespace app

@@ -1,4 +1,4 @@
-#include "channels/globalOptions.h"
+#include "app/globalOptions.h"
 
 #include "lib/misc/iniValues.h"
 #include "lib/misc/profileFile.h"
@@ -6,7 +6,7 @@
 
 #include <variant>
 
-namespace channels {
+namespace app {
 
 namespace {
 
@@ -194,4 +194,4 @@ tools::NetOptions GlobalOptions::netOptions() const {
     return net;
 }
 
-} // namespace channels
+} // namespace app

@@ -1,4 +1,4 @@
-#include "channels/localPortListeners.h"
+#include "app/localPortListeners.h"
 
 #include "channels/appPluginManager.h"
 #include "channels/channelManager.h"
@@ -17,6 +17,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+using namespace app;
 using namespace channels;
 using testing_support::httpGet;
 using testing_support::RawConnection;

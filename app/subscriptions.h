@@ -13,8 +13,10 @@
 #include <vector>
 
 namespace channels {
-
 class ChannelManager;
+} // namespace channels
+
+namespace app {
 
 // Decides whether a subscription a web page asked for goes ahead (the desktop client asks
 // its user; the headless front end answers from its command line).
@@ -45,12 +47,13 @@ std::string subscriptionAddressProblem(const std::string& address);
 // A new channel ID made from an address (host and last path part, letters, digits, "-" and
 // "_"), unused by the manager's channels and files. It never names a path outside the
 // channels directory.
-std::string channelIdFromAddress(const std::string& address, const ChannelManager& manager);
+std::string channelIdFromAddress(const std::string& address,
+                                 const channels::ChannelManager& manager);
 
 class Subscriptions {
 public:
     // The approver may be null: every subscription is then refused.
-    Subscriptions(ChannelManager& manager, SubscriptionApprover* approver);
+    Subscriptions(channels::ChannelManager& manager, SubscriptionApprover* approver);
 
     // Subscribes to the address (after feedAddress) unless it is invalid, known already or
     // refused: the channel file is written, the channel joins the manager and its first
@@ -65,7 +68,7 @@ public:
 private:
     std::string findChannelByAddress(const std::string& address) const;
 
-    ChannelManager& m_manager;
+    channels::ChannelManager& m_manager;
     SubscriptionApprover* m_approver;
     threadSafety::CriticalSection m_lock{"Subscriptions"};
     std::mutex m_rateMutex;
@@ -85,4 +88,4 @@ int subscriptionAnswerStatus(const std::vector<SubscriptionResult>& results);
 // A small page in the style of the answers, the body already HTML.
 std::string localAnswerPage(const std::string& title, const std::string& bodyHtml);
 
-} // namespace channels
+} // namespace app

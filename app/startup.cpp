@@ -1,4 +1,4 @@
-#include "channels/startup.h"
+#include "app/startup.h"
 
 #include "channels/exception.h"
 #include "lib/log/log.h"
@@ -15,7 +15,9 @@
 
 namespace fs = std::filesystem;
 
-namespace channels {
+namespace app {
+
+using channels::Exception;
 
 namespace {
 
@@ -168,4 +170,4 @@ std::string defaultNewsFeedAddress(const std::string& programDir) {
     return (fs::path(programDir) / kNewsFeedPath).string();
 }
 
-} // namespace channels
+} // namespace app

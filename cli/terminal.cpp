@@ -1,0 +1,37 @@
+#include "cli/terminal.h"
+
+namespace cli {
+
+std::string toUtf8(const std::string& latin1) {
+    std::string out;
+    out.reserve(latin1.size());
+    for (char c : latin1) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x80) {
+            out += c;
+        } else {
+            out += static_cast<char>(0xC0 | (byte >> 6));
+            out += static_cast<char>(0x80 | (byte & 0x3F));
+        }
+    }
+    return out;
+}
+
+std::string toTerminal(const std::string& latin1) {
+    static constexpr char kHex[] = "0123456789abcdef";
+    std::string visible;
+    visible.reserve(latin1.size());
+    for (char c : latin1) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || (byte >= 0x7F && byte < 0xA0)) {
+            visible += "\\x";
+            visible += kHex[byte >> 4];
+            visible += kHex[byte & 0xF];
+        } else {
+            visible += c;
+        }
+    }
+    return toUtf8(visible);
+}
+
+} // namespace cli
