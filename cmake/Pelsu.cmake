@@ -45,7 +45,7 @@ function(pelsu_add_test name)
   # The discovery script flattens its PROPERTIES into one list and drops empty elements, which
   # splits list values such as ENVIRONMENT. The properties are therefore set by a script of our
   # own that ctest reads after the discovered tests, on the test list discovery leaves behind.
-  set(environment "PELSU_SOURCE_DIR=${PROJECT_SOURCE_DIR};PELSU_BINARY_DIR=${PROJECT_BINARY_DIR}")
+  set(environment "PELSU_SOURCE_DIR=${PROJECT_SOURCE_DIR};PELSU_BINARY_DIR=${PROJECT_BINARY_DIR};QT_QPA_PLATFORM=offscreen")
   set(script "${CMAKE_CURRENT_BINARY_DIR}/${name}_properties.cmake")
   file(WRITE ${script}
     "if(NOT \"\${${name}_TESTS}\" STREQUAL \"\")\n"

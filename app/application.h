@@ -1,0 +1,98 @@
+// The start-up and shut-down that both front ends share. The order of the steps, their
+// messages and their log lines live here once; a front end adds only what is its own (a
+// window, a tray icon, notifications) through the FrontEnd hooks.
+#pragma once
+
+#include "app/environment.h"
+#include "app/localPortListeners.h"
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace app {
+
+class SingleInstance;
+
+// A start-up step failed: the message is the one the user sees (for example "Couldn't load
+// the global options.\n\n" and the reason, or "Initialization failed.\n\n" and the reason).
+class StartupError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// What a front end adds to start-up and shut-down. Every hook runs on the thread that calls
+// Application::start or Application::shutDown, except showMainWindow and runCommand (see there).
+class FrontEnd {
+public:
+    virtual ~FrontEnd() = default;
+
+    // Start-up, after the global options are loaded: the toolkit and the main window. Throws
+    // (any std::exception) when the main window can't be made.
+    virtual void createMainFrame(Environment& environment) = 0;
+    // Start-up, after the system values are published: the per-channel desktop settings of
+    // the channels in environment.paths.channelsDir. A channel whose settings fail is reported
+    // by the front end ("Can't load the channel desktop settings for" and the name); start-up
+    // goes on.
+    virtual void loadChannelDesktopSettings(Environment& environment) = 0;
+    // Start-up, after the channels are loaded and before the worker starts: listen to the
+    // manager's events.
+    virtual void installEventHandler(channels::ChannelManager& manager) = 0;
+    // Who decides on subscriptions that web pages ask for (null refuses them all).
+    virtual SubscriptionApprover* subscriptionApprover() = 0;
+    // Start-up, last steps: the tray icon, then the welcome notification (only called when
+    // "NoWelcomeNotification" is not set).
+    virtual void createTrayIcon() = 0;
+    virtual void queueWelcomeNotification(const std::string& text) = 0;
+    // Problems that don't stop start-up (a plugin that fails to load, a port in use).
+    virtual void reportStartupProblem(const std::string& message) = 0;
+
+    // Another process of the same user asked this one to show its main window. Called on the
+    // single-instance server's thread: a front end with a UI thread hands it over.
+    virtual void showMainWindow() = 0;
+
+    // Shut-down hooks, in the order they run. None may throw.
+    virtual void uninstallMouseHook() {}
+    virtual void cleanUpDesktopSettings() {}
+    virtual void uninstallEventHandler(channels::ChannelManager& manager) = 0;
+    virtual void unloadRichText() {}
+    virtual void shutDownToolkit() {}
+};
+
+class Application {
+public:
+    struct Options {
+        std::string home;        // --home DIR, or empty
+        bool startWorker = true; // false: channels load but nothing updates (tests)
+        bool startListeners = true;
+    };
+    enum class StartResult {
+        Started,
+        // Another instance runs for this user: it was told to show its main window.
+        HandedToRunningInstance,
+    };
+
+    Application();
+    ~Application(); // shuts down when start succeeded and shutDown was not called
+
+    // Runs every start-up step in order. Throws StartupError with the user's message; what
+    // was started before the failure is stopped again.
+    StartResult start(FrontEnd& frontEnd, const Options& options);
+    // Runs every shut-down step in order, each logged in the group "Shutdown"; never stops
+    // early. Safe to call twice (the second call does nothing).
+    void shutDown();
+
+    Environment& environment();
+    channels::ChannelManager& manager();
+    LocalPortListeners* listeners(); // null when they were not started
+
+    // The greeting of the welcome notification for the given local hour (0-23).
+    static std::string greeting(int hour);
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> m_impl;
+};
+
+} // namespace app
