@@ -2,10 +2,11 @@
 
 PELSU_ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 
-# The packages the engine, pelsu-cli and their tests build with.
+# The packages the engine, pelsu-cli, the desktop client and their tests build with (the
+# client's tests start a private session bus, hence dbus).
 PELSU_PACKAGES=(cmake ninja-build g++ pkg-config libexpat1-dev libcurl4-openssl-dev
                 libcpp-httplib-dev libssl-dev libgtest-dev libgmock-dev libbenchmark-dev
-                python3 perl)
+                python3 perl qt6-base-dev libcanberra-dev dbus)
 
 # ensure_packages PACKAGE...: installs those that are missing (as root), or says how.
 ensure_packages() {
