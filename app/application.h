@@ -6,6 +6,7 @@
 #include "app/environment.h"
 #include "app/localPortListeners.h"
 
+#include <chrono>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -66,6 +67,11 @@ public:
         std::string home;        // --home DIR, or empty
         bool startWorker = true; // false: channels load but nothing updates (tests)
         bool startListeners = true;
+        // Another instance running for the user: true tells it to show its main window
+        // (start returns HandedToRunningInstance); false makes it a StartupError.
+        bool showRunningInstance = true;
+        // How long start waits for a pelsu-cli command that holds the user directory.
+        std::chrono::milliseconds lockWait{10000};
     };
     enum class StartResult {
         Started,
@@ -77,17 +83,21 @@ public:
     ~Application(); // shuts down when start succeeded and shutDown was not called
 
     // Runs every start-up step in order. Throws StartupError with the user's message; what
-    // was started before the failure is stopped again.
+    // was started before the failure is stopped again. While it runs, the instance carries
+    // out the channel commands that pelsu-cli hands over, on its channel manager.
     StartResult start(FrontEnd& frontEnd, const Options& options);
     // Runs every shut-down step in order, each logged in the group "Shutdown"; never stops
     // early. Safe to call twice (the second call does nothing).
     void shutDown();
 
     Environment& environment();
-    channels::ChannelManager& manager();
+    channels::ChannelManager& manager(); // not after shutDown
+    // What went wrong in the final save of the channels at shut-down ("<id>: <message>").
+    const std::vector<std::string>& saveErrors() const;
     LocalPortListeners* listeners(); // null when they were not started
 
-    // The greeting of the welcome notification for the given local hour (0-23).
+    // The greeting of the welcome notification for the given local hour (0-23): "Ohayo
+    // gozaimasu" from 4 to 11, "Konnichiwa" from 12 to 17, "Kombanwa" from 18 to 3.
     static std::string greeting(int hour);
 
 private:
