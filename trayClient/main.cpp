@@ -1,0 +1,73 @@
+// pelsu: the desktop client of the Pelsu channel engine, in the notification area.
+
+#include "trayClient/trayClient.h"
+
+#include <QApplication>
+
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <string>
+
+namespace {
+
+constexpr const char* kVersion = PELSU_VERSION;
+
+void printUsage(std::ostream& out) {
+    out << "Pelsu Desktop Client " << kVersion << "\n\n"
+        << "Usage: pelsu [--home DIR]\n"
+        << "       pelsu --version | --help\n\n"
+        << "Shows the channels' news in the notification area. --home DIR keeps everything\n"
+        << "under DIR (default: $PELSU_HOME, else $XDG_DATA_HOME/pelsu).\n";
+}
+
+bool isSet(const char* name) {
+    const char* value = std::getenv(name);
+    return value && *value;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    std::string home;
+    for (int i = 1; i < argc; ++i) {
+        const std::string option = argv[i];
+        if (option == "--version") {
+            std::cout << "pelsu " << kVersion << '\n';
+            return 0;
+        }
+        if (option == "--help" || option == "-h") {
+            printUsage(std::cout);
+            return 0;
+        }
+        if (option == "--home" && i + 1 < argc && *argv[i + 1]) {
+            home = argv[++i];
+            continue;
+        }
+        std::cerr << "pelsu: unknown option " << option << "\n\n";
+        printUsage(std::cerr);
+        return 2;
+    }
+    // Without a display Qt would end the process with its own message; say what is missing.
+    if (!isSet("QT_QPA_PLATFORM") && !isSet("DISPLAY") && !isSet("WAYLAND_DISPLAY")) {
+        std::cerr << "pelsu: Initialization failed.\n\nThere is no display to show the client on "
+                     "(DISPLAY and WAYLAND_DISPLAY are unset). pelsu-cli run keeps the channels "
+                     "up to date without one.\n";
+        return 1;
+    }
+    // Before any thread starts, so that every thread leaves the signals to the handler.
+    trayClient::CTrayClientApp::catchTerminationSignals();
+    QApplication application(argc, argv);
+    QApplication::setApplicationName("Pelsu");
+    QApplication::setApplicationVersion(kVersion);
+
+    trayClient::CTrayClientApp::Options options;
+    options.application.home = home;
+    options.program = QApplication::applicationFilePath().toStdString();
+    if (!home.empty())
+        options.arguments = {"--home", std::filesystem::absolute(home).string()};
+    const QString platform = QGuiApplication::platformName();
+    options.hasDisplay = platform != "offscreen" && platform != "minimal";
+    trayClient::CTrayClientApp client;
+    return client.run(options);
+}

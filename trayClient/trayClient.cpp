@@ -1,0 +1,247 @@
+#include "trayClient/trayClient.h"
+
+#include "lib/log/log.h"
+#include "trayClient/autoStart.h"
+#include "trayClient/channelDesktopSettings.h"
+#include "trayClient/channelEventHandler.h"
+#include "trayClient/mainFrame.h"
+#include "trayClient/notificationPresenter.h"
+#include "trayClient/notificationRequest.h"
+#include "trayClient/soundPlayer.h"
+#include "trayClient/trayIcon.h"
+
+#include "channels/appPluginManager.h"
+#include "channels/channelManager.h"
+
+#include <QApplication>
+#include <QMenu>
+#include <QMessageBox>
+#include <QSocketNotifier>
+
+#include <csignal>
+#include <fcntl.h>
+#include <iostream>
+#include <unistd.h>
+
+namespace trayClient {
+
+namespace {
+
+msglog::MsgGroup& shutdownGroup() { return msglog::registerMsgGroup("Shutdown"); }
+msglog::MsgGroup& uiEventsGroup() { return msglog::registerMsgGroup("UiEvents"); }
+
+// The self-pipe of the termination signals: the handler writes the signal's number, and the
+// UI thread reads it through a socket notifier.
+int g_signalPipe[2] = {-1, -1};
+
+void onSignal(int signalNumber) {
+    unsigned char byte = static_cast<unsigned char>(signalNumber);
+    [[maybe_unused]] ssize_t written = ::write(g_signalPipe[1], &byte, 1);
+}
+
+const char* const kWelcomeTitle = "Pelsu Desktop Client";
+
+} // namespace
+
+CTrayClientApp::CTrayClientApp() = default;
+
+CTrayClientApp::~CTrayClientApp() { shutDown(); }
+
+void CTrayClientApp::catchTerminationSignals() {
+    if (g_signalPipe[0] >= 0)
+        return;
+    if (::pipe2(g_signalPipe, O_CLOEXEC | O_NONBLOCK) != 0)
+        return;
+    struct sigaction action = {};
+    action.sa_handler = onSignal;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGTERM, &action, nullptr);
+    sigaction(SIGINT, &action, nullptr);
+}
+
+void CTrayClientApp::onTerminationSignal() {
+    unsigned char byte = 0;
+    while (::read(g_signalPipe[0], &byte, 1) == 1)
+        PELSU_LOG(uiEventsGroup(), "Signal " << int(byte) << " received - closing down.");
+    QApplication::quit();
+}
+
+void CTrayClientApp::tell(const std::string& message, bool fatal) {
+    std::cerr << "pelsu: " << message << std::endl;
+    if (!m_options.hasDisplay)
+        return;
+    if (fatal) {
+        QMessageBox::critical(nullptr, "Pelsu", QString::fromLatin1(message.c_str()));
+        return;
+    }
+    // Problems that don't stop start-up don't hold it up either.
+    auto* box = new QMessageBox(QMessageBox::Warning, "Pelsu", QString::fromLatin1(message.c_str()));
+    box->setAttribute(Qt::WA_DeleteOnClose);
+    box->show();
+}
+
+bool CTrayClientApp::start(const Options& options, int& status) {
+    m_options = options;
+    if (g_signalPipe[0] >= 0 && !m_signalNotifier) {
+        m_signalNotifier =
+            std::make_unique<QSocketNotifier>(g_signalPipe[0], QSocketNotifier::Read);
+        connect(m_signalNotifier.get(), &QSocketNotifier::activated, this,
+                &CTrayClientApp::onTerminationSignal);
+    }
+    try {
+        app::Application::StartResult result = m_application.start(*this, options.application);
+        if (result == app::Application::StartResult::HandedToRunningInstance) {
+            status = 0;
+            return false;
+        }
+    } catch (const app::StartupError& error) {
+        tell(error.what(), true);
+        status = 1;
+        return false;
+    }
+    m_started = true;
+    status = 0;
+    // The session's end and any other way out of the event loop run the shut-down while
+    // the application object still exists.
+    connect(qApp, &QGuiApplication::commitDataRequest, this, [] { QApplication::quit(); });
+    connect(qApp, &QCoreApplication::aboutToQuit, this, &CTrayClientApp::shutDown);
+    return true;
+}
+
+int CTrayClientApp::run(const Options& options) {
+    int status = 0;
+    if (!start(options, status))
+        return status;
+    status = QApplication::exec();
+    shutDown();
+    return status;
+}
+
+void CTrayClientApp::shutDown() {
+    if (!m_started || m_shutDown)
+        return;
+    m_shutDown = true;
+    m_application.shutDown();
+}
+
+void CTrayClientApp::createMainFrame(app::Environment& environment) {
+    m_environment = &environment;
+    QApplication::setQuitOnLastWindowClosed(false);
+    const app::GlobalOptions& options = environment.options;
+    m_mainFrame = std::make_unique<CMainFrame>(options.maxActivityLogMsgs, options.maxErrorLogMsgs);
+    applyAutoStart(environment);
+}
+
+void CTrayClientApp::applyAutoStart(const app::Environment& environment) {
+    std::string problem =
+        trayClient::applyAutoStart(environment.options.autoStartApp, autostartDirectory(),
+                                   m_options.program, m_options.arguments);
+    if (!problem.empty())
+        reportStartupProblem(problem);
+}
+
+void CTrayClientApp::loadChannelDesktopSettings(app::Environment& environment) {
+    m_settings = std::make_unique<ChannelDesktopSettingsTable>(environment.paths.userDir);
+    m_queue = std::make_unique<NotificationRequestQueue>(
+        *m_settings, environment.options.maxNotificationQueueLength);
+    std::vector<ChannelRef> channels = channelsInDirectory(environment.paths.channelsDir);
+    for (const auto& failure : m_settings->loadAll(channels)) {
+        std::string message = "Can't load the channel desktop settings for " +
+                              failure.channel.name + "\n\n" + failure.reason;
+        if (!failure.keptAs.empty())
+            message += "\n\nThe file was kept as " + failure.keptAs + ".";
+        reportStartupProblem(message);
+    }
+    m_mainFrame->setChannels(channels);
+}
+
+void CTrayClientApp::installEventHandler(channels::ChannelManager& manager) {
+    m_handler = std::make_unique<ChannelEventHandler>(
+        *m_mainFrame, *m_queue, *m_settings,
+        m_environment->options.maxConsecutiveChannelUpdateErrors);
+    m_mainFrame->attach();
+    manager.addListener(m_handler.get());
+    channels::AppPluginManager::instance().addListener(m_handler.get());
+}
+
+void CTrayClientApp::createTrayIcon() {
+    m_actions = std::make_unique<CNotificationActions>(*m_settings, m_mainFrame.get());
+    m_sounds = std::make_unique<CSoundPlayer>();
+    m_trayIcon = std::make_unique<CTrayIcon>();
+    m_trayMenu = std::make_unique<QMenu>();
+    m_trayMenu->addAction("Show Pelsu", m_mainFrame.get(), &CMainFrame::showAndRaise);
+    m_trayMenu->addSeparator();
+    m_trayMenu->addAction("Exit", qApp, &QApplication::quit);
+    m_trayIcon->setContextMenu(m_trayMenu.get());
+    connect(m_trayIcon.get(), &CTrayIcon::activated, m_mainFrame.get(), &CMainFrame::showAndRaise);
+    m_trayIcon->show();
+    PELSU_LOG(uiEventsGroup(), "The tray icon is shown.");
+    if (!m_environment->options.startMinimized && m_options.hasDisplay)
+        m_mainFrame->show();
+    m_presenter = std::make_unique<CNotificationPresenter>(*m_queue, *m_settings,
+                                                           m_environment->options, *m_actions,
+                                                           *m_trayIcon, m_sounds.get());
+    m_presenter->start();
+    emit trayIconShown();
+}
+
+void CTrayClientApp::queueWelcomeNotification(const std::string& text) {
+    m_queue->queue(std::make_unique<SimpleNotificationRequest>(kWelcomeTitle, text));
+}
+
+void CTrayClientApp::reportStartupProblem(const std::string& message) { tell(message, false); }
+
+void CTrayClientApp::showMainWindow() {
+    // Called on the single-instance server's thread: the window is the UI thread's.
+    QMetaObject::invokeMethod(
+        this,
+        [this] {
+            if (m_mainFrame)
+                m_mainFrame->showAndRaise();
+        },
+        Qt::QueuedConnection);
+}
+
+void CTrayClientApp::cleanUpDesktopSettings() {
+    try {
+        // The worker runs until the manager stops: from here on its events are ignored and
+        // a worker waiting for the end of its update is released, so the table can go.
+        if (m_handler)
+            m_handler->stopDelivering();
+        if (m_mainFrame)
+            m_mainFrame->detach();
+        if (m_presenter)
+            m_presenter->stop();
+        if (m_queue)
+            m_queue->clear();
+        if (m_settings)
+            m_settings->cleanUp();
+    } catch (const std::exception& error) {
+        PELSU_LOG(shutdownGroup(), "- Exception caught: " << error.what());
+    }
+}
+
+void CTrayClientApp::uninstallEventHandler(channels::ChannelManager& manager) {
+    if (!m_handler)
+        return;
+    m_handler->stopDelivering();
+    if (m_mainFrame)
+        m_mainFrame->detach();
+    manager.removeListener(m_handler.get());
+    channels::AppPluginManager::instance().removeListener(m_handler.get());
+}
+
+void CTrayClientApp::shutDownToolkit() {
+    m_presenter.reset();
+    if (m_trayIcon)
+        m_trayIcon->hide();
+    m_trayIcon.reset();
+    m_trayMenu.reset();
+    m_sounds.reset();
+    m_actions.reset();
+    if (m_mainFrame)
+        m_mainFrame->hide();
+}
+
+} // namespace trayClient
