@@ -1,0 +1,89 @@
+// "AutoStartApp": the XDG autostart entry is written, replaced and removed, its Exec line
+// survives awkward paths, and failures say what could not be done and why.
+#include "trayClient/autoStart.h"
+
+#include "tests/support/testSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+namespace fs = std::filesystem;
+using testing_support::readFile;
+using testing_support::TempDir;
+using testing_support::writeFile;
+using trayClient::applyAutoStart;
+using trayClient::autostartEntry;
+
+TEST(AutoStart, EnablingWritesTheEntryAndDisablingRemovesIt) {
+    TempDir dir;
+    std::string autostart = dir.file("config/autostart");
+    ASSERT_EQ(applyAutoStart(true, autostart, "/opt/pelsu/bin/pelsu", {}), "");
+    std::string entry = readFile(autostart + "/pelsu.desktop");
+    EXPECT_NE(entry.find("[Desktop Entry]\n"), std::string::npos);
+    EXPECT_NE(entry.find("\nExec=\"/opt/pelsu/bin/pelsu\"\n"), std::string::npos);
+    EXPECT_NE(entry.find("\nType=Application\n"), std::string::npos);
+
+    EXPECT_EQ(applyAutoStart(false, autostart, "/opt/pelsu/bin/pelsu", {}), "");
+    EXPECT_FALSE(fs::exists(autostart + "/pelsu.desktop"));
+    // Disabling what is not there is no failure.
+    EXPECT_EQ(applyAutoStart(false, autostart, "/opt/pelsu/bin/pelsu", {}), "");
+    EXPECT_EQ(applyAutoStart(false, dir.file("never/made"), "/opt/pelsu/bin/pelsu", {}), "");
+}
+
+TEST(AutoStart, ExecQuotesArgumentsAndEscapesWhatTheDesktopWouldExpand) {
+    std::string entry =
+        autostartEntry("/home/a b/pelsu", {"--home", "/data/100% \"news\" $HOME `x` back\\slash"});
+    EXPECT_NE(entry.find("\nExec=\"/home/a b/pelsu\" \"--home\" "
+                         "\"/data/100%% \\\"news\\\" \\$HOME \\`x\\` back\\\\slash\"\n"),
+              std::string::npos)
+        << entry;
+}
+
+TEST(AutoStart, EnablingReplacesAnOlderEntry) {
+    TempDir dir;
+    writeFile(dir.file("pelsu.desktop"), "[Desktop Entry]\nExec=/old/pelsu\n");
+    ASSERT_EQ(applyAutoStart(true, dir.path().string(), "/new/pelsu", {"--home", "/h"}), "");
+    std::string entry = readFile(dir.file("pelsu.desktop"));
+    EXPECT_EQ(entry.find("/old/pelsu"), std::string::npos);
+    EXPECT_NE(entry.find("Exec=\"/new/pelsu\" \"--home\" \"/h\"\n"), std::string::npos);
+    EXPECT_FALSE(fs::exists(dir.file("pelsu.desktop.new")));
+}
+
+TEST(AutoStart, FailuresNameTheStepTheFileAndTheReason) {
+    TempDir dir;
+    // A file where the autostart folder should be.
+    writeFile(dir.file("blocked"), "");
+    std::string message = applyAutoStart(true, dir.file("blocked/autostart"), "/p/pelsu", {});
+    EXPECT_EQ(message.rfind("Couldn't open the autostart folder to enable auto-start.\n\n", 0), 0u)
+        << message;
+    EXPECT_NE(message.find(dir.file("blocked/autostart")), std::string::npos);
+    EXPECT_NE(message.find("\n\nPlease contact your system administrator."), std::string::npos);
+
+    // A directory where the entry should be: it can be neither replaced nor removed.
+    fs::create_directories(dir.file("taken/pelsu.desktop/inside"));
+    message = applyAutoStart(true, dir.file("taken"), "/p/pelsu", {});
+    EXPECT_EQ(message.rfind("Couldn't update the autostart entry to enable auto-start.\n\n", 0), 0u)
+        << message;
+    message = applyAutoStart(false, dir.file("taken"), "/p/pelsu", {});
+    EXPECT_EQ(message.rfind("Couldn't remove the autostart entry to disable auto-start.\n\n", 0),
+              0u)
+        << message;
+    EXPECT_TRUE(fs::exists(dir.file("taken/pelsu.desktop/inside")));
+}
+
+TEST(AutoStart, TheDirectoryFollowsXdgConfigHome) {
+    const char* saved = std::getenv("XDG_CONFIG_HOME");
+    std::string savedValue = saved ? saved : "";
+    setenv("XDG_CONFIG_HOME", "/tmp/cfg", 1);
+    EXPECT_EQ(trayClient::autostartDirectory(), "/tmp/cfg/autostart");
+    // A relative value is not a valid setting and is ignored.
+    setenv("XDG_CONFIG_HOME", "relative", 1);
+    EXPECT_EQ(trayClient::autostartDirectory(),
+              (fs::path(std::getenv("HOME")) / ".config/autostart").string());
+    if (saved)
+        setenv("XDG_CONFIG_HOME", savedValue.c_str(), 1);
+    else
+        unsetenv("XDG_CONFIG_HOME");
+}
