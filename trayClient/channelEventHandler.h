@@ -97,7 +97,7 @@ private:
     struct ChannelRun {
         int failedUpdates = 0;
         bool failing = false;
-        bool hadNewItems = false;
+        bool itemsChanged = false; // new or expired items in the current update
         std::string lastError;
     };
     ActivityRecord record(std::string text, ActivityRecord::Kind kind) const;

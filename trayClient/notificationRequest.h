@@ -137,12 +137,6 @@ public:
 
     const std::string& channelName() const { return m_channelName; }
     const std::vector<NewFeedItem>& items() const { return m_items; }
-    void addItem(NewFeedItem item);
-    // Keeps the items for which keep returns true.
-    template <typename Predicate>
-    void keepItems(Predicate keep) {
-        std::erase_if(m_items, [&](const NewFeedItem& item) { return !keep(item); });
-    }
 
 private:
     std::string m_channelId;
