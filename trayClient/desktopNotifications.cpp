@@ -94,16 +94,21 @@ unsigned CDesktopNotifications::notify(const QString& summary, const QString& bo
 
 void CDesktopNotifications::queryCapabilities() {
     QDBusConnection bus = QDBusConnection::sessionBus();
-    if (!bus.isConnected())
+    if (!bus.isConnected()) {
+        QMetaObject::invokeMethod(
+            this, [this] { emit capabilities({}, false); }, Qt::QueuedConnection);
         return;
+    }
     QDBusMessage call =
         QDBusMessage::createMethodCall(kService, kPath, kInterface, "GetCapabilities");
     auto* watcher = new QDBusPendingCallWatcher(bus.asyncCall(call, 10000), this);
     connect(watcher, &QDBusPendingCallWatcher::finished, this,
             [this](QDBusPendingCallWatcher* finished) {
                 QDBusPendingReply<QStringList> reply = *finished;
-                if (!reply.isError())
-                    emit capabilities(reply.value());
+                if (reply.isError())
+                    emit capabilities({}, false);
+                else
+                    emit capabilities(reply.value(), true);
                 finished->deleteLater();
             });
 }
@@ -122,3 +127,7 @@ void CDesktopNotifications::onActionInvoked(uint id, const QString& actionKey) {
 void CDesktopNotifications::onNotificationClosed(uint id, uint reason) { emit closed(id, reason); }
 
 } // namespace trayClient
+
+// Each class's meta-object code goes with its own object file, so that a program links only
+// the classes it uses.
+#include "moc_desktopNotifications.cpp"

@@ -25,7 +25,8 @@ public:
     // call in those signals.
     unsigned notify(const QString& summary, const QString& body, const QImage& image,
                     int timeoutMs);
-    // Asks the server what it can do; the answer comes as capabilities().
+    // Asks the server what it can do; the answer comes as capabilities(), with answered false
+    // (and no capabilities) when no server answered.
     void queryCapabilities();
     // Asks the server to take a notification down (its NotificationClosed follows).
     void close(unsigned id);
@@ -37,7 +38,7 @@ signals:
     void actionInvoked(unsigned id, const QString& actionKey);
     // The notification went away: reason 1 expired, 2 dismissed, 3 closed by a call.
     void closed(unsigned id, unsigned reason);
-    void capabilities(const QStringList& capabilities);
+    void capabilities(const QStringList& capabilities, bool answered);
 
 private slots:
     void onActionInvoked(uint id, const QString& actionKey);

@@ -162,3 +162,7 @@ QString CMainFrame::selectedChannelId() const {
 }
 
 } // namespace trayClient
+
+// Each class's meta-object code goes with its own object file, so that a program links only
+// the classes it uses.
+#include "moc_mainFrame.cpp"

@@ -59,6 +59,8 @@ public:
     QStringList errorLines() const;
     QString selectedChannelId() const;
     int channelUpdatesSeen() const { return m_updatesSeen; }
+    // Workers waiting in endChannelUpdate right now.
+    int workersWaiting() const { return m_endOfUpdate.waiting(); }
 
 signals:
     // The end of a channel's update reached the UI thread.

@@ -15,7 +15,7 @@ namespace trayClient {
 
 namespace {
 
-msglog::MsgGroupRegistration g_queueGroup("NotificationRequestQueue");
+msglog::MsgGroup& queueGroup() { return msglog::registerMsgGroup("NotificationRequestQueue"); }
 
 // How often the queue is looked at while nothing shows.
 const int kPollMs = 250;
@@ -45,7 +45,7 @@ void CNotificationActions::markItemViewed(const std::string& channelId,
     std::string problem;
     if (m_settings.markViewed(channelId, feedItemId) &&
         !m_settings.save(channelId, std::nullopt, &problem))
-        PELSU_LOG(g_queueGroup, "Can't save the channel desktop settings for "
+        PELSU_LOG(queueGroup(), "Can't save the channel desktop settings for "
                                     << m_settings.channelName(channelId) << ": " << problem);
 }
 
@@ -82,8 +82,11 @@ CNotificationPresenter::CNotificationPresenter(NotificationRequestQueue& queue,
     connect(m_notifications.get(), &CDesktopNotifications::closed, this,
             [this](unsigned id, unsigned) { onClosed(id); });
     connect(m_notifications.get(), &CDesktopNotifications::capabilities, this,
-            [this](const QStringList& capabilities) {
-                m_markup = capabilities.contains("body-markup");
+            [this](const QStringList& capabilities, bool answered) {
+                // Without an answer the usual case is assumed: servers read mark-up.
+                m_markup = !answered || capabilities.contains("body-markup");
+                m_capabilitiesKnown = true;
+                processNext();
             });
     connect(&m_trayIcon, &CTrayIcon::messageClicked, this,
             &CNotificationPresenter::onTrayMessageClicked);
@@ -106,7 +109,8 @@ void CNotificationPresenter::stop() {
 }
 
 void CNotificationPresenter::processNext() {
-    if (!m_running || m_current)
+    // The first request waits for the server's capabilities, which say how to write bodies.
+    if (!m_running || m_current || !m_capabilitiesKnown)
         return;
     if (auto request = m_queue.processNext())
         show(std::move(request));
@@ -153,7 +157,7 @@ void CNotificationPresenter::onShown(unsigned ticket, unsigned id) {
 void CNotificationPresenter::onFailed(unsigned ticket, const QString& reason) {
     if (!m_current || ticket != m_ticket)
         return;
-    PELSU_LOG(g_queueGroup, "No notification server answered - showing the request in the tray: "
+    PELSU_LOG(queueGroup(), "No notification server answered - showing the request in the tray: "
                                 << reason.toStdString());
     showInTray();
 }
@@ -204,3 +208,7 @@ void CNotificationPresenter::finishCurrent() {
 }
 
 } // namespace trayClient
+
+// Each class's meta-object code goes with its own object file, so that a program links only
+// the classes it uses.
+#include "moc_notificationPresenter.cpp"

@@ -91,6 +91,7 @@ private:
     unsigned m_id = 0;       // its notification's id, once the server answered
     bool m_inTray = false;   // shown as the tray's message
     bool m_markup = true;    // the server reads mark-up in bodies
+    bool m_capabilitiesKnown = false;
     bool m_running = false;
     QTimer m_poll;           // looks for requests while nothing shows
     QTimer m_trayTime;       // the display time of a tray message

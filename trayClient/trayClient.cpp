@@ -245,3 +245,7 @@ void CTrayClientApp::shutDownToolkit() {
 }
 
 } // namespace trayClient
+
+// Each class's meta-object code goes with its own object file, so that a program links only
+// the classes it uses.
+#include "moc_trayClient.cpp"

@@ -89,3 +89,7 @@ void CTrayIcon::nextFrame() {
 }
 
 } // namespace trayClient
+
+// Each class's meta-object code goes with its own object file, so that a program links only
+// the classes it uses.
+#include "moc_trayIcon.cpp"

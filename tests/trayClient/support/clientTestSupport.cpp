@@ -157,7 +157,7 @@ uint FakeNotificationServer::Notify(const QString& appName, uint, const QString&
 
 void FakeNotificationServer::CloseNotification(uint id) { closeWith(id, 3); }
 
-QStringList FakeNotificationServer::GetCapabilities() { return {"actions", "body"}; }
+QStringList FakeNotificationServer::GetCapabilities() { return capabilities; }
 
 QString FakeNotificationServer::GetServerInformation(QString& vendor, QString& version,
                                                      QString& specVersion) {

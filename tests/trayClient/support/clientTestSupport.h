@@ -47,6 +47,8 @@ public:
     FakeNotificationServer();
     ~FakeNotificationServer() override;
     bool isRegistered() const { return m_registered; }
+    // What GetCapabilities answers.
+    QStringList capabilities{"actions", "body"};
 
     const std::vector<Notification>& notifications() const { return m_notifications; }
     // The notifications not closed yet.
