@@ -1,0 +1,215 @@
+// The whole client in this process, on its real start-up and shut-down: the welcome
+// notification, news from a channel's feed shown and clicked, and shut-downs that come while
+// the worker updates or waits for the UI thread, which must end without a deadlock and
+// without losing the update.
+#include "trayClient/trayClient.h"
+
+#include "app/startup.h"
+#include "tests/support/testHttpServer.h"
+#include "tests/support/testSupport.h"
+#include "tests/trayClient/support/clientTestSupport.h"
+#include "trayClient/channelDesktopSettings.h"
+#include "trayClient/mainFrame.h"
+
+#include <QDesktopServices>
+#include <QUrl>
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+namespace fs = std::filesystem;
+using client_testing::FakeNotificationServer;
+using client_testing::waitFor;
+using testing_support::readFile;
+using testing_support::TempDir;
+using testing_support::writeFile;
+using trayClient::CTrayClientApp;
+
+namespace {
+
+const std::vector<std::string> kShutdownLines = {
+    "ExitInstance() called.",
+    "Un-installing the mouse hook.",
+    "Stopping the local port listeners.",
+    "Cleaning up ChannelDesktopSettings table.",
+    "Un-installing ourself as an event handler.",
+    "Stopping the local channel manager.",
+    "Deleting the local channel manager.",
+    "Destroying the MMF handle.",
+    "Unloading the RichEdit DLL.",
+    "Shutting down BCG.",
+    "Unloading BlackBox.",
+};
+
+std::string feed(const std::vector<std::string>& ids) {
+    std::string text = "<?xml version=\"1.0\"?><rss version=\"2.0\"><channel><title>Local "
+                       "news</title><link>http://example.com/</link><description>d</description>";
+    for (const auto& id : ids)
+        text += "<item><title>Story " + id + "</title><link>http://example.com/" + id +
+                "</link><guid>http://example.com/" + id + "</guid></item>";
+    return text + "</channel></rss>";
+}
+
+// Waits without running the event loop, as the UI thread does while it shuts down.
+bool waitWithoutEvents(const std::function<bool()>& condition) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+class UrlCatcher : public QObject {
+    Q_OBJECT
+public:
+    UrlCatcher() { QDesktopServices::setUrlHandler("http", this, "open"); }
+    ~UrlCatcher() override { QDesktopServices::unsetUrlHandler("http"); }
+    QStringList urls;
+public slots:
+    void open(const QUrl& url) { urls << url.toString(); }
+};
+
+// A user directory made beforehand (so no default channel), with its options and channels.
+class ClientFixture : public ::testing::Test {
+protected:
+    ClientFixture() {
+        std::string programDir = testing_support::binaryDir().string();
+        userDir = home.path() / "Users" /
+                  app::determineUserName((fs::path(programDir) / "debug.ini").string());
+        fs::create_directories(userDir / "Channels");
+        writeFile((userDir / "config.ini").string(),
+                  "[Global Options]\nHonourUrlPort=1\nNotificationBalloonDisplayTime=60\n"
+                  "DisableAllSound=1\n");
+    }
+    void addChannel(const std::string& id, const std::string& url) {
+        writeFile((userDir / "Channels" / (id + ".rss")).string(),
+                  "[Config]\nRssChannelUrl=" + url + "\n");
+    }
+    bool start(bool worker = true) {
+        CTrayClientApp::Options options;
+        options.application.home = home.path().string();
+        options.application.startWorker = worker;
+        options.application.startListeners = false;
+        options.hasDisplay = false;
+        int status = -1;
+        return client.start(options, status);
+    }
+    std::string log() const { return readFile((userDir / "Logs" / "pelsu.log").string()); }
+    // The shut-down lines of the log, in their order.
+    std::vector<std::string> shutdownLines() const {
+        std::vector<std::string> found;
+        std::istringstream lines(log());
+        for (std::string line; std::getline(lines, line);)
+            for (const auto& expected : kShutdownLines)
+                if (line.size() >= expected.size() &&
+                    line.compare(line.size() - expected.size(), expected.size(), expected) == 0)
+                    found.push_back(expected);
+        return found;
+    }
+
+    TempDir home;
+    fs::path userDir;
+    CTrayClientApp client;
+};
+
+} // namespace
+
+TEST_F(ClientFixture, GreetsThroughTheNotificationServerAndLogsTheElevenShutdownSteps) {
+    FakeNotificationServer server;
+    ASSERT_TRUE(start(false));
+    ASSERT_TRUE(waitFor([&] { return server.notifications().size() == 1; }));
+    EXPECT_EQ(server.notifications()[0].summary, "Pelsu Desktop Client");
+    EXPECT_TRUE(server.notifications()[0].body.endsWith(" has started."));
+    EXPECT_EQ(server.notifications()[0].timeout, 60000);
+    client.shutDown();
+    EXPECT_EQ(shutdownLines(), kShutdownLines);
+}
+
+TEST_F(ClientFixture, EachNewItemIsNotifiedInTurnAndAClickOpensItsLink) {
+    TempDir feeds;
+    writeFile(feeds.file("local.xml"), feed({"a", "b"}));
+    addChannel("Local", feeds.file("local.xml"));
+    FakeNotificationServer server;
+    UrlCatcher browser;
+    ASSERT_TRUE(start());
+    trayClient::CMainFrame& frame = *client.mainFrame();
+    // The welcome, then one notification per new item, each when the one before has closed.
+    QStringList bodies;
+    while (bodies.size() < 3) {
+        ASSERT_TRUE(waitFor([&] { return server.onScreen() == 1; })) << bodies.join("|").toStdString();
+        const auto& shown = server.notifications().back();
+        bodies << shown.body;
+        if (bodies.size() < 3)
+            server.expire(shown.id);
+    }
+    EXPECT_TRUE(bodies[0].endsWith(" has started."));
+    QStringList items = {bodies[1], bodies[2]};
+    items.sort();
+    EXPECT_EQ(items, (QStringList{"Story a", "Story b"}));
+    server.click(server.notifications().back().id);
+    ASSERT_TRUE(waitFor([&] { return browser.urls.size() == 1; }));
+    std::string clickedId = browser.urls[0].toStdString();
+    EXPECT_TRUE(client.desktopSettings()->hasViewed("Local", clickedId));
+    // The panes got the update's lines from the worker.
+    ASSERT_TRUE(waitFor([&] { return frame.activityLines().size() >= 2; }));
+    EXPECT_TRUE(frame.activityLines()[0].contains("Getting the latest feed from"));
+    EXPECT_TRUE(frame.activityLines()[1].endsWith("Updated channel Local news OK."))
+        << frame.activityLines().join("\n").toStdString();
+    client.shutDown();
+    EXPECT_EQ(shutdownLines(), kShutdownLines);
+    // The viewed item was saved with the channel's desktop settings.
+    trayClient::ChannelDesktopSettings saved;
+    ASSERT_TRUE(saved.load((userDir / "DesktopSettings" / "Local.ini").string(), "Local"));
+    EXPECT_EQ(saved.viewedItems.count(clickedId), 1u);
+}
+
+TEST_F(ClientFixture, ShutDownReleasesAWorkerThatWaitsForTheUiAtTheEndOfItsUpdate) {
+    TempDir feeds;
+    writeFile(feeds.file("local.xml"), feed({"c"}));
+    addChannel("Local", feeds.file("local.xml"));
+    ASSERT_TRUE(start());
+    // The UI thread runs no events from here on, so the worker stays in the hand-off.
+    ASSERT_TRUE(waitWithoutEvents([&] { return client.mainFrame()->workersWaiting() == 1; }));
+    client.shutDown();
+    EXPECT_EQ(shutdownLines(), kShutdownLines);
+    // The update was saved.
+    EXPECT_NE(readFile((userDir / "Channels" / "Local.rss").string()).find("http://example.com/c"),
+              std::string::npos);
+}
+
+TEST_F(ClientFixture, ShutDownDuringADownloadWaitsForTheUpdateAndKeepsIt) {
+    testing_support::Gate requested;
+    testing_support::Gate release;
+    testing_support::TestHttpServer web;
+    web.server().Get("/feed", [&](const httplib::Request&, httplib::Response& response) {
+        requested.open();
+        release.wait(std::chrono::seconds(20));
+        response.set_content(feed({"d", "e"}), "application/rss+xml");
+    });
+    ASSERT_TRUE(web.start());
+    // Addresses of 127.0.0.1 are the program's own plugin server; "localhost" is not.
+    addChannel("Web", "http://localhost:" + std::to_string(web.port()) + "/feed");
+    ASSERT_TRUE(start());
+    ASSERT_TRUE(requested.wait()) << log();
+    // The download goes on once shut-down has begun: the window has let go of the worker.
+    std::thread server([&] {
+        waitWithoutEvents([&] { return !client.mainFrame()->present(); });
+        release.open();
+    });
+    client.shutDown();
+    server.join();
+    EXPECT_EQ(shutdownLines(), kShutdownLines);
+    std::string channel = readFile((userDir / "Channels" / "Web.rss").string());
+    EXPECT_NE(channel.find("http://example.com/d"), std::string::npos);
+    EXPECT_NE(channel.find("http://example.com/e"), std::string::npos);
+}
+
+int main(int argc, char** argv) { return client_testing::runClientTests(argc, argv); }
+
+#include "trayClientTest.moc"
