@@ -197,6 +197,7 @@ void CTrayClientApp::showMainWindow() {
     QMetaObject::invokeMethod(
         this,
         [this] {
+            PELSU_LOG(uiEventsGroup(), "Another start asked for the main window.");
             if (m_mainFrame)
                 m_mainFrame->showAndRaise();
         },

@@ -101,6 +101,9 @@ PrivateBus* g_bus = nullptr;
 int runClientTests(int argc, char** argv) {
     ::testing::InitGoogleTest(&argc, argv);
     setenv("QT_QPA_PLATFORM", "offscreen", 0);
+    // The client writes or removes its autostart entry at start: never the user's own.
+    testing_support::TempDir configHome;
+    setenv("XDG_CONFIG_HOME", configHome.path().c_str(), 1);
     PrivateBus bus;
     g_bus = &bus;
     int status = 0;

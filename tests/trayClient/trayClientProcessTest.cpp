@@ -1,0 +1,201 @@
+// The client as a process: SIGTERM and SIGINT end it with the eleven shut-down lines, a second
+// start hands over to the first and exits 0, and start-up failures reach standard error with
+// exit status 1.
+#include "app/startup.h"
+#include "tests/support/testSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+using testing_support::readFile;
+using testing_support::TempDir;
+using testing_support::writeFile;
+
+extern char** environ;
+
+namespace {
+
+const char* const kShutdownLines[] = {
+    "ExitInstance() called.",
+    "Un-installing the mouse hook.",
+    "Stopping the local port listeners.",
+    "Cleaning up ChannelDesktopSettings table.",
+    "Un-installing ourself as an event handler.",
+    "Stopping the local channel manager.",
+    "Deleting the local channel manager.",
+    "Destroying the MMF handle.",
+    "Unloading the RichEdit DLL.",
+    "Shutting down BCG.",
+    "Unloading BlackBox.",
+};
+
+// A pelsu process with the given environment changes; its standard error goes to a file.
+class ClientProcess {
+public:
+    ClientProcess(const std::vector<std::string>& args, const std::vector<std::string>& setEnv,
+                  const std::vector<std::string>& unsetEnv, const std::string& errorFile) {
+        std::vector<std::string> environment;
+        for (char** entry = environ; *entry; ++entry) {
+            std::string variable = *entry;
+            std::string name = variable.substr(0, variable.find('='));
+            bool dropped = std::find(unsetEnv.begin(), unsetEnv.end(), name) != unsetEnv.end();
+            for (const auto& set : setEnv)
+                dropped = dropped || set.substr(0, set.find('=')) == name;
+            if (!dropped)
+                environment.push_back(variable);
+        }
+        environment.insert(environment.end(), setEnv.begin(), setEnv.end());
+        std::string program = (testing_support::binaryDir() / "trayClient" / "pelsu").string();
+        std::vector<char*> argv{program.data()};
+        std::vector<std::string> argsCopy = args;
+        for (auto& arg : argsCopy)
+            argv.push_back(arg.data());
+        argv.push_back(nullptr);
+        std::vector<char*> envp;
+        for (auto& variable : environment)
+            envp.push_back(variable.data());
+        envp.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errorFile.c_str(),
+                                         O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+        EXPECT_EQ(posix_spawn(&m_pid, program.c_str(), &actions, nullptr, argv.data(),
+                              envp.data()),
+                  0);
+        posix_spawn_file_actions_destroy(&actions);
+    }
+    ~ClientProcess() {
+        if (m_pid > 0) {
+            ::kill(m_pid, SIGKILL);
+            ::waitpid(m_pid, nullptr, 0);
+        }
+    }
+    void signal(int number) { ::kill(m_pid, number); }
+    // The exit status (128 + signal when killed); -1 when it has not ended within the limit.
+    int wait(std::chrono::seconds limit = std::chrono::seconds(30)) {
+        auto deadline = std::chrono::steady_clock::now() + limit;
+        while (std::chrono::steady_clock::now() < deadline) {
+            int status = 0;
+            if (::waitpid(m_pid, &status, WNOHANG) == m_pid) {
+                m_pid = -1;
+                return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        return -1;
+    }
+
+private:
+    pid_t m_pid = -1;
+};
+
+class ClientProcessTest : public ::testing::Test {
+protected:
+    ClientProcessTest() {
+        std::string programDir = testing_support::binaryDir().string();
+        userDir = home.path() / "Users" /
+                  app::determineUserName((fs::path(programDir) / "debug.ini").string());
+        fs::create_directories(userDir / "Channels");
+        // The listeners on free ports, away from the usual ones that other tests may hold.
+        int appPort = 0;
+        int pluginPort = 0;
+        {
+            testing_support::LoopbackPort first;
+            testing_support::LoopbackPort second;
+            appPort = first.port();
+            pluginPort = second.port();
+        }
+        writeFile((userDir / "config.ini").string(),
+                  "[Global Options]\nAppServerPortNo=" + std::to_string(appPort) +
+                      "\nAppPluginServerPortNo=" + std::to_string(pluginPort) +
+                      "\nDisableAllSound=1\n");
+    }
+    std::unique_ptr<ClientProcess> launch(const std::string& errorFile) {
+        return std::make_unique<ClientProcess>(
+            std::vector<std::string>{"--home", home.path().string()},
+            std::vector<std::string>{"QT_QPA_PLATFORM=offscreen",
+                                     "XDG_CONFIG_HOME=" + home.file("config")},
+            std::vector<std::string>{"DBUS_SESSION_BUS_ADDRESS"}, errorFile);
+    }
+    std::string log() const { return readFile((userDir / "Logs" / "pelsu.log").string()); }
+    bool waitForLog(const std::string& text) {
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (std::chrono::steady_clock::now() < deadline) {
+            if (fs::exists(userDir / "Logs" / "pelsu.log") &&
+                log().find(text) != std::string::npos)
+                return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return false;
+    }
+    void expectShutdownLinesInOrder() {
+        std::string text = log();
+        std::size_t at = 0;
+        for (const char* line : kShutdownLines) {
+            std::size_t found = text.find(line, at);
+            ASSERT_NE(found, std::string::npos) << "missing after position " << at << ": " << line;
+            at = found;
+        }
+    }
+
+    TempDir home;
+    fs::path userDir;
+};
+
+} // namespace
+
+TEST_F(ClientProcessTest, SigtermEndsItWithTheElevenShutdownLinesAndStatusZero) {
+    auto client = launch(home.file("stderr"));
+    ASSERT_TRUE(waitForLog("The tray icon is shown.")) << readFile(home.file("stderr"));
+    client->signal(SIGTERM);
+    EXPECT_EQ(client->wait(), 0);
+    expectShutdownLinesInOrder();
+}
+
+TEST_F(ClientProcessTest, SigintEndsItTheSameWay) {
+    auto client = launch(home.file("stderr"));
+    ASSERT_TRUE(waitForLog("The tray icon is shown."));
+    client->signal(SIGINT);
+    EXPECT_EQ(client->wait(), 0);
+    expectShutdownLinesInOrder();
+}
+
+TEST_F(ClientProcessTest, ASecondStartRaisesTheFirstAndExitsZero) {
+    auto first = launch(home.file("stderr1"));
+    ASSERT_TRUE(waitForLog("The tray icon is shown."));
+    auto second = launch(home.file("stderr2"));
+    EXPECT_EQ(second->wait(), 0) << readFile(home.file("stderr2"));
+    EXPECT_TRUE(waitForLog("Another start asked for the main window."));
+    first->signal(SIGTERM);
+    EXPECT_EQ(first->wait(), 0);
+}
+
+TEST_F(ClientProcessTest, AStartUpFailureGoesToStandardErrorWithStatusOne) {
+    // The data root is a file: the user directory can't be made.
+    writeFile(home.file("notADirectory"), "");
+    ClientProcess client({"--home", home.file("notADirectory")}, {"QT_QPA_PLATFORM=offscreen"},
+                         {"DBUS_SESSION_BUS_ADDRESS"}, home.file("stderr"));
+    EXPECT_EQ(client.wait(), 1);
+    EXPECT_NE(readFile(home.file("stderr")).find("Can't create a new directory for user:"),
+              std::string::npos)
+        << readFile(home.file("stderr"));
+}
+
+TEST_F(ClientProcessTest, WithoutADisplayItSaysSoAndExitsOne) {
+    ClientProcess client({"--home", home.path().string()}, {},
+                         {"QT_QPA_PLATFORM", "DISPLAY", "WAYLAND_DISPLAY"}, home.file("stderr"));
+    EXPECT_EQ(client.wait(), 1);
+    EXPECT_NE(readFile(home.file("stderr")).find("There is no display"), std::string::npos);
+    EXPECT_FALSE(fs::exists(userDir / "Logs"));
+}
