@@ -124,6 +124,8 @@ void CMainFrame::endChannelUpdate(const std::string& channelId) {
 
 void CMainFrame::handleEndChannelUpdate(const std::string& channelId) {
     ++m_updatesSeen;
+    if (m_channelNames)
+        showChannel(channelId, m_channelNames(channelId));
     QString id = QString::fromStdString(channelId);
     if (QListWidgetItem* item = findChannelItem(id))
         item->setToolTip("Updated " + QDateTime::currentDateTime().toString("HH:mm:ss"));

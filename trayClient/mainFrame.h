@@ -9,6 +9,7 @@
 #include <QMainWindow>
 
 #include <atomic>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,11 @@ public:
     // Adds a channel, or renames it when it is listed.
     void showChannel(const std::string& channelId, const std::string& name);
     void setPaneLimits(int maxActivityLines, int maxErrorLines);
+    // Where the list finds a channel's current name when its update ends (a channel learns
+    // its name from its feed, and one added while running joins the list then).
+    void setChannelNames(std::function<std::string(const std::string& channelId)> names) {
+        m_channelNames = std::move(names);
+    }
 
     // From now on the worker's events reach the window.
     void attach();
@@ -77,6 +83,7 @@ private:
     QDockWidget* m_errorDock = nullptr;
     std::atomic<bool> m_present{false};
     CBlockingHandOff m_endOfUpdate;
+    std::function<std::string(const std::string&)> m_channelNames;
     int m_updatesSeen = 0;
 };
 

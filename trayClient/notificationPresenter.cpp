@@ -178,6 +178,8 @@ void CNotificationPresenter::onActionInvoked(unsigned id, const QString& actionK
         return;
     m_current->click(m_actions);
     emit clicked();
+    // The user has acted on it: it goes, and its close brings the next one.
+    m_notifications->close(id);
 }
 
 void CNotificationPresenter::onTrayMessageClicked() {

@@ -154,6 +154,8 @@ void CTrayClientApp::loadChannelDesktopSettings(app::Environment& environment) {
         reportStartupProblem(message);
     }
     m_mainFrame->setChannels(channels);
+    m_mainFrame->setChannelNames(
+        [settings = m_settings.get()](const std::string& id) { return settings->channelName(id); });
 }
 
 void CTrayClientApp::installEventHandler(channels::ChannelManager& manager) {

@@ -127,9 +127,11 @@ TEST_F(NotificationPresenterTest, ClickOnANewItemOpensItsLinkAndMarksItViewed) {
     EXPECT_EQ(server.notifications()[0].body, "Fish & chips <today>");
     EXPECT_TRUE(browser.urls.isEmpty());
 
-    server.click(server.notifications()[0].id);
+    server.invokeAction(server.notifications()[0].id);
     ASSERT_TRUE(waitFor([&] { return browser.urls.size() == 1; }));
     EXPECT_EQ(browser.urls[0], "http://example.com/item-7");
+    // Acted on, the notification is taken down by the client.
+    ASSERT_TRUE(waitFor([&] { return server.onScreen() == 0; }));
     EXPECT_TRUE(settings.hasViewed("news", "item-7"));
     // Saved at once, so a crash does not bring the item back.
     ChannelDesktopSettings saved;

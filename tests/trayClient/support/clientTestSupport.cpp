@@ -175,6 +175,8 @@ void FakeNotificationServer::click(unsigned id) {
     closeWith(id, 2);
 }
 
+void FakeNotificationServer::invokeAction(unsigned id) { emit ActionInvoked(id, "default"); }
+
 void FakeNotificationServer::expire(unsigned id) { closeWith(id, 1); }
 
 void FakeNotificationServer::closeWith(unsigned id, unsigned reason) {

@@ -55,6 +55,8 @@ public:
     int onScreen() const;
     // The user clicks a notification: ActionInvoked "default", then the close (reason 2).
     void click(unsigned id);
+    // The default action is invoked and the notification stays (as dunstctl action does).
+    void invokeAction(unsigned id);
     // The notification's time runs out (reason 1).
     void expire(unsigned id);
 
