@@ -2,9 +2,9 @@
 
 #include <QDBusArgument>
 #include <QDBusConnection>
-#include <QDBusMetaType>
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
+#include <QDBusMetaType>
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
 #include <QStringList>
@@ -76,8 +76,8 @@ unsigned CDesktopNotifications::notify(const QString& summary, const QString& bo
     hints.insert("desktop-entry", QString("pelsu"));
     if (!image.isNull())
         hints.insert("image-data", QVariant::fromValue(NotificationImage{image}));
-    call << QString("Pelsu") << 0u << QString() << summary << body
-         << QStringList{"default", "Open"} << hints << timeoutMs;
+    call << QString("Pelsu") << 0u << QString() << summary << body << QStringList{"default", "Open"}
+         << hints << timeoutMs;
     // Never a blocking call: a server that hangs must not freeze the UI thread.
     auto* watcher = new QDBusPendingCallWatcher(bus.asyncCall(call, 10000), this);
     connect(watcher, &QDBusPendingCallWatcher::finished, this,

@@ -64,9 +64,10 @@ CNotificationPresenter::CNotificationPresenter(NotificationRequestQueue& queue,
                                                const app::GlobalOptions& options,
                                                NotificationActions& actions, CTrayIcon& trayIcon,
                                                CSoundPlayer* sounds, QObject* parent)
-    : QObject(parent), m_queue(queue), m_settings(settings), m_options(options),
-      m_actions(actions), m_trayIcon(trayIcon), m_sounds(sounds),
-      m_notifications(std::make_unique<CDesktopNotifications>()) {
+    : QObject(parent), m_queue(queue), m_settings(settings), m_options(options), m_actions(actions),
+      m_trayIcon(trayIcon), m_sounds(sounds),
+      m_notifications(std::make_unique<CDesktopNotifications>()),
+      m_image(programIcon().pixmap(48).toImage()) {
     m_poll.setInterval(kPollMs);
     connect(&m_poll, &QTimer::timeout, this, &CNotificationPresenter::processNext);
     m_trayTime.setSingleShot(true);
@@ -125,8 +126,7 @@ void CNotificationPresenter::show(std::unique_ptr<NotificationRequest> request) 
     if (m_markup)
         body = body.toHtmlEscaped();
     int timeoutMs = m_options.notificationBalloonDisplayTime * 1000;
-    m_ticket = m_notifications->notify(fromLatin1(m_current->title()), body,
-                                       programIcon().pixmap(48).toImage(), timeoutMs);
+    m_ticket = m_notifications->notify(fromLatin1(m_current->title()), body, m_image, timeoutMs);
     react(*m_current);
 }
 

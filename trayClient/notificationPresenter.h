@@ -7,6 +7,7 @@
 
 #include "trayClient/notificationRequest.h"
 
+#include <QImage>
 #include <QObject>
 #include <QStringList>
 #include <QTimer>
@@ -86,16 +87,17 @@ private:
     CTrayIcon& m_trayIcon;
     CSoundPlayer* m_sounds;
     std::unique_ptr<CDesktopNotifications> m_notifications;
+    QImage m_image; // the program's icon, sent with every notification
     std::unique_ptr<NotificationRequest> m_current;
-    unsigned m_ticket = 0;   // the Notify call of the current request
-    unsigned m_id = 0;       // its notification's id, once the server answered
-    bool m_inTray = false;   // shown as the tray's message
-    bool m_markup = true;    // the server reads mark-up in bodies
+    unsigned m_ticket = 0; // the Notify call of the current request
+    unsigned m_id = 0;     // its notification's id, once the server answered
+    bool m_inTray = false; // shown as the tray's message
+    bool m_markup = true;  // the server reads mark-up in bodies
     bool m_capabilitiesKnown = false;
     bool m_running = false;
-    QTimer m_poll;           // looks for requests while nothing shows
-    QTimer m_trayTime;       // the display time of a tray message
-    QTimer m_serverSilence;  // gives up on a server that never reports the close
+    QTimer m_poll;          // looks for requests while nothing shows
+    QTimer m_trayTime;      // the display time of a tray message
+    QTimer m_serverSilence; // gives up on a server that never reports the close
 };
 
 } // namespace trayClient

@@ -63,7 +63,8 @@ bool CSoundPlayer::play(const SoundChoice& sound) {
     int result = ca_context_play(m_context, 0, property, sound.name.c_str(),
                                  CA_PROP_CANBERRA_CACHE_CONTROL, "volatile", nullptr);
     if (result != CA_SUCCESS) {
-        PELSU_LOG(g_soundGroup, "Can't play the sound " << sound.name << ": " << ca_strerror(result));
+        PELSU_LOG(g_soundGroup,
+                  "Can't play the sound " << sound.name << ": " << ca_strerror(result));
         return false;
     }
     ++m_played;

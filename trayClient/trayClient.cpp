@@ -76,7 +76,8 @@ void CTrayClientApp::tell(const std::string& message, bool fatal) {
         return;
     }
     // Problems that don't stop start-up don't hold it up either.
-    auto* box = new QMessageBox(QMessageBox::Warning, "Pelsu", QString::fromLatin1(message.c_str()));
+    auto* box =
+        new QMessageBox(QMessageBox::Warning, "Pelsu", QString::fromLatin1(message.c_str()));
     box->setAttribute(Qt::WA_DeleteOnClose);
     box->show();
 }
@@ -181,9 +182,8 @@ void CTrayClientApp::createTrayIcon() {
     PELSU_LOG(uiEventsGroup(), "The tray icon is shown.");
     if (!m_environment->options.startMinimized && m_options.hasDisplay)
         m_mainFrame->show();
-    m_presenter = std::make_unique<CNotificationPresenter>(*m_queue, *m_settings,
-                                                           m_environment->options, *m_actions,
-                                                           *m_trayIcon, m_sounds.get());
+    m_presenter = std::make_unique<CNotificationPresenter>(
+        *m_queue, *m_settings, m_environment->options, *m_actions, *m_trayIcon, m_sounds.get());
     m_presenter->start();
     emit trayIconShown();
 }

@@ -46,7 +46,9 @@ QIcon programIcon(int frame) {
 }
 
 CTrayIcon::CTrayIcon(QObject* parent) : QObject(parent) {
-    m_icon.setIcon(programIcon());
+    for (int frame = 0; frame < 4; ++frame)
+        m_frames[frame] = programIcon(frame);
+    m_icon.setIcon(m_frames[0]);
     m_icon.setToolTip("Pelsu");
     m_animation.setInterval(kFrameMs);
     connect(&m_animation, &QTimer::timeout, this, &CTrayIcon::nextFrame);
@@ -64,9 +66,8 @@ void CTrayIcon::hide() { m_icon.hide(); }
 
 void CTrayIcon::showMessage(const QString& title, const QString& text, bool isError,
                             int timeoutMs) {
-    m_icon.showMessage(title, text,
-                       isError ? QSystemTrayIcon::Critical : QSystemTrayIcon::Information,
-                       timeoutMs);
+    m_icon.showMessage(
+        title, text, isError ? QSystemTrayIcon::Critical : QSystemTrayIcon::Information, timeoutMs);
     emit messageShown(title, text);
 }
 
@@ -81,11 +82,11 @@ void CTrayIcon::animate(int durationMs) {
 void CTrayIcon::nextFrame() {
     if (--m_framesLeft <= 0) {
         m_animation.stop();
-        m_icon.setIcon(programIcon());
+        m_icon.setIcon(m_frames[0]);
         return;
     }
     m_frame = m_frame % 3 + 1;
-    m_icon.setIcon(programIcon(m_frame));
+    m_icon.setIcon(m_frames[m_frame]);
 }
 
 } // namespace trayClient

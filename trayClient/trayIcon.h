@@ -46,6 +46,7 @@ private:
     void nextFrame();
 
     QSystemTrayIcon m_icon;
+    QIcon m_frames[4]; // drawn once: the still icon and the three animation frames
     QTimer m_animation;
     int m_frame = 0;
     int m_framesLeft = 0;

@@ -35,6 +35,9 @@ def make_profile(name, count):
     with open(os.path.join(user, "config.ini"), "w") as out:
         out.write("[Global Options]\nAppServerPortNo=%d\nAppPluginServerPortNo=%d\n"
                   "DisableAllSound=1\nNoWelcomeNotification=1\n" % (free_port(), free_port()))
+    # One log file for the whole run: the watch below counts its lines.
+    with open(os.path.join(user, "debug.ini"), "w") as out:
+        out.write("[Debug]\nMaxLogFileSizeKB=4000000\n")
     for n in range(count):
         feed = os.path.join(feeds, "feed%04d.xml" % n)
         with open(feed, "w") as out:

@@ -70,8 +70,7 @@ public:
         posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errorFile.c_str(),
                                          O_WRONLY | O_CREAT | O_TRUNC, 0644);
         posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-        EXPECT_EQ(posix_spawn(&m_pid, program.c_str(), &actions, nullptr, argv.data(),
-                              envp.data()),
+        EXPECT_EQ(posix_spawn(&m_pid, program.c_str(), &actions, nullptr, argv.data(), envp.data()),
                   0);
         posix_spawn_file_actions_destroy(&actions);
     }
@@ -132,8 +131,7 @@ protected:
     bool waitForLog(const std::string& text) {
         auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
         while (std::chrono::steady_clock::now() < deadline) {
-            if (fs::exists(userDir / "Logs" / "pelsu.log") &&
-                log().find(text) != std::string::npos)
+            if (fs::exists(userDir / "Logs" / "pelsu.log") && log().find(text) != std::string::npos)
                 return true;
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }

@@ -142,7 +142,8 @@ TEST_F(ClientFixture, EachNewItemIsNotifiedInTurnAndAClickOpensItsLink) {
     // The welcome, then one notification per new item, each when the one before has closed.
     QStringList bodies;
     while (bodies.size() < 3) {
-        ASSERT_TRUE(waitFor([&] { return server.onScreen() == 1; })) << bodies.join("|").toStdString();
+        ASSERT_TRUE(waitFor([&] { return server.onScreen() == 1; }))
+            << bodies.join("|").toStdString();
         const auto& shown = server.notifications().back();
         bodies << shown.body;
         if (bodies.size() < 3)

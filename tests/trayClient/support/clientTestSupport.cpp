@@ -132,11 +132,11 @@ FakeNotificationServer::FakeNotificationServer() {
     static int counter = 0;
     m_connectionName = QString("fakeNotificationServer%1").arg(++counter);
     QDBusConnection bus = QDBusConnection::connectToBus(busAddress(), m_connectionName);
-    m_registered = bus.isConnected() &&
-                   bus.registerObject("/org/freedesktop/Notifications", this,
-                                      QDBusConnection::ExportAllSlots |
-                                          QDBusConnection::ExportAllSignals) &&
-                   bus.registerService("org.freedesktop.Notifications");
+    m_registered =
+        bus.isConnected() &&
+        bus.registerObject("/org/freedesktop/Notifications", this,
+                           QDBusConnection::ExportAllSlots | QDBusConnection::ExportAllSignals) &&
+        bus.registerService("org.freedesktop.Notifications");
 }
 
 FakeNotificationServer::~FakeNotificationServer() {
