@@ -37,7 +37,15 @@ CNotificationActions::CNotificationActions(ChannelDesktopSettingsTable& settings
     : m_settings(settings), m_mainFrame(mainFrame) {}
 
 void CNotificationActions::openUrl(const std::string& url) {
-    QDesktopServices::openUrl(QUrl(fromLatin1(url), QUrl::TolerantMode));
+    // A feed decides its links: only web addresses go to the desktop's opener, so a link to a
+    // local file (a .desktop launcher, say) never runs anything.
+    QUrl address(fromLatin1(url), QUrl::TolerantMode);
+    const QString scheme = address.scheme().toLower();
+    if (!address.isValid() || (scheme != "http" && scheme != "https" && scheme != "ftp")) {
+        PELSU_LOG(queueGroup(), "- Not a web address - not opened: " << url);
+        return;
+    }
+    QDesktopServices::openUrl(address);
 }
 
 void CNotificationActions::markItemViewed(const std::string& channelId,

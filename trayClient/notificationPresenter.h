@@ -26,8 +26,9 @@ class CSoundPlayer;
 class CTrayIcon;
 class ChannelDesktopSettingsTable;
 
-// What a click leads to: links open in the user's browser (QDesktopServices, so a URL handler
-// can take them), viewed items are saved at once, and the rest shows the main window.
+// What a click leads to: web links (http, https, ftp) open in the user's browser
+// (QDesktopServices, so a URL handler can take them), viewed items are saved at once, and the
+// rest shows the main window.
 class CNotificationActions : public NotificationActions {
 public:
     CNotificationActions(ChannelDesktopSettingsTable& settings, CMainFrame* mainFrame);

@@ -27,18 +27,21 @@ namespace {
 class UrlCatcher : public QObject {
     Q_OBJECT
 public:
-    UrlCatcher() {
-        QDesktopServices::setUrlHandler("http", this, "open");
-        QDesktopServices::setUrlHandler("https", this, "open");
+    explicit UrlCatcher(QStringList schemes = {"http", "https"}) : m_schemes(schemes) {
+        for (const QString& scheme : m_schemes)
+            QDesktopServices::setUrlHandler(scheme, this, "open");
     }
     ~UrlCatcher() override {
-        QDesktopServices::unsetUrlHandler("http");
-        QDesktopServices::unsetUrlHandler("https");
+        for (const QString& scheme : m_schemes)
+            QDesktopServices::unsetUrlHandler(scheme);
     }
     QStringList urls;
 
 public slots:
     void open(const QUrl& url) { urls << url.toString(); }
+
+private:
+    QStringList m_schemes;
 };
 
 class NotificationPresenterTest : public ::testing::Test {
@@ -143,6 +146,24 @@ TEST_F(NotificationPresenterTest, ClickOnANewItemOpensItsLinkAndMarksItViewed) {
     queue.queue(std::make_unique<SimpleNotificationRequest>("after", "x"));
     ASSERT_TRUE(waitFor([&] { return server.notifications().size() == 2; }));
     EXPECT_EQ(server.notifications()[1].summary, "after");
+}
+
+TEST_F(NotificationPresenterTest, OnlyWebLinksAreOpenedButTheItemIsMarkedViewedEitherWay) {
+    UrlCatcher fileCatcher({"file"});
+    FakeNotificationServer server;
+    queue.queue(std::make_unique<NewFeedItemNotificationRequest>(
+        "news", "News", NewFeedItem{"evil", "Launcher", "file:///tmp/run-me.desktop", 0}));
+    queue.queue(std::make_unique<NewFeedItemNotificationRequest>(
+        "news", "News", NewFeedItem{"safe", "Web", "https://example.com/safe", 0}));
+    presenter().start();
+    ASSERT_TRUE(waitFor([&] { return server.onScreen() == 1; }));
+    server.click(server.notifications()[0].id);
+    ASSERT_TRUE(waitFor([&] { return server.notifications().size() == 2; }));
+    EXPECT_TRUE(settings.hasViewed("news", "evil"));
+    server.click(server.notifications()[1].id);
+    ASSERT_TRUE(waitFor([&] { return browser.urls.size() == 1; }));
+    EXPECT_EQ(browser.urls[0], "https://example.com/safe");
+    EXPECT_TRUE(fileCatcher.urls.isEmpty());
 }
 
 TEST_F(NotificationPresenterTest, AServerThatReadsMarkUpGetsTheTextEscaped) {
