@@ -130,4 +130,4 @@ void CDesktopNotifications::onNotificationClosed(uint id, uint reason) { emit cl
 
 // Each class's meta-object code goes with its own object file, so that a program links only
 // the classes it uses.
-#include "moc_desktopNotifications.cpp"
+#include "moc_desktopNotifications.cpp" // NOLINT(bugprone-suspicious-include)

@@ -167,4 +167,4 @@ QString CMainFrame::selectedChannelId() const {
 
 // Each class's meta-object code goes with its own object file, so that a program links only
 // the classes it uses.
-#include "moc_mainFrame.cpp"
+#include "moc_mainFrame.cpp" // NOLINT(bugprone-suspicious-include)

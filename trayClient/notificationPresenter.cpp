@@ -221,4 +221,4 @@ void CNotificationPresenter::finishCurrent() {
 
 // Each class's meta-object code goes with its own object file, so that a program links only
 // the classes it uses.
-#include "moc_notificationPresenter.cpp"
+#include "moc_notificationPresenter.cpp" // NOLINT(bugprone-suspicious-include)

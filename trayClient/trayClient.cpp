@@ -251,4 +251,4 @@ void CTrayClientApp::shutDownToolkit() {
 
 // Each class's meta-object code goes with its own object file, so that a program links only
 // the classes it uses.
-#include "moc_trayClient.cpp"
+#include "moc_trayClient.cpp" // NOLINT(bugprone-suspicious-include)

@@ -93,4 +93,4 @@ void CTrayIcon::nextFrame() {
 
 // Each class's meta-object code goes with its own object file, so that a program links only
 // the classes it uses.
-#include "moc_trayIcon.cpp"
+#include "moc_trayIcon.cpp" // NOLINT(bugprone-suspicious-include)
