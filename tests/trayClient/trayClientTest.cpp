@@ -65,6 +65,30 @@ bool waitWithoutEvents(const std::function<bool()>& condition) {
     return true;
 }
 
+// Takes down whatever the server shows until a notification that matches is on screen; the
+// program directory's plugins may add error notifications of their own on the way.
+const FakeNotificationServer::Notification*
+showUntil(FakeNotificationServer& server,
+          const std::function<bool(const FakeNotificationServer::Notification&)>& matches) {
+    const FakeNotificationServer::Notification* found = nullptr;
+    waitFor([&] {
+        if (server.onScreen() != 1)
+            return false;
+        const auto& shown = server.notifications().back();
+        if (matches(shown)) {
+            found = &shown;
+            return true;
+        }
+        server.expire(shown.id);
+        return false;
+    });
+    return found;
+}
+
+bool isPluginError(const FakeNotificationServer::Notification& shown) {
+    return shown.summary.startsWith("Plugin ");
+}
+
 class UrlCatcher : public QObject {
     Q_OBJECT
 public:
@@ -123,10 +147,11 @@ protected:
 TEST_F(ClientFixture, GreetsThroughTheNotificationServerAndLogsTheElevenShutdownSteps) {
     FakeNotificationServer server;
     ASSERT_TRUE(start(false));
-    ASSERT_TRUE(waitFor([&] { return server.notifications().size() == 1; }));
-    EXPECT_EQ(server.notifications()[0].summary, "Pelsu Desktop Client");
-    EXPECT_TRUE(server.notifications()[0].body.endsWith(" has started."));
-    EXPECT_EQ(server.notifications()[0].timeout, 60000);
+    auto welcome = showUntil(server, [](const auto& shown) { return !isPluginError(shown); });
+    ASSERT_TRUE(welcome);
+    EXPECT_EQ(welcome->summary, "Pelsu Desktop Client");
+    EXPECT_TRUE(welcome->body.endsWith(" has started."));
+    EXPECT_EQ(welcome->timeout, 60000);
     client.shutDown();
     EXPECT_EQ(shutdownLines(), kShutdownLines);
 }
@@ -139,29 +164,30 @@ TEST_F(ClientFixture, EachNewItemIsNotifiedInTurnAndAClickOpensItsLink) {
     UrlCatcher browser;
     ASSERT_TRUE(start());
     trayClient::CMainFrame& frame = *client.mainFrame();
-    // The welcome, then one notification per new item, each when the one before has closed.
+    // The welcome and one notification per new item, each when the one before has closed
+    // (the worker may be quicker than the welcome); the first item shown is clicked.
     QStringList bodies;
     while (bodies.size() < 3) {
-        ASSERT_TRUE(waitFor([&] { return server.onScreen() == 1; }))
-            << bodies.join("|").toStdString();
-        const auto& shown = server.notifications().back();
-        bodies << shown.body;
-        if (bodies.size() < 3)
-            server.expire(shown.id);
+        auto shown = showUntil(server, [](const auto& next) { return !isPluginError(next); });
+        ASSERT_TRUE(shown) << bodies.join("|").toStdString();
+        bodies << shown->body;
+        if (shown->body.startsWith("Story ") && bodies.filter("Story ").size() == 1)
+            server.click(shown->id);
+        else
+            server.expire(shown->id);
     }
-    EXPECT_TRUE(bodies[0].endsWith(" has started."));
-    QStringList items = {bodies[1], bodies[2]};
+    EXPECT_EQ(bodies.filter(" has started.").size(), 1);
+    QStringList items = bodies.filter("Story ");
     items.sort();
     EXPECT_EQ(items, (QStringList{"Story a", "Story b"}));
-    server.click(server.notifications().back().id);
     ASSERT_TRUE(waitFor([&] { return browser.urls.size() == 1; }));
     std::string clickedId = browser.urls[0].toStdString();
     EXPECT_TRUE(client.desktopSettings()->hasViewed("Local", clickedId));
     // The panes got the update's lines from the worker.
-    ASSERT_TRUE(waitFor([&] { return frame.activityLines().size() >= 2; }));
-    EXPECT_TRUE(frame.activityLines()[0].contains("Getting the latest feed from"));
-    EXPECT_TRUE(frame.activityLines()[1].endsWith("Updated channel Local news OK."))
-        << frame.activityLines().join("\n").toStdString();
+    ASSERT_TRUE(waitFor([&] {
+        return !frame.activityLines().filter("Updated channel Local news OK.").isEmpty();
+    })) << frame.activityLines().join("\n").toStdString();
+    EXPECT_EQ(frame.activityLines().filter("Getting the latest feed from").size(), 1);
     client.shutDown();
     EXPECT_EQ(shutdownLines(), kShutdownLines);
     // The viewed item was saved with the channel's desktop settings.
