@@ -101,6 +101,9 @@ private:
         std::string lastError;
     };
     ActivityRecord record(std::string text, ActivityRecord::Kind kind) const;
+    // Saves the channel's record, dropping viewed ids that left its feed; a failure goes to
+    // the log and the error pane.
+    void saveDesktopSettings(const channels::Channel& channel);
     void countFailedUpdate(const std::string& channelId, const std::string& channelName);
 
     ClientWindow& m_window;

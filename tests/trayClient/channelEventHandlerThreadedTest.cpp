@@ -29,8 +29,8 @@ std::string rss(const std::vector<std::string>& ids) {
     std::string text = "<?xml version=\"1.0\"?><rss version=\"2.0\"><channel><title>Feed</title>"
                        "<link>http://example.org/</link>";
     for (const std::string& id : ids)
-        text += "<item><title>Item &lt;b&gt;" + id + "&lt;/b&gt;</title><link>http://example.org/" + id +
-                "</link><guid>" + id + "</guid></item>";
+        text += "<item><title>Item &lt;b&gt;" + id + "&lt;/b&gt;</title><link>http://example.org/" +
+                id + "</link><guid>" + id + "</guid></item>";
     return text + "</channel></rss>";
 }
 
@@ -154,7 +154,8 @@ protected:
     RecordingWindow m_window;
     ChannelDesktopSettingsTable m_settings{m_dir.path().string()};
     NotificationRequestQueue m_queue{m_settings, -1};
-    ChannelEventHandler m_handler{m_window, m_queue, m_settings, 3, [this] { return m_now.load(); }};
+    ChannelEventHandler m_handler{m_window, m_queue, m_settings, 3,
+                                  [this] { return m_now.load(); }};
     channels::ChannelManager m_manager{m_channelsDir, {}, [this] { return m_now.load(); }};
 };
 
@@ -192,9 +193,9 @@ TEST_F(EventHandlerTest, AnUpdateLogsItsItemsHandsOverItsLinesAndQueuesARequestP
 
     // LastNewItemTime is set and saved before the window handles the end of the update.
     profile::clearCache();
-    EXPECT_EQ(profile::readIniInt(m_settings.fileFor("news"), "Desktop Settings",
-                                  "LastNewItemTime", 0),
-              m_now.load());
+    EXPECT_EQ(
+        profile::readIniInt(m_settings.fileFor("news"), "Desktop Settings", "LastNewItemTime", 0),
+        m_now.load());
 }
 
 TEST_F(EventHandlerTest, ExpiredItemsAreLoggedAndTheirViewedIdsDropped) {
@@ -222,8 +223,7 @@ TEST_F(EventHandlerTest, AChannelErrorGoesToBothPanesAndAnEmptyOneEndsInErrorDot
     const auto calls = m_window.take();
     ASSERT_EQ(calls.size(), 4u);
     EXPECT_EQ(calls[0], "activity progress Getting the latest feed from News");
-    EXPECT_EQ(calls[1].rfind("activity failure Channel News error: Can't update the feed. ", 0),
-              0u)
+    EXPECT_EQ(calls[1].rfind("activity failure Channel News error: Can't update the feed. ", 0), 0u)
         << calls[1];
     EXPECT_EQ(calls[2], "error" + calls[1].substr(8));
     EXPECT_EQ(calls[3], "end news");
@@ -246,15 +246,15 @@ TEST_F(EventHandlerTest, APluginErrorGoesToBothPanesAndAlwaysNotifies) {
         channels::AppPluginErrorEvent event(m_now, nullptr, "Can't run the script.");
         m_manager.raise(event);
     }
-    EXPECT_EQ(m_window.take(),
-              (std::vector<std::string>{
-                  "activity failure Plugin <Unknown> error: Can't run the script.",
-                  "error failure Plugin <Unknown> error: Can't run the script.",
-                  "activity failure Plugin <Unknown> error: Can't run the script.",
-                  "error failure Plugin <Unknown> error: Can't run the script.",
-              }));
-    EXPECT_EQ(queued(), std::vector<std::string>(
-                            2, "[ErrorNotificationRequest:Plugin <Unknown>:Can't run the script.]"));
+    EXPECT_EQ(m_window.take(), (std::vector<std::string>{
+                                   "activity failure Plugin <Unknown> error: Can't run the script.",
+                                   "error failure Plugin <Unknown> error: Can't run the script.",
+                                   "activity failure Plugin <Unknown> error: Can't run the script.",
+                                   "error failure Plugin <Unknown> error: Can't run the script.",
+                               }));
+    EXPECT_EQ(queued(),
+              std::vector<std::string>(
+                  2, "[ErrorNotificationRequest:Plugin <Unknown>:Can't run the script.]"));
 }
 
 TEST_F(EventHandlerTest, ARunOfFailedUpdatesNotifiesOnceUntilTheChannelRecovers) {
@@ -324,9 +324,9 @@ TEST_F(EventHandlerTest, TheWorkerWaitsForTheWindowToHandleTheEndOfAnUpdate) {
                                }));
     EXPECT_EQ(m_queue.size(), 2u);
     profile::clearCache();
-    EXPECT_EQ(profile::readIniInt(m_settings.fileFor("news"), "Desktop Settings",
-                                  "LastNewItemTime", 0),
-              m_now.load());
+    EXPECT_EQ(
+        profile::readIniInt(m_settings.fileFor("news"), "Desktop Settings", "LastNewItemTime", 0),
+        m_now.load());
     m_window.handleEnd();
 
     // A second update is still waiting when shut-down begins: releasing the window lets the
@@ -338,4 +338,17 @@ TEST_F(EventHandlerTest, TheWorkerWaitsForTheWindowToHandleTheEndOfAnUpdate) {
     m_manager.removeListener(&m_handler);
     m_manager.stop();
     EXPECT_FALSE(m_manager.isForcedStop());
+}
+
+TEST_F(EventHandlerTest, ADesktopSettingsFileThatCantBeWrittenIsReportedInTheErrorPane) {
+    writeFile(m_settings.directory(), "a file where the directory should be");
+    update();
+    const auto calls = m_window.take();
+    ASSERT_EQ(calls.size(), 4u);
+    EXPECT_EQ(calls[1], "activity success Updated channel News OK.");
+    EXPECT_EQ(calls[2].rfind("error failure Can't save the desktop settings of channel News: ", 0),
+              0u)
+        << calls[2];
+    EXPECT_EQ(calls[3], "end news");
+    EXPECT_EQ(m_queue.size(), 2u);
 }

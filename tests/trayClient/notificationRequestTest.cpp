@@ -89,8 +89,9 @@ TEST_F(QueueTest, AtTheLimitANewRequestIsDiscardedAndTheWaitingOnesStay) {
     m_queue.queue(item("a", "3"));
     m_queue.queue(error("errors have no limit"));
     EXPECT_EQ(m_queue.size(), 3u);
-    EXPECT_EQ(m_log.linesStartingWith({"- The queue is full"}),
-              std::vector<std::string>{"- The queue is full - discarding the request: maxLength=2"});
+    EXPECT_EQ(
+        m_log.linesStartingWith({"- The queue is full"}),
+        std::vector<std::string>{"- The queue is full - discarding the request: maxLength=2"});
     EXPECT_EQ(shown(), (std::vector<std::string>{"[ErrorNotificationRequest:Channel c:errors have "
                                                  "no limit]",
                                                  itemText("a", "1"), itemText("a", "2")}));
@@ -205,9 +206,8 @@ TEST_F(QueueTest, ClicksDoWhatTheySayAndAreLogged) {
     batch.click(actions);
     failure.click(actions);
     welcome.click(actions);
-    EXPECT_EQ(actions.calls,
-              (std::vector<std::string>{"open http://x/1", "viewed c id1", "viewed c id2",
-                                        "channel c", "error log"}));
+    EXPECT_EQ(actions.calls, (std::vector<std::string>{"open http://x/1", "viewed c id1",
+                                                       "viewed c id2", "channel c", "error log"}));
     EXPECT_EQ(m_log.linesStartingWith({"User clicked"}),
               (std::vector<std::string>{
                   "User clicked on a new feed item notification: "
