@@ -184,16 +184,6 @@ TEST_F(QueueTest, ViewedItemsLeaveAConsolidatedRequestAndOneLeftIsShownAlone) {
     EXPECT_TRUE(shown().empty());
 }
 
-TEST_F(QueueTest, AConsolidatedNotificationListsAFewTitlesThenCountsTheRest) {
-    std::vector<NewFeedItem> items;
-    for (int n = 1; n <= 8; ++n)
-        items.push_back({std::to_string(n), n == 2 ? "" : "T" + std::to_string(n),
-                         n == 2 ? "http://x/2" : "", 0});
-    ConsolidatedNewFeedItemsNotificationRequest request("c", "News", items);
-    EXPECT_EQ(request.body(), "T1\nhttp://x/2\nT3\nT4\nT5\nand 3 more");
-    EXPECT_EQ(request.text(), "[ConsolidatedNewFeedItemsNotificationRequest:News:8 items]");
-}
-
 TEST_F(QueueTest, ClicksDoWhatTheySayAndAreLogged) {
     RecordingActions actions;
     NewFeedItemNotificationRequest single("c", "News", {"id1", "Hello", "http://x/1", 5});
