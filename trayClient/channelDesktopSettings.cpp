@@ -219,8 +219,8 @@ ChannelDesktopSettingsTable::entryLocked(const std::string& channelId) {
     return m_entries[channelId];
 }
 
-void ChannelDesktopSettingsTable::change(
-    const std::string& channelId, const std::function<void(ChannelDesktopSettings&)>& edit) {
+void ChannelDesktopSettingsTable::change(const std::string& channelId,
+                                         const std::function<void(ChannelDesktopSettings&)>& edit) {
     threadSafety::ScopedLock lock(m_lock);
     edit(entryLocked(channelId).settings);
 }
@@ -289,8 +289,7 @@ bool ChannelDesktopSettingsTable::save(const std::string& channelId,
         if (entry == m_entries.end() || entry->second.saveMutex != saveMutex)
             return true; // forgotten meanwhile: the channel was removed
         if (itemsInFeed) {
-            const std::unordered_set<std::string> present(itemsInFeed->begin(),
-                                                          itemsInFeed->end());
+            const std::unordered_set<std::string> present(itemsInFeed->begin(), itemsInFeed->end());
             std::erase_if(entry->second.settings.viewedItems,
                           [&](const std::string& id) { return present.count(id) == 0; });
         }

@@ -41,8 +41,7 @@ channels::FeedItem itemOf(const channels::FeedItemEvent& event) {
     return index < feed.itemCount() ? feed.item(index) : channels::FeedItem{};
 }
 
-void logItem(const char* headline, const std::string& channelName,
-             const channels::FeedItem& item) {
+void logItem(const char* headline, const std::string& channelName, const channels::FeedItem& item) {
     msglog::LogBlock block;
     PELSU_LOG(eventsGroup(), headline << " " << channelName);
     PELSU_LOG(eventsGroup(), "- ID: " << item.id);
@@ -112,8 +111,18 @@ void ChannelEventHandler::onEndChannelUpdate(channels::EndChannelUpdateEvent& ev
     // LastNewItemTime changed, and viewed ids of items that left the feed can go; the
     // window then finds the record saved when it handles the end of the update.
     if (itemsChanged && !channel->isRemoved())
-        m_settings.save(channelId, feedItemIds(*channel));
+        saveDesktopSettings(*channel);
     m_window.endChannelUpdate(channelId);
+}
+
+void ChannelEventHandler::saveDesktopSettings(const channels::Channel& channel) {
+    std::string problem;
+    if (m_settings.save(channel.id(), feedItemIds(channel), &problem))
+        return;
+    const std::string line =
+        "Can't save the desktop settings of channel " + channel.name() + ": " + problem;
+    PELSU_LOG(eventsGroup(), line);
+    m_window.postErrorLine(record(line, ActivityRecord::Kind::Failure));
 }
 
 void ChannelEventHandler::countFailedUpdate(const std::string& channelId,

@@ -75,7 +75,9 @@ public:
     // it had new items, then hands the end of the update to the window and waits.
     void onEndChannelUpdate(channels::EndChannelUpdateEvent& event) override;
     // Logs the item, sets the channel's "LastNewItemTime" and queues a
-    // NewFeedItemNotificationRequest stamped with the clock's time.
+    // NewFeedItemNotificationRequest stamped with the clock's time. Items the user has viewed
+    // are not skipped here: the queue drops them when their turn comes, which also covers
+    // items viewed while the request waits.
     void onNewFeedItem(channels::NewFeedItemEvent& event) override;
     // Logs the item.
     void onExpiredFeedItem(channels::ExpiredFeedItemEvent& event) override;
@@ -84,7 +86,10 @@ public:
     // Posts "Plugin <name> error: <text>" to both panes and queues an error notification.
     void onAppPluginError(channels::AppPluginErrorEvent& event) override;
 
-    // Every later event is a no-op (shut-down, before the listener is removed).
+    // Every later event is a no-op. Shut-down calls it first, then releases the window's
+    // waits, and only then removes the listener: the worker holds the manager's event lock
+    // while it waits in endChannelUpdate, so removing the listener first would wait for a
+    // worker that waits for the UI thread.
     void stopDelivering();
     void setMaxConsecutiveErrors(int maxConsecutiveErrors);
     // Whether the channel's run of failed updates reached the maximum and it has not
@@ -101,6 +106,9 @@ private:
         std::string lastError;
     };
     ActivityRecord record(std::string text, ActivityRecord::Kind kind) const;
+    // Saves the channel's record, dropping viewed ids that left its feed; a failure goes to
+    // the log and the error pane.
+    void saveDesktopSettings(const channels::Channel& channel);
     void countFailedUpdate(const std::string& channelId, const std::string& channelName);
 
     ClientWindow& m_window;

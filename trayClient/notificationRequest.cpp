@@ -151,8 +151,8 @@ void NotificationRequestQueue::queue(std::unique_ptr<NotificationRequest> reques
         PELSU_LOG(queueGroup(), "- AnimateOnNewItem is set: queued at the front.");
         m_mainQueue.push_front(std::move(request));
     } else if (m_maxLength > 0 && m_mainQueue.size() >= static_cast<std::size_t>(m_maxLength)) {
-        PELSU_LOG(queueGroup(), "- The queue is full - discarding the request: maxLength="
-                                    << m_maxLength);
+        PELSU_LOG(queueGroup(),
+                  "- The queue is full - discarding the request: maxLength=" << m_maxLength);
     } else {
         m_mainQueue.push_back(std::move(request));
     }
@@ -171,8 +171,8 @@ bool NotificationRequestQueue::mergeLocked(std::unique_ptr<NotificationRequest>&
         items.push_back(std::move(item));
     auto merged = std::make_unique<ConsolidatedNewFeedItemsNotificationRequest>(
         channelId, channelNameOf(*request), std::move(items));
-    PELSU_LOG(queueGroup(), "- Merged with the channel's waiting request: items="
-                                << merged->items().size());
+    PELSU_LOG(queueGroup(),
+              "- Merged with the channel's waiting request: items=" << merged->items().size());
     if (toFront) {
         m_mainQueue.erase(waiting);
         m_mainQueue.push_front(std::move(merged));
@@ -213,15 +213,16 @@ NotificationRequestQueue::filter(std::unique_ptr<NotificationRequest> request) {
     std::erase_if(items, [&](const NewFeedItem& item) {
         if (!m_settings.hasViewed(channelId, item.id))
             return false;
-        PELSU_LOG(queueGroup(),
-                  "Feed item has already been viewed - abandoning processing: feedItemId="
-                      << item.id);
+        PELSU_LOG(
+            queueGroup(),
+            "Feed item has already been viewed - abandoning processing: feedItemId=" << item.id);
         return true;
     });
     if (items.empty())
         return nullptr;
     if (!m_settings.get(channelId).notifyOnNewItem) {
-        PELSU_LOG(queueGroup(), "Notification balloons have been disabled - abandoning processing.");
+        PELSU_LOG(queueGroup(),
+                  "Notification balloons have been disabled - abandoning processing.");
         return nullptr;
     }
     const std::string channelName = channelNameOf(*request);
@@ -229,8 +230,8 @@ NotificationRequestQueue::filter(std::unique_ptr<NotificationRequest> request) {
         return std::make_unique<NewFeedItemNotificationRequest>(channelId, channelName,
                                                                 std::move(items.front()));
     if (request->kind() == NotificationRequest::Kind::ConsolidatedNewFeedItems)
-        return std::make_unique<ConsolidatedNewFeedItemsNotificationRequest>(
-            channelId, channelName, std::move(items));
+        return std::make_unique<ConsolidatedNewFeedItemsNotificationRequest>(channelId, channelName,
+                                                                             std::move(items));
     return request;
 }
 

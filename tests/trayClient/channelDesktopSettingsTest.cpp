@@ -35,19 +35,12 @@ protected:
 
 } // namespace
 
-TEST_F(DesktopSettingsTest, MissingFileLoadsTheDefaults) {
-    ChannelDesktopSettings settings;
-    settings.animateOnNewItem = true;
-    settings.viewedItems = {"x"};
-    ASSERT_TRUE(settings.load(m_dir.file("none.ini"), "News"));
-    EXPECT_EQ(settings, ChannelDesktopSettings{});
-    EXPECT_TRUE(settings.notifyOnNewItem);
-    EXPECT_TRUE(settings.playSoundOnNewItem);
-    EXPECT_TRUE(settings.useQuickAccessSubMenus);
-    EXPECT_FALSE(settings.consolidateMultipleItems);
-}
-
 TEST_F(DesktopSettingsTest, EveryKeyRoundTripsAndAnyNonZeroFlagIsTrue) {
+    ChannelDesktopSettings defaults;
+    defaults.viewedItems = {"x"};
+    ASSERT_TRUE(defaults.load(m_dir.file("none.ini"), "News"));
+    EXPECT_EQ(defaults, ChannelDesktopSettings{});
+
     const std::string path = file("[Desktop Settings]\nConsolidateMultipleItems=7\n"
                                   "NotifyOnNewItem=0\nNewItemSoundFile=/tmp/a%25b.wav\n"
                                   "LastViewTime=1700000000\nLastNewItemTime=-5\n");
@@ -187,16 +180,6 @@ TEST_F(DesktopSettingsTest, CorruptFileLoadsAsDefaultsIsKeptAsideAndOthersAreUnt
     EXPECT_EQ(again.get("good"), good);
     EXPECT_EQ(again.get("bad").viewedItems, (std::set<std::string>{"b1"}));
     EXPECT_EQ(readFile(failures[0].keptAs), garbage);
-}
-
-TEST_F(DesktopSettingsTest, ForgettingAChannelDeletesItsFile) {
-    ChannelDesktopSettingsTable table(m_dir.path().string());
-    table.markViewed("old", "a");
-    ASSERT_TRUE(table.save("old"));
-    ASSERT_TRUE(fs::exists(table.fileFor("old")));
-    table.forget("old");
-    EXPECT_FALSE(table.contains("old"));
-    EXPECT_FALSE(fs::exists(table.fileFor("old")));
 }
 
 TEST_F(DesktopSettingsTest, ChannelsOfADirectoryAreNamedByTheirConfiguration) {

@@ -69,33 +69,3 @@ TEST(DesktopSettingsThreaded, SavesFromTheWorkerAndTheUiThreadKeepBothChanges) {
     EXPECT_EQ(stored.viewedItems.size(), static_cast<std::size_t>(kRounds));
     EXPECT_EQ(stored, table.get("news"));
 }
-
-// Marks, checks and copies from several threads while the records are saved: every mark
-// lands exactly once.
-TEST(DesktopSettingsThreaded, ManyThreadsMarkingAndSavingLoseNoItem) {
-    TempDir dir;
-    ChannelDesktopSettingsTable table(dir.path().string());
-    constexpr int kThreads = 4;
-    constexpr int kItems = 100;
-    std::vector<std::thread> threads;
-    for (int thread = 0; thread < kThreads; ++thread)
-        threads.emplace_back([&, thread] {
-            const std::string channel = thread % 2 ? "odd" : "even";
-            for (int item = 0; item < kItems; ++item) {
-                const std::string id = std::to_string(thread) + "-" + std::to_string(item);
-                EXPECT_TRUE(table.markViewed(channel, id));
-                EXPECT_TRUE(table.hasViewed(channel, id));
-                if (item % 10 == 0) {
-                    EXPECT_TRUE(table.save(channel));
-                }
-            }
-            EXPECT_TRUE(table.save(channel));
-        });
-    for (std::thread& thread : threads)
-        thread.join();
-    profile::clearCache();
-    ChannelDesktopSettingsTable reloaded(dir.path().string());
-    reloaded.loadAll({{"odd", "Odd"}, {"even", "Even"}});
-    EXPECT_EQ(reloaded.get("odd").viewedItems.size(), std::size_t{kThreads / 2 * kItems});
-    EXPECT_EQ(reloaded.get("even").viewedItems.size(), std::size_t{kThreads / 2 * kItems});
-}
