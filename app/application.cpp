@@ -66,7 +66,7 @@ Application::~Application() {
 // The single-instance check comes before the log opens: a second start writes nothing.
 bool Application::Impl::takeUserDirectory(const Options& options) {
     try {
-        environment = findEnvironment(options.home);
+        environment = findEnvironment(options.home, options.programDir);
     } catch (const std::exception& failure) {
         throw StartupError(failure.what());
     }

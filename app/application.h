@@ -65,6 +65,7 @@ class Application {
 public:
     struct Options {
         std::string home;        // --home DIR, or empty
+        std::string programDir;  // empty: found beside the executable
         bool startWorker = true; // false: channels load but nothing updates (tests)
         bool startListeners = true;
         // Another instance running for the user: true tells it to show its main window

@@ -216,6 +216,17 @@ private:
     std::string m_pending;
 };
 
+// Whether the peer of fd closed its end within the time (-1: until wake becomes readable).
+bool hungUp(int fd, int timeoutMs, int wake = -1) {
+    pollfd pollers[2] = {{fd, POLLRDHUP, 0}, {wake, POLLIN, 0}};
+    for (;;) {
+        const int ready = ::poll(pollers, wake >= 0 ? 2 : 1, timeoutMs);
+        if (ready < 0 && errno == EINTR)
+            continue;
+        return ready > 0 && (pollers[0].revents & (POLLRDHUP | POLLHUP | POLLERR));
+    }
+}
+
 } // namespace
 
 struct SingleInstance::Server {
@@ -369,16 +380,30 @@ void SingleInstance::Server::runCommand(int fd, const HandedOverCommand& command
         sendFrame(fd, kRefused, "");
         return;
     }
+    if (hungUp(fd, 0))
+        return; // the sender gave up while it waited for its turn
     PELSU_LOG(instanceGroup(), "Running a command handed over: " << command.args.front());
+    // A command also stops waiting when its sender goes (interrupted): an update whose
+    // sender is gone would otherwise hold the next commands back.
+    std::stop_source cancel;
+    std::stop_callback forward(stop, [&cancel] { cancel.request_stop(); });
+    misc::Descriptor finished(::eventfd(0, EFD_CLOEXEC));
+    std::thread watch([&] {
+        if (hungUp(fd, -1, finished.get()))
+            cancel.request_stop();
+    });
     std::mutex sendLock;
     FrameBuffer outBuffer(fd, kOut, sendLock), errBuffer(fd, kErr, sendLock);
     std::ostream out(&outBuffer), err(&errBuffer);
     int status = 1;
     try {
-        status = onCommand(command, out, err, stop);
+        status = onCommand(command, out, err, cancel.get_token());
     } catch (const std::exception& failure) {
         err << "pelsu-cli: " << failure.what() << '\n';
     }
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const ssize_t written = ::write(finished.get(), &one, sizeof one);
+    watch.join();
     out.flush();
     err.flush();
     const auto code = static_cast<std::int32_t>(status);

@@ -72,7 +72,7 @@ bool sendShowYourself(const std::string& userDir);
 // What a process that means to be the instance (pelsu, pelsu-cli run) gets.
 struct InstanceClaim {
     std::unique_ptr<SingleInstance> instance; // the lock is ours
-    bool shownOther = false; // or: the running instance was told to show itself
+    bool shownOther = false;                  // or: the running instance was told to show itself
 };
 // Takes the lock; when another instance serves the socket and showOther is set, tells it to
 // show itself instead. A process that holds the lock without serving (a pelsu-cli command
