@@ -1,5 +1,6 @@
 #include "app/application.h"
 #include "app/singleInstance.h"
+#include "channels/channel.h"
 #include "lib/misc/iniValues.h"
 #include "tests/support/testSupport.h"
 
@@ -231,4 +232,37 @@ TEST(Application, TheGreetingFollowsTheHour) {
         {12, "Konnichiwa"}, {17, "Konnichiwa"}, {18, "Kombanwa"},       {23, "Kombanwa"}};
     for (const auto& [hour, greeting] : table)
         EXPECT_EQ(Application::greeting(hour), greeting) << hour;
+}
+
+TEST(Application, CarriesOutHandedOverCommandsOnItsOwnChannels) {
+    TempDir home, feeds;
+    testing_support::writeFile(feeds.file("feed.xml"),
+                               "<rss><channel><title>F</title><item><guid>1</guid><title>One"
+                               "</title></item></channel></rss>");
+    RecordingFrontEnd frontEnd;
+    Application application;
+    ASSERT_EQ(application.start(frontEnd, optionsFor(home)), Application::StartResult::Started);
+    const std::string userDir = application.environment().paths.userDir;
+    auto send = [&](std::vector<std::string> args, std::string* output = nullptr) {
+        std::ostringstream out, err;
+        std::unique_ptr<SingleInstance> lock;
+        const auto status = handOverCommand(userDir, {std::move(args), feeds.path().string()}, out,
+                                            err, std::chrono::seconds(5), lock);
+        EXPECT_FALSE(lock);
+        if (output)
+            *output = out.str() + err.str();
+        return status.value_or(-1);
+    };
+    EXPECT_EQ(send({"add", "feed.xml", "--id", "f", "--interval", "0"}), 0);
+    ASSERT_TRUE(application.manager().findChannel("f"));
+    std::string updated;
+    EXPECT_EQ(send({"update", "f"}, &updated), 0);
+    EXPECT_NE(updated.find("[1/1] f (F): 1 new, 0 expired"), std::string::npos) << updated;
+    EXPECT_EQ(application.manager().findChannel("f")->state().itemCount(), 1u);
+    EXPECT_EQ(send({"remove", "f"}), 0);
+    EXPECT_FALSE(application.manager().findChannel("f"));
+    std::string refused;
+    EXPECT_EQ(send({"list"}, &refused), 2) << "read-only commands run in their own process";
+    application.shutDown();
+    EXPECT_FALSE(fs::exists(fs::path(userDir) / "Channels" / "f.rss"));
 }
