@@ -245,6 +245,10 @@ struct SingleInstance::Server {
     std::list<Running> commands;
     std::mutex oneAtATime; // commands change the channels one after the other
 
+    bool isClosing() {
+        std::lock_guard guard(mutex);
+        return closing;
+    }
     void acceptLoop();
     void answer(int fd);
     void runCommand(int fd, const HandedOverCommand& command, std::stop_token stop);
@@ -351,6 +355,11 @@ void SingleInstance::Server::answer(int fd) {
     if (!readFrame(fd, type, payload, std::chrono::steady_clock::now() + kRequestTimeout))
         return; // a probe, or a sender that gave up
     if (type == kShow) {
+        if (isClosing()) {
+            // A start while this instance stops waits for the lock and runs in its place.
+            sendFrame(fd, kRefused, "");
+            return;
+        }
         PELSU_LOG(instanceGroup(), "Another start asked this instance to show itself.");
         onShow();
         sendFrame(fd, kShown, "");

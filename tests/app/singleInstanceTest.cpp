@@ -159,6 +159,7 @@ TEST(SingleInstance, CommandsAreRefusedWhileTheInstanceStopsAndRunHereOnceItHasG
     ASSERT_TRUE(started.wait());
     running->stopCommands();
     EXPECT_EQ(waiting.get(), 7) << "the waiting command ends when the instance stops";
+    EXPECT_FALSE(sendShowYourself(userDir)) << "a start now waits to run in its place";
 
     std::ostringstream out, err;
     std::unique_ptr<SingleInstance> lock;
