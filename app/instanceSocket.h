@@ -18,13 +18,13 @@ namespace app::instanceSocket {
 
 // A frame is a type byte, a 32-bit length and the payload.
 enum Frame : char {
-    kShow = 'S',    // -> show yourself
-    kCommand = 'C', // -> a command: the working directory, then the arguments
-    kShown = 'A',   // <- the window was asked to show
-    kOut = 'O',     // <- standard output
-    kErr = 'E',     // <- standard error
-    kExit = 'X',    // <- the exit status, as a 32-bit integer; the last frame
-    kRefused = 'R', // <- the instance is stopping: run the command yourself
+    kWindowCommand = 'S', // -> a command for the main window, as a 32-bit number
+    kCommand = 'C',       // -> a command: the working directory, then the arguments
+    kShown = 'A',         // <- the window was asked to show
+    kOut = 'O',           // <- standard output
+    kErr = 'E',           // <- standard error
+    kExit = 'X',          // <- the exit status, as a 32-bit integer; the last frame
+    kRefused = 'R',       // <- the instance is stopping: run the command yourself
 };
 
 using Deadline = std::optional<std::chrono::steady_clock::time_point>;

@@ -36,6 +36,10 @@ std::string busyMessage(const std::string& userDir) {
            "; try again when it has finished.";
 }
 
+std::string windowCommand(std::int32_t command) {
+    return std::string(reinterpret_cast<const char*>(&command), sizeof command);
+}
+
 msglog::MsgGroup& instanceGroup() {
     static msglog::MsgGroup& group = msglog::registerMsgGroup("SingleInstance");
     return group;
@@ -168,7 +172,9 @@ void SingleInstance::Server::answer(int fd) {
     std::string payload;
     if (!readFrame(fd, type, payload, std::chrono::steady_clock::now() + kRequestTimeout))
         return; // a probe, or a sender that gave up
-    if (type == kShow) {
+    if (type == kWindowCommand) {
+        if (payload != windowCommand(kShowYourselfCommand))
+            return; // no other command is known
         if (isClosing()) {
             // A start while this instance stops waits for the lock and runs in its place.
             sendFrame(fd, kRefused, "");
@@ -250,7 +256,7 @@ void SingleInstance::Server::reapFinished() {
 
 bool sendShowYourself(const std::string& userDir) {
     UniqueFd fd(connectToInstance(userDir));
-    if (fd.get() < 0 || !sendFrame(fd.get(), kShow, ""))
+    if (fd.get() < 0 || !sendFrame(fd.get(), kWindowCommand, windowCommand(kShowYourselfCommand)))
         return false;
     char type = 0;
     std::string payload;
