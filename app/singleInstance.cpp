@@ -17,6 +17,7 @@
 #include <sys/eventfd.h>
 #include <sys/file.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <thread>
 #include <unistd.h>
@@ -121,8 +122,9 @@ void SingleInstance::serve(std::function<void()> onShow, CommandHandler onComman
     ::unlink(address.address.sun_path);
     server->listener.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const auto* raw = reinterpret_cast<const sockaddr*>(&address.address);
+    // Only the user may hand this instance commands, whatever the directory's mode.
     if (server->listener.get() < 0 || ::bind(server->listener.get(), raw, sizeof address.address) ||
-        ::listen(server->listener.get(), 16))
+        ::chmod(address.address.sun_path, 0600) || ::listen(server->listener.get(), 16))
         throw channels::Exception("Can't listen on " + socketPath(m_userDir) + ": " +
                                   std::strerror(errno));
     server->wake.reset(::eventfd(0, EFD_CLOEXEC));

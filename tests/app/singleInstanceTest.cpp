@@ -56,11 +56,26 @@ TEST(SingleInstance, OneHolderAtATimeAndTheLockGoesWithItsHolder) {
     ASSERT_TRUE(first);
     EXPECT_FALSE(SingleInstance::tryLock(userDir));
     first->serve([] {}, noCommands);
-    EXPECT_TRUE(fs::exists(SingleInstance::socketPath(userDir)));
+    EXPECT_EQ(fs::status(SingleInstance::socketPath(userDir)).permissions() & fs::perms::all,
+              fs::perms::owner_read | fs::perms::owner_write);
     first.reset();
     EXPECT_FALSE(fs::exists(SingleInstance::socketPath(userDir)));
     EXPECT_FALSE(sendShowYourself(userDir)) << "nobody serves any more";
     EXPECT_TRUE(SingleInstance::tryLock(userDir));
+}
+
+TEST(SingleInstance, AUserDirectoryTooDeepForASocketAddressIsServedAllTheSame) {
+    TempDir dir;
+    const fs::path deep = dir.path() / std::string(60, 'd') / std::string(60, 'e');
+    fs::create_directories(deep);
+    Gate shown;
+    auto running = SingleInstance::tryLock(deep.string());
+    ASSERT_TRUE(running);
+    running->serve([&] { shown.open(); }, noCommands);
+    EXPECT_TRUE(sendShowYourself(deep.string()));
+    EXPECT_TRUE(shown.wait());
+    running.reset();
+    EXPECT_FALSE(fs::exists(SingleInstance::socketPath(deep.string())));
 }
 
 TEST(SingleInstance, ASecondStartShowsTheRunningInstanceOrIsRefused) {
