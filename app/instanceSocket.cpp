@@ -164,9 +164,10 @@ int FrameBuffer::sync() {
 }
 
 void FrameBuffer::sendPending() {
-    // A sender that went away (interrupted) leaves the command to finish on its own.
-    if (!m_pending.empty())
-        sendFrame(m_fd, m_type, m_pending);
+    // A sender that went away (interrupted) or stopped reading leaves the command to finish on
+    // its own, without its output.
+    if (!m_pending.empty() && !m_broken)
+        m_broken = !sendFrame(m_fd, m_type, m_pending);
     m_pending.clear();
 }
 

@@ -70,6 +70,7 @@ private:
     char m_type;
     std::mutex& m_sendLock;
     std::string m_pending;
+    bool m_broken = false;
 };
 
 } // namespace app::instanceSocket

@@ -31,6 +31,7 @@ using UniqueFd = misc::Descriptor;
 
 constexpr auto kRequestTimeout = std::chrono::seconds(5);
 constexpr auto kRetryInterval = std::chrono::milliseconds(50);
+constexpr int kSendTimeoutSeconds = 10;
 
 std::string busyMessage(const std::string& userDir) {
     return "Another Pelsu process is using the user directory " + userDir +
@@ -170,6 +171,10 @@ void SingleInstance::Server::acceptLoop() {
 // Takes the one request of a connection. Owns fd.
 void SingleInstance::Server::answer(int fd) {
     UniqueFd connection(fd);
+    // The worker writes an update's progress: a sender that stops reading (suspended) must
+    // not hold it for long. Its output is dropped instead.
+    const timeval sendLimit{kSendTimeoutSeconds, 0};
+    ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &sendLimit, sizeof sendLimit);
     char type = 0;
     std::string payload;
     if (!readFrame(fd, type, payload, std::chrono::steady_clock::now() + kRequestTimeout))
