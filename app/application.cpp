@@ -29,6 +29,17 @@ public:
     }
 };
 
+// The user sees the texts of the steps that have their own ("Can't create a new directory for
+// user:", "Couldn't load the global options."); any other failure is an initialization failure.
+StartupError stepFailed(const std::exception& failure) {
+    const std::string text = failure.what();
+    for (const char* own :
+         {"Can't create a new directory for user:", "Couldn't load the global options."})
+        if (text.rfind(own, 0) == 0)
+            return StartupError(text);
+    return StartupError("Initialization failed.\n\n" + text);
+}
+
 int localHour() {
     const std::time_t now = std::time(nullptr);
     std::tm local{};
@@ -66,9 +77,9 @@ Application::~Application() {
 // The single-instance check comes before the log opens: a second start writes nothing.
 bool Application::Impl::takeUserDirectory(const Options& options) {
     try {
-        environment = findEnvironment(options.home);
+        environment = findEnvironment(options.home, options.programDir);
     } catch (const std::exception& failure) {
-        throw StartupError(failure.what());
+        throw stepFailed(failure);
     }
     if (readDebugInt(environment.paths, "AllowMultipleInstances", 0) != 0)
         return true; // neither instance serves the other's commands then
@@ -86,7 +97,7 @@ void Application::Impl::openTheRest(const Options& options) {
     try {
         openEnvironment(environment);
     } catch (const std::exception& failure) {
-        throw StartupError(failure.what());
+        throw stepFailed(failure);
     }
     shutdownGroup();
     try {

@@ -24,7 +24,9 @@ public:
 };
 
 // What a front end adds to start-up and shut-down. Every hook runs on the thread that calls
-// Application::start or Application::shutDown, except showMainWindow and runCommand (see there).
+// Application::start or Application::shutDown, except showMainWindow (see there). The commands
+// that pelsu-cli hands over run on threads of the single instance, on the manager, without a
+// hook: the front end sees them through the manager's events, as it sees the worker's.
 class FrontEnd {
 public:
     virtual ~FrontEnd() = default;
@@ -50,7 +52,9 @@ public:
     virtual void reportStartupProblem(const std::string& message) = 0;
 
     // Another process of the same user asked this one to show its main window. Called on the
-    // single-instance server's thread: a front end with a UI thread hands it over.
+    // single-instance server's thread, from the end of start-up until shut-down begins (a
+    // start during shut-down waits and then runs in this one's place): a front end with a UI
+    // thread hands it over.
     virtual void showMainWindow() = 0;
 
     // Shut-down hooks, in the order they run. None may throw.
@@ -65,6 +69,7 @@ class Application {
 public:
     struct Options {
         std::string home;        // --home DIR, or empty
+        std::string programDir;  // empty: found beside the executable
         bool startWorker = true; // false: channels load but nothing updates (tests)
         bool startListeners = true;
         // Another instance running for the user: true tells it to show its main window

@@ -130,9 +130,11 @@ int runRemove(ChannelCommandContext& context) {
 bool updateThroughWorker(ChannelCommandContext& context,
                          const std::vector<channels::Channel*>& targets, UpdatePrinter& printer) {
     printer.watchOnly({targets.begin(), targets.end()});
+    std::size_t requested = 0;
     for (channels::Channel* channel : targets)
-        context.manager.requestUpdate(channel->id());
-    return printer.waitForUpdates(targets.size(), context.stop);
+        if (context.manager.requestUpdate(channel->id()))
+            ++requested; // not a channel removed meanwhile
+    return printer.waitForUpdates(requested, context.stop);
 }
 
 // No worker runs: two channels at a time, one waiting for the network while the other is

@@ -27,9 +27,10 @@ public:
 
 } // namespace
 
-Environment findEnvironment(const std::string& home) {
+Environment findEnvironment(const std::string& home, const std::string& givenProgramDir) {
     Environment environment;
-    const std::string programDir = findProgramDirectory(executablePath());
+    const std::string programDir =
+        givenProgramDir.empty() ? findProgramDirectory(executablePath()) : givenProgramDir;
     const std::string dataRoot = findDataRoot(home);
     const std::string userName =
         determineUserName((std::filesystem::path(programDir) / "debug.ini").string());

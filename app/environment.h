@@ -19,8 +19,9 @@ struct Environment {
 
 // The first start-up steps for the data root given by home (empty: PELSU_HOME or the XDG
 // data directory): the program directory, the user and the user directory, created with its
-// first-run contents. Throws channels::Exception with a message for the user.
-Environment findEnvironment(const std::string& home);
+// first-run contents. The program directory is found beside the executable unless given.
+// Throws channels::Exception with a message for the user.
+Environment findEnvironment(const std::string& home, const std::string& programDir = "");
 // The steps after the single-instance check: the debug settings, the message log, the global
 // options and the script settings. Throws channels::Exception with a message for the user
 // ("Couldn't load the global options.\n\n" and the reason).

@@ -50,9 +50,9 @@ public:
     // each command runs through onCommand on a thread of its own, one command at a time.
     // Replaces a socket file left behind. Throws channels::Exception when it can't listen.
     void serve(std::function<void()> onShow, CommandHandler onCommand);
-    // From now on commands are refused (their senders wait for the lock and run them
-    // themselves); asks the running command to stop and waits for it to end. "Show yourself"
-    // is still answered until the object goes. Safe to call twice.
+    // From now on commands and "show yourself" are refused (their senders wait for the lock
+    // and then run the command, or start, themselves); asks the running command to stop and
+    // waits for it to end. Safe to call twice.
     void stopCommands();
 
     const std::string& userDir() const { return m_userDir; }
@@ -72,7 +72,7 @@ bool sendShowYourself(const std::string& userDir);
 // What a process that means to be the instance (pelsu, pelsu-cli run) gets.
 struct InstanceClaim {
     std::unique_ptr<SingleInstance> instance; // the lock is ours
-    bool shownOther = false; // or: the running instance was told to show itself
+    bool shownOther = false;                  // or: the running instance was told to show itself
 };
 // Takes the lock; when another instance serves the socket and showOther is set, tells it to
 // show itself instead. A process that holds the lock without serving (a pelsu-cli command

@@ -12,7 +12,7 @@ void UpdatePrinter::watchOnly(std::set<const channels::Channel*> channels) {
 
 bool UpdatePrinter::waitForUpdates(std::size_t count, std::stop_token stop) {
     std::unique_lock lock(m_mutex);
-    return m_ended.wait(lock, stop, [&] { return m_updated >= count; });
+    return m_ended.wait(lock, stop, [&] { return m_endedChannels.size() >= count; });
 }
 
 void UpdatePrinter::onBeginChannelUpdate(channels::BeginChannelUpdateEvent& event) {
@@ -38,7 +38,7 @@ void UpdatePrinter::onChannelError(channels::ChannelErrorEvent& event) {
         m_failed.insert(channel->id());
         block->second.failed = true;
         block->second.lines += "  error:   " + text + "\n";
-    } else if (!m_filtered || m_watched.count(channel)) {
+    } else if (!m_filtered) { // a watching printer leaves the errors of others' updates out
         if (channel)
             m_failed.insert(channel->id());
         m_err << "pelsu-cli: " << (channel ? channel->id() + ": " : "") << text << std::endl;
@@ -52,6 +52,7 @@ void UpdatePrinter::onEndChannelUpdate(channels::EndChannelUpdateEvent& event) {
         if (block == m_pending.end())
             return;
         ++m_updated;
+        m_endedChannels.insert(event.channel());
         Block& done = block->second;
         if (!event.success() || done.failed) {
             m_failed.insert(event.channel()->id());

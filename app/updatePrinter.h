@@ -24,7 +24,8 @@ public:
     void watchOnly(std::set<const channels::Channel*> channels);
     // The blocks start with "[done/total] ".
     void setTotal(std::size_t total) { m_total = total; }
-    // Waits until count updates ended or stop is requested; true when they ended.
+    // Waits until the updates of count channels ended or stop is requested; true when they
+    // ended.
     bool waitForUpdates(std::size_t count, std::stop_token stop);
 
     bool hasFailed(const std::string& id) const;
@@ -57,6 +58,7 @@ private:
     bool m_filtered = false;
     std::set<const channels::Channel*> m_watched;
     std::map<const channels::Channel*, Block> m_pending;
+    std::set<const channels::Channel*> m_endedChannels;
     std::set<std::string> m_failed;
     std::size_t m_total = 0;
     std::size_t m_updated = 0;
