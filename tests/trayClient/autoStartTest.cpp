@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 
 namespace fs = std::filesystem;
@@ -71,19 +70,4 @@ TEST(AutoStart, FailuresNameTheStepTheFileAndTheReason) {
               0u)
         << message;
     EXPECT_TRUE(fs::exists(dir.file("taken/pelsu.desktop/inside")));
-}
-
-TEST(AutoStart, TheDirectoryFollowsXdgConfigHome) {
-    const char* saved = std::getenv("XDG_CONFIG_HOME");
-    std::string savedValue = saved ? saved : "";
-    setenv("XDG_CONFIG_HOME", "/tmp/cfg", 1);
-    EXPECT_EQ(trayClient::autostartDirectory(), "/tmp/cfg/autostart");
-    // A relative value is not a valid setting and is ignored.
-    setenv("XDG_CONFIG_HOME", "relative", 1);
-    EXPECT_EQ(trayClient::autostartDirectory(),
-              (fs::path(std::getenv("HOME")) / ".config/autostart").string());
-    if (saved)
-        setenv("XDG_CONFIG_HOME", savedValue.c_str(), 1);
-    else
-        unsetenv("XDG_CONFIG_HOME");
 }

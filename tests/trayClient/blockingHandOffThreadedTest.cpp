@@ -111,37 +111,32 @@ TEST(BlockingHandOff, CloseReleasesWaitingWorkersAndTheirTasksNeverRun) {
     EXPECT_EQ(ran.load(), 0);
 }
 
-TEST(BlockingHandOff, CallsAfterCloseReturnAtOnceWithoutPostingAndReopenAcceptsThemAgain) {
+TEST(BlockingHandOff, CallsAfterCloseReturnAtOnceAndReopenAcceptsNewOnesButNeverStaleOnes) {
     TaskQueue ui;
-    int posted = 0;
+    std::atomic<int> posted{0};
     CBlockingHandOff handOff([&](std::function<void()> task) {
         ++posted;
         ui.post(std::move(task));
     });
     handOff.close();
     EXPECT_FALSE(handOff.run([] {}));
-    EXPECT_EQ(posted, 0);
+    EXPECT_EQ(posted.load(), 0);
 
+    // A task posted before a close never runs, not even after a reopen.
+    handOff.reopen();
+    std::atomic<bool> staleRan{false};
+    std::thread stale([&] { EXPECT_FALSE(handOff.run([&] { staleRan = true; })); });
+    ASSERT_TRUE(ui.waitForPosted(1));
+    handOff.close();
+    stale.join();
     handOff.reopen();
     std::atomic<bool> ran{false};
     std::thread worker([&] { EXPECT_TRUE(handOff.run([&] { ran = true; })); });
-    ASSERT_TRUE(ui.waitForPosted(1));
+    ASSERT_TRUE(ui.waitForPosted(2));
     ui.runPending();
     worker.join();
     EXPECT_TRUE(ran);
-}
-
-TEST(BlockingHandOff, TaskPostedBeforeACloseAndReopenDoesNotRunLater) {
-    TaskQueue ui;
-    CBlockingHandOff handOff([&](std::function<void()> task) { ui.post(std::move(task)); });
-    std::atomic<bool> ran{false};
-    std::thread worker([&] { EXPECT_FALSE(handOff.run([&] { ran = true; })); });
-    ASSERT_TRUE(ui.waitForPosted(1));
-    handOff.close();
-    worker.join();
-    handOff.reopen();
-    ui.runPending();
-    EXPECT_FALSE(ran);
+    EXPECT_FALSE(staleRan);
 }
 
 TEST(BlockingHandOff, CloseWaitsForATaskThatIsRunning) {

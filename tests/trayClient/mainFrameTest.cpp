@@ -96,13 +96,4 @@ TEST(MainFrame, DetachingReleasesAWaitingWorkerAndLaterCallsReturnAtOnce) {
     EXPECT_EQ(frame.channelUpdatesSeen(), 0);
 }
 
-TEST(MainFrame, ShowsTheChannelsByNameAndSelectsOneOnRequest) {
-    CMainFrame frame(10, 10);
-    frame.setChannels({{"a", "Alpha"}, {"b", ""}});
-    frame.showChannel("a", "Alpha renamed");
-    frame.showChannelView("b");
-    EXPECT_EQ(frame.selectedChannelId(), "b");
-    EXPECT_TRUE(frame.isVisible());
-}
-
 int main(int argc, char** argv) { return client_testing::runClientTests(argc, argv); }

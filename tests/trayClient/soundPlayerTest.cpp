@@ -1,11 +1,10 @@
-// Which sound goes with a notification, and playing without a sound device stays quiet.
+// Which sound goes with a notification.
 #include "trayClient/soundPlayer.h"
 
 #include "app/globalOptions.h"
 
 #include <gtest/gtest.h>
 
-using trayClient::CSoundPlayer;
 using trayClient::errorSound;
 using trayClient::newItemSound;
 using trayClient::SoundChoice;
@@ -31,13 +30,4 @@ TEST(SoundChoice, ErrorPlaysTheDefaultErrorFileElseTheThemeEventWhenAsked) {
     options.playSoundOnError = true;
     options.disableAllSound = true;
     EXPECT_EQ(errorSound(options), SoundChoice{});
-}
-
-TEST(SoundPlayer, PlayingNothingOrAMissingFileReturnsWithoutPlaying) {
-    CSoundPlayer player;
-    EXPECT_FALSE(player.play(SoundChoice{}));
-    // Whether or not this machine has a sound device, a file that does not exist is not
-    // played, and nothing is thrown.
-    EXPECT_FALSE(player.play(SoundChoice{Kind::File, "/nonexistent/pelsu-test-sound.oga"}));
-    EXPECT_EQ(player.played(), 0);
 }
