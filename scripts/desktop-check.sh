@@ -14,6 +14,8 @@ OUT=$(realpath -m "${2:-/tmp/pelsu-desktop-check}")
 DISPLAY_NUMBER=${PELSU_CHECK_DISPLAY:-:55}
 
 if [ "${PELSU_CHECK_INSIDE:-}" != 1 ]; then
+    source scripts/common.sh
+    ensure_packages xvfb xauth x11-utils dbus trayer dunst xdotool imagemagick
     for tool in Xvfb dbus-run-session trayer dunst dunstctl import xdotool; do
         command -v "$tool" >/dev/null || { echo "desktop-check: $tool is missing" >&2; exit 1; }
     done
