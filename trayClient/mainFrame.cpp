@@ -124,9 +124,15 @@ void CMainFrame::endChannelUpdate(const std::string& channelId) {
 
 void CMainFrame::handleEndChannelUpdate(const std::string& channelId) {
     ++m_updatesSeen;
-    if (m_channelNames)
-        showChannel(channelId, m_channelNames(channelId));
     QString id = QString::fromStdString(channelId);
+    if (m_channelNames) {
+        // A channel whose feed has not given it a name yet keeps what the list shows.
+        std::string name = m_channelNames(channelId);
+        if (name == "<Unknown>")
+            name.clear();
+        if (!name.empty() || !findChannelItem(id))
+            showChannel(channelId, name);
+    }
     if (QListWidgetItem* item = findChannelItem(id))
         item->setToolTip("Updated " + QDateTime::currentDateTime().toString("HH:mm:ss"));
     emit channelUpdateEnded(id);
