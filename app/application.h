@@ -6,6 +6,7 @@
 #include "app/environment.h"
 #include "app/localPortListeners.h"
 
+#include <chrono>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -23,7 +24,9 @@ public:
 };
 
 // What a front end adds to start-up and shut-down. Every hook runs on the thread that calls
-// Application::start or Application::shutDown, except showMainWindow and runCommand (see there).
+// Application::start or Application::shutDown, except showMainWindow (see there). The commands
+// that pelsu-cli hands over run on threads of the single instance, on the manager, without a
+// hook: the front end sees them through the manager's events, as it sees the worker's.
 class FrontEnd {
 public:
     virtual ~FrontEnd() = default;
@@ -49,7 +52,9 @@ public:
     virtual void reportStartupProblem(const std::string& message) = 0;
 
     // Another process of the same user asked this one to show its main window. Called on the
-    // single-instance server's thread: a front end with a UI thread hands it over.
+    // single-instance server's thread, from the end of start-up until shut-down begins (a
+    // start during shut-down waits and then runs in this one's place): a front end with a UI
+    // thread hands it over.
     virtual void showMainWindow() = 0;
 
     // Shut-down hooks, in the order they run. None may throw.
@@ -64,8 +69,14 @@ class Application {
 public:
     struct Options {
         std::string home;        // --home DIR, or empty
+        std::string programDir;  // empty: found beside the executable
         bool startWorker = true; // false: channels load but nothing updates (tests)
         bool startListeners = true;
+        // Another instance running for the user: true tells it to show its main window
+        // (start returns HandedToRunningInstance); false makes it a StartupError.
+        bool showRunningInstance = true;
+        // How long start waits for a pelsu-cli command that holds the user directory.
+        std::chrono::milliseconds lockWait{10000};
     };
     enum class StartResult {
         Started,
@@ -77,17 +88,21 @@ public:
     ~Application(); // shuts down when start succeeded and shutDown was not called
 
     // Runs every start-up step in order. Throws StartupError with the user's message; what
-    // was started before the failure is stopped again.
+    // was started before the failure is stopped again. While it runs, the instance carries
+    // out the channel commands that pelsu-cli hands over, on its channel manager.
     StartResult start(FrontEnd& frontEnd, const Options& options);
     // Runs every shut-down step in order, each logged in the group "Shutdown"; never stops
     // early. Safe to call twice (the second call does nothing).
     void shutDown();
 
     Environment& environment();
-    channels::ChannelManager& manager();
+    channels::ChannelManager& manager(); // not after shutDown
+    // What went wrong in the final save of the channels at shut-down ("<id>: <message>").
+    const std::vector<std::string>& saveErrors() const;
     LocalPortListeners* listeners(); // null when they were not started
 
-    // The greeting of the welcome notification for the given local hour (0-23).
+    // The greeting of the welcome notification for the given local hour (0-23): "Ohayo
+    // gozaimasu" from 4 to 11, "Konnichiwa" from 12 to 17, "Kombanwa" from 18 to 3.
     static std::string greeting(int hour);
 
 private:

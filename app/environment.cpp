@@ -27,21 +27,25 @@ public:
 
 } // namespace
 
-Environment startEnvironment(const std::string& home) {
+Environment findEnvironment(const std::string& home, const std::string& givenProgramDir) {
     Environment environment;
-    const std::string programDir = findProgramDirectory(executablePath());
+    const std::string programDir =
+        givenProgramDir.empty() ? findProgramDirectory(executablePath()) : givenProgramDir;
     const std::string dataRoot = findDataRoot(home);
     const std::string userName =
         determineUserName((std::filesystem::path(programDir) / "debug.ini").string());
     environment.paths = buildAppPaths(programDir, dataRoot, userName);
     environment.firstRun = prepareUserDirectory(environment.paths);
+    return environment;
+}
+
+void openEnvironment(Environment& environment) {
     applyDebugSettings(environment.paths);
     openMessageLog(environment.paths);
     std::string problem;
     if (!environment.options.load(environment.paths.configFile, environment.paths.globalIniFile,
                                   &problem))
         throw channels::Exception("Couldn't load the global options.\n\n" + problem);
-    publishSystemValues(environment.paths, PELSU_VERSION);
     channels::ScriptSettings scripts = channels::scriptSettings();
     scripts.appServerPort = environment.options.appServerPortNo;
     scripts.appPluginServerPort = environment.options.appPluginServerPortNo;
@@ -50,6 +54,12 @@ Environment startEnvironment(const std::string& home) {
     for (const auto& [extension, command] : environment.options.scriptFileTypeCommands)
         scripts.fileTypeCommands[extension] = command;
     channels::setScriptSettings(scripts);
+}
+
+Environment startEnvironment(const std::string& home) {
+    Environment environment = findEnvironment(home);
+    openEnvironment(environment);
+    publishSystemValues(environment.paths, PELSU_VERSION);
     return environment;
 }
 

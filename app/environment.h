@@ -17,9 +17,16 @@ struct Environment {
     bool firstRun = false;
 };
 
-// Runs the start-up steps up to the global options for the data root given by home (empty:
-// PELSU_HOME or the XDG data directory); throws channels::Exception with a message for the
-// user.
+// The first start-up steps for the data root given by home (empty: PELSU_HOME or the XDG
+// data directory): the program directory, the user and the user directory, created with its
+// first-run contents. The program directory is found beside the executable unless given.
+// Throws channels::Exception with a message for the user.
+Environment findEnvironment(const std::string& home, const std::string& programDir = "");
+// The steps after the single-instance check: the debug settings, the message log, the global
+// options and the script settings. Throws channels::Exception with a message for the user
+// ("Couldn't load the global options.\n\n" and the reason).
+void openEnvironment(Environment& environment);
+// All of the above, and the published system values.
 Environment startEnvironment(const std::string& home);
 
 // The manager's options from the global options.

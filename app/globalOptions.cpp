@@ -39,6 +39,7 @@ const Option kOptions[] = {
     {"StartMinimized", &G::startMinimized},
     {"DisableAllAnimation", &G::disableAllAnimation},
     {"DisableAllSound", &G::disableAllSound},
+    {"NoWelcomeNotification", &G::noWelcomeNotification},
     {"MaxNotificationQueueLength", &G::maxNotificationQueueLength},
     {"MaxConsecutiveChannelUpdateErrors", &G::maxConsecutiveChannelUpdateErrors},
     {"PlaySoundOnError", &G::playSoundOnError},

@@ -28,6 +28,7 @@ public:
     bool startMinimized = false;
     bool disableAllAnimation = false;
     bool disableAllSound = false;
+    bool noWelcomeNotification = false;
     int maxNotificationQueueLength = -1;
     int maxConsecutiveChannelUpdateErrors = 3;
     bool playSoundOnError = true;

@@ -1,6 +1,8 @@
 // The sub-commands of pelsu-cli, as a table.
 #pragma once
 
+#include "app/channelCommands.h"
+
 #include <string>
 #include <vector>
 
@@ -23,9 +25,8 @@ struct Command {
 // Every command, in the order the usage text shows them.
 const std::vector<Command>& commands();
 
-// Exit codes.
-constexpr int kExitOk = 0;
-constexpr int kExitFailure = 1;
-constexpr int kExitUsage = 2;
+using app::kExitFailure;
+using app::kExitOk;
+using app::kExitUsage;
 
 } // namespace cli

@@ -24,7 +24,9 @@ public:
 
 } // namespace
 
-Engine::Engine(const CommandContext& context) : m_environment(app::startEnvironment(context.home)) {
+Engine::Engine(const CommandContext& context) : Engine(app::startEnvironment(context.home)) {}
+
+Engine::Engine(app::Environment environment) : m_environment(std::move(environment)) {
     m_manager = std::make_unique<channels::ChannelManager>(
         m_environment.paths.channelsDir, app::managerOptions(m_environment.options));
     LoadErrorPrinter printer;
@@ -44,31 +46,7 @@ Engine::~Engine() {
 }
 
 channels::Channel& Engine::requireChannel(const std::string& id) {
-    channels::Channel* channel = m_manager->findChannel(id);
-    if (!channel)
-        throw channels::Exception("No channel with the ID " + id + " (pelsu-cli list shows them).");
-    return *channel;
-}
-
-int parseCount(const std::string& text, const std::string& option) {
-    if (text.empty() || text.size() > 9 ||
-        text.find_first_not_of("0123456789") != std::string::npos)
-        throw UsageError(option + " needs a whole number of seconds, not '" + text + "'");
-    return std::stoi(text);
-}
-
-std::string nameOrAddress(const channels::Channel& channel) {
-    const std::string name = channel.name();
-    return name == "<Unknown>" ? channel.address() : name;
-}
-
-bool isValidChannelId(const std::string& id) {
-    if (id.empty() || id[0] == '.' || id.size() > 200)
-        return false;
-    for (char c : id)
-        if (!std::isalnum(static_cast<unsigned char>(c)) && c != '-' && c != '_' && c != '.')
-            return false;
-    return true;
+    return app::requireChannel(*m_manager, id);
 }
 
 } // namespace cli

@@ -2,6 +2,7 @@
 // and the helpers the commands share.
 #pragma once
 
+#include "app/channelCommands.h"
 #include "app/environment.h"
 #include "channels/channelManager.h"
 #include "cli/commands.h"
@@ -14,17 +15,18 @@
 
 namespace cli {
 
-// A mistake in the command line: reported with the usage text, exit status 2.
-class UsageError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
+using app::isValidChannelId;
+using app::nameOrAddress;
+using app::parseCount;
+using app::UsageError;
 
 class Engine {
 public:
     // Starts the environment and loads every channel (load failures are printed). Throws
     // channels::Exception when the channels directory can't be read.
     explicit Engine(const CommandContext& context);
+    // The same on an environment already started.
+    explicit Engine(app::Environment environment);
     ~Engine();
 
     app::Environment& environment() { return m_environment; }
@@ -42,11 +44,5 @@ private:
     bool m_saveOnExit = false;
     int m_loadFailures = 0;
 };
-
-// A non-negative decimal number from an argument, or a UsageError naming the option.
-int parseCount(const std::string& text, const std::string& option);
-bool isValidChannelId(const std::string& id);
-// The channel's display name, or its address when it has none yet.
-std::string nameOrAddress(const channels::Channel& channel);
 
 } // namespace cli

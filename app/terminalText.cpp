@@ -1,6 +1,6 @@
-#include "cli/terminal.h"
+#include "app/terminalText.h"
 
-namespace cli {
+namespace app {
 
 std::string toUtf8(const std::string& latin1) {
     std::string out;
@@ -34,4 +34,4 @@ std::string toTerminal(const std::string& latin1) {
     return toUtf8(visible);
 }
 
-} // namespace cli
+} // namespace app

@@ -1,0 +1,268 @@
+#include "app/application.h"
+#include "app/singleInstance.h"
+#include "channels/channel.h"
+#include "lib/misc/iniValues.h"
+#include "tests/support/testSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <mutex>
+#include <sstream>
+
+using namespace app;
+using testing_support::Gate;
+using testing_support::readFile;
+using testing_support::TempDir;
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string programDir() { return (testing_support::sourceDir() / "resources").string(); }
+
+// Records the hooks in the order they are called.
+class RecordingFrontEnd : public FrontEnd {
+public:
+    bool failMainFrame = false;
+    bool failCleanUp = false;
+    Gate shown;
+
+    std::vector<std::string> calls() const {
+        std::lock_guard guard(m_mutex);
+        return m_calls;
+    }
+
+    void createMainFrame(Environment&) override {
+        record("createMainFrame");
+        if (failMainFrame)
+            throw std::runtime_error("no display");
+    }
+    void loadChannelDesktopSettings(Environment&) override { record("loadChannelDesktopSettings"); }
+    void installEventHandler(channels::ChannelManager&) override { record("installEventHandler"); }
+    SubscriptionApprover* subscriptionApprover() override { return nullptr; }
+    void createTrayIcon() override { record("createTrayIcon"); }
+    void queueWelcomeNotification(const std::string& text) override { record("welcome: " + text); }
+    void reportStartupProblem(const std::string&) override {}
+    void showMainWindow() override { shown.open(); }
+    void uninstallMouseHook() override { record("uninstallMouseHook"); }
+    void cleanUpDesktopSettings() override {
+        record("cleanUpDesktopSettings");
+        if (failCleanUp)
+            throw std::runtime_error("the table is gone");
+    }
+    void uninstallEventHandler(channels::ChannelManager&) override {
+        record("uninstallEventHandler");
+    }
+    void unloadRichText() override { record("unloadRichText"); }
+    void shutDownToolkit() override { record("shutDownToolkit"); }
+
+private:
+    void record(const std::string& call) {
+        std::lock_guard guard(m_mutex);
+        m_calls.push_back(call);
+    }
+    mutable std::mutex m_mutex;
+    std::vector<std::string> m_calls;
+};
+
+Application::Options optionsFor(const TempDir& home) {
+    Application::Options options;
+    options.home = home.path().string();
+    options.programDir = programDir();
+    options.startListeners = false;
+    return options;
+}
+
+// The user directory of a home, created as a first start creates it.
+std::string userDirOf(const TempDir& home) {
+    return findEnvironment(home.path().string(), programDir()).paths.userDir;
+}
+
+// The texts of the log's lines (after " | "), in order.
+std::vector<std::string> logTexts(const std::string& logFile) {
+    std::vector<std::string> texts;
+    std::istringstream lines(readFile(logFile));
+    for (std::string line; std::getline(lines, line);)
+        if (const auto bar = line.find(" | "); bar != std::string::npos)
+            texts.push_back(line.substr(bar + 3));
+    return texts;
+}
+
+const std::vector<std::string> kShutdownLines = {
+    "ExitInstance() called.",
+    "Un-installing the mouse hook.",
+    "Stopping the local port listeners.",
+    "Cleaning up ChannelDesktopSettings table.",
+    "Un-installing ourself as an event handler.",
+    "Stopping the local channel manager.",
+    "Deleting the local channel manager.",
+    "Destroying the MMF handle.",
+    "Unloading the RichEdit DLL.",
+    "Shutting down BCG.",
+    "Unloading BlackBox.",
+};
+
+} // namespace
+
+TEST(Application, StartsStepByStepAndShutsDownWithTheElevenLinesInOrder) {
+    TempDir home;
+    RecordingFrontEnd frontEnd;
+    frontEnd.failCleanUp = true;
+    Application application;
+    ASSERT_EQ(application.start(frontEnd, optionsFor(home)), Application::StartResult::Started);
+    const std::string userDir = application.environment().paths.userDir;
+    const std::string logFile = application.environment().paths.logFile;
+    EXPECT_FALSE(SingleInstance::tryLock(userDir)) << "the instance holds the user directory";
+    application.shutDown();
+    application.shutDown(); // nothing more
+
+    const std::vector<std::string> calls = frontEnd.calls();
+    ASSERT_EQ(calls.size(), 10u);
+    EXPECT_EQ(std::vector<std::string>(calls.begin(), calls.begin() + 4),
+              (std::vector<std::string>{"createMainFrame", "loadChannelDesktopSettings",
+                                        "installEventHandler", "createTrayIcon"}));
+    EXPECT_TRUE(calls[4] == "welcome: " + Application::greeting(0) + " has started." ||
+                calls[4] == "welcome: " + Application::greeting(8) + " has started." ||
+                calls[4] == "welcome: " + Application::greeting(14) + " has started.")
+        << calls[4];
+    EXPECT_EQ(
+        std::vector<std::string>(calls.begin() + 5, calls.end()),
+        (std::vector<std::string>{"uninstallMouseHook", "cleanUpDesktopSettings",
+                                  "uninstallEventHandler", "unloadRichText", "shutDownToolkit"}));
+
+    // The eleven lines in order, the failed step's exception right after its line.
+    std::vector<std::string> logged;
+    for (const std::string& text : logTexts(logFile))
+        if (std::find(kShutdownLines.begin(), kShutdownLines.end(), text) != kShutdownLines.end() ||
+            text.rfind("- Exception caught:", 0) == 0)
+            logged.push_back(text);
+    std::vector<std::string> expected = kShutdownLines;
+    expected.insert(expected.begin() + 4, "- Exception caught: the table is gone");
+    EXPECT_EQ(logged, expected);
+
+    EXPECT_TRUE(SingleInstance::tryLock(userDir)) << "shut-down releases the user directory";
+    EXPECT_FALSE(fs::exists(SingleInstance::socketPath(userDir)));
+}
+
+TEST(Application, ASecondStartShowsTheRunningOneAndGoesNoFurther) {
+    TempDir home;
+    RecordingFrontEnd firstFrontEnd, secondFrontEnd;
+    Application first, second;
+    ASSERT_EQ(first.start(firstFrontEnd, optionsFor(home)), Application::StartResult::Started);
+    EXPECT_EQ(second.start(secondFrontEnd, optionsFor(home)),
+              Application::StartResult::HandedToRunningInstance);
+    EXPECT_TRUE(firstFrontEnd.shown.wait());
+    EXPECT_TRUE(secondFrontEnd.calls().empty());
+
+    // pelsu-cli run does not raise a window: it says that Pelsu runs.
+    Application third;
+    Application::Options options = optionsFor(home);
+    options.showRunningInstance = false;
+    try {
+        third.start(secondFrontEnd, options);
+        ADD_FAILURE() << "a second run started";
+    } catch (const StartupError& refused) {
+        EXPECT_NE(std::string(refused.what()).find("Pelsu is already running"), std::string::npos)
+            << refused.what();
+    }
+}
+
+TEST(Application, AllowMultipleInstancesLetsBothRunAndNeitherServesTheOther) {
+    TempDir home;
+    const std::string userDir = userDirOf(home);
+    testing_support::writeFile(userDir + "/debug.ini", "[Debug]\nAllowMultipleInstances=1\n");
+    RecordingFrontEnd firstFrontEnd, secondFrontEnd;
+    Application first, second;
+    ASSERT_EQ(first.start(firstFrontEnd, optionsFor(home)), Application::StartResult::Started);
+    ASSERT_EQ(second.start(secondFrontEnd, optionsFor(home)), Application::StartResult::Started);
+    EXPECT_FALSE(fs::exists(SingleInstance::socketPath(userDir)));
+    EXPECT_FALSE(sendShowYourself(userDir));
+    EXPECT_TRUE(SingleInstance::tryLock(userDir)) << "neither holds the user directory";
+}
+
+TEST(Application, AStartThatFailsReleasesTheUserDirectoryAndSaysWhy) {
+    TempDir home;
+    const std::string userDir = userDirOf(home);
+    {
+        auto holder = SingleInstance::tryLock(userDir); // a pelsu-cli command at work
+        RecordingFrontEnd frontEnd;
+        Application application;
+        Application::Options options = optionsFor(home);
+        options.lockWait = std::chrono::milliseconds(200);
+        try {
+            application.start(frontEnd, options);
+            ADD_FAILURE() << "started on a user directory in use";
+        } catch (const StartupError& busy) {
+            EXPECT_NE(std::string(busy.what())
+                          .find("Another Pelsu process is using the user "
+                                "directory " +
+                                userDir),
+                      std::string::npos)
+                << busy.what();
+        }
+        EXPECT_TRUE(frontEnd.calls().empty());
+    }
+    RecordingFrontEnd frontEnd;
+    frontEnd.failMainFrame = true;
+    Application application;
+    try {
+        application.start(frontEnd, optionsFor(home));
+        ADD_FAILURE() << "started without a main frame";
+    } catch (const StartupError& failed) {
+        EXPECT_EQ(std::string(failed.what()), "Can't load the main frame window.");
+    }
+    EXPECT_TRUE(SingleInstance::tryLock(userDir));
+}
+
+TEST(Application, NoWelcomeNotificationKeepsTheGreetingBack) {
+    TempDir home;
+    const std::string userDir = userDirOf(home);
+    testing_support::writeFile(userDir + "/config.ini",
+                               "[Global Options]\nNoWelcomeNotification=1\n");
+    RecordingFrontEnd frontEnd;
+    Application application;
+    ASSERT_EQ(application.start(frontEnd, optionsFor(home)), Application::StartResult::Started);
+    for (const std::string& call : frontEnd.calls())
+        EXPECT_EQ(call.rfind("welcome", 0), std::string::npos) << call;
+}
+
+TEST(Application, TheGreetingFollowsTheHour) {
+    const std::vector<std::pair<int, std::string>> table = {
+        {0, "Kombanwa"},    {3, "Kombanwa"},    {4, "Ohayo gozaimasu"}, {11, "Ohayo gozaimasu"},
+        {12, "Konnichiwa"}, {17, "Konnichiwa"}, {18, "Kombanwa"},       {23, "Kombanwa"}};
+    for (const auto& [hour, greeting] : table)
+        EXPECT_EQ(Application::greeting(hour), greeting) << hour;
+}
+
+TEST(Application, CarriesOutHandedOverCommandsOnItsOwnChannels) {
+    TempDir home, feeds;
+    testing_support::writeFile(feeds.file("feed.xml"),
+                               "<rss><channel><title>F</title><item><guid>1</guid><title>One"
+                               "</title></item></channel></rss>");
+    RecordingFrontEnd frontEnd;
+    Application application;
+    ASSERT_EQ(application.start(frontEnd, optionsFor(home)), Application::StartResult::Started);
+    const std::string userDir = application.environment().paths.userDir;
+    auto send = [&](std::vector<std::string> args, std::string* output = nullptr) {
+        std::ostringstream out, err;
+        std::unique_ptr<SingleInstance> lock;
+        const auto status = handOverCommand(userDir, {std::move(args), feeds.path().string()}, out,
+                                            err, std::chrono::seconds(5), lock);
+        EXPECT_FALSE(lock);
+        if (output)
+            *output = out.str() + err.str();
+        return status.value_or(-1);
+    };
+    EXPECT_EQ(send({"add", "feed.xml", "--id", "f", "--interval", "0"}), 0);
+    ASSERT_TRUE(application.manager().findChannel("f"));
+    std::string updated;
+    EXPECT_EQ(send({"update", "f"}, &updated), 0);
+    EXPECT_NE(updated.find("[1/1] f (F): 1 new, 0 expired"), std::string::npos) << updated;
+    EXPECT_EQ(application.manager().findChannel("f")->state().itemCount(), 1u);
+    EXPECT_EQ(send({"remove", "f"}), 0);
+    EXPECT_FALSE(application.manager().findChannel("f"));
+    std::string refused;
+    EXPECT_EQ(send({"list"}, &refused), 2) << "read-only commands run in their own process";
+    application.shutDown();
+    EXPECT_FALSE(fs::exists(fs::path(userDir) / "Channels" / "f.rss"));
+}
