@@ -1,0 +1,197 @@
+#include "trayClient/channelDesktopSettings.h"
+
+#include "lib/misc/iniValues.h"
+#include "lib/misc/profileFile.h"
+#include "tests/support/testSupport.h"
+#include "tests/trayClient/logCapture.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+using namespace trayClient;
+using testing_support::LogCapture;
+using testing_support::readFile;
+using testing_support::TempDir;
+using testing_support::writeFile;
+namespace fs = std::filesystem;
+
+namespace {
+
+const char* const kViewed = "ViewedFeedItems";
+
+class DesktopSettingsTest : public ::testing::Test {
+protected:
+    ~DesktopSettingsTest() override { profile::clearCache(); }
+    std::string file(const std::string& text) {
+        const std::string path = m_dir.file("settings.ini");
+        writeFile(path, text);
+        profile::clearCache();
+        return path;
+    }
+    TempDir m_dir;
+    LogCapture m_log;
+};
+
+} // namespace
+
+TEST_F(DesktopSettingsTest, EveryKeyRoundTripsAndAnyNonZeroFlagIsTrue) {
+    ChannelDesktopSettings defaults;
+    defaults.viewedItems = {"x"};
+    ASSERT_TRUE(defaults.load(m_dir.file("none.ini"), "News"));
+    EXPECT_EQ(defaults, ChannelDesktopSettings{});
+
+    const std::string path = file("[Desktop Settings]\nConsolidateMultipleItems=7\n"
+                                  "NotifyOnNewItem=0\nNewItemSoundFile=/tmp/a%25b.wav\n"
+                                  "LastViewTime=1700000000\nLastNewItemTime=-5\n");
+    ChannelDesktopSettings settings;
+    ASSERT_TRUE(settings.load(path, "News"));
+    EXPECT_TRUE(settings.consolidateMultipleItems);
+    EXPECT_FALSE(settings.notifyOnNewItem);
+    EXPECT_EQ(settings.newItemSoundFile, "/tmp/a%b.wav");
+    EXPECT_EQ(settings.lastViewTime, 1700000000);
+    EXPECT_EQ(settings.lastNewItemTime, -5);
+
+    settings.animateOnNewItem = true;
+    settings.useQuickAccessMenu = true;
+    settings.useQuickAccessSubMenus = false;
+    settings.playSoundOnNewItem = false;
+    settings.viewedItems = {"http://example.org/a?x=1", "b"};
+    const std::string copy = m_dir.file("copy/settings.ini");
+    ASSERT_TRUE(settings.save(copy, "News"));
+    profile::clearCache();
+    ChannelDesktopSettings reloaded;
+    ASSERT_TRUE(reloaded.load(copy, "News"));
+    EXPECT_EQ(reloaded, settings);
+}
+
+TEST_F(DesktopSettingsTest, AGapOrAnEmptyValueEndsTheViewedList) {
+    ChannelDesktopSettings settings;
+    ASSERT_TRUE(settings.load(file("[ViewedFeedItems]\nViewedFeedItemId-1=a\n"
+                                   "ViewedFeedItemId-3=c\n"),
+                              "News"));
+    EXPECT_EQ(settings.viewedItems, (std::set<std::string>{"a"}));
+
+    ASSERT_TRUE(settings.load(file("[ViewedFeedItems]\nViewedFeedItemId-1=a\n"
+                                   "ViewedFeedItemId-2=b\nViewedFeedItemId-4=d\n"),
+                              "News"));
+    EXPECT_EQ(settings.viewedItems, (std::set<std::string>{"a", "b"}));
+
+    ASSERT_TRUE(settings.load(file("[ViewedFeedItems]\nViewedFeedItemId-1=\n"
+                                   "ViewedFeedItemId-2=b\nViewedFeedItemId-3=c\n"),
+                              "News"));
+    EXPECT_TRUE(settings.viewedItems.empty());
+    // Leading zeros are not the plain number.
+    ASSERT_TRUE(settings.load(file("[ViewedFeedItems]\nViewedFeedItemId-01=a\n"), "News"));
+    EXPECT_TRUE(settings.viewedItems.empty());
+}
+
+TEST_F(DesktopSettingsTest, SaveNumbersWithoutGapsAndRemovesKeysOfALongerList) {
+    const std::string path = file("[ViewedFeedItems]\nViewedFeedItemId-1=a\n"
+                                  "ViewedFeedItemId-2=b\nViewedFeedItemId-3=c\n"
+                                  "ViewedFeedItemId-4=d\nViewedFeedItemId-6=stale\n");
+    ChannelDesktopSettings settings;
+    ASSERT_TRUE(settings.load(path, "News"));
+    ASSERT_EQ(settings.viewedItems.size(), 4u);
+    settings.viewedItems = {"x"};
+    ASSERT_TRUE(settings.save(path, "News"));
+    EXPECT_EQ(profile::listIniKeys(path, kViewed), std::vector<std::string>{"ViewedFeedItemId-1"});
+    EXPECT_EQ(profile::readIniString(path, kViewed, "ViewedFeedItemId-1"), "x");
+}
+
+TEST_F(DesktopSettingsTest, LoadAndSaveLogTheListUnderTheChannelsName) {
+    const std::string path = file("[ViewedFeedItems]\nViewedFeedItemId-1=a\n"
+                                  "ViewedFeedItemId-2=b\n");
+    ChannelDesktopSettings settings;
+    settings.load(path, "News");
+    settings.save(path, "");
+    EXPECT_EQ(m_log.lines(), (std::vector<std::string>{
+                                 "Loading viewed feed item list for News",
+                                 "- # viewed feed items: 2",
+                                 "Saving viewed feed item list for <Unspecified channel>",
+                                 "- # viewed feed items: 2",
+                             }));
+}
+
+TEST_F(DesktopSettingsTest, TableMarksOnceAndLogsEachOperation) {
+    ChannelDesktopSettingsTable table(m_dir.path().string());
+    table.loadAll({{"news", "News"}, {"blank", ""}});
+    m_log.clear();
+    EXPECT_TRUE(table.markViewed("news", "a"));
+    EXPECT_FALSE(table.markViewed("news", "a"));
+    EXPECT_TRUE(table.hasViewed("news", "a"));
+    EXPECT_FALSE(table.hasViewed("blank", "a"));
+    table.clearViewed("news");
+    EXPECT_FALSE(table.hasViewed("news", "a"));
+    EXPECT_EQ(m_log.lines(), (std::vector<std::string>{
+                                 "Marking feed item as viewed: a",
+                                 "Marking feed item as viewed: a",
+                                 "Checking if feed item has been viewed for News",
+                                 "Checking if feed item has been viewed for <Unspecified channel>",
+                                 "Clearing viewed feed item list for News",
+                                 "Checking if feed item has been viewed for News",
+                             }));
+}
+
+TEST_F(DesktopSettingsTest, SavingDropsViewedIdsThatLeftTheFeed) {
+    ChannelDesktopSettingsTable table(m_dir.path().string());
+    for (const char* id : {"a", "b", "c"})
+        table.markViewed("news", id);
+    ASSERT_TRUE(table.save("news", std::vector<std::string>{"b", "c", "d"}));
+    EXPECT_EQ(table.get("news").viewedItems, (std::set<std::string>{"b", "c"}));
+    profile::clearCache();
+    ChannelDesktopSettings stored;
+    ASSERT_TRUE(stored.load(table.fileFor("news"), "News"));
+    EXPECT_EQ(stored.viewedItems, (std::set<std::string>{"b", "c"}));
+    EXPECT_EQ(table.fileFor("news"), (m_dir.path() / "DesktopSettings" / "news.ini").string());
+    // Without the feed's ids nothing is dropped.
+    table.markViewed("news", "z");
+    ASSERT_TRUE(table.save("news"));
+    EXPECT_EQ(table.get("news").viewedItems, (std::set<std::string>{"b", "c", "z"}));
+}
+
+TEST_F(DesktopSettingsTest, CorruptFileLoadsAsDefaultsIsKeptAsideAndOthersAreUntouched) {
+    ChannelDesktopSettingsTable table(m_dir.path().string());
+    fs::create_directories(table.directory());
+    ChannelDesktopSettings good;
+    good.animateOnNewItem = true;
+    good.viewedItems = {"g1", "g2"};
+    ASSERT_TRUE(good.save(table.fileFor("good"), "Good"));
+    const std::string garbage =
+        std::string("[Desktop Settings]\nNotifyOnNewItem=0") + std::string("\0\1\2", 3);
+    writeFile(table.fileFor("bad"), garbage);
+    profile::clearCache();
+
+    const auto failures = table.loadAll({{"bad", "Bad"}, {"good", "Good"}});
+    ASSERT_EQ(failures.size(), 1u);
+    EXPECT_EQ(failures[0].channel.name, "Bad");
+    EXPECT_FALSE(failures[0].reason.empty());
+    EXPECT_EQ(failures[0].keptAs, table.fileFor("bad") + ".corrupt");
+    EXPECT_EQ(readFile(failures[0].keptAs), garbage);
+    EXPECT_EQ(table.get("bad"), ChannelDesktopSettings{});
+    EXPECT_EQ(table.get("good"), good);
+
+    table.markViewed("bad", "b1");
+    ASSERT_TRUE(table.save("bad"));
+    ASSERT_TRUE(table.save("good"));
+    profile::clearCache();
+    ChannelDesktopSettingsTable again(m_dir.path().string());
+    EXPECT_TRUE(again.loadAll({{"bad", "Bad"}, {"good", "Good"}}).empty());
+    EXPECT_EQ(again.get("good"), good);
+    EXPECT_EQ(again.get("bad").viewedItems, (std::set<std::string>{"b1"}));
+    EXPECT_EQ(readFile(failures[0].keptAs), garbage);
+}
+
+TEST_F(DesktopSettingsTest, ChannelsOfADirectoryAreNamedByTheirConfiguration) {
+    const std::string dir = m_dir.file("Channels");
+    fs::create_directories(dir);
+    profile::writeIniString(dir + "/b.rss", "Config", "PreferredChannelDisplayName", "Bee");
+    profile::writeIniString(dir + "/a.plugin", "Last Feed", "ChannelDisplayName", "Ay");
+    profile::writeIniString(dir + "/c.rss", "Config", "RssChannelUrl", "http://c/");
+    writeFile(dir + "/notes.txt", "not a channel");
+    const auto channels = channelsInDirectory(dir);
+    ASSERT_EQ(channels.size(), 3u);
+    EXPECT_EQ(channels[0].id + "=" + channels[0].name, "a=Ay");
+    EXPECT_EQ(channels[1].id + "=" + channels[1].name, "b=Bee");
+    EXPECT_EQ(channels[2].id + "=" + channels[2].name, "c=c");
+}
