@@ -293,6 +293,22 @@ void Feed::truncateItems(std::size_t count) {
     m_items.truncate(count);
 }
 
+std::unique_ptr<Feed> Feed::headlines() const {
+    threadSafety::ScopedLock lock(m_lock);
+    auto copy = std::make_unique<Feed>();
+    copy->m_feedTime = m_feedTime;
+    copy->m_channel = m_channel;
+    FeedItem headline;
+    for (std::size_t i = 0; i < m_items.size(); ++i) {
+        FeedItem item = m_items.at(i);
+        headline.id = std::move(item.id);
+        headline.title = std::move(item.title);
+        headline.url = std::move(item.url);
+        copy->m_items.push_back(headline);
+    }
+    return copy;
+}
+
 std::size_t Feed::storedItemCount(const std::string& file, const std::string& section) {
     profile::WriteBatch snapshot(file);
     std::size_t count = 0;

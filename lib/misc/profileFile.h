@@ -75,6 +75,9 @@ using Snapshot = std::shared_ptr<const Document>;
 Snapshot snapshot(const std::string& path);
 // Whether two snapshots were taken of the same text (as read from disk or written there).
 bool sameText(const Snapshot& first, const Snapshot& second);
+// Whether the file on disk is known to hold the text the snapshot was taken of, without reading
+// it again: false when that is not known.
+bool holdsText(const std::string& path, const Snapshot& snapshot);
 
 // While one lives, the calling thread's reads of the file come from the snapshot instead of
 // the file or an open batch (writes are not meant meanwhile). A null snapshot changes nothing.
