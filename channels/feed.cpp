@@ -310,11 +310,13 @@ std::unique_ptr<Feed> Feed::headlines() const {
 }
 
 std::size_t Feed::storedItemCount(const std::string& file, const std::string& section) {
-    profile::WriteBatch snapshot(file);
-    std::size_t count = 0;
-    while (!profile::readIniString(file, feedItemSectionName(section, count + 1), "Id").empty())
-        ++count;
-    return count;
+    // An item is there when its id reads non-empty; a value without escapes is trimmed already.
+    const auto holdsId = [](std::string_view raw) {
+        if (raw.find('%') == std::string_view::npos)
+            return !raw.empty();
+        return !misc::trimmed(profile::unescapeIniValue(std::string(raw))).empty();
+    };
+    return profile::countNumberedSections(file, section + " (", ")", "Id", holdsId);
 }
 
 void Feed::load(const std::string& file, const std::string& section) {

@@ -225,6 +225,18 @@ public:
     std::vector<std::optional<std::string>> values(std::string_view section,
                                                    const std::vector<std::string>& keys) const;
     std::vector<std::string> keys(std::string_view section) const;
+    // Calls function(raw value) with the first value of the key in the section, if there is one.
+    template <typename Function>
+    void forEachValue(std::string_view section, std::string_view key, Function function) const {
+        const Found found = find(section);
+        if (found.section)
+            forEachKey(found, [&](std::string_view name, std::string_view value) {
+                if (!equalsNoCase(name, key))
+                    return false;
+                function(value);
+                return true;
+            });
+    }
     bool hasSection(std::string_view section) const { return find(section).section != nullptr; }
     void setValue(const std::string& section, const std::string& key, const std::string& value);
     void deleteKey(const std::string& section, const std::string& key);
@@ -1105,6 +1117,24 @@ std::vector<std::optional<std::string>> readValues(const std::string& path,
                                                    const std::string& section,
                                                    const std::vector<std::string>& keys) {
     return withDocument(path, [&](const Document& d) { return d.values(section, keys); });
+}
+
+std::size_t countNumberedSections(const std::string& path, const std::string& prefix,
+                                  const std::string& suffix, const std::string& key,
+                                  const std::function<bool(std::string_view)>& holds) {
+    return withDocument(path, [&](const Document& d) {
+        std::string name = prefix;
+        std::size_t count = 0;
+        for (;; ++count) {
+            name.resize(prefix.size());
+            name += std::to_string(count + 1);
+            name += suffix;
+            bool found = false;
+            d.forEachValue(name, key, [&](std::string_view value) { found = holds(value); });
+            if (!found)
+                return count;
+        }
+    });
 }
 
 bool appendSections(const std::string& path, std::shared_ptr<const SectionSource> source) {

@@ -12,6 +12,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -34,6 +35,12 @@ bool hasSection(const std::string& path, const std::string& section);
 std::vector<std::optional<std::string>> readValues(const std::string& path,
                                                    const std::string& section,
                                                    const std::vector<std::string>& keys);
+
+// How many sections prefix + n + suffix (n = 1, 2, ...) in a row hold the key with a raw value
+// that holds accepts: a numbered list whose first gap ends it, counted in one look at the file.
+std::size_t countNumberedSections(const std::string& path, const std::string& prefix,
+                                  const std::string& suffix, const std::string& key,
+                                  const std::function<bool(std::string_view)>& holds);
 
 // Sets a key (creating section and file as needed). The value must not contain a line
 // break. Returns false when the file could not be written; the error text is then in
