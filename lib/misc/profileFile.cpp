@@ -305,28 +305,31 @@ void Document::parse(std::shared_ptr<const std::string> text) {
     m_sections.reserve(all.size() / 128 + 1); // a guess that fits files of many small sections
     Section current;
     current.isPrelude = true;
-    size_t pos = 0;
-    while (pos < all.size()) {
-        size_t end = all.find('\n', pos);
+    // A header is a line whose first character other than white space is '[': the scan jumps
+    // from one '[' to the next instead of visiting every line.
+    size_t from = 0;
+    for (size_t first; (first = all.find('[', from)) != std::string_view::npos;) {
+        size_t pos = first; // where the line starts, when only white space comes before '['
+        while (pos > 0 && all[pos - 1] != '\n' && isSpace(all[pos - 1]))
+            --pos;
+        from = first + 1;
+        if (pos > 0 && all[pos - 1] != '\n')
+            continue;
+        size_t end = all.find('\n', first);
         const size_t next = end == std::string_view::npos ? all.size() : end + 1;
         if (end == std::string_view::npos)
             end = all.size();
-        size_t first = pos;
-        while (first < end && isSpace(all[first]))
-            ++first;
-        if (first < end && all[first] == '[') {
-            current.bodyEnd = pos;
-            m_sections.push_back(current);
-            const std::string_view line = trimmedView(all.substr(first, end - first));
-            const size_t close = line.find(']');
-            const std::string_view name = trimmedView(
-                line.substr(1, close == std::string_view::npos ? line.npos : close - 1));
-            current = Section{};
-            current.nameBegin = static_cast<size_t>(name.data() - all.data());
-            current.nameLength = static_cast<std::uint32_t>(name.size());
-            current.bodyBegin = next;
-        }
-        pos = next;
+        current.bodyEnd = pos;
+        m_sections.push_back(current);
+        const std::string_view line = trimmedView(all.substr(first, end - first));
+        const size_t close = line.find(']');
+        const std::string_view name = trimmedView(
+            line.substr(1, close == std::string_view::npos ? line.npos : close - 1));
+        current = Section{};
+        current.nameBegin = static_cast<size_t>(name.data() - all.data());
+        current.nameLength = static_cast<std::uint32_t>(name.size());
+        current.bodyBegin = next;
+        from = next;
     }
     current.bodyEnd = all.size();
     m_sections.push_back(current);
