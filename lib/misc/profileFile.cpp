@@ -849,7 +849,7 @@ std::atomic<std::uint64_t> g_nextVersion{1};
 struct CachedFile {
     std::mutex mutex;
     // Shared with the snapshots taken of it: changed in place only while nobody else holds it.
-    // Null while a write batch that took it over is open (see takeOver).
+    // Null while a write batch that took it over is open (see takeOverOrCopy).
     std::shared_ptr<Document> document = std::make_shared<Document>();
     Stamp stamp;
     bool valid = false;
@@ -904,7 +904,7 @@ void evictIdleFiles(Cache& instance) {
     while (instance.files.size() > kMaxCachedFiles) {
         auto victim = instance.files.end();
         for (auto it = instance.files.begin(); it != instance.files.end(); ++it)
-            if (it->second.use_count() == 1 && it->second->document &&
+            if (it->second.use_count() == 1 &&
                 (victim == instance.files.end() || it->second->lastUse < victim->second->lastUse))
                 victim = it;
         if (victim == instance.files.end())
