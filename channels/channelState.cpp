@@ -63,8 +63,8 @@ Feed& ChannelState::loadedFeed() const {
             profile::ReadFromSnapshot asLoaded(m_feedFile, m_feedSource);
             feed->load(m_feedFile, kFeedSection);
         }
-        m_feedOnFile = !m_feedFile.empty() &&
-                       (!m_feedSource || profile::holdsText(m_feedFile, m_feedSource));
+        m_feedOnFile =
+            !m_feedFile.empty() && (!m_feedSource || profile::holdsText(m_feedFile, m_feedSource));
         m_feed = std::move(feed);
         m_feedSource.reset();
         // The feed is in memory now: the file's text is read again when a save needs it.

@@ -68,8 +68,8 @@ private:
     Feed& loadedFeed() const; // called with the lock held
 
     mutable std::unique_ptr<Feed> m_feed;
-    mutable bool m_feedOnFile = false; // the file holds the feed in memory
-    std::uint64_t m_feedGeneration = 0; // counts the feeds handed over
+    mutable bool m_feedOnFile = false;           // the file holds the feed in memory
+    std::uint64_t m_feedGeneration = 0;          // counts the feeds handed over
     mutable std::uint64_t m_savedGeneration = 0; // the feed the last save wrote
     std::string m_feedFile; // where the feed is read from when it is not in memory
     // The file as it was loaded or last saved, while the feed is not in memory.

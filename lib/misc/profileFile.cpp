@@ -323,8 +323,8 @@ void Document::parse(std::shared_ptr<const std::string> text) {
         m_sections.push_back(current);
         const std::string_view line = trimmedView(all.substr(first, end - first));
         const size_t close = line.find(']');
-        const std::string_view name = trimmedView(
-            line.substr(1, close == std::string_view::npos ? line.npos : close - 1));
+        const std::string_view name =
+            trimmedView(line.substr(1, close == std::string_view::npos ? line.npos : close - 1));
         current = Section{};
         current.nameBegin = static_cast<size_t>(name.data() - all.data());
         current.nameLength = static_cast<std::uint32_t>(name.size());
@@ -853,7 +853,7 @@ struct CachedFile {
     std::shared_ptr<Document> document = std::make_shared<Document>();
     Stamp stamp;
     bool valid = false;
-    int readError = 0; // errno of a file that exists but could not be opened
+    int readError = 0;         // errno of a file that exists but could not be opened
     std::uint64_t version = 0; // changes with every change of the parsed copy
     std::size_t textHash = 0;  // of the text on disk, to skip writes that change nothing
     std::size_t textSize = 0;
