@@ -196,8 +196,7 @@ TEST_F(EngineTest, UpdatesRaiseExpiredEventsBeforeTheReplacementAndNewOnesAfter)
 TEST_F(EngineTest, ExpiredItemsKeepTheirHeadlinesAndFailedUpdatesKeepTheOldItemsWhole) {
     const auto item = [](const std::string& id) {
         return "<item><title>Item " + id + "</title><link>http://example.org/" + id +
-               "</link><guid>" + id + "</guid><description>Text of " + id +
-               "</description></item>";
+               "</link><guid>" + id + "</guid><description>Text of " + id + "</description></item>";
     };
     const auto feedOf = [](const std::string& items) {
         return "<?xml version=\"1.0\"?><rss version=\"2.0\"><channel><title>News</title>"
