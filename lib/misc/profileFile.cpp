@@ -42,7 +42,12 @@ std::uint64_t hashNoCase(std::string_view name) {
     return hash ^ (hash >> 29);
 }
 
-inline bool isSpace(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
+inline bool isSpace(char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x80) // the same in every locale, and the common case
+        return byte == ' ' || (byte >= '\t' && byte <= '\r');
+    return std::isspace(byte) != 0;
+}
 
 std::string_view trimmedView(std::string_view text) {
     while (!text.empty() && isSpace(text.front()))
@@ -282,6 +287,9 @@ private:
     void materialize(std::int32_t source);
     void reindex();
     void insertIntoTable(std::size_t index);
+    // Inserts the section (its name hashed to hash) unless an earlier one has its name; returns
+    // whether it did.
+    bool insertIfFirst(std::size_t index, std::uint64_t hash);
     std::size_t lookup(std::string_view name) const; // index + 1 of the first occurrence, or 0
 
     std::shared_ptr<const std::string> m_text = std::make_shared<const std::string>();
@@ -381,21 +389,50 @@ void Document::reindex() {
     m_duplicates.clear();
     m_sourceSections.clear();
     const size_t mask = m_table.size() - 1;
-    constexpr size_t kAhead = 16; // slots are fetched this many sections ahead of their use
+    const auto named = [](const Section& s) { return !s.isPrelude && !s.deleted && s.source < 0; };
+    // Names are hashed this many sections ahead of their use, and their slots fetched meanwhile.
+    constexpr size_t kAhead = 16;
+    std::uint64_t hashes[kAhead] = {};
+    const auto hashAhead = [&](size_t i) {
+        if (i < m_sections.size() && named(m_sections[i])) {
+            hashes[i % kAhead] = hashNoCase(nameOf(m_sections[i]));
+            __builtin_prefetch(&m_table[hashes[i % kAhead] & mask]);
+        }
+    };
+    for (size_t i = 0; i < kAhead; ++i)
+        hashAhead(i);
     for (size_t i = 0; i < m_sections.size(); ++i) {
-        if (i + kAhead < m_sections.size() && m_sections[i + kAhead].source < 0)
-            __builtin_prefetch(&m_table[hashNoCase(nameOf(m_sections[i + kAhead])) & mask]);
+        const std::uint64_t hash = hashes[i % kAhead];
+        hashAhead(i + kAhead);
         Section& section = m_sections[i];
         section.duplicate = false;
         if (section.source >= 0 && !section.deleted)
             m_sourceSections.push_back(static_cast<std::uint32_t>(i));
-        if (section.isPrelude || section.deleted || section.source >= 0)
+        if (!named(section))
             continue;
-        if (lookup(nameOf(section)) != 0) {
+        if (!insertIfFirst(i, hash)) {
             section.duplicate = true;
             m_duplicates.push_back(static_cast<std::uint32_t>(i));
-        } else
-            insertIntoTable(i);
+        }
+    }
+}
+
+bool Document::insertIfFirst(std::size_t index, std::uint64_t hash) {
+    // One probe sequence both looks for an earlier section of the name and finds the free slot.
+    const size_t mask = m_table.size() - 1;
+    const std::string_view name = nameOf(m_sections[index]);
+    for (size_t slot = hash & mask;; slot = (slot + 1) & mask) {
+        const std::uint64_t entry = m_table[slot];
+        if (entry == 0) {
+            m_table[slot] = (hash & 0xFFFFFFFF00000000ull) | (index + 1);
+            ++m_tableUsed;
+            return true;
+        }
+        if ((entry ^ hash) >> 32 != 0)
+            continue;
+        const Section& candidate = m_sections[(entry & 0xFFFFFFFFull) - 1];
+        if (!candidate.deleted && equalsNoCase(nameOf(candidate), name))
+            return false;
     }
 }
 
