@@ -39,8 +39,13 @@ public:
             channel.state().replaceFeed(std::move(headlines));
     }
     ~OldHeadlinesShown() {
-        if (m_shown)
-            m_channel.state().readFeedFromFile(m_channel.fileName());
+        if (!m_shown)
+            return;
+        m_channel.state().readFeedFromFile(m_channel.fileName());
+        try {
+            m_channel.state().feed();
+        } catch (...) { // it is read when next used
+        }
     }
     OldHeadlinesShown(const OldHeadlinesShown&) = delete;
     OldHeadlinesShown& operator=(const OldHeadlinesShown&) = delete;
@@ -53,6 +58,22 @@ private:
     Channel& m_channel;
     bool m_shown;
 };
+
+// Fetches and parses the channel's new feed: null when the source reports it unchanged. The old
+// feed, which may have left memory for the parse, comes back from the file when no new one
+// replaces it.
+std::unique_ptr<Feed> fetchNewFeed(Channel& channel, bool firstFetch) {
+    std::unique_ptr<Feed> feed;
+    try {
+        feed = channel.update(firstFetch);
+    } catch (...) {
+        channel.state().feed();
+        throw;
+    }
+    if (!feed)
+        channel.state().feed();
+    return feed;
+}
 
 } // namespace
 
@@ -153,7 +174,7 @@ void ChannelManager::updateFeed(Channel& channel) {
 
     PELSU_LOG(group, "Getting the latest feed for " << channel.name());
     channel.state().setLastFetchTime(static_cast<std::int32_t>(now()));
-    std::unique_ptr<Feed> newFeed = channel.update(firstFetch);
+    std::unique_ptr<Feed> newFeed = fetchNewFeed(channel, firstFetch);
     if (m_forcedStop)
         return;
 

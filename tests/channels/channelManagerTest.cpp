@@ -228,6 +228,7 @@ TEST_F(EngineTest, ExpiredItemsKeepTheirHeadlinesAndFailedUpdatesKeepTheOldItems
     writeFile(feed, feedOf(item("b")) + "<broken");
     m_now += 3600;
     m.runUpdatePass();
+    EXPECT_TRUE(m.findChannel("news")->state().isFeedLoaded());
     EXPECT_EQ(description(0), "Text of a");
     // A listener fails during the expired-item events: the same.
     writeFile(feed, feedOf(item("b")));
@@ -336,6 +337,9 @@ TEST_F(EngineTest, UnchangedFeedRaisesNoItemEventsButTheFetchTimeMoves) {
     EXPECT_EQ(m_recorder.take(), (std::vector<std::string>{"begin n", "end n ok"}));
     EXPECT_EQ(m.findChannel("n")->state().lastFetchTime(), static_cast<std::int32_t>(m_now.load()));
     EXPECT_EQ(m.findChannel("n")->state().httpETag(), "\"v1\"");
+    EXPECT_TRUE(m.findChannel("n")->state().isFeedLoaded())
+        << "back from the file, not a copy of it";
+    EXPECT_EQ(m.findChannel("n")->state().feed().itemId(0), "a");
 }
 
 TEST_F(EngineTest, CorruptChannelFileGivesOneErrorAndTheOthersLoad) {
