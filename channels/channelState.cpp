@@ -29,6 +29,7 @@ void ChannelState::save(const std::string& file) const {
     profile::writeIniString(file, kSection, "HttpETag", m_httpETag);
     if (m_feed)
         m_feed->save(file, kFeedSection);
+    m_savedGeneration = m_feedGeneration;
 }
 
 std::int32_t ChannelState::lastFetchTime() const {
@@ -62,6 +63,8 @@ Feed& ChannelState::loadedFeed() const {
             profile::ReadFromSnapshot asLoaded(m_feedFile, m_feedSource);
             feed->load(m_feedFile, kFeedSection);
         }
+        m_feedOnFile =
+            !m_feedFile.empty() && (!m_feedSource || profile::holdsText(m_feedFile, m_feedSource));
         m_feed = std::move(feed);
         m_feedSource.reset();
         // The feed is in memory now: the file's text is read again when a save needs it.
@@ -81,6 +84,8 @@ const Feed& ChannelState::feed() const {
 void ChannelState::replaceFeed(std::unique_ptr<Feed> feed) {
     threadSafety::ScopedLock lock(m_lock);
     m_feed = feed ? std::move(feed) : std::make_unique<Feed>();
+    m_feedOnFile = false;
+    ++m_feedGeneration;
 }
 std::size_t ChannelState::itemCount() const {
     threadSafety::ScopedLock lock(m_lock);
@@ -115,6 +120,24 @@ void ChannelState::feedSaved(const std::string& file) {
     threadSafety::ScopedLock lock(m_lock);
     if (!m_feed)
         m_feedSource = profile::snapshot(file);
+    else if (m_savedGeneration == m_feedGeneration)
+        m_feedOnFile = true; // unless another feed came in after the save wrote this one
+}
+
+std::unique_ptr<Feed> ChannelState::releaseFeedForUpdate(const std::string& file) {
+    threadSafety::ScopedLock lock(m_lock);
+    if (!m_feed || !m_feedOnFile)
+        return nullptr;
+    std::unique_ptr<Feed> headlines = m_feed->headlines();
+    readFeedFromFile(file);
+    return headlines;
+}
+
+void ChannelState::readFeedFromFile(const std::string& file) {
+    threadSafety::ScopedLock lock(m_lock);
+    m_feed.reset();
+    m_feedFile = file;
+    m_feedSource.reset();
 }
 
 } // namespace channels

@@ -53,6 +53,12 @@ public:
     void keepFeedThroughSave(const std::string& file);
     // After a save: the file now holds the feed.
     void feedSaved(const std::string& file);
+    // Before an update fetches and parses a new feed: when the file is known to hold the feed in
+    // memory, drops it (it is read from the file again when next used) and returns its
+    // headlines for the expired-item events; otherwise keeps it and returns null.
+    std::unique_ptr<Feed> releaseFeedForUpdate(const std::string& file);
+    // Drops the feed in memory: the file holds the one to use (see releaseFeedForUpdate).
+    void readFeedFromFile(const std::string& file);
 
 private:
     mutable threadSafety::CriticalSection m_lock{"ChannelState"};
@@ -62,6 +68,9 @@ private:
     Feed& loadedFeed() const; // called with the lock held
 
     mutable std::unique_ptr<Feed> m_feed;
+    mutable bool m_feedOnFile = false;           // the file holds the feed in memory
+    std::uint64_t m_feedGeneration = 0;          // counts the feeds handed over
+    mutable std::uint64_t m_savedGeneration = 0; // the feed the last save wrote
     std::string m_feedFile; // where the feed is read from when it is not in memory
     // The file as it was loaded or last saved, while the feed is not in memory.
     mutable profile::Snapshot m_feedSource;

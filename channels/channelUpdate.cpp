@@ -28,6 +28,53 @@ FeedIndex indexFeed(const Feed& feed) {
     return index;
 }
 
+// Shows the old feed's headlines as the channel's feed while the expired-item events run, so
+// that listeners read the expired items at their indices. Should an event throw, the channel
+// reads its old feed from its file again.
+class OldHeadlinesShown {
+public:
+    OldHeadlinesShown(Channel& channel, std::unique_ptr<Feed> headlines)
+        : m_channel(channel), m_shown(headlines != nullptr) {
+        if (m_shown)
+            channel.state().replaceFeed(std::move(headlines));
+    }
+    ~OldHeadlinesShown() {
+        if (!m_shown)
+            return;
+        m_channel.state().readFeedFromFile(m_channel.fileName());
+        try {
+            m_channel.state().feed();
+        } catch (...) { // it is read when next used
+        }
+    }
+    OldHeadlinesShown(const OldHeadlinesShown&) = delete;
+    OldHeadlinesShown& operator=(const OldHeadlinesShown&) = delete;
+    void replaceWith(std::unique_ptr<Feed> feed) {
+        m_channel.state().replaceFeed(std::move(feed));
+        m_shown = false;
+    }
+
+private:
+    Channel& m_channel;
+    bool m_shown;
+};
+
+// Fetches and parses the channel's new feed: null when the source reports it unchanged. The old
+// feed, which may have left memory for the parse, comes back from the file when no new one
+// replaces it.
+std::unique_ptr<Feed> fetchNewFeed(Channel& channel, bool firstFetch) {
+    std::unique_ptr<Feed> feed;
+    try {
+        feed = channel.update(firstFetch);
+    } catch (...) {
+        channel.state().feed();
+        throw;
+    }
+    if (!feed)
+        channel.state().feed();
+    return feed;
+}
+
 } // namespace
 
 void ChannelManager::workerLoop() {
@@ -121,10 +168,13 @@ void ChannelManager::updateFeed(Channel& channel) {
     PELSU_LOG(group, "Building an index of the old feed items.");
     const FeedIndex oldIndex = indexFeed(channel.state().feed());
     const bool firstFetch = channel.state().feed().feedTime() == 0;
+    // The old feed waits in the file while the new one is fetched and parsed, so that the two
+    // are never in memory together; its headlines stay for the expired-item events.
+    std::unique_ptr<Feed> oldHeadlines = channel.state().releaseFeedForUpdate(channel.fileName());
 
     PELSU_LOG(group, "Getting the latest feed for " << channel.name());
     channel.state().setLastFetchTime(static_cast<std::int32_t>(now()));
-    std::unique_ptr<Feed> newFeed = channel.update(firstFetch);
+    std::unique_ptr<Feed> newFeed = fetchNewFeed(channel, firstFetch);
     if (m_forcedStop)
         return;
 
@@ -139,6 +189,7 @@ void ChannelManager::updateFeed(Channel& channel) {
         PELSU_LOG(group, "Building an index of the new feed items.");
         newIndex = indexFeed(*newFeed);
         PELSU_LOG(group, "Checking for expired items.");
+        OldHeadlinesShown shown(channel, std::move(oldHeadlines));
         for (const auto& [id, index] : oldIndex) {
             if (newIndex.count(id))
                 continue;
@@ -147,7 +198,7 @@ void ChannelManager::updateFeed(Channel& channel) {
             raiseEvent(expired);
         }
         PELSU_LOG(group, "Replacing the old feed with the new one.");
-        channel.state().replaceFeed(std::move(newFeed));
+        shown.replaceWith(std::move(newFeed));
         PELSU_LOG(group, "Checking for new feed items.");
         for (const auto& [id, index] : newIndex) {
             if (oldIndex.count(id))

@@ -84,8 +84,9 @@ public:
     void write(std::ostream& out) const override { writeAs(out, "NewFeedItemEvent"); }
 };
 
-// feedItemIndex() is the vanished item's index in the feed the channel still holds while the
-// event runs.
+// feedItemIndex() is the vanished item's index in the old feed, which the channel still holds
+// while the event runs: its items' ids, titles and links at least (an update keeps only those
+// of a feed it could read again from the channel's file).
 class ExpiredFeedItemEvent : public FeedItemEvent {
 public:
     ExpiredFeedItemEvent(std::time_t time, Channel* channel, std::int32_t feedItemIndex)

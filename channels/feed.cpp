@@ -293,12 +293,30 @@ void Feed::truncateItems(std::size_t count) {
     m_items.truncate(count);
 }
 
+std::unique_ptr<Feed> Feed::headlines() const {
+    threadSafety::ScopedLock lock(m_lock);
+    auto copy = std::make_unique<Feed>();
+    copy->m_feedTime = m_feedTime;
+    copy->m_channel = m_channel;
+    FeedItem headline;
+    for (std::size_t i = 0; i < m_items.size(); ++i) {
+        FeedItem item = m_items.at(i);
+        headline.id = std::move(item.id);
+        headline.title = std::move(item.title);
+        headline.url = std::move(item.url);
+        copy->m_items.push_back(headline);
+    }
+    return copy;
+}
+
 std::size_t Feed::storedItemCount(const std::string& file, const std::string& section) {
-    profile::WriteBatch snapshot(file);
-    std::size_t count = 0;
-    while (!profile::readIniString(file, feedItemSectionName(section, count + 1), "Id").empty())
-        ++count;
-    return count;
+    // An item is there when its id reads non-empty; a value without escapes is trimmed already.
+    const auto holdsId = [](std::string_view raw) {
+        if (raw.find('%') == std::string_view::npos)
+            return !raw.empty();
+        return !misc::trimmed(profile::unescapeIniValue(std::string(raw))).empty();
+    };
+    return profile::countNumberedSections(file, section + " (", ")", "Id", holdsId);
 }
 
 void Feed::load(const std::string& file, const std::string& section) {

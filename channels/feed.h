@@ -97,6 +97,9 @@ public:
     void appendItem(FeedItem item);
     // Keeps the first count items.
     void truncateItems(std::size_t count);
+    // A copy that keeps of each item only its id, title and link (what a listener of an
+    // expired-item event reads), at a fraction of the memory of the whole feed.
+    std::unique_ptr<Feed> headlines() const;
 
     // How many items a load from section S would bring, without reading them.
     static std::size_t storedItemCount(const std::string& file, const std::string& section);

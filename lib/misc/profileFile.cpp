@@ -42,7 +42,12 @@ std::uint64_t hashNoCase(std::string_view name) {
     return hash ^ (hash >> 29);
 }
 
-inline bool isSpace(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
+inline bool isSpace(char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x80) // the same in every locale, and the common case
+        return byte == ' ' || (byte >= '\t' && byte <= '\r');
+    return std::isspace(byte) != 0;
+}
 
 std::string_view trimmedView(std::string_view text) {
     while (!text.empty() && isSpace(text.front()))
@@ -210,13 +215,13 @@ public:
         : textHash(other.textHash), textSize(other.textSize), m_text(other.m_text),
           m_sections(other.m_sections), m_parsed(other.m_parsed), m_sources(other.m_sources),
           m_table(other.m_table), m_tableUsed(other.m_tableUsed), m_duplicates(other.m_duplicates),
-          m_sourceSections(other.m_sourceSections) {}
+          m_sourceSections(other.m_sourceSections), m_pristine(other.m_pristine) {}
     Document(Document&& other) noexcept
         : textHash(other.textHash), textSize(other.textSize), m_text(std::move(other.m_text)),
           m_sections(std::move(other.m_sections)), m_parsed(std::move(other.m_parsed)),
           m_sources(std::move(other.m_sources)), m_table(std::move(other.m_table)),
           m_tableUsed(other.m_tableUsed), m_duplicates(std::move(other.m_duplicates)),
-          m_sourceSections(std::move(other.m_sourceSections)) {}
+          m_sourceSections(std::move(other.m_sourceSections)), m_pristine(other.m_pristine) {}
     void parse(std::shared_ptr<const std::string> text);
     // Streams the text into the sink.
     void serialize(Sink& sink) const;
@@ -225,6 +230,18 @@ public:
     std::vector<std::optional<std::string>> values(std::string_view section,
                                                    const std::vector<std::string>& keys) const;
     std::vector<std::string> keys(std::string_view section) const;
+    // Calls function(raw value) with the first value of the key in the section, if there is one.
+    template <typename Function>
+    void forEachValue(std::string_view section, std::string_view key, Function function) const {
+        const Found found = find(section);
+        if (found.section)
+            forEachKey(found, [&](std::string_view name, std::string_view value) {
+                if (!equalsNoCase(name, key))
+                    return false;
+                function(value);
+                return true;
+            });
+    }
     bool hasSection(std::string_view section) const { return find(section).section != nullptr; }
     void setValue(const std::string& section, const std::string& key, const std::string& value);
     void deleteKey(const std::string& section, const std::string& key);
@@ -235,6 +252,12 @@ public:
     // Applies to this document what changed from base to mine: sections mine no longer has
     // are deleted, and keys mine added, changed or removed are set or deleted.
     void mergeChanges(const Document& base, const Document& mine);
+
+    // The text the document was read from.
+    const std::shared_ptr<const std::string>& text() const { return m_text; }
+    // Whether the document is its text as read, unchanged: then parsing the text gives it again.
+    bool isPristine() const { return m_pristine; }
+    bool holdsNul() const { return std::memchr(m_text->data(), '\0', m_text->size()) != nullptr; }
 
     // Identifies the text the document was read from or last written as (0 when neither).
     std::size_t textHash = 0;
@@ -264,6 +287,9 @@ private:
     void materialize(std::int32_t source);
     void reindex();
     void insertIntoTable(std::size_t index);
+    // Inserts the section (its name hashed to hash) unless an earlier one has its name; returns
+    // whether it did.
+    bool insertIfFirst(std::size_t index, std::uint64_t hash);
     std::size_t lookup(std::string_view name) const; // index + 1 of the first occurrence, or 0
 
     std::shared_ptr<const std::string> m_text = std::make_shared<const std::string>();
@@ -275,6 +301,7 @@ private:
     std::vector<std::uint32_t> m_duplicates;        // the sections marked duplicate
     std::vector<std::uint32_t> m_sourceSections;    // the sections written from a source
     mutable std::atomic<std::size_t> m_nextHint{0}; // the section find tries first
+    bool m_pristine = true;
 };
 
 void Document::parse(std::shared_ptr<const std::string> text) {
@@ -286,32 +313,36 @@ void Document::parse(std::shared_ptr<const std::string> text) {
     m_sections.reserve(all.size() / 128 + 1); // a guess that fits files of many small sections
     Section current;
     current.isPrelude = true;
-    size_t pos = 0;
-    while (pos < all.size()) {
-        size_t end = all.find('\n', pos);
+    // A header is a line whose first character other than white space is '[': the scan jumps
+    // from one '[' to the next instead of visiting every line.
+    size_t from = 0;
+    for (size_t first; (first = all.find('[', from)) != std::string_view::npos;) {
+        size_t pos = first; // where the line starts, when only white space comes before '['
+        while (pos > 0 && all[pos - 1] != '\n' && isSpace(all[pos - 1]))
+            --pos;
+        from = first + 1;
+        if (pos > 0 && all[pos - 1] != '\n')
+            continue;
+        size_t end = all.find('\n', first);
         const size_t next = end == std::string_view::npos ? all.size() : end + 1;
         if (end == std::string_view::npos)
             end = all.size();
-        size_t first = pos;
-        while (first < end && isSpace(all[first]))
-            ++first;
-        if (first < end && all[first] == '[') {
-            current.bodyEnd = pos;
-            m_sections.push_back(current);
-            const std::string_view line = trimmedView(all.substr(first, end - first));
-            const size_t close = line.find(']');
-            const std::string_view name = trimmedView(
-                line.substr(1, close == std::string_view::npos ? line.npos : close - 1));
-            current = Section{};
-            current.nameBegin = static_cast<size_t>(name.data() - all.data());
-            current.nameLength = static_cast<std::uint32_t>(name.size());
-            current.bodyBegin = next;
-        }
-        pos = next;
+        current.bodyEnd = pos;
+        m_sections.push_back(current);
+        const std::string_view line = trimmedView(all.substr(first, end - first));
+        const size_t close = line.find(']');
+        const std::string_view name =
+            trimmedView(line.substr(1, close == std::string_view::npos ? line.npos : close - 1));
+        current = Section{};
+        current.nameBegin = static_cast<size_t>(name.data() - all.data());
+        current.nameLength = static_cast<std::uint32_t>(name.size());
+        current.bodyBegin = next;
+        from = next;
     }
     current.bodyEnd = all.size();
     m_sections.push_back(current);
     reindex();
+    m_pristine = true;
 }
 
 std::string_view Document::nameOf(const Section& section) const {
@@ -358,21 +389,50 @@ void Document::reindex() {
     m_duplicates.clear();
     m_sourceSections.clear();
     const size_t mask = m_table.size() - 1;
-    constexpr size_t kAhead = 16; // slots are fetched this many sections ahead of their use
+    const auto named = [](const Section& s) { return !s.isPrelude && !s.deleted && s.source < 0; };
+    // Names are hashed this many sections ahead of their use, and their slots fetched meanwhile.
+    constexpr size_t kAhead = 16;
+    std::uint64_t hashes[kAhead] = {};
+    const auto hashAhead = [&](size_t i) {
+        if (i < m_sections.size() && named(m_sections[i])) {
+            hashes[i % kAhead] = hashNoCase(nameOf(m_sections[i]));
+            __builtin_prefetch(&m_table[hashes[i % kAhead] & mask]);
+        }
+    };
+    for (size_t i = 0; i < kAhead; ++i)
+        hashAhead(i);
     for (size_t i = 0; i < m_sections.size(); ++i) {
-        if (i + kAhead < m_sections.size() && m_sections[i + kAhead].source < 0)
-            __builtin_prefetch(&m_table[hashNoCase(nameOf(m_sections[i + kAhead])) & mask]);
+        const std::uint64_t hash = hashes[i % kAhead];
+        hashAhead(i + kAhead);
         Section& section = m_sections[i];
         section.duplicate = false;
         if (section.source >= 0 && !section.deleted)
             m_sourceSections.push_back(static_cast<std::uint32_t>(i));
-        if (section.isPrelude || section.deleted || section.source >= 0)
+        if (!named(section))
             continue;
-        if (lookup(nameOf(section)) != 0) {
+        if (!insertIfFirst(i, hash)) {
             section.duplicate = true;
             m_duplicates.push_back(static_cast<std::uint32_t>(i));
-        } else
-            insertIntoTable(i);
+        }
+    }
+}
+
+bool Document::insertIfFirst(std::size_t index, std::uint64_t hash) {
+    // One probe sequence both looks for an earlier section of the name and finds the free slot.
+    const size_t mask = m_table.size() - 1;
+    const std::string_view name = nameOf(m_sections[index]);
+    for (size_t slot = hash & mask;; slot = (slot + 1) & mask) {
+        const std::uint64_t entry = m_table[slot];
+        if (entry == 0) {
+            m_table[slot] = (hash & 0xFFFFFFFF00000000ull) | (index + 1);
+            ++m_tableUsed;
+            return true;
+        }
+        if ((entry ^ hash) >> 32 != 0)
+            continue;
+        const Section& candidate = m_sections[(entry & 0xFFFFFFFFull) - 1];
+        if (!candidate.deleted && equalsNoCase(nameOf(candidate), name))
+            return false;
     }
 }
 
@@ -524,6 +584,7 @@ void Document::serialize(Sink& sink) const {
 }
 
 std::vector<Line>* Document::linesFor(const std::string& name, bool create) {
+    m_pristine = false;
     Found found = find(name);
     if (found.section && found.section->source >= 0) {
         materialize(found.section->source);
@@ -603,6 +664,7 @@ void Document::deleteKey(const std::string& section, const std::string& key) {
 }
 
 void Document::deleteSection(const std::string& section) {
+    m_pristine = false;
     Found found = find(section);
     if (found.section && found.section->source >= 0) {
         materialize(found.section->source);
@@ -668,6 +730,7 @@ void Document::appendSections(const std::shared_ptr<const SectionSource>& source
     // Sections the file holds already take their keys where writes would put them: when such a
     // section holds exactly those keys one a line, its keys come from the source in its place.
     // The others are appended, from the source, when they are its last ones.
+    m_pristine = false;
     const size_t count = source->sectionCount();
     std::vector<const Section*> inPlace;
     std::vector<std::pair<std::string, std::string>> keys;
@@ -823,9 +886,11 @@ std::atomic<std::uint64_t> g_nextVersion{1};
 struct CachedFile {
     std::mutex mutex;
     // Shared with the snapshots taken of it: changed in place only while nobody else holds it.
+    // Null while a write batch that took it over is open (see takeOverOrCopy).
     std::shared_ptr<Document> document = std::make_shared<Document>();
     Stamp stamp;
     bool valid = false;
+    int readError = 0;         // errno of a file that exists but could not be opened
     std::uint64_t version = 0; // changes with every change of the parsed copy
     std::size_t textHash = 0;  // of the text on disk, to skip writes that change nothing
     std::size_t textSize = 0;
@@ -851,6 +916,9 @@ struct BatchState {
     bool changed = false;
     std::shared_ptr<const Document> base; // the shared copy the batch started from
     std::uint64_t baseVersion = 0;        // and its version
+    // When the batch took the cached copy over instead of copying it, base is null and the
+    // text it was parsed from stands for it.
+    std::shared_ptr<const std::string> baseText;
 };
 
 thread_local std::map<std::string, BatchState> t_batches;
@@ -895,10 +963,11 @@ std::shared_ptr<CachedFile> cachedFile(const std::string& path) {
     return file;
 }
 
-bool readWholeFile(const std::string& path, std::string& text) {
+// Reads a file into text; returns 0, or the errno of a file that could not be opened.
+int readWholeFile(const std::string& path, std::string& text) {
     FILE* file = std::fopen(path.c_str(), "rb");
     if (!file)
-        return false;
+        return errno;
     struct stat info {};
     if (::fstat(::fileno(file), &info) == 0 && info.st_size > 0)
         text.reserve(static_cast<size_t>(info.st_size));
@@ -907,17 +976,16 @@ bool readWholeFile(const std::string& path, std::string& text) {
     while ((count = std::fread(buffer, 1, sizeof buffer, file)) > 0)
         text.append(buffer, count);
     std::fclose(file);
-    return true;
+    return 0;
 }
 
 // Brings the parsed copy up to date with the disk; called with the file's mutex held.
 void refresh(CachedFile& file, const std::string& path) {
     Stamp current = stampOf(path);
-    if (file.valid && current == file.stamp)
+    if (file.valid && file.document && current == file.stamp)
         return;
     auto text = std::make_shared<std::string>();
-    if (current.exists)
-        readWholeFile(path, *text);
+    file.readError = current.exists ? readWholeFile(path, *text) : 0;
     TextHasher hasher;
     hasher.add(text->data(), text->size());
     file.document = std::make_shared<Document>();
@@ -972,14 +1040,23 @@ bool applyAndWrite(const std::string& path, const std::vector<Operation>& operat
                    BatchState* batch = nullptr) {
     auto file = cachedFile(path);
     std::lock_guard guard(file->mutex);
-    refresh(*file, path);
+    // A copy the batch took over stays current while nobody read the file again meanwhile and
+    // the disk still holds the text it came from.
+    if (!batch || file->document || file->version != batch->baseVersion ||
+        !(stampOf(path) == file->stamp))
+        refresh(*file, path);
     if (batch && batch->baseVersion == file->version) {
         file->document = std::make_shared<Document>(std::move(*batch->document));
     } else {
         if (file->document.use_count() > 1) // a snapshot keeps the copy it was given
             file->document = std::make_shared<Document>(*file->document);
-        if (batch)
+        if (batch && batch->base) {
             file->document->mergeChanges(*batch->base, *batch->document);
+        } else if (batch) {
+            Document base; // the copy the batch took over, as it was before its writes
+            base.parse(batch->baseText);
+            file->document->mergeChanges(base, *batch->document);
+        }
         for (const Operation& operation : operations)
             operation.applyTo(*file->document);
     }
@@ -1007,6 +1084,23 @@ bool applyAndWrite(const std::string& path, const std::vector<Operation>& operat
     return true;
 }
 
+// The document a batch's first change goes into: the cached copy itself when nobody else holds
+// it and it is still its text as read, so that a large file's index is not copied; then the
+// cache forgets it until the batch commits (other threads reading meanwhile read the file
+// again). A copy otherwise.
+std::unique_ptr<Document> takeOverOrCopy(const std::string& path, BatchState& state) {
+    auto file = cachedFile(path);
+    std::lock_guard guard(file->mutex);
+    if (file->document != state.base || file->version != state.baseVersion ||
+        state.base.use_count() != 2 || !state.base->isPristine())
+        return std::make_unique<Document>(*state.base);
+    auto taken = std::make_unique<Document>(std::move(*file->document));
+    file->document.reset();
+    state.base.reset();
+    state.baseText = taken->text();
+    return taken;
+}
+
 bool change(const std::string& rawPath, Operation operation) {
     const std::string path = normalized(rawPath);
     auto batch = t_batches.find(path);
@@ -1015,7 +1109,7 @@ bool change(const std::string& rawPath, Operation operation) {
         if (!state.document) {
             if (!operation.changes(*state.base))
                 return true; // a batch that changes nothing copies nothing
-            state.document = std::make_unique<Document>(*state.base);
+            state.document = takeOverOrCopy(path, state);
         }
         operation.applyTo(*state.document);
         state.changed = true;
@@ -1065,6 +1159,24 @@ std::vector<std::optional<std::string>> readValues(const std::string& path,
     return withDocument(path, [&](const Document& d) { return d.values(section, keys); });
 }
 
+std::size_t countNumberedSections(const std::string& path, const std::string& prefix,
+                                  const std::string& suffix, const std::string& key,
+                                  const std::function<bool(std::string_view)>& holds) {
+    return withDocument(path, [&](const Document& d) {
+        std::string name = prefix;
+        std::size_t count = 0;
+        for (;; ++count) {
+            name.resize(prefix.size());
+            name += std::to_string(count + 1);
+            name += suffix;
+            bool found = false;
+            d.forEachValue(name, key, [&](std::string_view value) { found = holds(value); });
+            if (!found)
+                return count;
+        }
+    });
+}
+
 bool appendSections(const std::string& path, std::shared_ptr<const SectionSource> source) {
     return change(path, Operation{Operation::AppendSections, {}, {}, {}, std::move(source)});
 }
@@ -1100,16 +1212,21 @@ std::string fileProblem(const std::string& path) {
         return errno == ENOENT ? "" : "Can't read " + path + ": " + std::strerror(errno);
     if (!S_ISREG(info.st_mode))
         return "Not a regular file: " + path;
-    FILE* file = std::fopen(path.c_str(), "rb");
-    if (!file)
-        return "Can't read " + path + ": " + std::strerror(errno);
-    char buffer[65536];
-    size_t count;
-    bool binary = false;
-    while (!binary && (count = std::fread(buffer, 1, sizeof buffer, file)) > 0)
-        binary = std::memchr(buffer, '\0', count) != nullptr;
-    std::fclose(file);
-    return binary ? "Not a text file (it holds NUL bytes): " + path : "";
+    // Checked in the copy that reads use, so that a large file is read once, not twice.
+    const std::string key = normalized(path);
+    std::string problem;
+    {
+        auto file = cachedFile(key);
+        std::lock_guard guard(file->mutex);
+        refresh(*file, key);
+        if (file->readError != 0)
+            problem = "Can't read " + path + ": " + std::strerror(file->readError);
+        else if (file->document->holdsNul())
+            problem = "Not a text file (it holds NUL bytes): " + path;
+    }
+    if (!problem.empty())
+        forget(path); // nothing reads it: its text need not stay in memory
+    return problem;
 }
 
 Snapshot snapshot(const std::string& rawPath) {
@@ -1134,6 +1251,16 @@ bool sameText(const Snapshot& first, const Snapshot& second) {
         return true;
     return first && second && first->textHash != 0 && first->textHash == second->textHash &&
            first->textSize == second->textSize;
+}
+
+bool holdsText(const std::string& rawPath, const Snapshot& snapshot) {
+    if (!snapshot || snapshot->textHash == 0)
+        return false;
+    const std::string path = normalized(rawPath);
+    auto file = cachedFile(path);
+    std::lock_guard guard(file->mutex);
+    return file->valid && file->textHash == snapshot->textHash &&
+           file->textSize == snapshot->textSize && stampOf(path) == file->stamp;
 }
 
 ReadFromSnapshot::ReadFromSnapshot(const std::string& path, Snapshot snapshot)

@@ -12,6 +12,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -34,6 +35,12 @@ bool hasSection(const std::string& path, const std::string& section);
 std::vector<std::optional<std::string>> readValues(const std::string& path,
                                                    const std::string& section,
                                                    const std::vector<std::string>& keys);
+
+// How many sections prefix + n + suffix (n = 1, 2, ...) in a row hold the key with a raw value
+// that holds accepts: a numbered list whose first gap ends it, counted in one look at the file.
+std::size_t countNumberedSections(const std::string& path, const std::string& prefix,
+                                  const std::string& suffix, const std::string& key,
+                                  const std::function<bool(std::string_view)>& holds);
 
 // Sets a key (creating section and file as needed). The value must not contain a line
 // break. Returns false when the file could not be written; the error text is then in
@@ -75,6 +82,9 @@ using Snapshot = std::shared_ptr<const Document>;
 Snapshot snapshot(const std::string& path);
 // Whether two snapshots were taken of the same text (as read from disk or written there).
 bool sameText(const Snapshot& first, const Snapshot& second);
+// Whether the file on disk is known to hold the text the snapshot was taken of, without reading
+// it again: false when that is not known.
+bool holdsText(const std::string& path, const Snapshot& snapshot);
 
 // While one lives, the calling thread's reads of the file come from the snapshot instead of
 // the file or an open batch (writes are not meant meanwhile). A null snapshot changes nothing.

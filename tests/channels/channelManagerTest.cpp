@@ -190,6 +190,68 @@ TEST_F(EngineTest, UpdatesRaiseExpiredEventsBeforeTheReplacementAndNewOnesAfter)
     EXPECT_EQ(stored.feedTime(), static_cast<std::int32_t>(m_now.load()));
 }
 
+// While a new feed is parsed the old one waits in the channel's file; listeners of the
+// expired-item events still read each expired item's id, title and link, and an update that
+// fails on the way leaves the channel its old items whole.
+TEST_F(EngineTest, ExpiredItemsKeepTheirHeadlinesAndFailedUpdatesKeepTheOldItemsWhole) {
+    const auto item = [](const std::string& id) {
+        return "<item><title>Item " + id + "</title><link>http://example.org/" + id +
+               "</link><guid>" + id + "</guid><description>Text of " + id + "</description></item>";
+    };
+    const auto feedOf = [](const std::string& items) {
+        return "<?xml version=\"1.0\"?><rss version=\"2.0\"><channel><title>News</title>"
+               "<link>http://example.org/</link>" +
+               items + "</channel></rss>";
+    };
+    class ExpiryReader : public EventListener {
+    public:
+        void onExpiredFeedItem(ExpiredFeedItemEvent& e) override {
+            const FeedItem item =
+                e.channel()->state().feed().item(static_cast<size_t>(e.feedItemIndex()));
+            seen.push_back(item.id + " | " + item.title + " | " + item.url);
+            if (fail)
+                throw Exception("listener failed");
+        }
+        std::vector<std::string> seen;
+        bool fail = false;
+    } reader;
+    const std::string feed = feedFile("feed.xml", feedOf(item("a") + item("b")));
+    addChannelFile("news", feed);
+    auto& m = manager();
+    m.addListener(&reader);
+    m.runUpdatePass();
+    const auto description = [&](std::size_t index) {
+        return m.findChannel("news")->state().feed().item(index).description;
+    };
+
+    // The parse fails: the old items come back from the file.
+    writeFile(feed, feedOf(item("b")) + "<broken");
+    m_now += 3600;
+    m.runUpdatePass();
+    EXPECT_TRUE(m.findChannel("news")->state().isFeedLoaded());
+    EXPECT_EQ(description(0), "Text of a");
+    // A listener fails during the expired-item events: the same.
+    writeFile(feed, feedOf(item("b")));
+    reader.fail = true;
+    m_now += 3600;
+    m.runUpdatePass();
+    EXPECT_EQ(reader.seen, std::vector<std::string>{"a | Item a | http://example.org/a"});
+    EXPECT_EQ(description(0), "Text of a");
+    EXPECT_EQ(description(1), "Text of b");
+    reader.fail = false;
+    m_now += 3600;
+    m.runUpdatePass();
+    EXPECT_EQ(reader.seen.size(), 2u);
+    EXPECT_EQ(description(0), "Text of b");
+    m.removeListener(&reader);
+    m.stop();
+    profile::clearCache();
+    Feed stored;
+    stored.load(m_channelsDir + "/news.rss", "Last Feed");
+    ASSERT_EQ(stored.itemCount(), 1u);
+    EXPECT_EQ(stored.item(0).description, "Text of b");
+}
+
 TEST_F(EngineTest, DueTestFollowsTheIntervalAndExplicitRequestsComeFirstAndOnce) {
     const std::string feed = feedFile("feed.xml", rss({"a"}));
     addChannelFile("a", feed, 100);
@@ -275,6 +337,9 @@ TEST_F(EngineTest, UnchangedFeedRaisesNoItemEventsButTheFetchTimeMoves) {
     EXPECT_EQ(m_recorder.take(), (std::vector<std::string>{"begin n", "end n ok"}));
     EXPECT_EQ(m.findChannel("n")->state().lastFetchTime(), static_cast<std::int32_t>(m_now.load()));
     EXPECT_EQ(m.findChannel("n")->state().httpETag(), "\"v1\"");
+    EXPECT_TRUE(m.findChannel("n")->state().isFeedLoaded())
+        << "back from the file, not a copy of it";
+    EXPECT_EQ(m.findChannel("n")->state().feed().itemId(0), "a");
 }
 
 TEST_F(EngineTest, CorruptChannelFileGivesOneErrorAndTheOthersLoad) {

@@ -56,15 +56,21 @@ TEST(FeedStore, ShorterFeedDeletesTheOldItemSectionsAndGapsEndTheList) {
     loaded.load(file, "Last Feed");
     EXPECT_EQ(loaded.itemCount(), 1u);
 
+    // An id that reads empty once unescaped and trimmed ends the list as a gap does; the count
+    // taken without loading the items agrees.
     writeFile(file, "[Last Feed]\nFeedTime=5\nChannelImageWidth=600\n"
-                    "[Last Feed (1)]\nId=a\n[Last Feed (3)]\nId=c\n"
-                    "[Other (1)]\nTitle=no id\n");
+                    "[Last Feed (1)]\nId=a\n[last feed (2)]\n ID = %41 \n"
+                    "[Last Feed (3)]\nId=%20%09\n[Last Feed (4)]\nId=d\n"
+                    "[Other (1)]\nTitle=no id\nId=\nId=x\n");
     loaded.load(file, "Last Feed");
-    EXPECT_EQ(loaded.itemCount(), 1u);
+    EXPECT_EQ(loaded.itemCount(), 2u);
+    EXPECT_EQ(loaded.item(1).id, "A");
+    EXPECT_EQ(Feed::storedItemCount(file, "Last Feed"), 2u);
     EXPECT_EQ(loaded.channel().channelImageWidth, 0);
     Feed other;
     other.load(file, "Other");
     EXPECT_EQ(other.itemCount(), 0u) << "an item without an id is never loaded";
+    EXPECT_EQ(Feed::storedItemCount(file, "Other"), 0u);
     EXPECT_EQ(other.feedTime(), 0);
 }
 

@@ -163,6 +163,39 @@ TEST(ProfileFile, BatchMergesItsDeletionsAndChangesIntoAFileChangedMeanwhile) {
     EXPECT_EQ(readFile(path), "[Keep]\nx=10\ntheirs=5\n[New]\nn=4\n");
 }
 
+// A batch takes over the cached copy of a file read as it is, instead of copying it: other
+// threads then still read the file as it was, and a change made on disk meanwhile is merged.
+TEST(ProfileFile, BatchThatTookOverTheCachedCopyLeavesOthersTheFileAsItWas) {
+    TempDir dir;
+    const std::string path = dir.file("taken.ini");
+    writeFile(path, "[Keep]\nx=1\n[Gone]\nz=3\n");
+    clearCache();
+    EXPECT_EQ(readValue(path, "Keep", "x"), "1");
+    {
+        WriteBatch batch(path);
+        writeValue(path, "Keep", "x", "10");
+        deleteSection(path, "Gone");
+        Snapshot before;
+        std::thread other([&] {
+            EXPECT_EQ(readValue(path, "Keep", "x"), "1");
+            EXPECT_EQ(readValue(path, "Gone", "z"), "3");
+            before = snapshot(path);
+        });
+        other.join();
+        ASSERT_TRUE(batch.commit());
+        EXPECT_EQ(readFile(path), "[Keep]\nx=10\n");
+        ReadFromSnapshot asBefore(path, before);
+        EXPECT_EQ(readValue(path, "Gone", "z"), "3") << "a snapshot keeps the text it was given";
+    }
+    {
+        WriteBatch batch(path);
+        writeValue(path, "Keep", "x", "11");
+        writeFile(path, "[Keep]\nx=10\nhand=edited\n"); // another program, meanwhile
+        ASSERT_TRUE(batch.commit());
+    }
+    EXPECT_EQ(readFile(path), "[Keep]\nx=11\nhand=edited\n");
+}
+
 TEST(ProfileFile, ManyThreadsWritingDifferentKeysLoseNothing) {
     TempDir dir;
     const std::string path = dir.file("threads.ini");
