@@ -96,6 +96,8 @@ void ChannelEventHandler::onEndChannelUpdate(channels::EndChannelUpdateEvent& ev
             record("Updated channel " + nameOf(channel) + " OK.", ActivityRecord::Kind::Success));
     bool itemsChanged = false;
     if (channel) {
+        // A first update is what gives a channel its name: the saves below log it.
+        m_settings.setChannelName(channelId, channel->name());
         {
             std::lock_guard guard(m_runsMutex);
             ChannelRun& run = m_runs[channelId];
