@@ -81,6 +81,12 @@ const Feed& ChannelState::feed() const {
     threadSafety::ScopedLock lock(m_lock);
     return loadedFeed();
 }
+void ChannelState::readFeed(const std::function<void(const Feed&)>& reader) const {
+    threadSafety::ScopedLock lock(m_lock);
+    const Feed& feed = loadedFeed();
+    threadSafety::ScopedLock feedLock(feed.lock());
+    reader(feed);
+}
 void ChannelState::replaceFeed(std::unique_ptr<Feed> feed) {
     threadSafety::ScopedLock lock(m_lock);
     m_feed = feed ? std::move(feed) : std::make_unique<Feed>();

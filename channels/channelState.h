@@ -6,6 +6,7 @@
 #include "lib/misc/threadSafetyWin32.h"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -36,6 +37,9 @@ public:
     // The current feed (never null). It stays valid until the next replaceFeed or load.
     Feed& feed();
     const Feed& feed() const;
+    // Calls reader with the current feed while no other thread can replace it: the way for
+    // a thread other than the worker (a window) to read the items safely.
+    void readFeed(const std::function<void(const Feed&)>& reader) const;
     // Hands over a new feed; the old one is dropped.
     void replaceFeed(std::unique_ptr<Feed> feed);
     bool isFeedLoaded() const;

@@ -155,12 +155,12 @@ std::vector<ChannelRef> channelsInDirectory(const std::string& channelsDir) {
 }
 
 std::vector<std::string> feedItemIds(const channels::Channel& channel) {
-    const channels::Feed& feed = channel.state().feed();
-    threadSafety::ScopedLock lock(feed.lock());
     std::vector<std::string> ids;
-    ids.reserve(feed.itemCount());
-    for (std::size_t index = 0; index < feed.itemCount(); ++index)
-        ids.push_back(feed.itemId(index));
+    channel.state().readFeed([&](const channels::Feed& feed) {
+        ids.reserve(feed.itemCount());
+        for (std::size_t index = 0; index < feed.itemCount(); ++index)
+            ids.push_back(feed.itemId(index));
+    });
     return ids;
 }
 

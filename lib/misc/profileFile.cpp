@@ -257,7 +257,7 @@ public:
     const std::shared_ptr<const std::string>& text() const { return m_text; }
     // Whether the document is its text as read, unchanged: then parsing the text gives it again.
     bool isPristine() const { return m_pristine; }
-    bool holdsNul() const { return std::memchr(m_text->data(), '\0', m_text->size()) != nullptr; }
+    bool holdsNul() const { return m_text->find('\0') != std::string::npos; }
 
     // Identifies the text the document was read from or last written as (0 when neither).
     std::size_t textHash = 0;
