@@ -138,8 +138,9 @@ void CSubscriptionApprover::close() {
         waiting = m_state->waiting;
     }
     m_state->changed.notify_all();
+    // At shut-down the event loop has ended: a box closed now would never be deleted.
     for (const auto& question : waiting)
-        dismiss(question);
+        delete question->box.data();
 }
 
 bool CSubscriptionApprover::isClosed() const {

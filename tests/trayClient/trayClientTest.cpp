@@ -20,8 +20,8 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <future>
 #include <fstream>
+#include <future>
 #include <sstream>
 #include <thread>
 
