@@ -4,20 +4,24 @@
 #include "trayClient/autoStart.h"
 #include "trayClient/channelDesktopSettings.h"
 #include "trayClient/channelEventHandler.h"
+#include "trayClient/channelItems.h"
 #include "trayClient/mainFrame.h"
 #include "trayClient/notificationPresenter.h"
 #include "trayClient/notificationRequest.h"
+#include "trayClient/quickAccessMenu.h"
 #include "trayClient/soundPlayer.h"
+#include "trayClient/subscriptionApprover.h"
 #include "trayClient/trayIcon.h"
 
 #include "channels/appPluginManager.h"
+#include "channels/channel.h"
 #include "channels/channelManager.h"
 
 #include <QApplication>
-#include <QMenu>
 #include <QMessageBox>
 #include <QSocketNotifier>
 
+#include <climits>
 #include <csignal>
 #include <fcntl.h>
 #include <iostream>
@@ -40,6 +44,9 @@ void onSignal(int signalNumber) {
 }
 
 const char* const kWelcomeTitle = "Pelsu Desktop Client";
+
+// How long a web page's subscription waits for the user before it is refused.
+constexpr std::chrono::seconds kSubscriptionAnswerTime{60};
 
 } // namespace
 
@@ -123,6 +130,9 @@ void CTrayClientApp::shutDown() {
     if (!m_started || m_shutDown)
         return;
     m_shutDown = true;
+    // A listener waiting for the user's answer is released before the listeners are stopped.
+    if (m_approver)
+        m_approver->close();
     m_application.shutDown();
 }
 
@@ -159,7 +169,14 @@ void CTrayClientApp::loadChannelDesktopSettings(app::Environment& environment) {
         [settings = m_settings.get()](const std::string& id) { return settings->channelName(id); });
 }
 
+app::SubscriptionApprover* CTrayClientApp::subscriptionApprover() {
+    if (!m_approver)
+        m_approver = std::make_unique<CSubscriptionApprover>(kSubscriptionAnswerTime);
+    return m_approver.get();
+}
+
 void CTrayClientApp::installEventHandler(channels::ChannelManager& manager) {
+    m_manager = &manager;
     m_handler = std::make_unique<ChannelEventHandler>(
         *m_mainFrame, *m_queue, *m_settings,
         m_environment->options.maxConsecutiveChannelUpdateErrors);
@@ -172,20 +189,72 @@ void CTrayClientApp::createTrayIcon() {
     m_actions = std::make_unique<CNotificationActions>(*m_settings, m_mainFrame.get());
     m_sounds = std::make_unique<CSoundPlayer>();
     m_trayIcon = std::make_unique<CTrayIcon>();
-    m_trayMenu = std::make_unique<QMenu>();
-    m_trayMenu->addAction("Show Pelsu", m_mainFrame.get(), &CMainFrame::showAndRaise);
-    m_trayMenu->addSeparator();
-    m_trayMenu->addAction("Exit", qApp, &QApplication::quit);
-    m_trayIcon->setContextMenu(m_trayMenu.get());
-    connect(m_trayIcon.get(), &CTrayIcon::activated, m_mainFrame.get(), &CMainFrame::showAndRaise);
+    m_trayIcon->setOneClickMode(m_environment->options.oneClickMode);
+    connectTrayMenu();
+    refreshUnviewedCount();
     m_trayIcon->show();
     PELSU_LOG(uiEventsGroup(), "The tray icon is shown.");
     if (!m_environment->options.startMinimized && m_options.hasDisplay)
         m_mainFrame->show();
     m_presenter = std::make_unique<CNotificationPresenter>(
         *m_queue, *m_settings, m_environment->options, *m_actions, *m_trayIcon, m_sounds.get());
+    // A click on a notification may have marked an item viewed.
+    connect(m_presenter.get(), &CNotificationPresenter::clicked, this,
+            &CTrayClientApp::refreshUnviewedCount);
     m_presenter->start();
     emit trayIconShown();
+}
+
+void CTrayClientApp::connectTrayMenu() {
+    m_quickMenu = std::make_unique<CQuickAccessMenu>(*m_manager, *m_settings, *m_actions);
+    connect(m_quickMenu.get(), &CQuickAccessMenu::openMainWindowRequested, m_mainFrame.get(),
+            &CMainFrame::showAndRaise);
+    connect(m_quickMenu.get(), &CQuickAccessMenu::globalOptionsRequested, this,
+            &CTrayClientApp::globalOptionsRequested);
+    connect(m_quickMenu.get(), &CQuickAccessMenu::exitRequested, qApp, &QApplication::quit);
+    connect(m_quickMenu.get(), &CQuickAccessMenu::itemOpened, this,
+            &CTrayClientApp::refreshChannelUnviewedCount);
+    m_trayIcon->setContextMenu(m_quickMenu.get());
+    connect(m_trayIcon.get(), &CTrayIcon::activated, this, &CTrayClientApp::toggleMainWindow);
+    connect(m_mainFrame.get(), &CMainFrame::channelUpdateEnded, this,
+            &CTrayClientApp::refreshChannelUnviewedCount);
+}
+
+void CTrayClientApp::toggleMainWindow() {
+    if (!m_mainFrame)
+        return;
+    if (m_mainFrame->isVisible() && !m_mainFrame->isMinimized())
+        m_mainFrame->hide();
+    else
+        m_mainFrame->showAndRaise();
+}
+
+void CTrayClientApp::refreshUnviewedCount() {
+    if (!m_manager || !m_settings || m_shutDown)
+        return;
+    m_unviewed.clear();
+    for (const channels::Channel* channel : m_manager->channels())
+        m_unviewed[channel->id()] = unviewedItemCount(*channel, *m_settings);
+    showUnviewedCount();
+}
+
+void CTrayClientApp::refreshChannelUnviewedCount(const QString& channelId) {
+    if (!m_manager || !m_settings || m_shutDown)
+        return;
+    const std::string id = channelId.toLatin1().toStdString();
+    if (const channels::Channel* channel = m_manager->findChannel(id))
+        m_unviewed[id] = unviewedItemCount(*channel, *m_settings);
+    else
+        m_unviewed.erase(id); // removed meanwhile
+    showUnviewedCount();
+}
+
+void CTrayClientApp::showUnviewedCount() {
+    std::size_t total = 0;
+    for (const auto& [id, count] : m_unviewed)
+        total += count;
+    if (m_trayIcon)
+        m_trayIcon->setUnviewedCount(static_cast<int>(std::min<std::size_t>(total, INT_MAX)));
 }
 
 void CTrayClientApp::queueWelcomeNotification(const std::string& text) {
@@ -240,7 +309,7 @@ void CTrayClientApp::shutDownToolkit() {
     if (m_trayIcon)
         m_trayIcon->hide();
     m_trayIcon.reset();
-    m_trayMenu.reset();
+    m_quickMenu.reset();
     m_sounds.reset();
     m_actions.reset();
     if (m_mainFrame)

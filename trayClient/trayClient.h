@@ -8,11 +8,11 @@
 #include <QObject>
 #include <QPointer>
 
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
-class QMenu;
 class QSocketNotifier;
 
 namespace trayClient {
@@ -20,7 +20,9 @@ namespace trayClient {
 class CMainFrame;
 class CNotificationActions;
 class CNotificationPresenter;
+class CQuickAccessMenu;
 class CSoundPlayer;
+class CSubscriptionApprover;
 class CTrayIcon;
 class ChannelDesktopSettingsTable;
 class ChannelEventHandler;
@@ -60,12 +62,15 @@ public:
     CNotificationPresenter* presenter() const { return m_presenter.get(); }
     NotificationRequestQueue* queue() const { return m_queue.get(); }
     ChannelDesktopSettingsTable* desktopSettings() const { return m_settings.get(); }
+    CQuickAccessMenu* quickAccessMenu() const { return m_quickMenu.get(); }
+    CSubscriptionApprover* approver() const { return m_approver.get(); }
 
     // app::FrontEnd
     void createMainFrame(app::Environment& environment) override;
     void loadChannelDesktopSettings(app::Environment& environment) override;
     void installEventHandler(channels::ChannelManager& manager) override;
-    app::SubscriptionApprover* subscriptionApprover() override { return nullptr; }
+    // Web pages subscribe through the local listeners only when the user says yes.
+    app::SubscriptionApprover* subscriptionApprover() override;
     void createTrayIcon() override;
     void queueWelcomeNotification(const std::string& text) override;
     void reportStartupProblem(const std::string& message) override;
@@ -74,18 +79,33 @@ public:
     void uninstallEventHandler(channels::ChannelManager& manager) override;
     void shutDownToolkit() override;
 
+public slots:
+    // Counts the unviewed items of every channel again and shows the total on the tray icon
+    // (after items were marked viewed anywhere).
+    void refreshUnviewedCount();
+    // The same for one channel (its update ended or its items were viewed); the others keep
+    // the count they had.
+    void refreshChannelUnviewedCount(const QString& channelId);
+    // Shows the main window, or hides it when it is on the screen (the tray icon's click).
+    void toggleMainWindow();
+
 signals:
     // The tray icon is in place (the last step of start-up but the welcome).
     void trayIconShown();
+    // The user chose "Global Options…" in the tray's menu.
+    void globalOptionsRequested();
 
 private:
     void tell(const std::string& message, bool fatal);
     void applyAutoStart(const app::Environment& environment);
     void onTerminationSignal();
+    void connectTrayMenu();
+    void showUnviewedCount();
 
     app::Application m_application;
     Options m_options;
     app::Environment* m_environment = nullptr;
+    channels::ChannelManager* m_manager = nullptr;
     std::unique_ptr<CMainFrame> m_mainFrame;
     std::unique_ptr<ChannelDesktopSettingsTable> m_settings;
     std::unique_ptr<NotificationRequestQueue> m_queue;
@@ -93,7 +113,9 @@ private:
     std::unique_ptr<CNotificationActions> m_actions;
     std::unique_ptr<CSoundPlayer> m_sounds;
     std::unique_ptr<CTrayIcon> m_trayIcon;
-    std::unique_ptr<QMenu> m_trayMenu;
+    std::unique_ptr<CQuickAccessMenu> m_quickMenu;
+    std::unique_ptr<CSubscriptionApprover> m_approver;
+    std::map<std::string, std::size_t> m_unviewed; // per channel, summed on the icon
     std::unique_ptr<CNotificationPresenter> m_presenter;
     std::unique_ptr<QSocketNotifier> m_signalNotifier;
     bool m_started = false;

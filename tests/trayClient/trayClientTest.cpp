@@ -10,14 +10,18 @@
 #include "tests/trayClient/support/clientTestSupport.h"
 #include "trayClient/channelDesktopSettings.h"
 #include "trayClient/mainFrame.h"
+#include "trayClient/subscriptionApprover.h"
+#include "trayClient/trayIcon.h"
 
 #include <QDesktopServices>
+#include <QMessageBox>
 #include <QUrl>
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <sstream>
 #include <thread>
 
@@ -188,6 +192,10 @@ TEST_F(ClientFixture, EachNewItemIsNotifiedInTurnAndAClickOpensItsLink) {
         return !frame.activityLines().filter("Updated channel Local news OK.").isEmpty();
     })) << frame.activityLines().join("\n").toStdString();
     EXPECT_EQ(frame.activityLines().filter("Getting the latest feed from").size(), 1);
+    // The tray counts the item not clicked, whichever of the update's end and the click came
+    // first.
+    ASSERT_TRUE(waitFor([&] { return client.trayIcon()->unviewedCount() == 1; }));
+    EXPECT_EQ(client.trayIcon()->toolTip(), QString::fromUtf8("Pelsu — 1 unviewed item"));
     client.shutDown();
     EXPECT_EQ(shutdownLines(), kShutdownLines);
     // The viewed item was saved with the channel's desktop settings.
@@ -235,6 +243,38 @@ TEST_F(ClientFixture, ShutDownDuringADownloadWaitsForTheUpdateAndKeepsIt) {
     std::string channel = readFile((userDir / "Channels" / "Web.rss").string());
     EXPECT_NE(channel.find("http://example.com/d"), std::string::npos);
     EXPECT_NE(channel.find("http://example.com/e"), std::string::npos);
+}
+
+TEST_F(ClientFixture, TheTrayIconsClickShowsAndHidesTheMainWindow) {
+    writeFile((userDir / "config.ini").string(), "[Global Options]\nOneClickMode=0\n");
+    ASSERT_TRUE(start(false));
+    trayClient::CMainFrame& frame = *client.mainFrame();
+    ASSERT_FALSE(frame.isVisible());
+    client.trayIcon()->handleActivation(QSystemTrayIcon::Trigger);
+    EXPECT_FALSE(frame.isVisible()); // a double click is asked for
+    client.trayIcon()->handleActivation(QSystemTrayIcon::DoubleClick);
+    EXPECT_TRUE(frame.isVisible());
+    client.trayIcon()->handleActivation(QSystemTrayIcon::DoubleClick);
+    EXPECT_FALSE(frame.isVisible());
+    client.shutDown();
+}
+
+TEST_F(ClientFixture, ShutDownReleasesAListenerWaitingForTheUsersAnswerToASubscription) {
+    ASSERT_TRUE(start(false));
+    app::SubscriptionApprover* approver = client.subscriptionApprover();
+    ASSERT_NE(approver, nullptr);
+    QMessageBox* question = nullptr;
+    QObject::connect(client.approver(), &trayClient::CSubscriptionApprover::questionShown,
+                     [&](QMessageBox* box) { question = box; });
+    auto answer = std::async(std::launch::async, [approver] {
+        return approver->approveSubscription("http://example.com/feed.xml");
+    });
+    ASSERT_TRUE(waitFor([&] { return question != nullptr; }));
+    // No answer yet: shut-down must not wait the minute the question stays up.
+    client.shutDown();
+    ASSERT_EQ(answer.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    EXPECT_EQ(answer.get(), trayClient::CSubscriptionApprover::kClosing);
+    EXPECT_EQ(shutdownLines(), kShutdownLines);
 }
 
 int main(int argc, char** argv) { return client_testing::runClientTests(argc, argv); }
