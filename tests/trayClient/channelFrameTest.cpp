@@ -6,6 +6,7 @@
 #include "channels/channelManager.h"
 #include "lib/misc/iniValues.h"
 #include "lib/misc/profileFile.h"
+#include "tests/support/testHttpServer.h"
 #include "tests/support/testSupport.h"
 #include "tests/trayClient/support/clientTestSupport.h"
 #include "trayClient/channelDesktopSettings.h"
@@ -18,6 +19,7 @@
 #include <QLabel>
 #include <QResizeEvent>
 #include <QTreeView>
+#include <QWebEnginePage>
 #include <QWebEngineView>
 
 #include <gtest/gtest.h>
@@ -295,23 +297,47 @@ TEST(WebPane, AddressesOfOtherSitesOpenInTheBrowserWithoutStartingTheEngine) {
     EXPECT_FALSE(pane.hasView());
 }
 
-TEST_F(ChannelFrameTest, AShownWindowShowsItsSummaryPageAndRemembersTheViewTime) {
+// The one test that starts the browser engine: the summary page of a shown window, where the
+// engine's own navigations go, and a plugin's page from a loopback server.
+TEST_F(ChannelFrameTest, ShownPagesStayInsideAndOtherSitesGoToTheBrowser) {
     if (kAddressSanitizer)
         GTEST_SKIP() << "the browser engine does not run under AddressSanitizer";
     auto window = frame();
     const auto before = static_cast<std::int32_t>(std::time(nullptr));
-    bool loaded = false;
-    QObject::connect(&window->pagePane(), &CWebPane::loadFinished,
-                     [&](bool ok) { loaded = loaded || ok; });
+    int loads = 0;
+    QObject::connect(&window->pagePane(), &CWebPane::loadFinished, [&](bool ok) { loads += ok; });
     window->resize(600, 600);
     window->show();
     EXPECT_GE(m_settings.get("news").lastViewTime, before);
     EXPECT_GE(saved().lastViewTime, before);
     ASSERT_TRUE(window->pagePane().hasView());
-    if (!waitFor([&] { return loaded; }, std::chrono::seconds(30)))
+    if (!waitFor([&] { return loads > 0; }, std::chrono::seconds(30)))
         GTEST_SKIP() << "the browser engine could not start here";
-    EXPECT_EQ(window->pagePane().view()->url(), QUrl::fromLocalFile(window->summaryPageFile()));
-    EXPECT_TRUE(browser.urls.isEmpty());
+    QWebEngineView& view = *window->pagePane().view();
+    const QUrl summary = QUrl::fromLocalFile(window->summaryPageFile());
+    EXPECT_EQ(view.url(), summary);
+
+    view.page()->runJavaScript("location.href = 'https://example.org/story'");
+    ASSERT_TRUE(waitFor([&] { return !browser.urls.isEmpty(); }));
+    EXPECT_EQ(browser.urls, QStringList{"https://example.org/story"});
+    view.page()->runJavaScript("location.href = 'file:///etc/passwd'");
+    waitFor([&] { return view.url() != summary; }, std::chrono::milliseconds(500));
+    EXPECT_EQ(view.url(), summary);
+
+    testing_support::TestHttpServer server;
+    server.server().Get("/demo/.*", [](const httplib::Request& request, httplib::Response& answer) {
+        answer.set_content("<html><body>" + request.path + "</body></html>", "text/html");
+    });
+    ASSERT_TRUE(server.start());
+    CPluginFrame plugin("demo", server.port());
+    int pluginLoads = 0;
+    QObject::connect(&plugin.pane(), &CWebPane::loadFinished, [&](bool ok) { pluginLoads += ok; });
+    ASSERT_TRUE(waitFor([&] { return pluginLoads == 1; }, std::chrono::seconds(30)));
+    EXPECT_EQ(plugin.pane().view()->url(), QUrl(QString::fromStdString(server.url("/demo/"))));
+    plugin.pane().view()->page()->runJavaScript("location.href = '/demo/next'");
+    ASSERT_TRUE(waitFor([&] { return pluginLoads == 2; }, std::chrono::seconds(30)));
+    EXPECT_EQ(plugin.pane().view()->url().path(), "/demo/next");
+    EXPECT_EQ(browser.urls.size(), 1);
 }
 
 int main(int argc, char** argv) {
