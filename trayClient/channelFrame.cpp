@@ -8,6 +8,7 @@
 #include "trayClient/channelDesktopSettings.h"
 #include "trayClient/webPane.h"
 
+#include <QAction>
 #include <QFile>
 #include <QHeaderView>
 #include <QLabel>
@@ -140,6 +141,14 @@ void CChannelFrame::buildLayout() {
     m_page = new CWebPane({m_options.appPluginServerPortNo, m_options.appServerPortNo});
     m_splitter->addWidget(m_page);
     m_items = new QTreeView;
+    buildItemView();
+    m_splitter->addWidget(m_items);
+    m_splitter->setStretchFactor(0, 1);
+    m_splitter->setStretchFactor(1, 1);
+    layout->addWidget(m_splitter, 1);
+}
+
+void CChannelFrame::buildItemView() {
     m_items->setModel(m_model);
     m_items->setRootIsDecorated(false);
     m_items->setUniformRowHeights(true);
@@ -149,13 +158,21 @@ void CChannelFrame::buildLayout() {
     m_items->header()->setSectionResizeMode(CChannelItemModel::TitleColumn, QHeaderView::Stretch);
     m_items->header()->setSectionResizeMode(CChannelItemModel::DateColumn,
                                             QHeaderView::ResizeToContents);
-    m_splitter->addWidget(m_items);
-    m_splitter->setStretchFactor(0, 1);
-    m_splitter->setStretchFactor(1, 1);
-    layout->addWidget(m_splitter, 1);
     // Double click and Enter (and a single click where the desktop opens items that way).
     connect(m_items, &QAbstractItemView::activated, this,
             [this](const QModelIndex& index) { openItem(index.row()); });
+    addItemActions();
+}
+
+void CChannelFrame::addItemActions() {
+    auto* open = new QAction(tr("&Open"), m_items);
+    connect(open, &QAction::triggered, this, [this] { openItem(m_items->currentIndex().row()); });
+    auto* next = new QAction(tr("&Next Unviewed Item"), m_items);
+    connect(next, &QAction::triggered, this, &CChannelFrame::nextUnviewedItem);
+    auto* all = new QAction(tr("Mark &All Items Viewed"), m_items);
+    connect(all, &QAction::triggered, this, &CChannelFrame::markAllViewed);
+    m_items->addActions({open, next, all});
+    m_items->setContextMenuPolicy(Qt::ActionsContextMenu);
 }
 
 QString CChannelFrame::channelId() const { return latin1(m_channel.id()); }
@@ -253,6 +270,11 @@ void CChannelFrame::refresh() {
     writeSummaryPage();
     if (m_pageShown && !m_pageFile.isEmpty())
         m_page->showFile(m_pageFile);
+}
+
+void CChannelFrame::onChannelUpdateEnded(const QString& channelId) {
+    if (channelId == this->channelId())
+        refresh();
 }
 
 void CChannelFrame::writeSummaryPage() {

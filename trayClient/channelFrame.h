@@ -1,6 +1,7 @@
 // The window of one open channel: a caption bar with the channel's name, the channel's summary
 // page, and below it the channel's items (title and date), new ones and viewed ones in the
 // user's colours. Opening an item opens its link in the user's browser and marks it viewed.
+// The window holds a reference to its channel: close it before the channel leaves the manager.
 #pragma once
 
 #include "app/globalOptions.h"
@@ -95,6 +96,9 @@ public slots:
     bool nextUnviewedItem();
     // Reads the items and the summary page again (at the end of the channel's update).
     void refresh();
+    // Refreshes when the update that ended was this window's channel (connect it to
+    // CMainFrame::channelUpdateEnded).
+    void onChannelUpdateEnded(const QString& channelId);
     // Takes the fonts, colours, caption bar and item view height of new options.
     void applyOptions(const app::GlobalOptions& options);
     // Opens the item of a row: its link in the browser, and marks it viewed.
@@ -110,6 +114,8 @@ protected:
 
 private:
     void buildLayout();
+    void buildItemView();
+    void addItemActions();
     void applyCaptionOptions();
     void applyItemViewOptions();
     void boundItemViewHeight();

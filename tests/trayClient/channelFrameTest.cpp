@@ -237,7 +237,9 @@ TEST_F(ChannelFrameTest, RefreshReadsTheNewFeedAndKeepsTheSelectedItem) {
     window->itemView().setCurrentIndex(window->model().index(3, 0)); // d
     writeFile(m_feed, rss({{"new", "Brand new", "http://example.org/n", ""}, kItems[3]}));
     update();
-    window->refresh();
+    window->onChannelUpdateEnded("other");
+    EXPECT_EQ(window->model().rowCount(), 4);
+    window->onChannelUpdateEnded("news");
     ASSERT_EQ(window->model().rowCount(), 2);
     EXPECT_EQ(window->itemView().currentIndex().row(), 1);
     EXPECT_FALSE(window->model().item(0).viewed);
