@@ -38,8 +38,11 @@ public:
 protected:
     bool acceptNavigationRequest(const QUrl& url, NavigationType type, bool isMainFrame) override {
         const auto route = CWebPane::routeFor(url, m_pane.m_loopbackPorts, m_pane.m_programFile);
-        if (route == CWebPane::Route::Inside)
+        if (route == CWebPane::Route::Inside) {
+            if (isMainFrame)
+                m_pane.m_current = url;
             return true;
+        }
         // A frame inside the page that loads another site is refused without a browser
         // window: only what the user follows in the page itself goes out.
         if (route == CWebPane::Route::Browser && isMainFrame)
