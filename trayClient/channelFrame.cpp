@@ -1,6 +1,7 @@
 #include "trayClient/channelFrame.h"
 
 #include "channels/channel.h"
+#include "channels/channelManager.h"
 #include "channels/channelSummaryPage.h"
 #include "channels/exception.h"
 #include "lib/log/log.h"
@@ -117,8 +118,9 @@ QVariant CChannelItemModel::headerData(int section, Qt::Orientation orientation,
 CChannelFrame::CChannelFrame(channels::Channel& channel, ChannelDesktopSettingsTable& settings,
                              const app::GlobalOptions& options, const std::string& userDir,
                              QWidget* parent)
-    : QWidget(parent), m_channel(channel), m_settings(settings), m_options(options),
-      m_userDir(userDir), m_actions(settings, nullptr), m_model(new CChannelItemModel(this)) {
+    : QWidget(parent), m_channel(channel), m_manager(channel.manager()), m_channelId(channel.id()),
+      m_settings(settings), m_options(options), m_userDir(userDir), m_actions(settings, nullptr),
+      m_model(new CChannelItemModel(this)) {
     buildLayout();
     applyOptions(options);
     refresh();
@@ -175,7 +177,12 @@ void CChannelFrame::addItemActions() {
     m_items->setContextMenuPolicy(Qt::ActionsContextMenu);
 }
 
-QString CChannelFrame::channelId() const { return latin1(m_channel.id()); }
+QString CChannelFrame::channelId() const { return latin1(m_channelId); }
+
+bool CChannelFrame::channelPresent() const {
+    // Compares addresses only: a channel that left may be gone already.
+    return !m_manager || m_manager->findChannel(m_channelId) == &m_channel;
+}
 
 int CChannelFrame::itemViewHeightLimit(int windowHeight, int maxItemViewHeight) {
     switch (maxItemViewHeight) {
@@ -243,13 +250,13 @@ void CChannelFrame::showEvent(QShowEvent* event) {
 
 void CChannelFrame::rememberViewTime() {
     const auto now = static_cast<std::int32_t>(std::time(nullptr));
-    const std::string id = m_channel.id();
+    const std::string& id = m_channelId;
     m_settings.change(id, [now](ChannelDesktopSettings& record) { record.lastViewTime = now; });
     saveSettings();
 }
 
 void CChannelFrame::saveSettings() {
-    const std::string id = m_channel.id();
+    const std::string& id = m_channelId;
     std::string problem;
     if (!m_settings.save(id, std::nullopt, &problem))
         PELSU_LOG(g_windowGroup, "Can't save the channel desktop settings for "
@@ -257,6 +264,8 @@ void CChannelFrame::saveSettings() {
 }
 
 void CChannelFrame::refresh() {
+    if (!channelPresent())
+        return;
     const std::string name = m_channel.name();
     m_caption->setText(latin1(name));
     setWindowTitle(latin1(name));
@@ -296,15 +305,18 @@ void CChannelFrame::openItem(int row) {
         return;
     const ChannelItemRow item = m_model->item(row);
     m_actions.openUrl(item.url);
-    if (item.viewed)
+    // A channel that left has no desktop settings to save any more.
+    if (item.viewed || !channelPresent())
         return;
-    m_actions.markItemViewed(m_channel.id(), item.id);
+    m_actions.markItemViewed(m_channelId, item.id);
     m_model->setViewed(row);
     emit itemsViewedChanged(channelId());
 }
 
 void CChannelFrame::markAllViewed() {
-    const std::string id = m_channel.id();
+    if (!channelPresent())
+        return;
+    const std::string& id = m_channelId;
     bool changed = false;
     for (int row = 0; row < m_model->rowCount(); ++row) {
         if (m_model->item(row).viewed)

@@ -1,7 +1,7 @@
 // The window of one open channel: a caption bar with the channel's name, the channel's summary
 // page, and below it the channel's items (title and date), new ones and viewed ones in the
 // user's colours. Opening an item opens its link in the user's browser and marks it viewed.
-// The window holds a reference to its channel: close it before the channel leaves the manager.
+// A window whose channel left the manager keeps what it shows and reads nothing more of it.
 #pragma once
 
 #include "app/globalOptions.h"
@@ -22,7 +22,8 @@ class QTreeView;
 
 namespace channels {
 class Channel;
-}
+class ChannelManager;
+} // namespace channels
 
 namespace trayClient {
 
@@ -94,7 +95,8 @@ public slots:
     // Selects and opens the first unviewed item after the current one, wrapping round; false
     // when every item is viewed.
     bool nextUnviewedItem();
-    // Reads the items and the summary page again (at the end of the channel's update).
+    // Reads the items and the summary page again (at the end of the channel's update); does
+    // nothing once the channel has left its manager.
     void refresh();
     // Refreshes when the update that ended was this window's channel (connect it to
     // CMainFrame::channelUpdateEnded).
@@ -123,7 +125,11 @@ private:
     void rememberViewTime();
     void saveSettings();
 
+    bool channelPresent() const;
+
     channels::Channel& m_channel;
+    channels::ChannelManager* m_manager; // to learn whether the channel still exists
+    std::string m_channelId;
     ChannelDesktopSettingsTable& m_settings;
     app::GlobalOptions m_options;
     std::string m_userDir;

@@ -232,7 +232,7 @@ TEST_F(ChannelFrameTest, NextUnviewedItemWrapsRoundAndMarkAllViewedLeavesNone) {
     EXPECT_EQ(changed, 1);
 }
 
-TEST_F(ChannelFrameTest, RefreshReadsTheNewFeedAndKeepsTheSelectedItem) {
+TEST_F(ChannelFrameTest, RefreshReadsTheNewFeedKeepsTheSelectedItemAndOutlivesTheChannel) {
     auto window = frame();
     window->itemView().setCurrentIndex(window->model().index(3, 0)); // d
     writeFile(m_feed, rss({{"new", "Brand new", "http://example.org/n", ""}, kItems[3]}));
@@ -245,6 +245,14 @@ TEST_F(ChannelFrameTest, RefreshReadsTheNewFeedAndKeepsTheSelectedItem) {
     EXPECT_FALSE(window->model().item(0).viewed);
     EXPECT_NE(readFile(window->summaryPageFile().toStdString()).find("<p>Brand new</p>"),
               std::string::npos);
+
+    // The channel is deleted while its window is still open: the window keeps its rows.
+    m_manager.deleteChannel("news");
+    window->onChannelUpdateEnded("news");
+    EXPECT_EQ(window->model().rowCount(), 2);
+    m_settings.forget("news");
+    window->markAllViewed();
+    EXPECT_FALSE(fs::exists(m_settings.fileFor("news")));
 }
 
 TEST_F(ChannelFrameTest, TheItemViewTakesAtMostItsShareOfTheWindow) {
