@@ -249,6 +249,8 @@ void CChannelFrame::showEvent(QShowEvent* event) {
 }
 
 void CChannelFrame::rememberViewTime() {
+    if (!channelPresent())
+        return;
     const auto now = static_cast<std::int32_t>(std::time(nullptr));
     const std::string& id = m_channelId;
     m_settings.change(id, [now](ChannelDesktopSettings& record) { record.lastViewTime = now; });
