@@ -1,6 +1,7 @@
 // pelsu: the desktop client of the Pelsu channel engine, in the notification area.
 
 #include "trayClient/trayClient.h"
+#include "trayClient/webPane.h"
 
 #include <QApplication>
 
@@ -57,6 +58,10 @@ int main(int argc, char** argv) {
     }
     // Before any thread starts, so that every thread leaves the signals to the handler.
     trayClient::CTrayClientApp::catchTerminationSignals();
+    // The browser engine refuses to start its sandbox as root; pages then run without it.
+    if (trayClient::CWebPane::prepareEngineEnvironment())
+        std::cerr << "pelsu: running as root: web pages are shown without the browser engine's "
+                     "sandbox.\n";
     QApplication application(argc, argv);
     QApplication::setApplicationName("Pelsu");
     QApplication::setApplicationVersion(kVersion);

@@ -1,0 +1,85 @@
+// A pane that shows web pages: a channel's summary page (a local file) and the app plugins'
+// pages (served on the loopback interface). The browser engine is heavy, so the view inside
+// is made only when the first page is shown: a program that sits in the tray never starts it.
+//
+// Where a link leads is decided here, not by the page: pages of the program's own loopback
+// servers and the files the program itself loads stay in the pane; other web sites open in
+// the user's browser and the pane keeps its page; every other scheme is refused, so a feed's
+// page can never open a local file or a launcher.
+#pragma once
+
+#include <QList>
+#include <QUrl>
+#include <QWidget>
+
+class QVBoxLayout;
+class QWebEngineView;
+
+namespace trayClient {
+
+class CWebPage;
+
+class CWebPane : public QWidget {
+    Q_OBJECT
+public:
+    // Where a navigation goes.
+    enum class Route { Inside, Browser, Refused };
+
+    // loopbackPorts: the ports of the program's own servers on 127.0.0.1 (the app-plugin
+    // server, the app server) whose pages stay inside.
+    explicit CWebPane(QList<int> loopbackPorts = {}, QWidget* parent = nullptr);
+    ~CWebPane() override;
+
+    // Shows a web address (starting the browser engine when it has not run yet).
+    void showUrl(const QUrl& url);
+    // Shows a local file that the program wrote; only the file last given this way may be
+    // shown from the file system.
+    void showFile(const QString& path);
+    // Shows the page again from its source (a summary file rewritten in place).
+    void reload();
+    // Replaces the loopback ports whose pages stay inside.
+    void setLoopbackPorts(QList<int> ports);
+    const QList<int>& loopbackPorts() const { return m_loopbackPorts; }
+
+    // Whether the browser engine's view exists (a page was shown).
+    bool hasView() const { return m_view != nullptr; }
+    // The view, or null before the first page.
+    QWebEngineView* view() const { return m_view; }
+    // The address of the page shown or being loaded (empty before the first page).
+    QUrl currentUrl() const { return m_current; }
+
+    // The rule for one navigation. programFile is the file the program loaded itself (empty
+    // when none): it is the only file: address that stays inside.
+    static Route routeFor(const QUrl& url, const QList<int>& loopbackPorts,
+                          const QUrl& programFile = {});
+    // True when the address is a page of one of the program's loopback servers
+    // (http://127.0.0.1:<port>/... or http://localhost:<port>/...).
+    static bool staysInside(const QUrl& url, int loopbackPort);
+
+    // Prepares the process for the browser engine; call before the QApplication exists.
+    // Returns true when the engine's sandbox was switched off because the program runs as
+    // root (the sandbox refuses to start as root).
+    static bool prepareEngineEnvironment();
+
+signals:
+    // A page finished loading (ok false when it failed).
+    void loadFinished(bool ok);
+    // A link went to the user's browser.
+    void openedInBrowser(const QUrl& url);
+
+private:
+    friend class CWebPage;
+    void ensureView();
+    // Carries out a navigation that the page did not keep: opens it in the browser or loads
+    // it here, as its route says. Returns the route.
+    Route follow(const QUrl& url, bool userAsked);
+
+    QList<int> m_loopbackPorts;
+    QUrl m_programFile;
+    QUrl m_current;
+    QVBoxLayout* m_layout;
+    QWebEngineView* m_view = nullptr;
+    CWebPage* m_page = nullptr;
+};
+
+} // namespace trayClient
