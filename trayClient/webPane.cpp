@@ -5,9 +5,11 @@
 
 #include <QCoreApplication>
 #include <QDesktopServices>
+#include <QDir>
+#include <QFileInfo>
+#include <QLabel>
+#include <QLibrary>
 #include <QVBoxLayout>
-#include <QWebEnginePage>
-#include <QWebEngineView>
 
 #include <unistd.h>
 
@@ -20,6 +22,26 @@ namespace {
 msglog::MsgGroupRegistration g_webGroup("WebPages");
 
 const char* const kNoSandbox = "QTWEBENGINE_DISABLE_SANDBOX";
+const char* const kModuleName = "libpelsu_webView.so";
+
+// The module's entry point, loaded once per process (the library stays loaded).
+CreateWebViewFunction loadEngine(QString& problem) {
+    static CreateWebViewFunction create = nullptr;
+    static QString loadProblem;
+    static bool tried = false;
+    if (!tried) {
+        tried = true;
+        const QString path = CWebPane::engineModulePath();
+        QLibrary library(path.isEmpty() ? QString(kModuleName) : path);
+        create = reinterpret_cast<CreateWebViewFunction>(library.resolve(kCreateWebViewSymbol));
+        if (!create)
+            loadProblem = library.errorString();
+        else
+            PELSU_LOG(g_webGroup, "Browser engine loaded: " << path.toStdString());
+    }
+    problem = loadProblem;
+    return create;
+}
 
 std::string latin1(const QUrl& url) { return url.toString().toLatin1().toStdString(); }
 
@@ -29,62 +51,6 @@ bool runsAsRoot() { return geteuid() == 0; }
 QUrl documentOf(const QUrl& url) { return url.adjusted(QUrl::RemoveFragment | QUrl::RemoveQuery); }
 
 } // namespace
-
-// The pane's page: asks the pane where every navigation goes and keeps only those that stay.
-class CWebPage : public QWebEnginePage {
-public:
-    CWebPage(CWebPane& pane, QObject* parent) : QWebEnginePage(parent), m_pane(pane) {}
-
-protected:
-    bool acceptNavigationRequest(const QUrl& url, NavigationType type, bool isMainFrame) override {
-        const auto route = CWebPane::routeFor(url, m_pane.m_loopbackPorts, m_pane.m_programFile);
-        if (route == CWebPane::Route::Inside) {
-            if (isMainFrame)
-                m_pane.m_current = url;
-            return true;
-        }
-        // A frame inside the page that loads another site is refused without a browser
-        // window: only what the user follows in the page itself goes out.
-        if (route == CWebPane::Route::Browser && isMainFrame)
-            m_pane.follow(url, type == NavigationTypeLinkClicked);
-        else
-            PELSU_LOG(g_webGroup, "- Not shown: " << latin1(url));
-        return false;
-    }
-    // A link that asks for a window of its own (target="_blank", window.open): a page that
-    // exists only to learn the address, which then goes where its route says.
-    QWebEnginePage* createWindow(WebWindowType) override;
-
-private:
-    CWebPane& m_pane;
-};
-
-namespace {
-
-class CNewWindowPage : public QWebEnginePage {
-public:
-    CNewWindowPage(CWebPane& pane, QObject* parent) : QWebEnginePage(parent), m_pane(pane) {}
-
-protected:
-    bool acceptNavigationRequest(const QUrl& url, NavigationType, bool) override {
-        if (!m_done) {
-            m_done = true;
-            // Queued, so that the pane acts after the engine is done with this page.
-            QMetaObject::invokeMethod(
-                &m_pane, [pane = &m_pane, url] { pane->showUrl(url); }, Qt::QueuedConnection);
-            deleteLater();
-        }
-        return false;
-    }
-
-private:
-    CWebPane& m_pane;
-    bool m_done = false;
-};
-
-} // namespace
-
-QWebEnginePage* CWebPage::createWindow(WebWindowType) { return new CNewWindowPage(m_pane, this); }
 
 CWebPane::CWebPane(QList<int> loopbackPorts, QWidget* parent)
     : QWidget(parent), m_loopbackPorts(std::move(loopbackPorts)), m_layout(new QVBoxLayout(this)) {
@@ -103,9 +69,9 @@ void CWebPane::showUrl(const QUrl& url) {
 void CWebPane::showFile(const QString& path) {
     const QUrl url = QUrl::fromLocalFile(path);
     m_programFile = documentOf(url);
-    ensureView();
     m_current = url;
-    m_view->load(url);
+    if (ensureView())
+        m_view->load(url);
 }
 
 void CWebPane::reload() {
@@ -123,24 +89,70 @@ CWebPane::Route CWebPane::follow(const QUrl& url, bool userAsked) {
         QDesktopServices::openUrl(url);
         emit openedInBrowser(url);
     } else if (route == Route::Inside) {
-        ensureView();
         m_current = url;
-        m_view->load(url);
+        if (ensureView())
+            m_view->load(url);
     }
     return route;
 }
 
-void CWebPane::ensureView() {
+bool CWebPane::ensureView() {
     if (m_view)
-        return;
+        return true;
+    if (!m_engineProblem.isEmpty())
+        return false;
     if (runsAsRoot() && qgetenv(kNoSandbox) == "1")
         PELSU_LOG(g_webGroup, "The program runs as root: web pages are shown without the "
                               "browser engine's sandbox.");
-    m_view = new QWebEngineView(this);
-    m_page = new CWebPage(*this, m_view);
-    m_view->setPage(m_page);
-    connect(m_view, &QWebEngineView::loadFinished, this, &CWebPane::loadFinished);
-    m_layout->addWidget(m_view);
+    QString problem;
+    CreateWebViewFunction makeView = loadEngine(problem);
+    if (!makeView) {
+        m_engineProblem =
+            "Pages can't be shown: the browser engine did not load (" + problem + ").";
+        PELSU_LOG(g_webGroup, m_engineProblem.toStdString());
+        auto* label = new QLabel(m_engineProblem, this);
+        label->setWordWrap(true);
+        m_layout->addWidget(label);
+        return false;
+    }
+    m_view.reset(makeView(*this, this));
+    m_layout->addWidget(m_view->widget());
+    return true;
+}
+
+bool CWebPane::acceptNavigation(const QUrl& url, bool isMainFrame, bool linkClicked) {
+    const Route route = routeFor(url, m_loopbackPorts, m_programFile);
+    if (route == Route::Inside) {
+        if (isMainFrame)
+            m_current = url;
+        return true;
+    }
+    // A frame inside the page that loads another site is refused without a browser window:
+    // only what the user follows in the page itself goes out.
+    if (route == Route::Browser && isMainFrame)
+        follow(url, linkClicked);
+    else
+        PELSU_LOG(g_webGroup, "- Not shown: " << latin1(url));
+    return false;
+}
+
+void CWebPane::newWindowRequested(const QUrl& url) { showUrl(url); }
+
+void CWebPane::pageLoaded(bool ok) { emit loadFinished(ok); }
+
+QString CWebPane::engineModulePath() {
+    QStringList candidates;
+    if (qEnvironmentVariableIsSet("PELSU_WEBVIEW_MODULE"))
+        candidates << qEnvironmentVariable("PELSU_WEBVIEW_MODULE");
+    const QString programDir = QCoreApplication::applicationDirPath();
+    candidates << programDir + "/" + kModuleName << programDir + "/../lib/" + kModuleName;
+#ifdef PELSU_WEBVIEW_MODULE_BUILT
+    candidates << PELSU_WEBVIEW_MODULE_BUILT;
+#endif
+    for (const QString& candidate : candidates)
+        if (QFileInfo(candidate).isFile())
+            return QFileInfo(candidate).absoluteFilePath();
+    return {};
 }
 
 bool CWebPane::staysInside(const QUrl& url, int loopbackPort) {
@@ -172,9 +184,8 @@ CWebPane::Route CWebPane::routeFor(const QUrl& url, const QList<int>& loopbackPo
 }
 
 bool CWebPane::prepareEngineEnvironment() {
-    // The engine shares its drawing context with the widgets; Qt wants this set before the
-    // application object exists.
-    QCoreApplication::setAttribute(Qt::AA_ShareOpenGLContexts);
+    // Qt::AA_ShareOpenGLContexts is left off on purpose: it makes every start create a GL
+    // context (tens of MiB of driver), and the engine, loaded later, draws without it.
     if (!runsAsRoot() || qEnvironmentVariableIsSet(kNoSandbox))
         return false;
     qputenv(kNoSandbox, "1");

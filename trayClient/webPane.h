@@ -8,18 +8,19 @@
 // page can never open a local file or a launcher.
 #pragma once
 
+#include "trayClient/webViewModule.h"
+
 #include <QList>
 #include <QUrl>
 #include <QWidget>
 
+#include <memory>
+
 class QVBoxLayout;
-class QWebEngineView;
 
 namespace trayClient {
 
-class CWebPage;
-
-class CWebPane : public QWidget {
+class CWebPane : public QWidget, private WebViewHost {
     Q_OBJECT
 public:
     // Where a navigation goes.
@@ -43,8 +44,10 @@ public:
 
     // Whether the browser engine's view exists (a page was shown).
     bool hasView() const { return m_view != nullptr; }
-    // The view, or null before the first page.
-    QWebEngineView* view() const { return m_view; }
+    // The view, or null before the first page (or when the engine could not be loaded).
+    WebView* view() const { return m_view.get(); }
+    // Why pages can't be shown (the engine's module did not load), or empty.
+    const QString& engineProblem() const { return m_engineProblem; }
     // The address of the page shown or being loaded (empty before the first page).
     QUrl currentUrl() const { return m_current; }
 
@@ -60,6 +63,9 @@ public:
     // Returns true when the engine's sandbox was switched off because the program runs as
     // root (the sandbox refuses to start as root).
     static bool prepareEngineEnvironment();
+    // The engine's module: $PELSU_WEBVIEW_MODULE, else beside the program or in ../lib of
+    // it, else where the build put it. Empty when none exists.
+    static QString engineModulePath();
 
 signals:
     // A page finished loading (ok false when it failed).
@@ -68,8 +74,13 @@ signals:
     void openedInBrowser(const QUrl& url);
 
 private:
-    friend class CWebPage;
-    void ensureView();
+    // WebViewHost
+    bool acceptNavigation(const QUrl& url, bool isMainFrame, bool linkClicked) override;
+    void newWindowRequested(const QUrl& url) override;
+    void pageLoaded(bool ok) override;
+
+    // Makes the view (loading the engine's module the first time); false when it can't.
+    bool ensureView();
     // Carries out a navigation that the page did not keep: opens it in the browser or loads
     // it here, as its route says. Returns the route.
     Route follow(const QUrl& url, bool userAsked);
@@ -78,8 +89,8 @@ private:
     QUrl m_programFile;
     QUrl m_current;
     QVBoxLayout* m_layout;
-    QWebEngineView* m_view = nullptr;
-    CWebPage* m_page = nullptr;
+    std::unique_ptr<WebView> m_view;
+    QString m_engineProblem;
 };
 
 } // namespace trayClient
