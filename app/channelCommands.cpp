@@ -182,11 +182,11 @@ int runImport(ChannelCommandContext& context) {
         throw UsageError("import-opml needs one OPML file");
     const std::vector<OpmlEntry> entries =
         readOpml(resolve(context, context.args[0]).string(), context.args[0]);
-    const OpmlImportCounts counts =
-        importOpmlEntries(context.manager, entries, [&](const OpmlEntry& entry, OpmlOutcome outcome) {
+    const OpmlImportCounts counts = importOpmlEntries(
+        context.manager, entries, [&](const OpmlEntry& entry, OpmlOutcome outcome) {
             if (outcome == OpmlOutcome::Refused)
-                context.out << "refused: " << toUtf8(entry.address) << ": "
-                            << toUtf8(entry.problem) << '\n';
+                context.out << "refused: " << toUtf8(entry.address) << ": " << toUtf8(entry.problem)
+                            << '\n';
             else if (outcome == OpmlOutcome::AlreadySubscribed)
                 context.out << "skipped (already subscribed): " << toUtf8(entry.address) << '\n';
         });

@@ -7,8 +7,8 @@
 #include "app/environment.h"
 #include "channels/channelManager.h"
 
-#include <ostream>
 #include <optional>
+#include <ostream>
 #include <stdexcept>
 #include <stop_token>
 #include <string>
@@ -57,12 +57,12 @@ int runChannelCommand(const ChannelCommand& command, ChannelCommandContext& cont
 
 // What a new channel is made of: a feed's address or a plugin script (exactly one of them).
 struct NewChannel {
-    std::string address; // an http(s) address or a local file's path
-    std::string script;  // a channel plugin script's path
-    std::string id;      // valid and unused
-    std::string name;    // the user's display name (empty: the feed's title)
-    int interval = -1;   // seconds between automatic updates (negative: the default)
-    std::optional<bool> autoUpdate;                               // unset: the default
+    std::string address;            // an http(s) address or a local file's path
+    std::string script;             // a channel plugin script's path
+    std::string id;                 // valid and unused
+    std::string name;               // the user's display name (empty: the feed's title)
+    int interval = -1;              // seconds between automatic updates (negative: the default)
+    std::optional<bool> autoUpdate; // unset: the default
     std::vector<std::pair<std::string, std::string>> parameters; // a plugin channel's
 };
 

@@ -15,9 +15,13 @@ namespace app {
 namespace {
 
 // The media types of feeds that pages announce.
-constexpr std::array<std::string_view, 7> kFeedTypes = {
-    "application/rss+xml", "application/atom+xml", "application/rdf+xml",
-    "application/feed+json", "application/json", "application/xml", "text/xml"};
+constexpr std::array<std::string_view, 7> kFeedTypes = {"application/rss+xml",
+                                                        "application/atom+xml",
+                                                        "application/rdf+xml",
+                                                        "application/feed+json",
+                                                        "application/json",
+                                                        "application/xml",
+                                                        "text/xml"};
 
 bool isSpace(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
 

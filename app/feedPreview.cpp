@@ -21,9 +21,8 @@ bool isLocalPath(const std::string& address) {
 } // namespace
 
 FeedPreviewer::FeedPreviewer(PreviewOptions options)
-    : m_options(std::move(options)),
-      m_session(std::make_unique<tools::InternetSession>(m_options.userAgent,
-                                                         m_options.manager.net)) {}
+    : m_options(std::move(options)), m_session(std::make_unique<tools::InternetSession>(
+                                         m_options.userAgent, m_options.manager.net)) {}
 
 FeedPreviewer::~FeedPreviewer() = default;
 

@@ -110,9 +110,9 @@ std::set<std::string> subscribedAddresses(const channels::ChannelManager& manage
     return addresses;
 }
 
-OpmlImportCounts importOpmlEntries(channels::ChannelManager& manager,
-                                   const std::vector<OpmlEntry>& entries,
-                                   const std::function<void(const OpmlEntry&, OpmlOutcome)>& report) {
+OpmlImportCounts
+importOpmlEntries(channels::ChannelManager& manager, const std::vector<OpmlEntry>& entries,
+                  const std::function<void(const OpmlEntry&, OpmlOutcome)>& report) {
     std::set<std::string> known = subscribedAddresses(manager);
     OpmlImportCounts counts;
     for (const OpmlEntry& entry : entries) {

@@ -34,7 +34,8 @@ TEST(FeedDiscovery, OddMarkupStillGivesTheLinks) {
                              "href=\"feed.json\"></head>";
     const auto links = discoverFeedLinks(head, "http://news.example/a/b");
     ASSERT_EQ(links.size(), 3u);
-    EXPECT_EQ(links[0], (FeedLink{"http://news.example/rss?a=1&b=2", "News/", "application/rss+xml"}));
+    EXPECT_EQ(links[0],
+              (FeedLink{"http://news.example/rss?a=1&b=2", "News/", "application/rss+xml"}));
     EXPECT_EQ(links[1].address, "http://cdn.example/cafe.rss");
     EXPECT_EQ(links[1].title, "Caf\xe9 & more");
     EXPECT_EQ(links[2].address, "http://news.example/a/feed.json");
@@ -54,7 +55,8 @@ TEST(FeedDiscovery, BaseHrefGovernsRelativeLinksAndRepeatsAreDropped) {
 }
 
 TEST(FeedDiscovery, NothingIsFoundInCommentsScriptsOrPagesWithoutFeeds) {
-    EXPECT_TRUE(discoverFeedLinks("<html><head><title>x</title></head></html>", "http://a/").empty());
+    EXPECT_TRUE(
+        discoverFeedLinks("<html><head><title>x</title></head></html>", "http://a/").empty());
     EXPECT_TRUE(discoverFeedLinks("", "http://a/").empty());
     const std::string hidden =
         "<!-- <link rel=alternate type=application/rss+xml href=/old.xml> -->"

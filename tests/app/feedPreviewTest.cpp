@@ -26,8 +26,10 @@ const char* const kFeed = "<?xml version=\"1.0\"?><rss version=\"2.0\"><channel>
                           "<item><guid>3</guid><title>Third</title></item>"
                           "</channel></rss>";
 
-PreviewOptions options(int maxItems = 10) {
+// 127.0.0.1 addresses are the program's own plugin server: the test server stands in for it.
+PreviewOptions options(int maxItems = 10, int serverPort = 0) {
     PreviewOptions result;
+    result.manager.appPluginServerPort = serverPort;
     result.manager.net.honourUrlPort = true; // the test server is not on port 80
     result.manager.net.connectTimeoutSeconds = 5;
     result.userAgent = "pelsu-test";
@@ -54,13 +56,14 @@ protected:
         });
         ASSERT_TRUE(m_server.start());
     }
+    PreviewOptions serverOptions(int maxItems = 10) { return options(maxItems, m_server.port()); }
     TestHttpServer m_server;
 };
 
 } // namespace
 
 TEST_F(FeedPreviewServer, AFeedGivesItsTitleAndFirstItems) {
-    const FeedPreview preview = app::previewFeed(m_server.url("/feed.xml"), options(2));
+    const FeedPreview preview = app::previewFeed(m_server.url("/feed.xml"), serverOptions(2));
     ASSERT_TRUE(preview.isFeed()) << preview.error;
     EXPECT_EQ(preview.channel.channelDisplayName, "Loopback news");
     ASSERT_EQ(preview.items.size(), 2u);
@@ -69,23 +72,23 @@ TEST_F(FeedPreviewServer, AFeedGivesItsTitleAndFirstItems) {
 }
 
 TEST_F(FeedPreviewServer, AMissingPageGivesTheHttpStatusAsTheEngineWordsIt) {
-    const FeedPreview preview = app::previewFeed(m_server.url("/gone.xml"), options());
+    const FeedPreview preview = app::previewFeed(m_server.url("/gone.xml"), serverOptions());
     EXPECT_EQ(preview.error, "Feed update error: HTTP 404 Not Found");
     EXPECT_TRUE(preview.items.empty());
     EXPECT_TRUE(preview.links.empty());
 }
 
 TEST_F(FeedPreviewServer, AnHtmlPageOffersItsFeedLinksWhichPreviewInTurn) {
-    const FeedPreview page = app::previewFeed(m_server.url("/page"), options());
+    const FeedPreview page = app::previewFeed(m_server.url("/page"), serverOptions());
     EXPECT_FALSE(page.isFeed());
     ASSERT_EQ(page.links.size(), 1u);
     EXPECT_EQ(page.links[0].address, m_server.url("/feed.xml"));
     EXPECT_EQ(page.links[0].title, "News");
-    EXPECT_TRUE(app::previewFeed(page.links[0].address, options()).isFeed());
+    EXPECT_TRUE(app::previewFeed(page.links[0].address, serverOptions()).isFeed());
 }
 
 TEST_F(FeedPreviewServer, AbortEndsAPreviewInProgressAtOnce) {
-    app::FeedPreviewer previewer(options());
+    app::FeedPreviewer previewer(serverOptions());
     std::atomic<bool> done{false};
     FeedPreview preview;
     std::thread worker([&] {
@@ -108,7 +111,7 @@ TEST(FeedPreview, LocalFilesGiveTheParserOrFileErrorsAndNothingIsWritten) {
     writeFile(dir.file("good.xml"), kFeed);
     writeFile(dir.file("empty.xml"), "");
     EXPECT_EQ(app::previewFeed(dir.file("broken.xml"), options()).error,
-              "XML parse failed (3:L1/C44): no element found");
+              "XML parse failed (3:L1/C41): no element found");
     EXPECT_EQ(app::previewFeed(dir.file("missing.xml"), options()).error,
               "Can't open file: " + dir.file("missing.xml"));
     EXPECT_EQ(app::previewFeed(dir.file("empty.xml"), options()).error, "Empty RSS feed.");
