@@ -5,6 +5,7 @@
 
 #include "app/environment.h"
 #include "channels/channelManager.h"
+#include "lib/misc/iniValues.h"
 #include "tests/support/testSupport.h"
 #include "tests/trayClient/support/clientTestSupport.h"
 #include "trayClient/channelDesktopSettings.h"
@@ -138,6 +139,34 @@ TEST_F(NewChannelWizard, TakenOrInvalidIdsKeepFinishBack) {
         id->setText(bad);
         EXPECT_FALSE(nextEnabled(wizard)) << bad;
     }
+}
+
+TEST_F(NewChannelWizard, APluginChannelTakesItsParametersAndNeedsNoPreview) {
+    writeFile(m_home.file("listing.sh"), "#!/bin/sh\n");
+    writeFile(m_home.file("listing.plugin"),
+              "[ChannelParameterDefinition-1]\nName=Folder\nType=string\nDefaultValue=/srv\n"
+              "[ChannelParameterDefinition-2]\nName=Count\nType=int\nDefaultValue=5\n");
+    CNewChannelWizard wizard(m_manager, m_settings, m_environment);
+    wizard.show();
+    child<QLineEdit>(wizard, "source")->setText(QString::fromStdString(m_home.file("listing.sh")));
+    child<QAbstractButton>(wizard, "kindPlugin")->click();
+    auto* count = child<QLineEdit>(wizard, "param-Count");
+    ASSERT_NE(count, nullptr);
+    EXPECT_EQ(count->text(), "5");
+    count->setText("7");
+    wizard.next();
+    ASSERT_EQ(wizard.currentId(), CNewChannelWizard::ChannelPageId);
+    wizard.next();
+    wizard.accept();
+
+    const std::string id = wizard.addedChannelId().toStdString();
+    ASSERT_FALSE(id.empty());
+    channels::Channel* channel = m_manager.findChannel(id);
+    ASSERT_NE(channel, nullptr);
+    EXPECT_EQ(channel->address(), m_home.file("listing.sh"));
+    EXPECT_EQ(channel->fileName(), m_home.file("Channels/" + id + ".plugin"));
+    EXPECT_EQ(profile::readIniString(channel->fileName(), "ChannelParameters", "Count"), "7");
+    EXPECT_EQ(profile::readIniString(channel->fileName(), "ChannelParameters", "Folder"), "/srv");
 }
 
 int main(int argc, char** argv) { return client_testing::runClientTests(argc, argv); }
