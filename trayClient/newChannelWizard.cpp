@@ -447,7 +447,10 @@ void CNewChannelWizard::accept() {
     const bool plugin = sourceKind() == SourceKind::Plugin;
     (plugin ? request.script : request.address) = toEngine(plugin ? source() : m_previewedAddress);
     request.id = toEngine(m_channelPage->m_id.text().trimmed());
+    // The feed's own title needs no copy: the channel then follows the feed when it changes.
     request.name = toEngine(m_channelPage->m_name.text().trimmed());
+    if (!plugin && request.name == m_preview.channel.channelDisplayName)
+        request.name.clear();
     request.interval = m_channelPage->m_interval.value() * 60;
     request.autoUpdate = m_channelPage->m_autoUpdate.isChecked();
     if (plugin)
@@ -460,7 +463,8 @@ void CNewChannelWizard::accept() {
     }
     m_settings.change(
         request.id, [this](ChannelDesktopSettings& settings) { m_desktopPage->applyTo(settings); });
-    m_settings.setChannelName(request.id, request.name.empty() ? request.id : request.name);
+    const std::string shownName = toEngine(m_channelPage->m_name.text().trimmed());
+    m_settings.setChannelName(request.id, shownName.empty() ? request.id : shownName);
     m_settings.save(request.id);
     m_manager.requestUpdate(request.id);
     m_addedId = fromEngine(request.id);

@@ -94,6 +94,9 @@ TEST_F(NewChannelWizard, APageOffersItsFeedsAndFinishingAddsTheChosenOne) {
     channels::Channel* channel = m_manager.findChannel("shed");
     ASSERT_NE(channel, nullptr);
     EXPECT_EQ(channel->address(), m_home.file("site/feeds/shed.xml"));
+    // The feed's title, left as it was, stays the feed's: no name of the user's is stored.
+    EXPECT_EQ(channel->config().preferredChannelDisplayName(), "");
+    EXPECT_EQ(m_settings.channelName("shed"), "Shed notes");
     ChannelDesktopSettings stored;
     ASSERT_TRUE(stored.load(m_settings.fileFor("shed"), "shed"));
     EXPECT_FALSE(stored.notifyOnNewItem);
