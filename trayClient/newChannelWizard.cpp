@@ -253,6 +253,8 @@ public:
         m_title.setText(tr("Fetching %1 ...").arg(address));
         for (QWidget* widget : std::initializer_list<QWidget*>{&m_items, &m_error})
             widget->hide();
+        m_links.setVisible(m_links.count() > 0); // a page's list stays while one of it is fetched
+        m_linksLabel.setVisible(m_links.count() > 0);
         emit completeChanged();
     }
     void showResult(const app::FeedPreview& preview);

@@ -72,7 +72,8 @@ public:
                       const QString& address = QString());
     ~CNewChannelWizard() override;
 
-    // Puts an address on the source page and goes back there.
+    // Puts an address on the source page and goes back there. Like every operation here, on
+    // the UI thread only: another thread asks with a queued call.
     void setAddress(const QString& address);
     // The address or path the channel will read (an address without a scheme made http), or
     // the plugin script's path.
