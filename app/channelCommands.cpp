@@ -1,5 +1,6 @@
 #include "app/channelCommands.h"
 
+#include "app/opml.h"
 #include "app/subscriptions.h"
 #include "app/terminalText.h"
 #include "app/updatePrinter.h"
@@ -7,19 +8,12 @@
 #include "channels/exception.h"
 #include "channels/pluginChannel.h"
 #include "channels/rssChannel.h"
-#include "expat/parser.h"
 #include "lib/misc/iniValues.h"
-#include "tools/localFile.h"
 
 #include <algorithm>
 #include <atomic>
 #include <cctype>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <set>
-#include <sstream>
-#include <strings.h>
 #include <thread>
 
 namespace app {
@@ -96,22 +90,13 @@ int runAdd(ChannelCommandContext& context) {
         add.id = channelIdFromAddress(source, manager);
     if (!isValidChannelId(add.id))
         throw UsageError("a channel ID may hold letters, digits, '-', '_' and '.': " + add.id);
-    std::unique_ptr<channels::Channel> channel;
-    if (add.script.empty()) {
-        auto rss = std::make_unique<channels::RssChannel>(&manager, add.id);
-        rss->config().setRssChannelUrl(add.address);
-        channel = std::move(rss);
-    } else {
-        auto plugin = std::make_unique<channels::PluginChannel>(&manager, add.id);
-        plugin->config().setScriptFilename(add.script);
-        channel = std::move(plugin);
-    }
-    if (add.interval >= 0)
-        channel->settings().setAutoUpdateInterval(add.interval);
-    channels::Channel* added = manager.addChannel(std::move(channel));
-    for (const auto& [name, value] : add.parameters)
-        profile::writeIniString(added->fileName(), channels::kChannelParametersSection, name,
-                                value);
+    NewChannel request;
+    request.address = add.address;
+    request.script = add.script;
+    request.id = add.id;
+    request.interval = add.interval;
+    request.parameters = add.parameters;
+    addNewChannel(manager, request);
     context.out << "Added channel " << add.id << ": " << source << '\n';
     return kExitOk;
 }
@@ -192,93 +177,20 @@ int runUpdate(ChannelCommandContext& context) {
     return !finished || printer.failed() > 0 || unloaded > 0 ? kExitFailure : kExitOk;
 }
 
-// OPML files are UTF-8; the engine keeps Latin-1.
-std::string latin1(const char* utf8) {
-    std::string text;
-    expat::appendUtf8AsLatin1(text, utf8, std::strlen(utf8));
-    return text;
-}
-
-// Why an outline's address can't become a channel, or empty when it can: only http and https
-// addresses and regular local files (never devices, FIFOs or the kernel's files).
-std::string addressProblem(const std::string& url) {
-    const std::string scheme = url.substr(0, url.find("://"));
-    if (::strcasecmp(scheme.c_str(), "http") == 0 || ::strcasecmp(scheme.c_str(), "https") == 0)
-        return "";
-    const std::string path = tools::localFilePath(url);
-    if (path.empty())
-        return "not an http or https address or an existing local file";
-    return tools::localFileProblem(path);
-}
-
-struct Outline {
-    std::string title;
-    std::string url;
-};
-
-// Collects every outline with a feed address, however deeply nested.
-class OpmlReader : public expat::Parser {
-public:
-    std::vector<Outline> outlines;
-
-protected:
-    void onStartElement(const char* name, const char** attributes) override {
-        if (::strcasecmp(name, "outline") != 0)
-            return;
-        Outline outline;
-        std::string text;
-        for (const char** attribute = attributes; attribute && *attribute; attribute += 2) {
-            if (::strcasecmp(attribute[0], "xmlUrl") == 0)
-                outline.url = latin1(attribute[1]);
-            else if (::strcasecmp(attribute[0], "title") == 0)
-                outline.title = latin1(attribute[1]);
-            else if (::strcasecmp(attribute[0], "text") == 0)
-                text = latin1(attribute[1]);
-        }
-        if (outline.title.empty())
-            outline.title = text;
-        if (!outline.url.empty())
-            outlines.push_back(std::move(outline));
-    }
-};
-
 int runImport(ChannelCommandContext& context) {
     if (context.args.size() != 1)
         throw UsageError("import-opml needs one OPML file");
-    std::ifstream in(resolve(context, context.args[0]), std::ios::binary);
-    if (!in)
-        throw channels::Exception("Can't open file: " + context.args[0]);
-    std::ostringstream text;
-    text << in.rdbuf();
-    OpmlReader reader;
-    reader.parse(text.str().data(), text.str().size());
-    auto& manager = context.manager;
-    std::set<std::string> known;
-    for (channels::Channel* channel : manager.channels())
-        known.insert(channel->address());
-    int added = 0, skipped = 0, refused = 0;
-    for (const Outline& outline : reader.outlines) {
-        if (const std::string problem = addressProblem(outline.url); !problem.empty()) {
-            context.out << "refused: " << toUtf8(outline.url) << ": " << toUtf8(problem) << '\n';
-            ++refused;
-            continue;
-        }
-        if (!known.insert(outline.url).second) {
-            context.out << "skipped (already subscribed): " << toUtf8(outline.url) << '\n';
-            ++skipped;
-            continue;
-        }
-        auto channel = std::make_unique<channels::RssChannel>(
-            &manager, channelIdFromAddress(outline.url, manager));
-        channel->config().setRssChannelUrl(outline.url);
-        channel->config().setPreferredChannelDisplayName(outline.title);
-        manager.addChannel(std::move(channel));
-        ++added;
-    }
-    context.out << "Imported " << added << " channel(s); skipped " << skipped << " duplicate(s)";
-    if (refused > 0)
-        context.out << "; refused " << refused << " address(es)";
-    context.out << ".\n";
+    const std::vector<OpmlEntry> entries =
+        readOpml(resolve(context, context.args[0]).string(), context.args[0]);
+    const OpmlImportCounts counts = importOpmlEntries(
+        context.manager, entries, [&](const OpmlEntry& entry, OpmlOutcome outcome) {
+            if (outcome == OpmlOutcome::Refused)
+                context.out << "refused: " << toUtf8(entry.address) << ": " << toUtf8(entry.problem)
+                            << '\n';
+            else if (outcome == OpmlOutcome::AlreadySubscribed)
+                context.out << "skipped (already subscribed): " << toUtf8(entry.address) << '\n';
+        });
+    context.out << opmlImportSummary(counts) << '\n';
     return kExitOk;
 }
 
@@ -336,6 +248,30 @@ bool isValidChannelId(const std::string& id) {
         if (!std::isalnum(static_cast<unsigned char>(c)) && c != '-' && c != '_' && c != '.')
             return false;
     return true;
+}
+
+channels::Channel* addNewChannel(channels::ChannelManager& manager, const NewChannel& request) {
+    std::unique_ptr<channels::Channel> channel;
+    if (request.script.empty()) {
+        auto rss = std::make_unique<channels::RssChannel>(&manager, request.id);
+        rss->config().setRssChannelUrl(request.address);
+        channel = std::move(rss);
+    } else {
+        auto plugin = std::make_unique<channels::PluginChannel>(&manager, request.id);
+        plugin->config().setScriptFilename(request.script);
+        channel = std::move(plugin);
+    }
+    if (!request.name.empty())
+        channel->config().setPreferredChannelDisplayName(request.name);
+    if (request.interval >= 0)
+        channel->settings().setAutoUpdateInterval(request.interval);
+    if (request.autoUpdate)
+        channel->settings().setAutoUpdateEnabled(*request.autoUpdate);
+    channels::Channel* added = manager.addChannel(std::move(channel));
+    for (const auto& [name, value] : request.parameters)
+        profile::writeIniString(added->fileName(), channels::kChannelParametersSection, name,
+                                value);
+    return added;
 }
 
 channels::Channel& requireChannel(channels::ChannelManager& manager, const std::string& id) {

@@ -7,10 +7,12 @@
 #include "app/environment.h"
 #include "channels/channelManager.h"
 
+#include <optional>
 #include <ostream>
 #include <stdexcept>
 #include <stop_token>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace app {
@@ -52,6 +54,22 @@ const ChannelCommand* findChannelCommand(const std::string& name);
 // Runs the command, reporting mistakes as pelsu-cli does: a UsageError with the usage text
 // (status 2), any other failure as "pelsu-cli: " and the reason (status 1).
 int runChannelCommand(const ChannelCommand& command, ChannelCommandContext& context);
+
+// What a new channel is made of: a feed's address or a plugin script (exactly one of them).
+struct NewChannel {
+    std::string address;            // an http(s) address or a local file's path
+    std::string script;             // a channel plugin script's path
+    std::string id;                 // valid and unused
+    std::string name;               // the user's display name (empty: the feed's title)
+    int interval = -1;              // seconds between automatic updates (negative: the default)
+    std::optional<bool> autoUpdate; // unset: the default
+    std::vector<std::pair<std::string, std::string>> parameters; // a plugin channel's
+};
+
+// Writes the new channel's file (with its channel parameters) and adds it to the manager;
+// throws channels::Exception when the ID is taken or the file can't be written. The first
+// update is the caller's to request.
+channels::Channel* addNewChannel(channels::ChannelManager& manager, const NewChannel& channel);
 
 // A non-negative decimal number from an argument, or a UsageError naming the option.
 int parseCount(const std::string& text, const std::string& option);
