@@ -149,8 +149,7 @@ void loadScriptFileTypes(GlobalOptions& options, const std::string& globalIniFil
     for (const std::string& name : profile::listIniKeys(globalIniFile, kScriptFileTypesSection))
         options.scriptFileTypes.emplace_back(
             name, profile::readIniString(globalIniFile, kScriptFileTypesSection, name));
-    for (const std::string& extension :
-         profile::listIniKeys(globalIniFile, kAssociationsSection)) {
+    for (const std::string& extension : profile::listIniKeys(globalIniFile, kAssociationsSection)) {
         std::string key = misc::lowered(extension);
         if (!key.empty() && key[0] != '.')
             key = "." + key;

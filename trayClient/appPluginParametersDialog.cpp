@@ -11,8 +11,7 @@
 
 namespace trayClient {
 
-CAppPluginParametersDialog::CAppPluginParametersDialog(channels::AppPlugin& plugin,
-                                                       QWidget* parent)
+CAppPluginParametersDialog::CAppPluginParametersDialog(channels::AppPlugin& plugin, QWidget* parent)
     : QDialog(parent), m_plugin(plugin),
       m_form(new CParamForm(plugin.pluginParamDefs(), plugin.pluginParamValues())),
       m_error(new QLabel(this)) {
@@ -46,8 +45,8 @@ void CAppPluginParametersDialog::accept() {
     } catch (const channels::Exception& error) {
         // The plugin keeps what its file holds, so the two never disagree.
         m_plugin.setPluginParamValues(before);
-        m_error->setText(tr("Couldn't save the plugin's parameters: %1")
-                             .arg(QString::fromLatin1(error.what())));
+        m_error->setText(
+            tr("Couldn't save the plugin's parameters: %1").arg(QString::fromLatin1(error.what())));
         m_error->show();
         return;
     }
@@ -57,3 +56,5 @@ void CAppPluginParametersDialog::accept() {
 }
 
 } // namespace trayClient
+
+#include "moc_appPluginParametersDialog.cpp" // NOLINT(bugprone-suspicious-include)

@@ -48,10 +48,9 @@ const TextKey kTextKeys[] = {
      &C::setPreferredChannelDescription, false},
     {"PreferredChannelHomeUrl", "Home page", &C::preferredChannelHomeUrl,
      &C::setPreferredChannelHomeUrl, false},
-    {"PreferredImageUrl", "Image address", &C::preferredImageUrl, &C::setPreferredImageUrl,
-     false},
-    {"ChannelSummaryTemplateFilename", "Summary page template",
-     &C::channelSummaryTemplateFilename, &C::setChannelSummaryTemplateFilename, true},
+    {"PreferredImageUrl", "Image address", &C::preferredImageUrl, &C::setPreferredImageUrl, false},
+    {"ChannelSummaryTemplateFilename", "Summary page template", &C::channelSummaryTemplateFilename,
+     &C::setChannelSummaryTemplateFilename, true},
     {"ChannelSummaryBackgroundFilename", "Summary page background",
      &C::channelSummaryBackgroundFilename, &C::setChannelSummaryBackgroundFilename, true},
 };
@@ -65,8 +64,7 @@ struct ImageKey {
 };
 const ImageKey kImageKeys[] = {
     {"PreferredImageWidth", "Image width", &C::preferredImageWidth, &C::setPreferredImageWidth},
-    {"PreferredImageHeight", "Image height", &C::preferredImageHeight,
-     &C::setPreferredImageHeight},
+    {"PreferredImageHeight", "Image height", &C::preferredImageHeight, &C::setPreferredImageHeight},
 };
 
 struct DesktopFlag {
@@ -82,8 +80,7 @@ const DesktopFlag kDesktopFlags[] = {
     {"PlaySoundOnNewItem", "Play a sound for new items", &D::playSoundOnNewItem},
     {"UseQuickAccessMenu", "List the channel in the tray's quick-access menu",
      &D::useQuickAccessMenu},
-    {"UseQuickAccessSubMenus", "Give it a sub-menu of its items there",
-     &D::useQuickAccessSubMenus},
+    {"UseQuickAccessSubMenus", "Give it a sub-menu of its items there", &D::useQuickAccessSubMenus},
 };
 
 // The units the update interval is entered in, largest first.
@@ -249,8 +246,8 @@ QWidget* CChannelPropertiesDialog::makePluginParameters(QWidget* parent) {
     }
     channels::loadParamValues(m_channel.fileName(), channels::kChannelParametersSection,
                               channelDefs, channelValues);
-    channels::loadParamValues(m_channel.fileName(), channels::kPluginParametersSection,
-                              pluginDefs, pluginValues);
+    channels::loadParamValues(m_channel.fileName(), channels::kPluginParametersSection, pluginDefs,
+                              pluginValues);
     m_channelParams = new CParamForm(channelDefs, channelValues, box);
     m_pluginParams = new CParamForm(pluginDefs, pluginValues, box);
     if (m_channelParams->isEmpty() && m_pluginParams->isEmpty())
@@ -297,8 +294,7 @@ QWidget* CChannelPropertiesDialog::makeStatusPage(const QString& lastError) {
     const std::int32_t fetched = state.lastFetchTime();
     const QString never = tr("Never");
     form->addRow(tr("Last fetch:"),
-                 statusLabel(fetched ? QDateTime::fromSecsSinceEpoch(fetched).toString()
-                                     : never,
+                 statusLabel(fetched ? QDateTime::fromSecsSinceEpoch(fetched).toString() : never,
                              "LastFetchTime", page));
     const auto orNone = [this](const std::string& text) {
         return text.empty() ? tr("None") : latin1(text);
@@ -306,8 +302,7 @@ QWidget* CChannelPropertiesDialog::makeStatusPage(const QString& lastError) {
     form->addRow(tr("Last-Modified:"),
                  statusLabel(orNone(state.httpLastModified()), "HttpLastModified", page));
     form->addRow(tr("ETag:"), statusLabel(orNone(state.httpETag()), "HttpETag", page));
-    form->addRow(tr("Items:"),
-                 statusLabel(QString::number(state.itemCount()), "ItemCount", page));
+    form->addRow(tr("Items:"), statusLabel(QString::number(state.itemCount()), "ItemCount", page));
     form->addRow(tr("File:"),
                  statusLabel(QString::fromLocal8Bit(m_channel.fileName().c_str()), "File", page));
     if (const auto* rss = dynamic_cast<const channels::RssChannel*>(&m_channel);
@@ -426,3 +421,5 @@ void CChannelPropertiesDialog::accept() {
 }
 
 } // namespace trayClient
+
+#include "moc_channelPropertiesDialog.cpp" // NOLINT(bugprone-suspicious-include)

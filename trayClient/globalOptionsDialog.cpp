@@ -190,7 +190,9 @@ void CGlobalOptionsDialog::addPreviews() {
 }
 
 void CGlobalOptionsDialog::refreshPreviews() {
-    const auto editor = [this](const char* key) { return m_editors.at(QString::fromLatin1(key)).second; };
+    const auto editor = [this](const char* key) {
+        return m_editors.at(QString::fromLatin1(key)).second;
+    };
     const auto colour = [&](const char* key) {
         return qobject_cast<CColourButton*>(editor(key))->colour();
     };
@@ -261,3 +263,5 @@ void CGlobalOptionsDialog::accept() {
 }
 
 } // namespace trayClient
+
+#include "moc_globalOptionsDialog.cpp" // NOLINT(bugprone-suspicious-include)

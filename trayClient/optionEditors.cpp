@@ -70,13 +70,12 @@ const OptionEditorSpec kSpecs[] = {
     // Notifications and sounds.
     {"NotificationBalloonDisplayTime", K::Number, &G::notificationBalloonDisplayTime,
      P::Notifications, kNotifications, "Show each notification for (seconds)", 1, 1800},
-    {"NotificationBalloonPosition", K::Choice, &G::notificationBalloonPosition,
-     P::Notifications, kNotifications, "Screen corner", 0, 3,
-     "Top left|Top right|Bottom left|Bottom right"},
+    {"NotificationBalloonPosition", K::Choice, &G::notificationBalloonPosition, P::Notifications,
+     kNotifications, "Screen corner", 0, 3, "Top left|Top right|Bottom left|Bottom right"},
     {"MaxNotificationQueueLength", K::Number, &G::maxNotificationQueueLength, P::Notifications,
      kNotifications, "Longest notification queue", -1, 100000, kNoLimit},
-    {"NoWelcomeNotification", K::Flag, &G::noWelcomeNotification, P::Notifications,
-     kNotifications, "No welcome notification at start-up"},
+    {"NoWelcomeNotification", K::Flag, &G::noWelcomeNotification, P::Notifications, kNotifications,
+     "No welcome notification at start-up"},
     {"MaxConsecutiveChannelUpdateErrors", K::Number, &G::maxConsecutiveChannelUpdateErrors,
      P::Notifications, kNotifications, "Failed updates in a row before a channel is reported", 0,
      1000},
@@ -87,19 +86,18 @@ const OptionEditorSpec kSpecs[] = {
     {"DefaultErrorSoundFilename", K::SoundFile, &G::defaultErrorSoundFilename, P::Notifications,
      kSounds, "Error sound file"},
     // Fonts and colours, pane by pane.
-    {"ControlCenterMyChannelsFontName", K::FontName, &G::controlCenterMyChannelsFontName,
-     P::Fonts, kChannelTree, "Font"},
+    {"ControlCenterMyChannelsFontName", K::FontName, &G::controlCenterMyChannelsFontName, P::Fonts,
+     kChannelTree, "Font"},
     {"ControlCenterMyChannelsFontSize", K::Number, &G::controlCenterMyChannelsFontSize, P::Fonts,
      kChannelTree, "Size", 8, 50},
     {"ControlCenterAutoUpdateChannelFgdCol", K::Colour, &G::controlCenterAutoUpdateChannelFgdCol,
      P::Fonts, kChannelTree, "Channels that update by themselves"},
     {"ControlCenterNonAutoUpdateChannelFgdCol", K::Colour,
-     &G::controlCenterNonAutoUpdateChannelFgdCol, P::Fonts, kChannelTree,
-     "Channels that don't"},
+     &G::controlCenterNonAutoUpdateChannelFgdCol, P::Fonts, kChannelTree, "Channels that don't"},
     {"ControlCenterMyChannelsBgdCol", K::Colour, &G::controlCenterMyChannelsBgdCol, P::Fonts,
      kChannelTree, "Background"},
-    {"ControlCenterAppPluginsFontName", K::FontName, &G::controlCenterAppPluginsFontName,
-     P::Fonts, kPluginTree, "Font"},
+    {"ControlCenterAppPluginsFontName", K::FontName, &G::controlCenterAppPluginsFontName, P::Fonts,
+     kPluginTree, "Font"},
     {"ControlCenterAppPluginsFontSize", K::Number, &G::controlCenterAppPluginsFontSize, P::Fonts,
      kPluginTree, "Size", 8, 50},
     {"ControlCenterAppPluginsFgdCol", K::Colour, &G::controlCenterAppPluginsFgdCol, P::Fonts,
@@ -108,10 +106,10 @@ const OptionEditorSpec kSpecs[] = {
      kPluginTree, "Background"},
     {"ChannelItemViewFontName", K::FontName, &G::channelItemViewFontName, P::Fonts, kItemView,
      "Font"},
-    {"ChannelItemViewFontSize", K::Number, &G::channelItemViewFontSize, P::Fonts, kItemView,
-     "Size", 8, 50},
-    {"ChannelItemViewNewFeedItemFgdCol", K::Colour, &G::channelItemViewNewFeedItemFgdCol,
-     P::Fonts, kItemView, "New items"},
+    {"ChannelItemViewFontSize", K::Number, &G::channelItemViewFontSize, P::Fonts, kItemView, "Size",
+     8, 50},
+    {"ChannelItemViewNewFeedItemFgdCol", K::Colour, &G::channelItemViewNewFeedItemFgdCol, P::Fonts,
+     kItemView, "New items"},
     {"ChannelItemViewViewedFeedItemFgdCol", K::Colour, &G::channelItemViewViewedFeedItemFgdCol,
      P::Fonts, kItemView, "Viewed items"},
     {"ChannelItemViewBgdCol", K::Colour, &G::channelItemViewBgdCol, P::Fonts, kItemView,
@@ -119,8 +117,7 @@ const OptionEditorSpec kSpecs[] = {
     {"ItalicizeViewedFeedItems", K::Flag, &G::italicizeViewedFeedItems, P::Fonts, kItemView,
      "Viewed items in italics"},
     {"CaptionBarFontName", K::FontName, &G::captionBarFontName, P::Fonts, kCaptionBar, "Font"},
-    {"CaptionBarFontSize", K::Number, &G::captionBarFontSize, P::Fonts, kCaptionBar, "Size", 8,
-     50},
+    {"CaptionBarFontSize", K::Number, &G::captionBarFontSize, P::Fonts, kCaptionBar, "Size", 8, 50},
     {"CaptionBarFgdCol", K::Colour, &G::captionBarFgdCol, P::Fonts, kCaptionBar, "Text"},
     {"CaptionBarBgdCol", K::Colour, &G::captionBarBgdCol, P::Fonts, kCaptionBar, "Background"},
     {"CaptionBarItalics", K::Flag, &G::captionBarItalics, P::Fonts, kCaptionBar, "Italics"},
@@ -129,8 +126,8 @@ const OptionEditorSpec kSpecs[] = {
      50},
     {"ActivityLogFgdCol", K::Colour, &G::activityLogFgdCol, P::Fonts, kActivityLog, "Text", 0, 0,
      nullptr, true},
-    {"ActivityLogBgdCol", K::Colour, &G::activityLogBgdCol, P::Fonts, kActivityLog, "Background",
-     0, 0, nullptr, true},
+    {"ActivityLogBgdCol", K::Colour, &G::activityLogBgdCol, P::Fonts, kActivityLog, "Background", 0,
+     0, nullptr, true},
     {"ErrorLogFontName", K::FontName, &G::errorLogFontName, P::Fonts, kErrorLog, "Font"},
     {"ErrorLogFontSize", K::Number, &G::errorLogFontSize, P::Fonts, kErrorLog, "Size", 8, 50},
     {"ErrorLogFgdCol", K::Colour, &G::errorLogFgdCol, P::Fonts, kErrorLog, "Text", 0, 0, nullptr,
@@ -250,16 +247,27 @@ std::span<const OptionEditorSpec> optionEditorSpecs() { return kSpecs; }
 QWidget* makeOptionEditor(const OptionEditorSpec& spec, QWidget* parent) {
     QWidget* editor = nullptr;
     switch (spec.kind) {
-    case K::Flag: editor = new QCheckBox(QObject::tr(spec.label), parent); break;
-    case K::Number: editor = makeNumberEditor(spec, parent); break;
-    case K::Choice: editor = makeChoiceEditor(spec, parent); break;
-    case K::Text: editor = new QLineEdit(parent); break;
-    case K::FontName: editor = makeFontNameEditor(parent); break;
-    case K::Colour: editor = new CColourButton(parent); break;
+    case K::Flag:
+        editor = new QCheckBox(QObject::tr(spec.label), parent);
+        break;
+    case K::Number:
+        editor = makeNumberEditor(spec, parent);
+        break;
+    case K::Choice:
+        editor = makeChoiceEditor(spec, parent);
+        break;
+    case K::Text:
+        editor = new QLineEdit(parent);
+        break;
+    case K::FontName:
+        editor = makeFontNameEditor(parent);
+        break;
+    case K::Colour:
+        editor = new CColourButton(parent);
+        break;
     case K::SoundFile:
         editor = new CFileChooser(
-            QObject::tr("Sound files (*.wav *.oga *.ogg *.flac *.mp3);;All files (*)"), {},
-            parent);
+            QObject::tr("Sound files (*.wav *.oga *.ogg *.flac *.mp3);;All files (*)"), {}, parent);
         break;
     }
     editor->setObjectName(QString::fromLatin1(spec.key));
@@ -342,3 +350,5 @@ void CColourButton::choose() {
 }
 
 } // namespace trayClient
+
+#include "moc_optionEditors.cpp" // NOLINT(bugprone-suspicious-include)

@@ -152,11 +152,21 @@ std::unique_ptr<CParamEditor> makeParamEditor(const channels::ParamDef& definiti
                                               QWidget* parent) {
     std::unique_ptr<CParamEditor> editor;
     switch (definition.type) {
-    case channels::kParamInt: editor = std::make_unique<CIntEditor>(parent); break;
-    case channels::kParamBool: editor = std::make_unique<CBoolEditor>(parent); break;
-    case channels::kParamDouble: editor = std::make_unique<CDoubleEditor>(parent); break;
-    case channels::kParamFile: editor = std::make_unique<CFileEditor>(definition, parent); break;
-    default: editor = std::make_unique<CStringEditor>(parent); break;
+    case channels::kParamInt:
+        editor = std::make_unique<CIntEditor>(parent);
+        break;
+    case channels::kParamBool:
+        editor = std::make_unique<CBoolEditor>(parent);
+        break;
+    case channels::kParamDouble:
+        editor = std::make_unique<CDoubleEditor>(parent);
+        break;
+    case channels::kParamFile:
+        editor = std::make_unique<CFileEditor>(definition, parent);
+        break;
+    default:
+        editor = std::make_unique<CStringEditor>(parent);
+        break;
     }
     editor->widget()->setObjectName(latin1(definition.name));
     editor->setValue(definition.defaultValue);
@@ -219,3 +229,5 @@ void CFileChooser::browse() {
 }
 
 } // namespace trayClient
+
+#include "moc_paramEditors.cpp" // NOLINT(bugprone-suspicious-include)

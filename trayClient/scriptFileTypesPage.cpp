@@ -127,3 +127,5 @@ void CScriptFileTypesPage::apply(app::GlobalOptions& options) const {
 }
 
 } // namespace trayClient
+
+#include "moc_scriptFileTypesPage.cpp" // NOLINT(bugprone-suspicious-include)
