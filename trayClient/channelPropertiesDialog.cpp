@@ -160,6 +160,9 @@ QWidget* CChannelPropertiesDialog::makeChannelPage() {
         } else {
             editor = new QLineEdit(latin1((config.*key.get)()), page);
         }
+        if (std::string_view(key.key) == "PreferredChannelDisplayName")
+            qobject_cast<QLineEdit*>(editor)->setPlaceholderText(
+                latin1(config.cache().channelDisplayName));
         editor->setObjectName(QString::fromLatin1(key.key));
         form->addRow(tr(key.label) + u':', editor);
     }
@@ -296,7 +299,7 @@ QWidget* CChannelPropertiesDialog::makeStatusPage(const QString& lastError) {
     form->addRow(tr("Last fetch:"),
                  statusLabel(fetched ? QDateTime::fromSecsSinceEpoch(fetched).toString() : never,
                              "LastFetchTime", page));
-    const auto orNone = [this](const std::string& text) {
+    const auto orNone = [](const std::string& text) {
         return text.empty() ? tr("None") : latin1(text);
     };
     form->addRow(tr("Last-Modified:"),
@@ -337,17 +340,7 @@ void CChannelPropertiesDialog::playNewItemSound() {
                                : SoundChoice{SoundChoice::Kind::File, file});
 }
 
-QString CChannelPropertiesDialog::writeChannel() {
-    const auto text = [this](const char* name) {
-        const QWidget* editor = findChild<QWidget*>(QString::fromLatin1(name));
-        if (const auto* chooser = qobject_cast<const CFileChooser*>(editor))
-            return toLatin1(chooser->path());
-        return toLatin1(qobject_cast<const QLineEdit*>(editor)->text());
-    };
-    const auto checked = [this](const char* name) {
-        return findChild<QCheckBox*>(QString::fromLatin1(name))->isChecked();
-    };
-    threadSafety::ScopedLock lock(m_channel.lock());
+void CChannelPropertiesDialog::applySource() {
     const std::string source = m_isPlugin ? toLatin1(m_script->path()) : toLatin1(m_source->text());
     m_sourceChanged = source != m_channel.address();
     if (auto* plugin = dynamic_cast<channels::PluginChannel*>(&m_channel))
@@ -359,6 +352,18 @@ QString CChannelPropertiesDialog::writeChannel() {
         m_channel.state().setHttpLastModified({});
         m_channel.state().setHttpETag({});
     }
+}
+
+void CChannelPropertiesDialog::applyConfigAndSettings() {
+    const auto text = [this](const char* name) {
+        const QWidget* editor = findChild<QWidget*>(QString::fromLatin1(name));
+        if (const auto* chooser = qobject_cast<const CFileChooser*>(editor))
+            return toLatin1(chooser->path());
+        return toLatin1(qobject_cast<const QLineEdit*>(editor)->text());
+    };
+    const auto checked = [this](const char* name) {
+        return findChild<QCheckBox*>(QString::fromLatin1(name))->isChecked();
+    };
     C& config = m_channel.config();
     for (const TextKey& key : kTextKeys)
         (config.*key.set)(text(key.key));
@@ -370,6 +375,14 @@ QString CChannelPropertiesDialog::writeChannel() {
     settings.setAutoUpdateInterval(interval());
     settings.setAllowEmptyFeeds(checked("AllowEmptyFeeds"));
     settings.setMaxFeedItems(findChild<QSpinBox*>(QStringLiteral("MaxFeedItems"))->value());
+}
+
+QString CChannelPropertiesDialog::writeChannel() {
+    // The worker reads and saves the channel under its lock too: the edits and the save of
+    // the file are one step for it.
+    threadSafety::ScopedLock lock(m_channel.lock());
+    applySource();
+    applyConfigAndSettings();
     try {
         m_channel.save();
         const std::string file = m_channel.fileName();

@@ -58,6 +58,8 @@ private:
     QWidget* makeStatusPage(const QString& lastError);
     QString validate() const;
     std::int32_t interval() const;
+    void applySource();
+    void applyConfigAndSettings();
     QString writeChannel();
     QString writeDesktopSettings();
     void playNewItemSound();

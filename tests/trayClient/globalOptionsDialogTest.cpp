@@ -90,6 +90,10 @@ TEST_F(GlobalOptionsDialogTest, EveryKeyEditedRoundTripsThroughConfigIni) {
     dialog.accept();
     ASSERT_EQ(dialog.result(), QDialog::Accepted) << dialog.errorText().toStdString();
 
+    // Every key the record writes has an editor (an option added later must get one too).
+    for (const std::string& key : profile::listKeys(config(), "Global Options"))
+        EXPECT_NE(dialog.editorFor(QString::fromStdString(key)), nullptr) << key;
+
     GlobalOptions reloaded;
     ASSERT_TRUE(reloaded.load(config(), ""));
     for (const OptionEditorSpec& spec : optionEditorSpecs()) {
