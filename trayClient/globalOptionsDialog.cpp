@@ -242,6 +242,11 @@ void CGlobalOptionsDialog::accept() {
     app::GlobalOptions edited = m_options;
     for (const auto& [key, binding] : m_editors)
         takeOption(*binding.first, binding.second, edited);
+    if (edited.appPluginServerPortNo == edited.appServerPortNo) {
+        // Both servers listen on 127.0.0.1: the second would fail to start.
+        showError(tr("The plugin server and the application server need different ports."));
+        return;
+    }
     if (!edited.save(m_configFile)) {
         showError(tr("Couldn't save the global options to %1: %2")
                       .arg(QString::fromLocal8Bit(m_configFile.c_str()),

@@ -37,7 +37,8 @@ public:
     // Why the last OK did not close the dialog; empty when it did or was never pressed.
     QString errorText() const;
 
-    // Saves as described above; on a failure the reason is shown and the dialog stays open.
+    // Saves as described above; on a failure, or when the two local servers are given one
+    // port, the reason is shown and the dialog stays open.
     void accept() override;
 
 private:

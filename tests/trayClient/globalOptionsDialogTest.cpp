@@ -87,6 +87,9 @@ TEST_F(GlobalOptionsDialogTest, EveryKeyEditedRoundTripsThroughConfigIni) {
         if (!spec.readOnly)
             setOtherValue(spec, editor, expected, ++index);
     }
+    // The two servers both went to the top port, which they can't share.
+    expected.appServerPortNo = 1000;
+    qobject_cast<QSpinBox*>(dialog.editorFor("AppServerPortNo"))->setValue(1000);
     dialog.accept();
     ASSERT_EQ(dialog.result(), QDialog::Accepted) << dialog.errorText().toStdString();
 
@@ -181,6 +184,16 @@ TEST_F(GlobalOptionsDialogTest, AFailedSaveKeepsTheDialogOpenAndTheRecordUnchang
     EXPECT_TRUE(dialog.errorText().startsWith("Couldn't save the global options"))
         << dialog.errorText().toStdString();
     EXPECT_EQ(options.scriptTimeout, 15);
+}
+
+TEST_F(GlobalOptionsDialogTest, TheTwoLocalServersCantShareAPort) {
+    GlobalOptions options;
+    CGlobalOptionsDialog dialog(options, config(), "");
+    qobject_cast<QSpinBox*>(dialog.editorFor("AppServerPortNo"))->setValue(2605);
+    dialog.accept();
+    EXPECT_NE(dialog.result(), QDialog::Accepted);
+    EXPECT_TRUE(dialog.errorText().contains("different ports"));
+    EXPECT_FALSE(std::filesystem::exists(config()));
 }
 
 TEST_F(GlobalOptionsDialogTest, ScriptFileTypesAreSavedToAWritableGlobalIni) {
