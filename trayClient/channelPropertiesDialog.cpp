@@ -23,6 +23,11 @@
 #include <QTabWidget>
 #include <QVBoxLayout>
 
+#include <algorithm>
+#include <optional>
+#include <string_view>
+#include <vector>
+
 namespace trayClient {
 
 namespace {

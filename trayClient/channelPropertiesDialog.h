@@ -6,14 +6,11 @@
 // invalid input or a failed save keeps the dialog open with the reason shown.
 #pragma once
 
-#include "channels/internal/paramDefs.h"
-
 #include <QDialog>
 
 #include <cstdint>
-#include <optional>
+#include <memory>
 
-class QCheckBox;
 class QComboBox;
 class QLabel;
 class QLineEdit;

@@ -14,6 +14,8 @@
 
 #include <map>
 #include <string>
+#include <utility>
+#include <vector>
 
 class QLabel;
 class QListWidget;
