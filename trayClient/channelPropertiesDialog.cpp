@@ -95,6 +95,15 @@ struct IntervalUnit {
 };
 const IntervalUnit kUnits[] = {{"days", 86400}, {"hours", 3600}, {"minutes", 60}, {"seconds", 1}};
 
+// The feed's own title: Channel::name() would read the feed in memory without the lock the
+// worker takes to replace it.
+std::string feedTitle(const channels::Channel& channel) {
+    if (const auto fetched = channel.state().fetchedFeedChannel())
+        if (!fetched->channelDisplayName.empty())
+            return fetched->channelDisplayName;
+    return channel.config().cache().channelDisplayName;
+}
+
 QScrollArea* scrolled(QWidget* page) {
     auto* scroll = new QScrollArea;
     scroll->setWidgetResizable(true);
@@ -119,7 +128,10 @@ CChannelPropertiesDialog::CChannelPropertiesDialog(channels::Channel& channel,
     : QDialog(parent), m_channel(channel), m_settings(settings),
       m_isPlugin(dynamic_cast<channels::PluginChannel*>(&channel) != nullptr),
       m_error(new QLabel(this)), m_sound(std::make_unique<CSoundPlayer>()) {
-    setWindowTitle(tr("Properties of %1").arg(latin1(channel.name())));
+    std::string name = channel.config().preferredChannelDisplayName();
+    if (name.empty())
+        name = feedTitle(channel);
+    setWindowTitle(tr("Properties of %1").arg(latin1(name.empty() ? channel.id() : name)));
     auto* tabs = new QTabWidget(this);
     tabs->addTab(scrolled(makeChannelPage()), tr("Channel"));
     tabs->addTab(makeDesktopPage(), tr("Desktop"));
@@ -166,8 +178,7 @@ QWidget* CChannelPropertiesDialog::makeChannelPage() {
             editor = new QLineEdit(latin1((config.*key.get)()), page);
         }
         if (std::string_view(key.key) == "PreferredChannelDisplayName")
-            qobject_cast<QLineEdit*>(editor)->setPlaceholderText(
-                latin1(config.cache().channelDisplayName));
+            qobject_cast<QLineEdit*>(editor)->setPlaceholderText(latin1(feedTitle(m_channel)));
         editor->setObjectName(QString::fromLatin1(key.key));
         form->addRow(tr(key.label) + u':', editor);
     }
