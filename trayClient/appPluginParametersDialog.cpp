@@ -11,6 +11,29 @@
 
 namespace trayClient {
 
+namespace {
+
+// The plugin's name, author and notes above its parameters.
+QLabel* describe(const channels::AppPlugin& plugin, QWidget* parent) {
+    QString text =
+        QStringLiteral("<b>%1</b>").arg(QString::fromLatin1(plugin.displayName()).toHtmlEscaped());
+    QString author = QString::fromLatin1(plugin.authorName());
+    if (!plugin.authorEmailAddress().empty())
+        author += QStringLiteral(" <") + QString::fromLatin1(plugin.authorEmailAddress()) + u'>';
+    if (!author.trimmed().isEmpty())
+        text += QStringLiteral("<br>") +
+                CAppPluginParametersDialog::tr("By %1").arg(author.trimmed().toHtmlEscaped());
+    if (!plugin.pluginNotes().empty())
+        text += QStringLiteral("<p>") + QString::fromLatin1(plugin.pluginNotes()).toHtmlEscaped() +
+                QStringLiteral("</p>");
+    auto* label = new QLabel(text, parent);
+    label->setTextFormat(Qt::RichText);
+    label->setWordWrap(true);
+    return label;
+}
+
+} // namespace
+
 CAppPluginParametersDialog::CAppPluginParametersDialog(channels::AppPlugin& plugin, QWidget* parent)
     : QDialog(parent), m_plugin(plugin),
       m_form(new CParamForm(plugin.pluginParamDefs(), plugin.pluginParamValues())),
@@ -18,6 +41,7 @@ CAppPluginParametersDialog::CAppPluginParametersDialog(channels::AppPlugin& plug
     const QString name = QString::fromLatin1(plugin.displayName());
     setWindowTitle(tr("Parameters of %1").arg(name));
     auto* layout = new QVBoxLayout(this);
+    layout->addWidget(describe(plugin, this));
     if (m_form->isEmpty())
         layout->addWidget(new QLabel(tr("This plugin has no parameters."), this));
     auto* scroll = new QScrollArea(this);
