@@ -141,18 +141,20 @@ struct Writer {
     }
 };
 
+const char* const kScriptFileTypesSection = "Script File Types";
+const char* const kAssociationsSection = "Scripting File Associations";
+
 void loadScriptFileTypes(GlobalOptions& options, const std::string& globalIniFile) {
     options.scriptFileTypes.clear();
-    for (const std::string& name : profile::listIniKeys(globalIniFile, "Script File Types"))
+    for (const std::string& name : profile::listIniKeys(globalIniFile, kScriptFileTypesSection))
         options.scriptFileTypes.emplace_back(
-            name, profile::readIniString(globalIniFile, "Script File Types", name));
-    for (const std::string& extension :
-         profile::listIniKeys(globalIniFile, "Scripting File Associations")) {
+            name, profile::readIniString(globalIniFile, kScriptFileTypesSection, name));
+    for (const std::string& extension : profile::listIniKeys(globalIniFile, kAssociationsSection)) {
         std::string key = misc::lowered(extension);
         if (!key.empty() && key[0] != '.')
             key = "." + key;
         options.scriptFileTypeCommands[key] =
-            profile::readIniString(globalIniFile, "Scripting File Associations", extension);
+            profile::readIniString(globalIniFile, kAssociationsSection, extension);
     }
 }
 
@@ -182,6 +184,18 @@ bool GlobalOptions::save(const std::string& configFile) const {
     for (const Option& option : kOptions)
         if (!option.readOnly)
             std::visit(Writer{*this, configFile, option.key}, option.field);
+    return batch.commit();
+}
+
+bool GlobalOptions::saveScriptFileTypes(const std::string& globalIniFile) const {
+    profile::WriteBatch batch(globalIniFile);
+    // Rows the user removed must leave the file, so both sections are written afresh.
+    profile::deleteIniSection(globalIniFile, kScriptFileTypesSection);
+    profile::deleteIniSection(globalIniFile, kAssociationsSection);
+    for (const auto& [name, extensions] : scriptFileTypes)
+        profile::writeIniString(globalIniFile, kScriptFileTypesSection, name, extensions);
+    for (const auto& [extension, command] : scriptFileTypeCommands)
+        profile::writeIniString(globalIniFile, kAssociationsSection, extension, command);
     return batch.commit();
 }
 

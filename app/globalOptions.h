@@ -106,6 +106,9 @@ public:
               std::string* problem = nullptr);
     // Writes every key but the read-only ones; returns false when the file can't be written.
     bool save(const std::string& configFile) const;
+    // Replaces global.ini's "Script File Types" and "Scripting File Associations" sections
+    // with the record's tables, in one rewrite; returns false when the file can't be written.
+    bool saveScriptFileTypes(const std::string& globalIniFile) const;
 
     tools::NetOptions netOptions() const;
 

@@ -48,3 +48,22 @@ TEST(GlobalOptions, ScriptFileTypesComeFromTheProgramsGlobalIni) {
     EXPECT_EQ(options.scriptFileTypeCommands.at(".class"), "java %1 %*");
     ASSERT_EQ(options.scriptFileTypes.size(), 1u);
 }
+
+TEST(GlobalOptions, SavedScriptFileTypesReplaceTheOldRowsAndKeepTheRestOfGlobalIni) {
+    TempDir dir;
+    const std::string globalIni = dir.file("global.ini");
+    writeFile(globalIni, "[Other]\nKeep=1\n[Script File Types]\nPerl scripts=.pl\n"
+                         "[Scripting File Associations]\n.pl=perl %1\n");
+    GlobalOptions options;
+    ASSERT_TRUE(options.load(dir.file("config.ini"), globalIni));
+    options.scriptFileTypes = {{"Python scripts", ".py"}};
+    options.scriptFileTypeCommands = {{".py", "python3 \"%1\" %*"}};
+    ASSERT_TRUE(options.saveScriptFileTypes(globalIni));
+
+    GlobalOptions reloaded;
+    ASSERT_TRUE(reloaded.load(dir.file("config.ini"), globalIni));
+    EXPECT_EQ(reloaded.scriptFileTypes, options.scriptFileTypes);
+    EXPECT_EQ(reloaded.scriptFileTypeCommands.at(".py"), "python3 \"%1\" %*");
+    EXPECT_EQ(reloaded.scriptFileTypeCommands.count(".pl"), 0u);
+    EXPECT_NE(readFile(globalIni).find("Keep=1"), std::string::npos);
+}
