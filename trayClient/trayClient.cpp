@@ -10,6 +10,7 @@
 #include "trayClient/soundPlayer.h"
 #include "trayClient/trayIcon.h"
 
+#include "channels/appPlugin.h"
 #include "channels/appPluginManager.h"
 #include "channels/channelManager.h"
 
@@ -18,6 +19,7 @@
 #include <QMessageBox>
 #include <QSocketNotifier>
 
+#include <algorithm>
 #include <csignal>
 #include <fcntl.h>
 #include <iostream>
@@ -40,6 +42,20 @@ void onSignal(int signalNumber) {
 }
 
 const char* const kWelcomeTitle = "Pelsu Desktop Client";
+
+// The loaded app plugins as (id, display name), by name.
+std::vector<std::pair<QString, QString>> appPluginList() {
+    channels::AppPluginManager& plugins = channels::AppPluginManager::instance();
+    std::vector<std::pair<QString, QString>> list;
+    for (const std::string& id : plugins.appPluginIds())
+        if (const channels::AppPlugin* plugin = plugins.findAppPlugin(id))
+            list.emplace_back(QString::fromLatin1(id.c_str()),
+                              QString::fromLatin1(plugin->displayName().c_str()));
+    std::sort(list.begin(), list.end(), [](const auto& left, const auto& right) {
+        return QString::localeAwareCompare(left.second, right.second) < 0;
+    });
+    return list;
+}
 
 } // namespace
 
@@ -130,7 +146,9 @@ void CTrayClientApp::createMainFrame(app::Environment& environment) {
     m_environment = &environment;
     QApplication::setQuitOnLastWindowClosed(false);
     const app::GlobalOptions& options = environment.options;
-    m_mainFrame = std::make_unique<CMainFrame>(options.maxActivityLogMsgs, options.maxErrorLogMsgs);
+    const std::string layoutFile = environment.paths.userDir + "/window.ini";
+    m_mainFrame = std::make_unique<CMainFrame>(options, QString::fromStdString(layoutFile));
+    connect(m_mainFrame.get(), &CMainFrame::exitRequested, qApp, &QApplication::quit);
     applyAutoStart(environment);
 }
 
@@ -154,15 +172,13 @@ void CTrayClientApp::loadChannelDesktopSettings(app::Environment& environment) {
             message += "\n\nThe file was kept as " + failure.keptAs + ".";
         reportStartupProblem(message);
     }
-    m_mainFrame->setChannels(channels);
-    m_mainFrame->setChannelNames(
-        [settings = m_settings.get()](const std::string& id) { return settings->channelName(id); });
 }
 
 void CTrayClientApp::installEventHandler(channels::ChannelManager& manager) {
     m_handler = std::make_unique<ChannelEventHandler>(
         *m_mainFrame, *m_queue, *m_settings,
         m_environment->options.maxConsecutiveChannelUpdateErrors);
+    m_mainFrame->setContext(&manager, m_settings.get(), &m_environment->options);
     m_mainFrame->attach();
     manager.addListener(m_handler.get());
     channels::AppPluginManager::instance().addListener(m_handler.get());
@@ -178,6 +194,7 @@ void CTrayClientApp::createTrayIcon() {
     m_trayMenu->addAction("Exit", qApp, &QApplication::quit);
     m_trayIcon->setContextMenu(m_trayMenu.get());
     connect(m_trayIcon.get(), &CTrayIcon::activated, m_mainFrame.get(), &CMainFrame::showAndRaise);
+    m_mainFrame->setAppPlugins(appPluginList());
     m_trayIcon->show();
     PELSU_LOG(uiEventsGroup(), "The tray icon is shown.");
     if (!m_environment->options.startMinimized && m_options.hasDisplay)
