@@ -107,7 +107,7 @@ void ChannelEventHandler::onEndChannelUpdate(channels::EndChannelUpdateEvent& ev
                 run.failedUpdates = 0;
                 run.failing = false;
             }
-            lastError = event.success() ? std::string()
+            lastError = event.success()         ? std::string()
                         : run.lastError.empty() ? std::string("The update failed.")
                                                 : run.lastError;
         }

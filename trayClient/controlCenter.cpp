@@ -103,13 +103,13 @@ void CControlCenter::decorate(QTreeWidgetItem& item) const {
     const QString text = QString("%1 (%2)").arg(name).arg(unviewed);
     item.setText(0, text);
     item.setForeground(0, item.data(0, kAutoUpdateRole).toBool() ? m_autoUpdateColour
-                                                                  : m_nonAutoUpdateColour);
+                                                                 : m_nonAutoUpdateColour);
     QFont font = m_channels->font();
     font.setBold(unviewed > 0);
     item.setFont(0, font);
     const QString error = m_errors.value(id);
-    item.setIcon(0, error.isEmpty() ? QIcon()
-                                    : style()->standardIcon(QStyle::SP_MessageBoxCritical));
+    item.setIcon(0,
+                 error.isEmpty() ? QIcon() : style()->standardIcon(QStyle::SP_MessageBoxCritical));
     item.setToolTip(0, error);
     item.setData(0, Qt::AccessibleTextRole,
                  error.isEmpty() ? text : text + ", update failed: " + error);

@@ -276,8 +276,7 @@ QMdiSubWindow* CMainFrame::openChannelWindow(const QString& channelId) {
 }
 
 QMdiSubWindow* CMainFrame::openPluginWindow(const QString& pluginId) {
-    return openChild("pluginId", pluginId, m_pluginFactory,
-                     m_controlCenter->pluginName(pluginId));
+    return openChild("pluginId", pluginId, m_pluginFactory, m_controlCenter->pluginName(pluginId));
 }
 
 QMdiSubWindow* CMainFrame::openChild(const char* property, const QString& id,

@@ -37,8 +37,8 @@ using K = QKeySequence;
 const QStyle::StandardPixmap kNoIcon = QStyle::SP_CustomBase;
 
 const ActionSpec kActions[] = {
-    {&A::newChannel, "newChannel", "&New Channel…", K::New, "Ctrl+N",
-     "Subscribe to a new channel", "document-new", QStyle::SP_FileIcon},
+    {&A::newChannel, "newChannel", "&New Channel…", K::New, "Ctrl+N", "Subscribe to a new channel",
+     "document-new", QStyle::SP_FileIcon},
     {&A::updateChannel, "updateChannel", "&Update Channel", K::Refresh, "F5",
      "Update the selected channel now", "view-refresh", QStyle::SP_BrowserReload},
     {&A::updateAll, "updateAll", "Update &All", K::UnknownKey, "Shift+F5",
@@ -55,15 +55,12 @@ const ActionSpec kActions[] = {
     {&A::globalOptions, "globalOptions", "&Global Options…", K::Preferences, "Ctrl+,",
      "Change the program's options", "preferences-system", kNoIcon},
     {&A::markAllViewed, "markAllViewed", "&Mark All Viewed", K::UnknownKey, "Ctrl+Shift+M",
-     "Mark every item of the open channel viewed", "mail-mark-read",
-     QStyle::SP_DialogApplyButton},
-    {&A::nextUnviewedItem, "nextUnviewedItem", "&Next Unviewed Item", K::UnknownKey,
-     "Ctrl+Shift+N", "Show the open channel's next unviewed item", "go-next",
-     QStyle::SP_ArrowForward},
-    {&A::about, "about", "&About Pelsu", K::HelpContents, "F1",
-     "Show the program's version", "help-about", kNoIcon},
-    {&A::exit, "exit", "E&xit", K::Quit, "Ctrl+Q", "Stop the program", "application-exit",
-     kNoIcon},
+     "Mark every item of the open channel viewed", "mail-mark-read", QStyle::SP_DialogApplyButton},
+    {&A::nextUnviewedItem, "nextUnviewedItem", "&Next Unviewed Item", K::UnknownKey, "Ctrl+Shift+N",
+     "Show the open channel's next unviewed item", "go-next", QStyle::SP_ArrowForward},
+    {&A::about, "about", "&About Pelsu", K::HelpContents, "F1", "Show the program's version",
+     "help-about", kNoIcon},
+    {&A::exit, "exit", "E&xit", K::Quit, "Ctrl+Q", "Stop the program", "application-exit", kNoIcon},
 };
 
 // The dock toggles: the docks make the actions, this gives them their texts and keys.
@@ -89,8 +86,7 @@ QAction* makeAction(QMainWindow& window, const ActionSpec& spec) {
         keys << QKeySequence(QString::fromLatin1(spec.fallbackKey));
     action->setShortcuts(keys);
     const QString description = QString::fromUtf8(spec.description);
-    action->setToolTip(description + " (" + keys.first().toString(QKeySequence::NativeText) +
-                       ")");
+    action->setToolTip(description + " (" + keys.first().toString(QKeySequence::NativeText) + ")");
     action->setStatusTip(description);
     action->setWhatsThis(description);
     QIcon icon = QIcon::fromTheme(spec.themeIcon);
@@ -232,9 +228,9 @@ void CMainFrame::deleteSelectedChannel() {
     if (!m_manager || id.isEmpty())
         return;
     const QString name = channelName(id.toStdString());
-    const auto answer = QMessageBox::question(
-        this, "Delete Channel", QString("Delete the channel \"%1\"?").arg(name),
-        QMessageBox::Yes | QMessageBox::No, QMessageBox::No);
+    const auto answer = QMessageBox::question(this, "Delete Channel",
+                                              QString("Delete the channel \"%1\"?").arg(name),
+                                              QMessageBox::Yes | QMessageBox::No, QMessageBox::No);
     if (answer != QMessageBox::Yes)
         return;
     try {

@@ -21,8 +21,8 @@ QFont fontFromOptions(const std::string& family, int pointSize, bool italic) {
     // A family the desktop lacks still gets a font of the right kind: the log panes' default
     // "Courier New" is missing from most Linux desktops and must stay fixed-width.
     const QString name = font.family();
-    const bool fixed = name.contains("Courier", Qt::CaseInsensitive) ||
-                       name.contains("Mono", Qt::CaseInsensitive);
+    const bool fixed =
+        name.contains("Courier", Qt::CaseInsensitive) || name.contains("Mono", Qt::CaseInsensitive);
     font.setStyleHint(fixed ? QFont::TypeWriter : QFont::AnyStyle);
     if (pointSize > 0)
         font.setPointSize(pointSize);

@@ -109,7 +109,9 @@ protected:
         m_manager.stop();
         profile::clearCache();
     }
-    std::string channelFile(const std::string& id) const { return m_channelsDir + "/" + id + ".rss"; }
+    std::string channelFile(const std::string& id) const {
+        return m_channelsDir + "/" + id + ".rss";
+    }
     void addChannel(const std::string& id, const std::string& url, const std::string& name = {}) {
         profile::writeIniString(channelFile(id), "Config", "RssChannelUrl", url);
         if (!name.empty())
@@ -129,7 +131,9 @@ protected:
         worker.join();
         QCoreApplication::sendPostedEvents();
     }
-    QTreeWidgetItem* row(const QString& id) const { return m_frame.controlCenter()->channelItem(id); }
+    QTreeWidgetItem* row(const QString& id) const {
+        return m_frame.controlCenter()->channelItem(id);
+    }
     channels::ChannelManagerOptions managerOptions() const {
         channels::ChannelManagerOptions options;
         options.net.honourUrlPort = true;
@@ -188,7 +192,8 @@ TEST_F(MainWindowTest, AFailingChannelIsMarkedWithItsErrorUntilAnUpdateSucceeds)
     update();
     ASSERT_TRUE(row("broken"));
     EXPECT_FALSE(row("broken")->icon(0).isNull());
-    EXPECT_TRUE(row("broken")->toolTip(0).contains("missing.xml")) << row("broken")->toolTip(0).toStdString();
+    EXPECT_TRUE(row("broken")->toolTip(0).contains("missing.xml"))
+        << row("broken")->toolTip(0).toStdString();
     EXPECT_TRUE(row("web")->icon(0).isNull());
     EXPECT_TRUE(row("web")->toolTip(0).isEmpty());
     // The mark survives a rebuild of the tree.
