@@ -226,9 +226,19 @@ CControlCenter::ChannelEntry CMainFrame::channelEntry(const channels::Channel& c
     CControlCenter::ChannelEntry entry;
     entry.id = QString::fromLatin1(channel.id().c_str());
     entry.name = channelName(channel.id());
-    entry.unviewed = m_settings ? static_cast<int>(unviewedItemCount(channel, *m_settings)) : 0;
+    entry.unviewed = unviewedCount(channel);
     entry.autoUpdate = channel.settings().isAutoUpdateEnabled();
     return entry;
+}
+
+int CMainFrame::unviewedCount(const channels::Channel& channel) const {
+    if (!m_settings)
+        return 0;
+    // With nothing viewed every item counts, and the count is read from the channel file
+    // without loading the feed: listing many channels at start-up stays cheap.
+    if (m_settings->get(channel.id()).viewedItems.empty())
+        return static_cast<int>(channel.state().itemCount());
+    return static_cast<int>(unviewedItemCount(channel, *m_settings));
 }
 
 void CMainFrame::refreshChannels() {

@@ -132,6 +132,7 @@ private:
     void restoreLayout();
     QString channelName(const std::string& channelId) const;
     CControlCenter::ChannelEntry channelEntry(const channels::Channel& channel) const;
+    int unviewedCount(const channels::Channel& channel) const;
     QMdiSubWindow* findSubWindow(const char* property, const QString& id) const;
     QMdiSubWindow* openChild(const char* property, const QString& id, const WindowFactory& make,
                              const QString& title);
