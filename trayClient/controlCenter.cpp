@@ -76,8 +76,16 @@ void CControlCenter::setChannels(const std::vector<ChannelEntry>& channels) {
 
 void CControlCenter::updateChannel(const ChannelEntry& channel) {
     QTreeWidgetItem* item = channelItem(channel.id);
-    if (!item)
-        item = new QTreeWidgetItem(m_channels);
+    if (!item) {
+        // A channel added while running joins the others in name order.
+        int row = 0;
+        while (row < m_channels->topLevelItemCount() &&
+               QString::localeAwareCompare(
+                   m_channels->topLevelItem(row)->data(0, kNameRole).toString(), channel.name) <= 0)
+            ++row;
+        item = new QTreeWidgetItem;
+        m_channels->insertTopLevelItem(row, item);
+    }
     storeEntry(*item, channel);
     decorate(*item);
 }

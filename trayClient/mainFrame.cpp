@@ -13,7 +13,9 @@
 #include <QMdiSubWindow>
 #include <QPlainTextEdit>
 #include <QSettings>
+#include <QStatusBar>
 #include <QTextBlock>
+#include <QTreeWidget>
 
 #include <algorithm>
 
@@ -67,6 +69,12 @@ CMainFrame::CMainFrame(const app::GlobalOptions& options, QString layoutFile, QW
 
     m_actions = createMainFrameActions(*this, *m_controlDock, *m_activityDock, *m_errorDock);
     connectActions();
+    // The channel commands on the tree's own menu, and the actions' tips on the status bar.
+    QTreeWidget* tree = m_controlCenter->channelTree();
+    tree->addActions({m_actions.updateChannel, m_actions.channelProperties,
+                      m_actions.deleteChannel});
+    tree->setContextMenuPolicy(Qt::ActionsContextMenu);
+    statusBar();
     connect(m_controlCenter, &CControlCenter::channelActivated, this,
             [this](const QString& id) { openChannelWindow(id); });
     connect(m_controlCenter, &CControlCenter::appPluginActivated, this, [this](const QString& id) {

@@ -264,6 +264,23 @@ TEST_F(MainWindowTest, ChannelsOpenOnceAsChildWindowsThatReceiveTheForwardedComm
     EXPECT_EQ(web->markAllCalls, 1);
 }
 
+TEST(MainWindow, AnAppPluginOpensAsAChildTitledByItsName) {
+    CMainFrame frame;
+    frame.setAppPlugins({{"weather", "Weather"}, {"stocks", "Stocks"}});
+    QStringList requested;
+    QObject::connect(&frame, &CMainFrame::appPluginRequested,
+                     [&](const QString& id) { requested << id; });
+    emit frame.controlCenter()->appPluginActivated("weather");
+    EXPECT_EQ(requested, QStringList{"weather"});
+    EXPECT_TRUE(frame.mdiArea()->subWindowList().isEmpty());
+
+    frame.setPluginWindowFactory([](const QString&) { return new QWidget; });
+    emit frame.controlCenter()->appPluginActivated("weather");
+    ASSERT_EQ(frame.mdiArea()->subWindowList().size(), 1);
+    EXPECT_EQ(frame.mdiArea()->subWindowList().first()->windowTitle(), "Weather");
+    EXPECT_EQ(frame.controlCenter()->pluginTree()->topLevelItem(0)->text(0), "Weather");
+}
+
 TEST(MainWindow, TheLayoutOfOneWindowIsRestoredInTheNext) {
     TempDir dir;
     const QString layout = QString::fromStdString(dir.file("window.ini"));
