@@ -95,8 +95,8 @@ void ChannelEventHandler::onEndChannelUpdate(channels::EndChannelUpdateEvent& ev
         m_window.postActivityLine(
             record("Updated channel " + nameOf(channel) + " OK.", ActivityRecord::Kind::Success));
     bool itemsChanged = false;
-    std::string lastError;
     if (channel) {
+        std::string lastError;
         // A first update is what gives a channel its name: the saves below log it.
         m_settings.setChannelName(channelId, channel->name());
         {
