@@ -69,19 +69,9 @@ CMainFrame::CMainFrame(const app::GlobalOptions& options, QString layoutFile, QW
 
     m_actions = createMainFrameActions(*this, *m_controlDock, *m_activityDock, *m_errorDock);
     connectActions();
-    // The channel commands on the tree's own menu, and the actions' tips on the status bar.
-    QTreeWidget* tree = m_controlCenter->channelTree();
-    tree->addActions({m_actions.updateChannel, m_actions.channelProperties,
-                      m_actions.deleteChannel});
-    tree->setContextMenuPolicy(Qt::ActionsContextMenu);
+    connectWindows();
+    // The actions' tips show on the status bar.
     statusBar();
-    connect(m_controlCenter, &CControlCenter::channelActivated, this,
-            [this](const QString& id) { openChannelWindow(id); });
-    connect(m_controlCenter, &CControlCenter::appPluginActivated, this, [this](const QString& id) {
-        emit appPluginRequested(id);
-        openPluginWindow(id);
-    });
-    connect(m_mdi, &QMdiArea::subWindowActivated, this, &CMainFrame::onSubWindowActivated);
     applyOptions(options);
     restoreLayout();
 }
@@ -89,6 +79,21 @@ CMainFrame::CMainFrame(const app::GlobalOptions& options, QString layoutFile, QW
 CMainFrame::~CMainFrame() {
     detach();
     saveLayout();
+}
+
+void CMainFrame::connectWindows() {
+    // The channel commands on the tree's own menu.
+    QTreeWidget* tree = m_controlCenter->channelTree();
+    tree->addActions(
+        {m_actions.updateChannel, m_actions.channelProperties, m_actions.deleteChannel});
+    tree->setContextMenuPolicy(Qt::ActionsContextMenu);
+    connect(m_controlCenter, &CControlCenter::channelActivated, this,
+            [this](const QString& id) { openChannelWindow(id); });
+    connect(m_controlCenter, &CControlCenter::appPluginActivated, this, [this](const QString& id) {
+        emit appPluginRequested(id);
+        openPluginWindow(id);
+    });
+    connect(m_mdi, &QMdiArea::subWindowActivated, this, &CMainFrame::onSubWindowActivated);
 }
 
 QDockWidget* CMainFrame::addPaneDock(const QString& title, const QString& name, QWidget* widget,

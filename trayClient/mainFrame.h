@@ -126,6 +126,8 @@ protected:
 private:
     QDockWidget* addPaneDock(const QString& title, const QString& name, QWidget* widget,
                              Qt::DockWidgetArea area);
+    // The Control Center's tree menu, and what opens and follows the child windows.
+    void connectWindows();
     void appendLine(QPlainTextEdit& pane, const ActivityRecord& record);
     void handleEndChannelUpdate(const std::string& channelId);
     void applyTaskbarChoice(bool hideInTaskbar);
