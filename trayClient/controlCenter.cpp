@@ -8,6 +8,8 @@
 #include <QTreeWidget>
 #include <QVBoxLayout>
 
+#include <algorithm>
+
 namespace trayClient {
 
 namespace {
@@ -26,6 +28,11 @@ QTreeWidget* makeTree(const QString& title, QWidget* parent) {
     tree->setUniformRowHeights(true);
     tree->header()->setSectionsClickable(false);
     return tree;
+}
+
+// Channels are listed by name as a person reads them: case does not count.
+bool nameBefore(const QString& left, const QString& right) {
+    return QString::localeAwareCompare(left.toCaseFolded(), right.toCaseFolded()) < 0;
 }
 
 void storeEntry(QTreeWidgetItem& item, const CControlCenter::ChannelEntry& entry) {
@@ -56,8 +63,11 @@ CControlCenter::CControlCenter(QWidget* parent) : QWidget(parent) {
             [this] { emit selectedChannelChanged(selectedChannelId()); });
 }
 
-void CControlCenter::setChannels(const std::vector<ChannelEntry>& channels) {
+void CControlCenter::setChannels(std::vector<ChannelEntry> channels) {
     const QString selected = selectedChannelId();
+    std::stable_sort(channels.begin(), channels.end(), [](const auto& left, const auto& right) {
+        return nameBefore(left.name, right.name);
+    });
     {
         const QSignalBlocker blocker(m_channels);
         m_channels->clear();
@@ -76,18 +86,26 @@ void CControlCenter::setChannels(const std::vector<ChannelEntry>& channels) {
 
 void CControlCenter::updateChannel(const ChannelEntry& channel) {
     QTreeWidgetItem* item = channelItem(channel.id);
-    if (!item) {
-        // A channel added while running joins the others in name order.
-        int row = 0;
-        while (row < m_channels->topLevelItemCount() &&
-               QString::localeAwareCompare(
-                   m_channels->topLevelItem(row)->data(0, kNameRole).toString(), channel.name) <= 0)
-            ++row;
+    const bool current = item && item == m_channels->currentItem();
+    if (!item || item->data(0, kNameRole).toString() != channel.name) {
+        // A new channel, or one whose feed gave it a name, takes its place in name order.
+        const QSignalBlocker blocker(m_channels);
+        delete item;
         item = new QTreeWidgetItem;
-        m_channels->insertTopLevelItem(row, item);
+        m_channels->insertTopLevelItem(rowFor(channel.name), item);
+        if (current)
+            m_channels->setCurrentItem(item);
     }
     storeEntry(*item, channel);
     decorate(*item);
+}
+
+int CControlCenter::rowFor(const QString& name) const {
+    int row = 0;
+    while (row < m_channels->topLevelItemCount() &&
+           !nameBefore(name, m_channels->topLevelItem(row)->data(0, kNameRole).toString()))
+        ++row;
+    return row;
 }
 
 void CControlCenter::removeChannel(const QString& channelId) {

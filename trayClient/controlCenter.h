@@ -29,9 +29,9 @@ public:
 
     explicit CControlCenter(QWidget* parent = nullptr);
 
-    // Replaces the channel rows (in the order given), keeping the selected channel.
-    void setChannels(const std::vector<ChannelEntry>& channels);
-    // Updates one channel's row, adding it at the end when it is not listed.
+    // Replaces the channel rows (listed by name), keeping the selected channel.
+    void setChannels(std::vector<ChannelEntry> channels);
+    // Updates one channel's row, adding it in name order when it is not listed.
     void updateChannel(const ChannelEntry& channel);
     void removeChannel(const QString& channelId);
     // Marks the channel failing with the error as its tooltip; an empty text clears the mark.
@@ -60,6 +60,7 @@ signals:
 
 private:
     void decorate(QTreeWidgetItem& item) const;
+    int rowFor(const QString& name) const;
     void onItemClicked(QTreeWidgetItem* item);
     void emitActivated(QTreeWidgetItem* item);
 

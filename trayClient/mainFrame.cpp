@@ -260,9 +260,6 @@ void CMainFrame::refreshChannels() {
     std::vector<CControlCenter::ChannelEntry> entries;
     for (const channels::Channel* channel : m_manager->channels())
         entries.push_back(channelEntry(*channel));
-    std::stable_sort(entries.begin(), entries.end(), [](const auto& left, const auto& right) {
-        return QString::localeAwareCompare(left.name, right.name) < 0;
-    });
     m_controlCenter->setChannels(entries);
     for (const auto& entry : entries)
         if (QMdiSubWindow* window = findSubWindow("channelId", entry.id))

@@ -168,6 +168,10 @@ TEST_F(MainWindowTest, AfterAnUpdateEachChannelShowsItsNameAndUnviewedCountInIts
     update();
     ASSERT_TRUE(row("web"));
     EXPECT_EQ(row("web")->text(0), "Local news (3)");
+    // The feed's name moved the channel to its place: by name, whatever the case.
+    QTreeWidget* tree = m_frame.controlCenter()->channelTree();
+    EXPECT_EQ(tree->topLevelItem(0)->text(0), "broken (0)");
+    EXPECT_EQ(tree->topLevelItem(1), row("web"));
     EXPECT_EQ(row("manual")->text(0), "Manual (0)");
     EXPECT_EQ(row("web")->foreground(0).color(), QColor(255, 0, 0));
     EXPECT_EQ(row("manual")->foreground(0).color(), QColor(0, 0, 255));
