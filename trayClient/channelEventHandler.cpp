@@ -96,6 +96,7 @@ void ChannelEventHandler::onEndChannelUpdate(channels::EndChannelUpdateEvent& ev
             record("Updated channel " + nameOf(channel) + " OK.", ActivityRecord::Kind::Success));
     bool itemsChanged = false;
     if (channel) {
+        std::string lastError;
         // A first update is what gives a channel its name: the saves below log it.
         m_settings.setChannelName(channelId, channel->name());
         {
@@ -106,7 +107,11 @@ void ChannelEventHandler::onEndChannelUpdate(channels::EndChannelUpdateEvent& ev
                 run.failedUpdates = 0;
                 run.failing = false;
             }
+            lastError = event.success()         ? std::string()
+                        : run.lastError.empty() ? std::string("The update failed.")
+                                                : run.lastError;
         }
+        m_window.postChannelError(channelId, lastError);
         if (!event.success())
             countFailedUpdate(channelId, nameOf(channel));
     }

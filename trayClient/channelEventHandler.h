@@ -43,6 +43,9 @@ public:
     // Hand a line to a pane; queued, never blocking.
     virtual void postActivityLine(ActivityRecord record) = 0;
     virtual void postErrorLine(ActivityRecord record) = 0;
+    // Hand over the outcome of a channel's update for its mark in the channel tree: the last
+    // error of a failed update, or an empty text after a successful one. Queued.
+    virtual void postChannelError(const std::string& /*channelId*/, const std::string& /*text*/) {}
     // Hands over the end of a channel's update and returns when the UI thread has handled it,
     // or when shut-down releases the wait (the window guarantees the release, and never makes
     // the worker wait while the UI thread waits for the worker).

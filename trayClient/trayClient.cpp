@@ -13,6 +13,7 @@
 #include "trayClient/subscriptionApprover.h"
 #include "trayClient/trayIcon.h"
 
+#include "channels/appPlugin.h"
 #include "channels/appPluginManager.h"
 #include "channels/channel.h"
 #include "channels/channelManager.h"
@@ -21,6 +22,7 @@
 #include <QMessageBox>
 #include <QSocketNotifier>
 
+#include <algorithm>
 #include <climits>
 #include <csignal>
 #include <fcntl.h>
@@ -47,6 +49,20 @@ const char* const kWelcomeTitle = "Pelsu Desktop Client";
 
 // How long a web page's subscription waits for the user before it is refused.
 constexpr std::chrono::seconds kSubscriptionAnswerTime{60};
+
+// The loaded app plugins as (id, display name), by name.
+std::vector<std::pair<QString, QString>> appPluginList() {
+    channels::AppPluginManager& plugins = channels::AppPluginManager::instance();
+    std::vector<std::pair<QString, QString>> list;
+    for (const std::string& id : plugins.appPluginIds())
+        if (const channels::AppPlugin* plugin = plugins.findAppPlugin(id))
+            list.emplace_back(QString::fromLatin1(id.c_str()),
+                              QString::fromLatin1(plugin->displayName().c_str()));
+    std::sort(list.begin(), list.end(), [](const auto& left, const auto& right) {
+        return QString::localeAwareCompare(left.second, right.second) < 0;
+    });
+    return list;
+}
 
 } // namespace
 
@@ -140,7 +156,9 @@ void CTrayClientApp::createMainFrame(app::Environment& environment) {
     m_environment = &environment;
     QApplication::setQuitOnLastWindowClosed(false);
     const app::GlobalOptions& options = environment.options;
-    m_mainFrame = std::make_unique<CMainFrame>(options.maxActivityLogMsgs, options.maxErrorLogMsgs);
+    const std::string layoutFile = environment.paths.userDir + "/window.ini";
+    m_mainFrame = std::make_unique<CMainFrame>(options, QString::fromStdString(layoutFile));
+    connect(m_mainFrame.get(), &CMainFrame::exitRequested, qApp, &QApplication::quit);
     applyAutoStart(environment);
 }
 
@@ -164,9 +182,6 @@ void CTrayClientApp::loadChannelDesktopSettings(app::Environment& environment) {
             message += "\n\nThe file was kept as " + failure.keptAs + ".";
         reportStartupProblem(message);
     }
-    m_mainFrame->setChannels(channels);
-    m_mainFrame->setChannelNames(
-        [settings = m_settings.get()](const std::string& id) { return settings->channelName(id); });
 }
 
 app::SubscriptionApprover* CTrayClientApp::subscriptionApprover() {
@@ -180,6 +195,7 @@ void CTrayClientApp::installEventHandler(channels::ChannelManager& manager) {
     m_handler = std::make_unique<ChannelEventHandler>(
         *m_mainFrame, *m_queue, *m_settings,
         m_environment->options.maxConsecutiveChannelUpdateErrors);
+    m_mainFrame->setContext(&manager, m_settings.get(), &m_environment->options);
     m_mainFrame->attach();
     manager.addListener(m_handler.get());
     channels::AppPluginManager::instance().addListener(m_handler.get());
@@ -192,6 +208,7 @@ void CTrayClientApp::createTrayIcon() {
     m_trayIcon->setOneClickMode(m_environment->options.oneClickMode);
     connectTrayMenu();
     refreshUnviewedCount();
+    m_mainFrame->setAppPlugins(appPluginList());
     m_trayIcon->show();
     PELSU_LOG(uiEventsGroup(), "The tray icon is shown.");
     if (!m_environment->options.startMinimized && m_options.hasDisplay)

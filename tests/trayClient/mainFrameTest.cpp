@@ -19,6 +19,13 @@ using client_testing::waitFor;
 
 namespace {
 
+app::GlobalOptions paneLimits(int maxActivityLines, int maxErrorLines) {
+    app::GlobalOptions options;
+    options.maxActivityLogMsgs = maxActivityLines;
+    options.maxErrorLogMsgs = maxErrorLines;
+    return options;
+}
+
 ActivityRecord line(const std::string& text) {
     return ActivityRecord{text, 1700000000, ActivityRecord::Kind::Progress};
 }
@@ -37,7 +44,7 @@ bool waitWithoutEvents(const std::function<bool()>& condition) {
 } // namespace
 
 TEST(MainFrame, LinesFromTheWorkerReachTheirPanesAndEachPaneKeepsOnlyItsNewest) {
-    CMainFrame frame(3, 2);
+    CMainFrame frame(paneLimits(3, 2));
     frame.attach();
     std::thread worker([&] {
         for (int i = 1; i <= 10; ++i)
@@ -60,8 +67,7 @@ TEST(MainFrame, LinesFromTheWorkerReachTheirPanesAndEachPaneKeepsOnlyItsNewest) 
 }
 
 TEST(MainFrame, TheEndOfAnUpdateReturnsOnceTheUiThreadHandledIt) {
-    CMainFrame frame(10, 10);
-    frame.showChannel("news", "News");
+    CMainFrame frame;
     frame.attach();
     QStringList ended;
     QObject::connect(&frame, &CMainFrame::channelUpdateEnded,
@@ -78,7 +84,7 @@ TEST(MainFrame, TheEndOfAnUpdateReturnsOnceTheUiThreadHandledIt) {
 }
 
 TEST(MainFrame, DetachingReleasesAWaitingWorkerAndLaterCallsReturnAtOnce) {
-    CMainFrame frame(10, 10);
+    CMainFrame frame;
     frame.attach();
     EXPECT_TRUE(frame.present());
     std::atomic<bool> returned{false};

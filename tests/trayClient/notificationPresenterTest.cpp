@@ -50,8 +50,7 @@ protected:
         options.disableAllSound = true;
         options.notificationBalloonDisplayTime = 1;
         settings.setChannelName("news", "News");
-        frame.showChannel("news", "News");
-        frame.showChannel("other", "Other");
+        frame.controlCenter()->setChannels({{"news", "News"}, {"other", "Other"}});
     }
     std::unique_ptr<NewFeedItemNotificationRequest> newItem(const std::string& id,
                                                             const std::string& title) {
@@ -75,7 +74,7 @@ protected:
     app::GlobalOptions options;
     ChannelDesktopSettingsTable settings{userDir.path().string()};
     NotificationRequestQueue queue{settings, -1};
-    CMainFrame frame{100, 100};
+    CMainFrame frame;
     CNotificationActions actions{settings, &frame};
     CTrayIcon tray;
     UrlCatcher browser;

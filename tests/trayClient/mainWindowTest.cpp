@@ -1,0 +1,363 @@
+// The main window over a real channel manager: the channel tree after updates from a loopback
+// server (names, unviewed counts, colours, the failing mark), the delete command with its
+// question, the channel windows in the MDI area, the layout kept across two windows, and the
+// commands' keys and accessible names.
+#include "trayClient/mainFrame.h"
+
+#include "channels/channel.h"
+#include "channels/channelManager.h"
+#include "lib/misc/iniValues.h"
+#include "lib/misc/profileFile.h"
+#include "tests/support/testHttpServer.h"
+#include "tests/support/testSupport.h"
+#include "tests/trayClient/support/clientTestSupport.h"
+#include "trayClient/channelDesktopSettings.h"
+#include "trayClient/controlCenter.h"
+#include "trayClient/notificationRequest.h"
+#include "trayClient/uiStyle.h"
+
+#include <QAbstractButton>
+#include <QAccessible>
+#include <QAction>
+#include <QApplication>
+#include <QDockWidget>
+#include <QMdiArea>
+#include <QMdiSubWindow>
+#include <QMenuBar>
+#include <QMessageBox>
+#include <QTimer>
+#include <QToolBar>
+#include <QTreeWidget>
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <thread>
+
+namespace fs = std::filesystem;
+using client_testing::waitFor;
+using testing_support::TempDir;
+using testing_support::writeFile;
+using namespace trayClient;
+
+namespace {
+
+std::string rss(const std::string& title, const std::vector<std::string>& ids) {
+    std::string text = "<?xml version=\"1.0\"?><rss version=\"2.0\"><channel><title>" + title +
+                       "</title><link>http://example.com/</link><description>d</description>";
+    for (const auto& id : ids)
+        text += "<item><title>Story " + id + "</title><link>http://example.com/" + id +
+                "</link><guid>http://example.com/" + id + "</guid></item>";
+    return text + "</channel></rss>";
+}
+
+// Options whose channel colours can't be mistaken for the defaults: red for channels that
+// update automatically, blue for the others.
+app::GlobalOptions distinctColours() {
+    app::GlobalOptions options;
+    options.controlCenterAutoUpdateChannelFgdCol = 0x0000FF;
+    options.controlCenterNonAutoUpdateChannelFgdCol = 0xFF0000;
+    return options;
+}
+
+// Answers the next message box with the button; the question it asked is kept.
+std::shared_ptr<QString> answerNextQuestion(QMessageBox::StandardButton button) {
+    auto question = std::make_shared<QString>();
+    QTimer::singleShot(0, [question, button] {
+        auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+        ASSERT_NE(box, nullptr);
+        *question = box->text();
+        box->button(button)->click();
+    });
+    return question;
+}
+
+// A channel window with the commands the main window forwards.
+class FakeChannelWindow : public QWidget {
+    Q_OBJECT
+public:
+    int markAllCalls = 0;
+public slots:
+    void markAllViewed() { ++markAllCalls; }
+};
+
+// A manager on a temporary home whose channels read a loopback server; the window gets the
+// worker's events through the real event handler.
+class MainWindowTest : public ::testing::Test {
+protected:
+    MainWindowTest() {
+        m_web.server().Get("/news", [this](const httplib::Request&, httplib::Response& answer) {
+            answer.set_content(rss("Local news", m_items), "application/rss+xml");
+        });
+        EXPECT_TRUE(m_web.start());
+        fs::create_directories(m_channelsDir);
+        // Addresses of 127.0.0.1 are the program's own plugin server; "localhost" is not.
+        addChannel("web", "http://localhost:" + std::to_string(m_web.port()) + "/news");
+        addChannel("broken", m_dir.file("missing.xml"));
+        addChannel("manual", m_dir.file("manual.xml"), "Manual");
+        profile::writeIniBool(channelFile("manual"), "Settings", "IsAutoUpdateEnabled", false);
+        m_settings.loadAll(channelsInDirectory(m_channelsDir));
+        m_manager.addListener(&m_handler);
+        m_manager.loadChannels();
+        m_frame.setContext(&m_manager, &m_settings, &m_options);
+        m_frame.attach();
+    }
+    ~MainWindowTest() override {
+        m_handler.stopDelivering();
+        m_frame.detach();
+        m_manager.removeListener(&m_handler);
+        m_manager.stop();
+        profile::clearCache();
+    }
+    std::string channelFile(const std::string& id) const {
+        return m_channelsDir + "/" + id + ".rss";
+    }
+    void addChannel(const std::string& id, const std::string& url, const std::string& name = {}) {
+        profile::writeIniString(channelFile(id), "Config", "RssChannelUrl", url);
+        if (!name.empty())
+            profile::writeIniString(channelFile(id), "Config", "PreferredChannelDisplayName", name);
+        profile::writeIniInt(channelFile(id), "Settings", "AutoUpdateInterval", 3600);
+    }
+    // One pass of the worker an hour later, on a thread of its own: the end of each update
+    // waits for this (the UI) thread.
+    void update() {
+        m_now += 3600;
+        std::atomic<bool> done{false};
+        std::thread worker([&] {
+            m_manager.runUpdatePass();
+            done = true;
+        });
+        EXPECT_TRUE(waitFor([&] { return done.load(); }));
+        worker.join();
+        QCoreApplication::sendPostedEvents();
+    }
+    QTreeWidgetItem* row(const QString& id) const {
+        return m_frame.controlCenter()->channelItem(id);
+    }
+    channels::ChannelManagerOptions managerOptions() const {
+        channels::ChannelManagerOptions options;
+        options.net.honourUrlPort = true;
+        return options;
+    }
+
+    TempDir m_dir;
+    std::string m_channelsDir = m_dir.file("Channels");
+    std::vector<std::string> m_items{"a", "b", "c"};
+    testing_support::TestHttpServer m_web;
+    std::atomic<std::time_t> m_now{1'700'000'000};
+    app::GlobalOptions m_options = distinctColours();
+    CMainFrame m_frame{m_options};
+    ChannelDesktopSettingsTable m_settings{m_dir.path().string()};
+    NotificationRequestQueue m_queue{m_settings, -1};
+    ChannelEventHandler m_handler{m_frame, m_queue, m_settings, 3, [this] { return m_now.load(); }};
+    channels::ChannelManager m_manager{m_channelsDir, managerOptions(),
+                                       [this] { return m_now.load(); }};
+};
+
+} // namespace
+
+TEST(UiStyle, ColourReferencesKeepRedInTheLowByte) {
+    EXPECT_EQ(fromColourRef(0x0000FF), QColor(255, 0, 0));
+    EXPECT_EQ(fromColourRef(0xF5FFFF), QColor(255, 255, 245));
+    EXPECT_EQ(fromColourRef(0xFF123456), QColor(0x56, 0x34, 0x12));
+    EXPECT_EQ(toColourRef(QColor(0x56, 0x34, 0x12)), 0x123456u);
+}
+
+TEST_F(MainWindowTest, AfterAnUpdateEachChannelShowsItsNameAndUnviewedCountInItsColour) {
+    ASSERT_EQ(m_frame.controlCenter()->channelTree()->topLevelItemCount(), 3);
+    update();
+    ASSERT_TRUE(row("web"));
+    EXPECT_EQ(row("web")->text(0), "Local news (3)");
+    // The feed's name moved the channel to its place: by name, whatever the case.
+    QTreeWidget* tree = m_frame.controlCenter()->channelTree();
+    EXPECT_EQ(tree->topLevelItem(0)->text(0), "broken (0)");
+    EXPECT_EQ(tree->topLevelItem(1), row("web"));
+    EXPECT_EQ(row("manual")->text(0), "Manual (0)");
+    EXPECT_EQ(row("web")->foreground(0).color(), QColor(255, 0, 0));
+    EXPECT_EQ(row("manual")->foreground(0).color(), QColor(0, 0, 255));
+
+    // Viewing an item lowers the count; a new item on the server raises it again.
+    m_settings.markViewed("web", "http://example.com/b");
+    m_frame.channelItemsViewedChanged("web");
+    EXPECT_EQ(row("web")->text(0), "Local news (2)");
+    m_items.push_back("d");
+    update();
+    EXPECT_EQ(row("web")->text(0), "Local news (3)");
+
+    // New options recolour the rows that are there.
+    app::GlobalOptions swapped;
+    swapped.controlCenterAutoUpdateChannelFgdCol = 0x00FF00;
+    m_frame.applyOptions(swapped);
+    EXPECT_EQ(row("web")->foreground(0).color(), QColor(0, 255, 0));
+    EXPECT_EQ(row("manual")->foreground(0).color(), fromColourRef(0x808080));
+}
+
+TEST_F(MainWindowTest, AFailingChannelIsMarkedWithItsErrorUntilAnUpdateSucceeds) {
+    update();
+    ASSERT_TRUE(row("broken"));
+    EXPECT_FALSE(row("broken")->icon(0).isNull());
+    EXPECT_TRUE(row("broken")->toolTip(0).contains("missing.xml"))
+        << row("broken")->toolTip(0).toStdString();
+    EXPECT_TRUE(row("web")->icon(0).isNull());
+    EXPECT_TRUE(row("web")->toolTip(0).isEmpty());
+    // The mark survives a rebuild of the tree.
+    m_frame.refreshChannels();
+    EXPECT_FALSE(row("broken")->icon(0).isNull());
+
+    writeFile(m_dir.file("missing.xml"), rss("Found", {"x"}));
+    update();
+    EXPECT_TRUE(row("broken")->icon(0).isNull());
+    EXPECT_TRUE(row("broken")->toolTip(0).isEmpty());
+    EXPECT_EQ(row("broken")->text(0), "Found (1)");
+}
+
+TEST_F(MainWindowTest, DeleteAsksWithTheChannelsNameAndRemovesItOnlyWhenTheAnswerIsYes) {
+    update();
+    ASSERT_TRUE(m_frame.controlCenter()->selectChannel("web"));
+    ASSERT_TRUE(fs::exists(m_settings.fileFor("web")));
+    ASSERT_TRUE(m_frame.actions().deleteChannel->isEnabled());
+
+    auto declined = answerNextQuestion(QMessageBox::No);
+    m_frame.actions().deleteChannel->trigger();
+    EXPECT_TRUE(declined->contains("\"Local news\"")) << declined->toStdString();
+    EXPECT_TRUE(m_manager.findChannel("web"));
+    EXPECT_TRUE(row("web"));
+
+    answerNextQuestion(QMessageBox::Yes);
+    m_frame.actions().deleteChannel->trigger();
+    EXPECT_EQ(m_manager.findChannel("web"), nullptr);
+    EXPECT_FALSE(fs::exists(channelFile("web")));
+    EXPECT_FALSE(fs::exists(m_settings.fileFor("web")));
+    EXPECT_FALSE(m_settings.contains("web"));
+    EXPECT_EQ(row("web"), nullptr);
+    EXPECT_NE(m_frame.selectedChannelId(), "web");
+}
+
+TEST_F(MainWindowTest, ChannelsOpenOnceAsChildWindowsThatReceiveTheForwardedCommands) {
+    update();
+    // Without a factory (no channel window yet) activating does nothing.
+    emit m_frame.controlCenter()->channelActivated("web");
+    EXPECT_TRUE(m_frame.mdiArea()->subWindowList().isEmpty());
+
+    std::vector<QString> made;
+    FakeChannelWindow* web = nullptr;
+    m_frame.setChannelWindowFactory([&](const QString& id) -> QWidget* {
+        made.push_back(id);
+        if (id != "web")
+            return new QWidget;
+        web = new FakeChannelWindow;
+        return web;
+    });
+    emit m_frame.controlCenter()->channelActivated("web");
+    emit m_frame.controlCenter()->channelActivated("web");
+    ASSERT_EQ(made, std::vector<QString>{"web"});
+    ASSERT_EQ(m_frame.mdiArea()->subWindowList().size(), 1);
+    QMdiSubWindow* child = m_frame.mdiArea()->subWindowList().first();
+    EXPECT_EQ(child->windowTitle(), "Local news");
+    EXPECT_TRUE(child->isMaximized());
+    EXPECT_EQ(m_frame.selectedChannelId(), "web");
+
+    m_frame.actions().markAllViewed->trigger();
+    EXPECT_EQ(web->markAllCalls, 1);
+    // A child without the command leaves it off, and the tree follows the open channel.
+    emit m_frame.controlCenter()->channelActivated("manual");
+    EXPECT_EQ(m_frame.mdiArea()->subWindowList().size(), 2);
+    EXPECT_EQ(m_frame.selectedChannelId(), "manual");
+    EXPECT_FALSE(m_frame.actions().markAllViewed->isEnabled());
+    m_frame.actions().markAllViewed->trigger();
+    EXPECT_EQ(web->markAllCalls, 1);
+}
+
+TEST(MainWindow, AnAppPluginOpensAsAChildTitledByItsName) {
+    CMainFrame frame;
+    frame.setAppPlugins({{"weather", "Weather"}, {"stocks", "Stocks"}});
+    QStringList requested;
+    QObject::connect(&frame, &CMainFrame::appPluginRequested,
+                     [&](const QString& id) { requested << id; });
+    emit frame.controlCenter()->appPluginActivated("weather");
+    EXPECT_EQ(requested, QStringList{"weather"});
+    EXPECT_TRUE(frame.mdiArea()->subWindowList().isEmpty());
+
+    frame.setPluginWindowFactory([](const QString&) { return new QWidget; });
+    emit frame.controlCenter()->appPluginActivated("weather");
+    ASSERT_EQ(frame.mdiArea()->subWindowList().size(), 1);
+    EXPECT_EQ(frame.mdiArea()->subWindowList().first()->windowTitle(), "Weather");
+    EXPECT_EQ(frame.controlCenter()->pluginTree()->topLevelItem(0)->text(0), "Weather");
+}
+
+TEST(MainWindow, TheLayoutOfOneWindowIsRestoredInTheNext) {
+    TempDir dir;
+    const QString layout = QString::fromStdString(dir.file("window.ini"));
+    {
+        CMainFrame first({}, layout);
+        first.show();
+        first.setGeometry(40, 50, 700, 420);
+        auto* controlCenter = first.findChild<QDockWidget*>("controlCenterDock");
+        first.addDockWidget(Qt::RightDockWidgetArea, controlCenter);
+        first.findChild<QDockWidget*>("errorLogDock")->hide();
+        first.close();
+        EXPECT_TRUE(first.isHidden());
+    }
+    CMainFrame second({}, layout);
+    EXPECT_EQ(second.size(), QSize(700, 420));
+    EXPECT_EQ(second.dockWidgetArea(second.findChild<QDockWidget*>("controlCenterDock")),
+              Qt::RightDockWidgetArea);
+    second.show();
+    EXPECT_FALSE(second.findChild<QDockWidget*>("errorLogDock")->isVisible());
+    EXPECT_TRUE(second.findChild<QDockWidget*>("activityLogDock")->isVisible());
+}
+
+TEST(MainWindow, EveryCommandHasItsOwnKeyAndAnAccessibleName) {
+    CMainFrame frame;
+    QList<QKeySequence> keys;
+    const QList<QAction*> actions = frame.actions().all();
+    ASSERT_EQ(actions.size(), 15);
+    for (QAction* action : actions) {
+        ASSERT_NE(action, nullptr);
+        ASSERT_FALSE(action->shortcut().isEmpty()) << action->text().toStdString();
+        EXPECT_FALSE(keys.contains(action->shortcut())) << action->text().toStdString();
+        keys << action->shortcut();
+    }
+    // What assistive technology reads: the menus' entries and the tool bar's buttons.
+    int entries = 0;
+    for (QAction* menu : frame.menuBar()->actions()) {
+        QAccessibleInterface* accessible = QAccessible::queryAccessibleInterface(menu->menu());
+        ASSERT_NE(accessible, nullptr);
+        for (int index = 0; index < accessible->childCount(); ++index) {
+            QAccessibleInterface* entry = accessible->child(index);
+            if (entry->role() == QAccessible::Separator)
+                continue;
+            EXPECT_FALSE(entry->text(QAccessible::Name).isEmpty());
+            EXPECT_FALSE(entry->text(QAccessible::Name).contains('&'));
+            ++entries;
+        }
+    }
+    EXPECT_EQ(entries, actions.size());
+    auto* toolBar = frame.findChild<QToolBar*>("mainToolBar");
+    ASSERT_NE(toolBar, nullptr);
+    for (QAction* action : toolBar->actions()) {
+        if (!action->isSeparator()) {
+            EXPECT_FALSE(toolBar->widgetForAction(action)->accessibleName().isEmpty());
+        }
+    }
+}
+
+TEST(MainWindow, TheOptionsChooseTabbedChildrenAndKeepTheWindowOffTheTaskBar) {
+    app::GlobalOptions options;
+    options.mdiTabs = 1;
+    options.hideInTaskbar = true;
+    CMainFrame frame(options);
+    EXPECT_EQ(frame.mdiArea()->viewMode(), QMdiArea::TabbedView);
+    EXPECT_TRUE(frame.windowFlags().testFlag(Qt::Tool));
+    frame.show();
+    options.mdiTabs = 0;
+    options.hideInTaskbar = false;
+    frame.applyOptions(options);
+    EXPECT_EQ(frame.mdiArea()->viewMode(), QMdiArea::SubWindowView);
+    EXPECT_FALSE(frame.windowFlags().testFlag(Qt::Tool));
+    EXPECT_TRUE(frame.isVisible());
+}
+
+int main(int argc, char** argv) { return client_testing::runClientTests(argc, argv); }
+
+#include "mainWindowTest.moc"
