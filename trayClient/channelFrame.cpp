@@ -1,5 +1,7 @@
 #include "trayClient/channelFrame.h"
 
+#include "trayClient/uiStyle.h"
+
 #include "channels/channel.h"
 #include "channels/channelManager.h"
 #include "channels/channelSummaryPage.h"
@@ -37,11 +39,6 @@ QFont optionFont(const std::string& name, int size, bool italic = false) {
 }
 
 } // namespace
-
-QColor colourFromRef(app::ColourRef colour) {
-    return QColor(static_cast<int>(colour & 0xFFu), static_cast<int>((colour >> 8) & 0xFFu),
-                  static_cast<int>((colour >> 16) & 0xFFu));
-}
 
 // ---- the item model ----
 
@@ -210,16 +207,16 @@ void CChannelFrame::applyCaptionOptions() {
     m_caption->setFont(optionFont(m_options.captionBarFontName, m_options.captionBarFontSize,
                                   m_options.captionBarItalics));
     QPalette palette = m_caption->palette();
-    palette.setColor(QPalette::WindowText, colourFromRef(m_options.captionBarFgdCol));
-    palette.setColor(QPalette::Window, colourFromRef(m_options.captionBarBgdCol));
+    palette.setColor(QPalette::WindowText, fromColourRef(m_options.captionBarFgdCol));
+    palette.setColor(QPalette::Window, fromColourRef(m_options.captionBarBgdCol));
     m_caption->setPalette(palette);
 }
 
 void CChannelFrame::applyItemViewOptions() {
     CChannelItemModel::Style style;
-    style.newColour = colourFromRef(m_options.channelItemViewNewFeedItemFgdCol);
-    style.viewedColour = colourFromRef(m_options.channelItemViewViewedFeedItemFgdCol);
-    style.background = colourFromRef(m_options.channelItemViewBgdCol);
+    style.newColour = fromColourRef(m_options.channelItemViewNewFeedItemFgdCol);
+    style.viewedColour = fromColourRef(m_options.channelItemViewViewedFeedItemFgdCol);
+    style.background = fromColourRef(m_options.channelItemViewBgdCol);
     style.font = optionFont(m_options.channelItemViewFontName, m_options.channelItemViewFontSize);
     style.italicizeViewed = m_options.italicizeViewedFeedItems;
     m_model->setStyle(style);

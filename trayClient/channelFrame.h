@@ -30,9 +30,6 @@ namespace trayClient {
 class CWebPane;
 class ChannelDesktopSettingsTable;
 
-// A colour of the options (0x00BBGGRR, red in the low byte) as Qt's.
-QColor colourFromRef(app::ColourRef colour);
-
 // The item view's rows: one per feed item, in feed order, with the title and the date as the
 // feed wrote them.
 class CChannelItemModel : public QAbstractTableModel {

@@ -37,6 +37,8 @@ public:
     // Marks the channel failing with the error as its tooltip; an empty text clears the mark.
     // The mark outlives rebuilds of the rows until it is cleared or the channel removed.
     void setChannelError(const QString& channelId, const QString& text);
+    // The channel's last error while it is marked failing, else empty.
+    QString channelError(const QString& channelId) const { return m_errors.value(channelId); }
     // Lists the app plugins: (id, display name) pairs.
     void setAppPlugins(const std::vector<std::pair<QString, QString>>& plugins);
     // Fonts and colours of both trees; one-click mode opens an entry with a single click.

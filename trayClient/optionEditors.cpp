@@ -1,5 +1,7 @@
 #include "trayClient/optionEditors.h"
 
+#include "trayClient/uiStyle.h"
+
 #include "trayClient/paramEditors.h"
 
 #include <QCheckBox>
@@ -290,7 +292,7 @@ void showOption(const OptionEditorSpec& spec, QWidget* editor, const app::Global
             else if constexpr (std::is_same_v<T, std::string>)
                 setTextOf(editor, latin1(value));
             else
-                qobject_cast<CColourButton*>(editor)->setColour(colourFromRef(value));
+                qobject_cast<CColourButton*>(editor)->setColour(fromColourRef(value));
         },
         spec.field);
 }
@@ -309,20 +311,9 @@ void takeOption(const OptionEditorSpec& spec, const QWidget* editor, app::Global
             else if constexpr (std::is_same_v<T, std::string>)
                 value = toLatin1(textOf(editor).trimmed());
             else
-                value = colourRef(qobject_cast<const CColourButton*>(editor)->colour());
+                value = toColourRef(qobject_cast<const CColourButton*>(editor)->colour());
         },
         spec.field);
-}
-
-QColor colourFromRef(app::ColourRef ref) {
-    return QColor(static_cast<int>(ref & 0xFFu), static_cast<int>((ref >> 8) & 0xFFu),
-                  static_cast<int>((ref >> 16) & 0xFFu));
-}
-
-app::ColourRef colourRef(const QColor& colour) {
-    return static_cast<app::ColourRef>(colour.red()) |
-           static_cast<app::ColourRef>(colour.green()) << 8 |
-           static_cast<app::ColourRef>(colour.blue()) << 16;
 }
 
 CColourButton::CColourButton(QWidget* parent) : QPushButton(parent) {

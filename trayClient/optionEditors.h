@@ -54,10 +54,6 @@ void showOption(const OptionEditorSpec& spec, QWidget* editor, const app::Global
 // Stores the editor's value in the record (read-only rows leave it alone).
 void takeOption(const OptionEditorSpec& spec, const QWidget* editor, app::GlobalOptions& options);
 
-// A colour in the 0x00BBGGRR layout and back.
-QColor colourFromRef(app::ColourRef ref);
-app::ColourRef colourRef(const QColor& colour);
-
 // A button that shows a colour (a swatch and its #rrggbb name) and offers the colour dialog.
 class CColourButton : public QPushButton {
     Q_OBJECT

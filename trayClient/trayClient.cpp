@@ -5,6 +5,7 @@
 #include "trayClient/channelDesktopSettings.h"
 #include "trayClient/channelEventHandler.h"
 #include "trayClient/channelItems.h"
+#include "trayClient/clientDialogs.h"
 #include "trayClient/mainFrame.h"
 #include "trayClient/notificationPresenter.h"
 #include "trayClient/notificationRequest.h"
@@ -209,6 +210,7 @@ void CTrayClientApp::createTrayIcon() {
     connectTrayMenu();
     refreshUnviewedCount();
     m_mainFrame->setAppPlugins(appPluginList());
+    connectDialogs();
     m_trayIcon->show();
     PELSU_LOG(uiEventsGroup(), "The tray icon is shown.");
     if (!m_environment->options.startMinimized && m_options.hasDisplay)
@@ -235,6 +237,30 @@ void CTrayClientApp::connectTrayMenu() {
     connect(m_trayIcon.get(), &CTrayIcon::activated, this, &CTrayClientApp::toggleMainWindow);
     connect(m_mainFrame.get(), &CMainFrame::channelUpdateEnded, this,
             &CTrayClientApp::refreshChannelUnviewedCount);
+}
+
+void CTrayClientApp::connectDialogs() {
+    m_dialogs =
+        std::make_unique<CClientDialogs>(*m_manager, *m_settings, *m_environment, *m_mainFrame);
+    m_dialogs->connectMainFrame();
+    connect(this, &CTrayClientApp::globalOptionsRequested, m_dialogs.get(),
+            &CClientDialogs::globalOptions);
+    connect(m_dialogs.get(), &CClientDialogs::optionsChanged, this,
+            &CTrayClientApp::applyChangedOptions);
+    connect(m_dialogs.get(), &CClientDialogs::itemsViewedChanged, this,
+            &CTrayClientApp::refreshChannelUnviewedCount);
+}
+
+void CTrayClientApp::applyChangedOptions() {
+    const app::GlobalOptions& options = m_environment->options;
+    applyAutoStart(*m_environment);
+    m_trayIcon->setOneClickMode(options.oneClickMode);
+    m_queue->setMaxLength(options.maxNotificationQueueLength);
+}
+
+void CTrayClientApp::startNewChannelWizard(const QString& address) {
+    if (m_dialogs)
+        m_dialogs->newChannel(address);
 }
 
 void CTrayClientApp::toggleMainWindow() {

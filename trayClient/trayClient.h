@@ -17,6 +17,7 @@ class QSocketNotifier;
 
 namespace trayClient {
 
+class CClientDialogs;
 class CMainFrame;
 class CNotificationActions;
 class CNotificationPresenter;
@@ -59,6 +60,7 @@ public:
     app::Application& application() { return m_application; }
     CMainFrame* mainFrame() const { return m_mainFrame.get(); }
     CTrayIcon* trayIcon() const { return m_trayIcon.get(); }
+    CClientDialogs* dialogs() const { return m_dialogs.get(); }
     CNotificationPresenter* presenter() const { return m_presenter.get(); }
     NotificationRequestQueue* queue() const { return m_queue.get(); }
     ChannelDesktopSettingsTable* desktopSettings() const { return m_settings.get(); }
@@ -88,6 +90,8 @@ public slots:
     void refreshChannelUnviewedCount(const QString& channelId);
     // Shows the main window, or hides it when it is on the screen (the tray icon's click).
     void toggleMainWindow();
+    // Opens the new-channel wizard at an address (empty: none); other threads queue it.
+    void startNewChannelWizard(const QString& address);
 
 signals:
     // The tray icon is in place (the last step of start-up but the welcome).
@@ -101,6 +105,8 @@ private:
     void onTerminationSignal();
     void connectTrayMenu();
     void showUnviewedCount();
+    void connectDialogs();
+    void applyChangedOptions();
 
     app::Application m_application;
     Options m_options;
@@ -114,6 +120,7 @@ private:
     std::unique_ptr<CSoundPlayer> m_sounds;
     std::unique_ptr<CTrayIcon> m_trayIcon;
     std::unique_ptr<CQuickAccessMenu> m_quickMenu;
+    std::unique_ptr<CClientDialogs> m_dialogs;
     std::unique_ptr<CSubscriptionApprover> m_approver;
     std::map<std::string, std::size_t> m_unviewed; // per channel, summed on the icon
     std::unique_ptr<CNotificationPresenter> m_presenter;

@@ -2,6 +2,7 @@
 // never writes the read-only keys; global.ini's script file types are edited only where they
 // can be saved.
 #include "trayClient/globalOptionsDialog.h"
+#include "trayClient/uiStyle.h"
 
 #include "lib/misc/profileFile.h"
 #include "tests/support/testSupport.h"
@@ -64,7 +65,7 @@ void setOtherValue(const OptionEditorSpec& spec, QWidget* editor, GlobalOptions&
                     qobject_cast<QLineEdit*>(editor)->setText(QString::fromStdString(value));
             } else {
                 value = 0x102030u + static_cast<unsigned>(index);
-                qobject_cast<CColourButton*>(editor)->setColour(colourFromRef(value));
+                qobject_cast<CColourButton*>(editor)->setColour(fromColourRef(value));
             }
         },
         spec.field);
