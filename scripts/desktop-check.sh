@@ -3,8 +3,10 @@
 # (trayer) and a notification server (dunst) on a session bus of its own, then pelsu with a
 # local feed channel. It takes screenshots of the tray icon and the welcome, of a notification
 # per new item after items are added to the feed, clicks one (its link goes to a stand-in
-# browser that writes it to a file), and ends pelsu with SIGTERM, checking the log's eleven
-# shut-down lines. Screenshots and logs go to the output directory (never into git).
+# browser that writes it to a file), then of the main window with a channel open, the tray's
+# menu, the options dialog and the new-channel wizard's preview, and ends pelsu with SIGTERM,
+# checking the log's eleven shut-down lines. Screenshots and logs go to the output directory;
+# with PELSU_SCREENSHOTS=DIR the README's pictures are copied there as well.
 #
 # Usage: scripts/desktop-check.sh [BUILD_DIR] [OUTPUT_DIR]
 set -euo pipefail
@@ -117,6 +119,11 @@ writeFeed() {
 }
 writeFeed 1
 printf '[Config]\nRssChannelUrl=%s\n' "$feed" >"$userDir/Channels/Local.rss"
+# What a new user directory gets (this one is made by hand), and the tray menu lists the channel.
+cp "$BUILD/Resources/DefaultChannelSummary.template" "$BUILD/Resources/DefaultChannelSummary.gif" \
+    "$userDir/"
+mkdir -p "$userDir/DesktopSettings"
+printf '[Desktop Settings]\nUseQuickAccessMenu=1\n' >"$userDir/DesktopSettings/Local.ini"
 printf '[Global Options]\nNotificationBalloonDisplayTime=6\n' >"$userDir/config.ini"
 log="$userDir/Logs/pelsu.log"
 logHas() { [ -f "$log" ] && [ "$(grep -c -- "$1" "$log")" -ge "${2:-1}" ]; }
@@ -153,6 +160,43 @@ waitFor test -s "$OUT/opened-urls.txt"
 echo "opened: $(cat "$OUT/opened-urls.txt")"
 sleep 1
 shot 5-after-click
+
+step "the main window, the tray menu, the options and the wizard"
+# Positions are those of the window as it first opens on this screen (no window manager).
+dunstctl close-all
+"$BUILD/cli/pelsu-cli" --home "$home" add "$BUILD/Resources/feeds/ReleaseNotes.rdf" \
+    --id ReleaseNotes >>"$OUT/update.out" 2>&1
+waitFor logHas "Saving viewed feed item list for Pelsu Release Notes"
+sleep 1
+dunstctl close-all
+xdotool mousemove 100 127 click 1 # the first channel in the tree opens in one click
+sleep 3
+dunstctl close-all
+sleep 1
+shot 6-main-window
+xdotool mousemove 1267 12 click 3 # the tray icon's menu
+sleep 1
+shot 7-tray-menu
+xdotool key Escape
+xdotool mousemove 600 500 click 1 key ctrl+comma # the options, from the main window
+sleep 2
+shot 8-global-options
+xdotool key Escape
+sleep 1
+xdotool mousemove 28 38 click 1 # New Channel on the tool bar
+sleep 2
+xdotool mousemove 426 234 click 1 # the address field: without a window manager, a click gives focus
+xdotool type "$feed"
+xdotool key Return
+sleep 3
+shot 9-new-channel-wizard
+xdotool key Escape
+if [ -n "${PELSU_SCREENSHOTS:-}" ]; then
+    mkdir -p "$PELSU_SCREENSHOTS"
+    for picture in 6-main-window 7-tray-menu 2-first-item 8-global-options 9-new-channel-wizard; do
+        cp "$OUT/$picture.png" "$PELSU_SCREENSHOTS/${picture#*-}.png"
+    done
+fi
 
 step "SIGTERM"
 kill -TERM "$pelsu"

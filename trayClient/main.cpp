@@ -74,5 +74,14 @@ int main(int argc, char** argv) {
     const QString platform = QGuiApplication::platformName();
     options.hasDisplay = platform != "offscreen" && platform != "minimal";
     trayClient::CTrayClientApp client;
-    return client.run(options);
+    const int status = client.run(options);
+    // Everything is saved and the shut-down is logged. A browser engine that was started can
+    // hang in its own teardown at exit (its helper processes end with this one), so a program
+    // that showed pages ends here.
+    if (trayClient::CWebPane::engineStarted()) {
+        std::cout.flush();
+        std::cerr.flush();
+        std::_Exit(status);
+    }
+    return status;
 }

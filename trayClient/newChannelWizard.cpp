@@ -117,6 +117,9 @@ public:
         connect(&m_browse, &QPushButton::clicked, this, [this] { browse(); });
         connect(&m_kinds, &QButtonGroup::idClicked, this, [this] { kindChanged(); });
         kindChanged();
+        // The address is what a person types first.
+        setFocusProxy(&m_source);
+        m_source.setFocus();
     }
 
     CNewChannelWizard::SourceKind kind() const {

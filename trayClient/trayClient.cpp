@@ -13,6 +13,7 @@
 #include "trayClient/soundPlayer.h"
 #include "trayClient/subscriptionApprover.h"
 #include "trayClient/trayIcon.h"
+#include "trayClient/webPane.h"
 
 #include "channels/appPlugin.h"
 #include "channels/appPluginManager.h"
@@ -20,6 +21,8 @@
 #include "channels/channelManager.h"
 
 #include <QApplication>
+#include <QMdiArea>
+#include <QMdiSubWindow>
 #include <QMessageBox>
 #include <QSocketNotifier>
 
@@ -67,15 +70,23 @@ std::vector<std::pair<QString, QString>> appPluginList() {
 
 } // namespace
 
+namespace {
+// Ends the event loop at once. QApplication::quit would first ask every window to close, and
+// the main window only hides when asked (the program stays in the tray), which would cancel
+// the quit.
+void leaveEventLoop() { QCoreApplication::exit(0); }
+} // namespace
+
 CTrayClientApp::CTrayClientApp() = default;
 
 CTrayClientApp::~CTrayClientApp() { shutDown(); }
 
 void CTrayClientApp::catchTerminationSignals() {
-    if (g_signalPipe[0] >= 0)
+    if (g_signalPipe[0] < 0 && ::pipe2(g_signalPipe, O_CLOEXEC | O_NONBLOCK) != 0)
         return;
-    if (::pipe2(g_signalPipe, O_CLOEXEC | O_NONBLOCK) != 0)
-        return;
+    // Installed again whenever the browser engine starts: it sets handlers of its own for
+    // these signals, and then SIGTERM would no longer end the program in order.
+    CWebPane::setEngineStartedHook([] { catchTerminationSignals(); });
     struct sigaction action = {};
     action.sa_handler = onSignal;
     sigemptyset(&action.sa_mask);
@@ -88,7 +99,7 @@ void CTrayClientApp::onTerminationSignal() {
     unsigned char byte = 0;
     while (::read(g_signalPipe[0], &byte, 1) == 1)
         PELSU_LOG(uiEventsGroup(), "Signal " << int(byte) << " received - closing down.");
-    QApplication::quit();
+    leaveEventLoop();
 }
 
 void CTrayClientApp::tell(const std::string& message, bool fatal) {
@@ -129,7 +140,7 @@ bool CTrayClientApp::start(const Options& options, int& status) {
     status = 0;
     // The session's end and any other way out of the event loop run the shut-down while
     // the application object still exists.
-    connect(qApp, &QGuiApplication::commitDataRequest, this, [] { QApplication::quit(); });
+    connect(qApp, &QGuiApplication::commitDataRequest, this, [] { leaveEventLoop(); });
     connect(qApp, &QCoreApplication::aboutToQuit, this, &CTrayClientApp::shutDown);
     return true;
 }
@@ -159,7 +170,7 @@ void CTrayClientApp::createMainFrame(app::Environment& environment) {
     const app::GlobalOptions& options = environment.options;
     const std::string layoutFile = environment.paths.userDir + "/window.ini";
     m_mainFrame = std::make_unique<CMainFrame>(options, QString::fromStdString(layoutFile));
-    connect(m_mainFrame.get(), &CMainFrame::exitRequested, qApp, &QApplication::quit);
+    connect(m_mainFrame.get(), &CMainFrame::exitRequested, this, [] { leaveEventLoop(); });
     applyAutoStart(environment);
 }
 
@@ -220,6 +231,8 @@ void CTrayClientApp::createTrayIcon() {
     // A click on a notification may have marked an item viewed.
     connect(m_presenter.get(), &CNotificationPresenter::clicked, this,
             &CTrayClientApp::refreshUnviewedCount);
+    connect(m_presenter.get(), &CNotificationPresenter::clicked, m_mainFrame.get(),
+            &CMainFrame::refreshChannels);
     m_presenter->start();
     emit trayIconShown();
 }
@@ -230,7 +243,7 @@ void CTrayClientApp::connectTrayMenu() {
             &CMainFrame::showAndRaise);
     connect(m_quickMenu.get(), &CQuickAccessMenu::globalOptionsRequested, this,
             &CTrayClientApp::globalOptionsRequested);
-    connect(m_quickMenu.get(), &CQuickAccessMenu::exitRequested, qApp, &QApplication::quit);
+    connect(m_quickMenu.get(), &CQuickAccessMenu::exitRequested, this, [] { leaveEventLoop(); });
     connect(m_quickMenu.get(), &CQuickAccessMenu::itemOpened, this,
             &CTrayClientApp::refreshChannelUnviewedCount);
     m_trayIcon->setContextMenu(m_quickMenu.get());
@@ -355,8 +368,15 @@ void CTrayClientApp::shutDownToolkit() {
     m_quickMenu.reset();
     m_sounds.reset();
     m_actions.reset();
-    if (m_mainFrame)
+    if (m_mainFrame) {
         m_mainFrame->hide();
+        // Windows with web pages go while the event loop's objects still exist: the browser
+        // engine tears its pages down through it.
+        m_mainFrame->mdiArea()->closeAllSubWindows();
+        for (QMdiSubWindow* window : m_mainFrame->mdiArea()->subWindowList())
+            delete window;
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    }
 }
 
 } // namespace trayClient

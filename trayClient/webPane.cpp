@@ -24,9 +24,19 @@ msglog::MsgGroupRegistration g_webGroup("WebPages");
 const char* const kNoSandbox = "QTWEBENGINE_DISABLE_SANDBOX";
 const char* const kModuleName = "libpelsu_webView.so";
 
+CreateWebViewFunction g_createView = nullptr;
+std::function<void()>& engineStartedHook() {
+    static std::function<void()> hook;
+    return hook;
+}
+void runEngineStartedHook() {
+    if (engineStartedHook())
+        engineStartedHook()();
+}
+
 // The module's entry point, loaded once per process (the library stays loaded).
 CreateWebViewFunction loadEngine(QString& problem) {
-    static CreateWebViewFunction create = nullptr;
+    CreateWebViewFunction& create = g_createView;
     static QString loadProblem;
     static bool tried = false;
     if (!tried) {
@@ -116,6 +126,7 @@ bool CWebPane::ensureView() {
         return false;
     }
     m_view.reset(makeView(*this, this));
+    runEngineStartedHook();
     m_layout->addWidget(m_view->widget());
     return true;
 }
@@ -138,7 +149,16 @@ bool CWebPane::acceptNavigation(const QUrl& url, bool isMainFrame, bool linkClic
 
 void CWebPane::newWindowRequested(const QUrl& url) { showUrl(url); }
 
-void CWebPane::pageLoaded(bool ok) { emit loadFinished(ok); }
+void CWebPane::pageLoaded(bool ok) {
+    runEngineStartedHook();
+    emit loadFinished(ok);
+}
+
+void CWebPane::setEngineStartedHook(std::function<void()> hook) {
+    engineStartedHook() = std::move(hook);
+}
+
+bool CWebPane::engineStarted() { return g_createView != nullptr; }
 
 QString CWebPane::engineModulePath() {
     QStringList candidates;

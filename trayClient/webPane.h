@@ -14,6 +14,7 @@
 #include <QUrl>
 #include <QWidget>
 
+#include <functional>
 #include <memory>
 
 class QVBoxLayout;
@@ -66,6 +67,12 @@ public:
     // The engine's module: $PELSU_WEBVIEW_MODULE, else beside the program or in ../lib of
     // it, else where the build put it. Empty when none exists.
     static QString engineModulePath();
+    // Whether this process has loaded the browser engine.
+    static bool engineStarted();
+    // Called on the UI thread after the engine started a view and after its pages load: the
+    // engine installs process-wide settings of its own (signal handlers) that the program
+    // may need to put back.
+    static void setEngineStartedHook(std::function<void()> hook);
 
 signals:
     // A page finished loading (ok false when it failed).
