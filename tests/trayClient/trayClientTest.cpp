@@ -13,8 +13,10 @@
 #include "trayClient/subscriptionApprover.h"
 #include "trayClient/trayIcon.h"
 
+#include <QCoreApplication>
 #include <QDesktopServices>
 #include <QMessageBox>
+#include <QTimer>
 #include <QUrl>
 
 #include <gtest/gtest.h>
@@ -257,6 +259,19 @@ TEST_F(ClientFixture, TheTrayIconsClickShowsAndHidesTheMainWindow) {
     client.trayIcon()->handleActivation(QSystemTrayIcon::DoubleClick);
     EXPECT_FALSE(frame.isVisible());
     client.shutDown();
+}
+
+// The main window only hides when it is asked to close, so an exit that asked the windows
+// first would be cancelled while the window is on the screen.
+TEST_F(ClientFixture, ExitEndsTheEventLoopWhileTheMainWindowIsShown) {
+    ASSERT_TRUE(start(false));
+    client.mainFrame()->showAndRaise();
+    ASSERT_TRUE(client.mainFrame()->isVisible());
+    QTimer::singleShot(0, client.mainFrame(), &trayClient::CMainFrame::exitRequested);
+    QTimer::singleShot(5000, [] { QCoreApplication::exit(1); }); // else the loop would go on
+    EXPECT_EQ(QCoreApplication::exec(), 0);
+    client.shutDown();
+    EXPECT_EQ(shutdownLines(), kShutdownLines);
 }
 
 TEST_F(ClientFixture, ShutDownReleasesAListenerWaitingForTheUsersAnswerToASubscription) {
