@@ -1,8 +1,8 @@
 // The desktop client's memory with pages shown: the whole client runs in this process on the
 // display it is given, with its window never opened; once every channel has been updated it
-// prints the resident memory of the process and its children (the browser engine runs in
-// child processes), then opens N channel windows, waits until each has shown its summary page,
-// and prints the figure again.
+// prints the memory (proportional set size) of the process and its children (the browser engine
+// runs in child processes), then opens N channel windows, waits until each has shown its summary
+// page, and prints the figure again.
 //
 // Usage: bench_pages --home DIR [--pages N]
 #include "channels/channelManager.h"
@@ -27,11 +27,13 @@
 
 namespace {
 
+// The process's proportional share of the memory it uses: pages shared with its children
+// (the browser engine's libraries) count once over the whole tree, not once per process.
 long residentKiB(int pid) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    std::ifstream status("/proc/" + std::to_string(pid) + "/smaps_rollup");
     for (std::string line; std::getline(status, line);)
-        if (line.rfind("VmRSS:", 0) == 0)
-            return std::atol(line.c_str() + 6);
+        if (line.rfind("Pss:", 0) == 0)
+            return std::atol(line.c_str() + 4);
     return 0;
 }
 

@@ -2,7 +2,7 @@
 
 The feeds are served by a small HTTP server on 127.0.0.1 so that both programs fetch the same
 documents the same way. For each program: the seconds from its start until its main window is
-mapped, and the resident memory of its whole process tree (a browser engine runs in child
+mapped, and the memory (summed proportional set size) of its whole process tree (a browser engine runs in child
 processes) once it has fetched every feed. pelsu is measured three ways: with its window
 shown, with the window never opened ("StartMinimized"), and after ten channel windows with
 their summary pages were shown (bench_pages does that inside the client).
@@ -12,6 +12,7 @@ Usage: python3 peers.py BUILD_DIR WORK_DIR FEEDS PEERS...   (peers: quiterss)
 import getpass
 import http.server
 import os
+import shutil
 import socketserver
 import sqlite3
 import subprocess
@@ -61,14 +62,15 @@ def serve():
 
 
 def tree_rss_kib(pid):
-    """Resident memory of the process and all its descendants."""
+    """Memory of the process and all its descendants, as the sum of their proportional set
+    sizes, so that pages the processes share (a browser engine's libraries) count once."""
     total, todo = 0, [pid]
     while todo:
         p = todo.pop()
         try:
-            with open("/proc/%d/status" % p) as status:
+            with open("/proc/%d/smaps_rollup" % p) as status:
                 for line in status:
-                    if line.startswith("VmRSS:"):
+                    if line.startswith("Pss:"):
                         total += int(line.split()[1])
             with open("/proc/%d/task/%d/children" % (p, p)) as children:
                 todo += [int(c) for c in children.read().split()]
@@ -100,10 +102,13 @@ def settle(seconds_quiet=3, timeout=120):
             return
 
 
-def pelsu_profile(port, minimized):
-    root = os.path.join(work, "pelsu-%s" % ("tray" if minimized else "window"))
+def pelsu_profile(port, minimized, name=None):
+    root = os.path.join(work, "pelsu-%s" % (name or ("tray" if minimized else "window")))
     user = os.path.join(root, "Users", getpass.getuser())
     os.makedirs(os.path.join(user, "Channels"))
+    # What a new user directory gets: the summary page's template.
+    for name in ("DefaultChannelSummary.template", "DefaultChannelSummary.gif"):
+        shutil.copy(os.path.join(build, "Resources", name), user)
     with open(os.path.join(user, "config.ini"), "w") as out:
         out.write("[Global Options]\nDisableAllSound=1\nNoWelcomeNotification=1\n"
                   "StartMinimized=%d\nAppServerPortNo=%d\nAppPluginServerPortNo=%d\n"
@@ -135,8 +140,7 @@ def run_pelsu(port, minimized):
 def run_pelsu_pages(port):
     if not os.path.exists(bench_pages):
         return None
-    root = pelsu_profile(port, True).replace("pelsu-tray", "pelsu-pages")
-    os.rename(os.path.join(work, "pelsu-tray"), root)
+    root = pelsu_profile(port, True, "pages")
     out = subprocess.run([bench_pages, "--home", root, "--pages", "10"], capture_output=True,
                          text=True, timeout=300)
     return out.stdout.strip() or out.stderr.strip()
@@ -181,14 +185,14 @@ make_feeds()
 port = serve()
 print("%d feeds of 20 items served on 127.0.0.1:%d, %s" % (count, port, time.strftime("%Y-%m-%d %H:%M:%S")))
 shown, rss = run_pelsu(port, minimized=False)
-print("pelsu      start to main window %.3f s   process tree RSS with the window, feeds fetched: %d KiB" % (shown, rss))
+print("pelsu      start to main window %.3f s   process tree PSS with the window, feeds fetched: %d KiB" % (shown, rss))
 _, rss = run_pelsu(port, minimized=True)
-print("pelsu      window never opened                process tree RSS in the tray, feeds fetched:  %d KiB" % rss)
+print("pelsu      window never opened                process tree PSS in the tray, feeds fetched:  %d KiB" % rss)
 pages = run_pelsu_pages(port)
 if pages:
     print("pelsu      after ten channel pages: %s" % pages)
 for peer in peers:
     if peer == "quiterss":
         shown, rss, fetched = run_quiterss(port)
-        print("quiterss   start to main window %.3f s   process tree RSS with the window, %d feeds fetched: %d KiB"
+        print("quiterss   start to main window %.3f s   process tree PSS with the window, %d feeds fetched: %d KiB"
               % (shown, fetched, rss))

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # pelsu beside other desktop feed readers on the same feeds, on a virtual desktop (Xvfb, no
-# tray host, no notification server): start to main window and the memory of the whole
+# tray host, no notification server): start to main window and the memory (PSS) of the whole
 # process tree, with the window, in the tray, and after ten channel pages were shown.
 # Usage: bench/client/peers.sh [FEEDS] [PEER...]   (default 100 quiterss; a peer that is not
 # installed is installed from Debian when running as root)
