@@ -135,11 +135,11 @@ QWidget* CGlobalOptionsDialog::makePage(int page) {
     auto* layout = new QVBoxLayout(widget);
     QFormLayout* form = nullptr;
     const char* group = nullptr;
-    for (const OptionEditorSpec& spec : optionEditorSpecs()) {
-        if (static_cast<int>(spec.page) != page)
+    for (const OptionEditorRow& entry : optionEditorRows()) {
+        if (static_cast<int>(entry.page) != page)
             continue;
-        if (!group || std::string_view(group) != spec.group) {
-            group = spec.group;
+        if (!group || std::string_view(group) != entry.group) {
+            group = entry.group;
             auto* box = new QGroupBox(tr(group), widget);
             auto* boxLayout = new QHBoxLayout(box);
             form = new QFormLayout;
@@ -147,13 +147,13 @@ QWidget* CGlobalOptionsDialog::makePage(int page) {
             layout->addWidget(box);
             m_groups[QString::fromLatin1(group)] = box;
         }
-        QWidget* editor = makeOptionEditor(spec, widget);
-        m_editors[QString::fromLatin1(spec.key)] = {&spec, editor};
-        if (spec.kind == EditorKind::Flag)
+        QWidget* editor = makeOptionEditor(entry, widget);
+        m_editors[QString::fromLatin1(entry.key)] = {&entry, editor};
+        if (entry.kind == EditorKind::Flag)
             form->addRow(editor);
         else
-            form->addRow(tr(spec.label) + u':',
-                         spec.kind == EditorKind::SoundFile ? withPlayButton(editor) : editor);
+            form->addRow(tr(entry.label) + u':',
+                         entry.kind == EditorKind::SoundFile ? withPlayButton(editor) : editor);
     }
     layout->addStretch();
     return widget;
@@ -174,8 +174,8 @@ QWidget* CGlobalOptionsDialog::withPlayButton(QWidget* editor) {
 
 void CGlobalOptionsDialog::addPreviews() {
     for (const PanePreview& preview : kPreviews) {
-        const auto& [spec, editor] = m_editors.at(QString::fromLatin1(preview.fontKey));
-        auto* list = new QListWidget(m_groups.at(QString::fromLatin1(spec->group)));
+        const auto& [entry, editor] = m_editors.at(QString::fromLatin1(preview.fontKey));
+        auto* list = new QListWidget(m_groups.at(QString::fromLatin1(entry->group)));
         list->setSelectionMode(QAbstractItemView::NoSelection);
         list->setFocusPolicy(Qt::NoFocus);
         list->setFixedWidth(260);

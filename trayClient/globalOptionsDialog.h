@@ -23,7 +23,7 @@ class QTabWidget;
 
 namespace trayClient {
 
-struct OptionEditorSpec;
+struct OptionEditorRow;
 class CScriptFileTypesPage;
 
 class CGlobalOptionsDialog : public QDialog {
@@ -54,7 +54,7 @@ private:
     app::GlobalOptions& m_options;
     std::string m_configFile;
     std::string m_globalIniFile;
-    std::map<QString, std::pair<const OptionEditorSpec*, QWidget*>> m_editors;
+    std::map<QString, std::pair<const OptionEditorRow*, QWidget*>> m_editors;
     std::map<QString, QWidget*> m_groups; // the box of each group, by its name
     std::vector<QListWidget*> m_previews;
     QTabWidget* m_tabs;

@@ -21,7 +21,7 @@ namespace {
 
 // One command: its text, its keys (the desktop's standard key, else the fallback), what it
 // does in a few words, and its icon for the tool bar.
-struct ActionSpec {
+struct ActionRow {
     QAction* MainFrameActions::*field;
     const char* objectName;
     const char* text;
@@ -36,7 +36,7 @@ using A = MainFrameActions;
 using K = QKeySequence;
 const QStyle::StandardPixmap kNoIcon = QStyle::SP_CustomBase;
 
-const ActionSpec kActions[] = {
+const ActionRow kActions[] = {
     {&A::newChannel, "newChannel", "&New Channel…", K::New, "Ctrl+N", "Subscribe to a new channel",
      "document-new", QStyle::SP_FileIcon},
     {&A::updateChannel, "updateChannel", "&Update Channel", K::Refresh, "F5",
@@ -64,13 +64,13 @@ const ActionSpec kActions[] = {
 };
 
 // The dock toggles: the docks make the actions, this gives them their texts and keys.
-struct ToggleSpec {
+struct ToggleRow {
     QAction* MainFrameActions::*field;
     const char* text;
     const char* key;
 };
 
-const ToggleSpec kToggles[] = {
+const ToggleRow kToggles[] = {
     {&A::showControlCenter, "&Control Center", "Ctrl+Shift+C"},
     {&A::showActivityLog, "Ac&tivity Log", "Ctrl+Shift+A"},
     {&A::showErrorLog, "E&rror Log", "Ctrl+Shift+E"},
@@ -78,20 +78,20 @@ const ToggleSpec kToggles[] = {
 
 QString accessibleText(const QString& text) { return QString(text).remove('&').remove("…"); }
 
-QAction* makeAction(QMainWindow& window, const ActionSpec& spec) {
-    auto* action = new QAction(QString::fromUtf8(spec.text), &window);
-    action->setObjectName(spec.objectName);
-    QList<QKeySequence> keys = QKeySequence::keyBindings(spec.standardKey);
+QAction* makeAction(QMainWindow& window, const ActionRow& entry) {
+    auto* action = new QAction(QString::fromUtf8(entry.text), &window);
+    action->setObjectName(entry.objectName);
+    QList<QKeySequence> keys = QKeySequence::keyBindings(entry.standardKey);
     if (keys.isEmpty())
-        keys << QKeySequence(QString::fromLatin1(spec.fallbackKey));
+        keys << QKeySequence(QString::fromLatin1(entry.fallbackKey));
     action->setShortcuts(keys);
-    const QString description = QString::fromUtf8(spec.description);
+    const QString description = QString::fromUtf8(entry.description);
     action->setToolTip(description + " (" + keys.first().toString(QKeySequence::NativeText) + ")");
     action->setStatusTip(description);
     action->setWhatsThis(description);
-    QIcon icon = QIcon::fromTheme(spec.themeIcon);
-    if (icon.isNull() && spec.styleIcon != kNoIcon)
-        icon = window.style()->standardIcon(spec.styleIcon);
+    QIcon icon = QIcon::fromTheme(entry.themeIcon);
+    if (icon.isNull() && entry.styleIcon != kNoIcon)
+        icon = window.style()->standardIcon(entry.styleIcon);
     action->setIcon(icon);
     // The window's own key, not the active child's: the children keep theirs.
     action->setShortcutContext(Qt::WindowShortcut);
@@ -135,25 +135,25 @@ void addToolBar(QMainWindow& window, const MainFrameActions& a) {
 
 QList<QAction*> MainFrameActions::all() const {
     QList<QAction*> actions;
-    for (const ActionSpec& spec : kActions)
-        actions << this->*spec.field;
-    for (const ToggleSpec& spec : kToggles)
-        actions << this->*spec.field;
+    for (const ActionRow& entry : kActions)
+        actions << this->*entry.field;
+    for (const ToggleRow& entry : kToggles)
+        actions << this->*entry.field;
     return actions;
 }
 
 MainFrameActions createMainFrameActions(QMainWindow& window, QDockWidget& controlCenter,
                                         QDockWidget& activityLog, QDockWidget& errorLog) {
     MainFrameActions actions;
-    for (const ActionSpec& spec : kActions)
-        actions.*spec.field = makeAction(window, spec);
+    for (const ActionRow& entry : kActions)
+        actions.*entry.field = makeAction(window, entry);
     actions.showControlCenter = controlCenter.toggleViewAction();
     actions.showActivityLog = activityLog.toggleViewAction();
     actions.showErrorLog = errorLog.toggleViewAction();
-    for (const ToggleSpec& spec : kToggles) {
-        QAction* toggle = actions.*spec.field;
-        toggle->setText(QString::fromUtf8(spec.text));
-        toggle->setShortcut(QKeySequence(QString::fromLatin1(spec.key)));
+    for (const ToggleRow& entry : kToggles) {
+        QAction* toggle = actions.*entry.field;
+        toggle->setText(QString::fromUtf8(entry.text));
+        toggle->setShortcut(QKeySequence(QString::fromLatin1(entry.key)));
         toggle->setStatusTip("Show or hide the " + accessibleText(toggle->text()));
     }
     // Delete belongs to the channel tree: in a child window (a plugin's form, say) the key

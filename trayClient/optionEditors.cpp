@@ -41,7 +41,7 @@ const char* const kErrorLog = "Error log";
 
 // The bounds of bounded keys are the ones the options are loaded with; the other integers
 // get bounds wide enough for any sensible value.
-const OptionEditorSpec kSpecs[] = {
+const OptionEditorRow kSpecs[] = {
     // General and windows.
     {"UiHandlerType", K::Choice, &G::uiHandlerType, P::General, kWindows, "Interface", 0, 1,
      "Basic|Full"},
@@ -179,17 +179,17 @@ const OptionEditorSpec kSpecs[] = {
 QString latin1(const std::string& text) { return QString::fromLatin1(text); }
 std::string toLatin1(const QString& text) { return text.toLatin1().toStdString(); }
 
-QWidget* makeNumberEditor(const OptionEditorSpec& spec, QWidget* parent) {
+QWidget* makeNumberEditor(const OptionEditorRow& entry, QWidget* parent) {
     auto* spin = new QSpinBox(parent);
-    spin->setRange(spec.minimum, spec.maximum);
-    if (spec.names)
-        spin->setSpecialValueText(QObject::tr(spec.names));
+    spin->setRange(entry.minimum, entry.maximum);
+    if (entry.names)
+        spin->setSpecialValueText(QObject::tr(entry.names));
     return spin;
 }
 
-QWidget* makeChoiceEditor(const OptionEditorSpec& spec, QWidget* parent) {
+QWidget* makeChoiceEditor(const OptionEditorRow& entry, QWidget* parent) {
     auto* combo = new QComboBox(parent);
-    for (const QString& name : QString::fromLatin1(spec.names).split(u'|'))
+    for (const QString& name : QString::fromLatin1(entry.names).split(u'|'))
         combo->addItem(QObject::tr(name.toLatin1().constData()));
     return combo;
 }
@@ -204,23 +204,23 @@ QWidget* makeFontNameEditor(QWidget* parent) {
 
 // Shows an integer option in its editor, or takes it back.
 struct IntAccess {
-    const OptionEditorSpec& spec;
+    const OptionEditorRow& entry;
     int showable(int value) const {
-        if (spec.kind != K::Number && spec.kind != K::Choice)
+        if (entry.kind != K::Number && entry.kind != K::Choice)
             return value;
-        if (value < spec.minimum || value > spec.maximum)
-            return app::GlobalOptions{}.*std::get<int G::*>(spec.field);
+        if (value < entry.minimum || value > entry.maximum)
+            return app::GlobalOptions{}.*std::get<int G::*>(entry.field);
         return value;
     }
     void show(QWidget* editor, int value) const {
         if (auto* spin = qobject_cast<QSpinBox*>(editor))
             spin->setValue(showable(value));
         else if (auto* combo = qobject_cast<QComboBox*>(editor))
-            combo->setCurrentIndex(showable(value) - spec.minimum);
+            combo->setCurrentIndex(showable(value) - entry.minimum);
     }
     int take(const QWidget* editor) const {
         if (auto* combo = qobject_cast<const QComboBox*>(editor))
-            return combo->currentIndex() + spec.minimum;
+            return combo->currentIndex() + entry.minimum;
         return qobject_cast<const QSpinBox*>(editor)->value();
     }
 };
@@ -244,19 +244,19 @@ void setTextOf(QWidget* editor, const QString& text) {
 
 } // namespace
 
-std::span<const OptionEditorSpec> optionEditorSpecs() { return kSpecs; }
+std::span<const OptionEditorRow> optionEditorRows() { return kSpecs; }
 
-QWidget* makeOptionEditor(const OptionEditorSpec& spec, QWidget* parent) {
+QWidget* makeOptionEditor(const OptionEditorRow& entry, QWidget* parent) {
     QWidget* editor = nullptr;
-    switch (spec.kind) {
+    switch (entry.kind) {
     case K::Flag:
-        editor = new QCheckBox(QObject::tr(spec.label), parent);
+        editor = new QCheckBox(QObject::tr(entry.label), parent);
         break;
     case K::Number:
-        editor = makeNumberEditor(spec, parent);
+        editor = makeNumberEditor(entry, parent);
         break;
     case K::Choice:
-        editor = makeChoiceEditor(spec, parent);
+        editor = makeChoiceEditor(entry, parent);
         break;
     case K::Text:
         editor = new QLineEdit(parent);
@@ -272,15 +272,15 @@ QWidget* makeOptionEditor(const OptionEditorSpec& spec, QWidget* parent) {
             QObject::tr("Sound files (*.wav *.oga *.ogg *.flac *.mp3);;All files (*)"), {}, parent);
         break;
     }
-    editor->setObjectName(QString::fromLatin1(spec.key));
-    if (spec.readOnly) {
+    editor->setObjectName(QString::fromLatin1(entry.key));
+    if (entry.readOnly) {
         editor->setEnabled(false);
         editor->setToolTip(QObject::tr("Set by editing config.ini only."));
     }
     return editor;
 }
 
-void showOption(const OptionEditorSpec& spec, QWidget* editor, const app::GlobalOptions& options) {
+void showOption(const OptionEditorRow& entry, QWidget* editor, const app::GlobalOptions& options) {
     std::visit(
         [&](auto field) {
             using T = std::remove_cvref_t<decltype(options.*field)>;
@@ -288,17 +288,17 @@ void showOption(const OptionEditorSpec& spec, QWidget* editor, const app::Global
             if constexpr (std::is_same_v<T, bool>)
                 qobject_cast<QCheckBox*>(editor)->setChecked(value);
             else if constexpr (std::is_same_v<T, int>)
-                IntAccess{spec}.show(editor, value);
+                IntAccess{entry}.show(editor, value);
             else if constexpr (std::is_same_v<T, std::string>)
                 setTextOf(editor, latin1(value));
             else
                 qobject_cast<CColourButton*>(editor)->setColour(fromColourRef(value));
         },
-        spec.field);
+        entry.field);
 }
 
-void takeOption(const OptionEditorSpec& spec, const QWidget* editor, app::GlobalOptions& options) {
-    if (spec.readOnly)
+void takeOption(const OptionEditorRow& entry, const QWidget* editor, app::GlobalOptions& options) {
+    if (entry.readOnly)
         return;
     std::visit(
         [&](auto field) {
@@ -307,13 +307,13 @@ void takeOption(const OptionEditorSpec& spec, const QWidget* editor, app::Global
             if constexpr (std::is_same_v<T, bool>)
                 value = qobject_cast<const QCheckBox*>(editor)->isChecked();
             else if constexpr (std::is_same_v<T, int>)
-                value = IntAccess{spec}.take(editor);
+                value = IntAccess{entry}.take(editor);
             else if constexpr (std::is_same_v<T, std::string>)
                 value = toLatin1(textOf(editor).trimmed());
             else
                 value = toColourRef(qobject_cast<const CColourButton*>(editor)->colour());
         },
-        spec.field);
+        entry.field);
 }
 
 CColourButton::CColourButton(QWidget* parent) : QPushButton(parent) {

@@ -29,7 +29,7 @@ using OptionField =
     std::variant<int app::GlobalOptions::*, bool app::GlobalOptions::*,
                  std::string app::GlobalOptions::*, app::ColourRef app::GlobalOptions::*>;
 
-struct OptionEditorSpec {
+struct OptionEditorRow {
     const char* key; // the key in "Global Options"; also the editor's object name
     EditorKind kind;
     OptionField field;
@@ -45,14 +45,14 @@ struct OptionEditorSpec {
 };
 
 // Every key of "Global Options", in the order the pages show them.
-std::span<const OptionEditorSpec> optionEditorSpecs();
+std::span<const OptionEditorRow> optionEditorRows();
 
 // The editor for a row, parented to parent, named after the key.
-QWidget* makeOptionEditor(const OptionEditorSpec& spec, QWidget* parent);
+QWidget* makeOptionEditor(const OptionEditorRow& entry, QWidget* parent);
 // Shows the record's value; a value outside the editor's bounds shows the key's default.
-void showOption(const OptionEditorSpec& spec, QWidget* editor, const app::GlobalOptions& options);
+void showOption(const OptionEditorRow& entry, QWidget* editor, const app::GlobalOptions& options);
 // Stores the editor's value in the record (read-only rows leave it alone).
-void takeOption(const OptionEditorSpec& spec, const QWidget* editor, app::GlobalOptions& options);
+void takeOption(const OptionEditorRow& entry, const QWidget* editor, app::GlobalOptions& options);
 
 // A button that shows a colour (a swatch and its #rrggbb name) and offers the colour dialog.
 class CColourButton : public QPushButton {

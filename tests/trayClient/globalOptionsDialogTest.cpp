@@ -38,7 +38,7 @@ protected:
 
 // Sets the key's editor to a value other than its default (for bounded numbers, the far bound,
 // so that both ends of a range are saved and loaded) and puts the same value in expected.
-void setOtherValue(const OptionEditorSpec& spec, QWidget* editor, GlobalOptions& expected,
+void setOtherValue(const OptionEditorRow& entry, QWidget* editor, GlobalOptions& expected,
                    int index) {
     std::visit(
         [&](auto field) {
@@ -49,10 +49,10 @@ void setOtherValue(const OptionEditorSpec& spec, QWidget* editor, GlobalOptions&
                 qobject_cast<QCheckBox*>(editor)->setChecked(value);
             } else if constexpr (std::is_same_v<T, int>) {
                 if (auto* combo = qobject_cast<QComboBox*>(editor)) {
-                    combo->setCurrentIndex((value - spec.minimum + 1) % combo->count());
-                    value = spec.minimum + combo->currentIndex();
+                    combo->setCurrentIndex((value - entry.minimum + 1) % combo->count());
+                    value = entry.minimum + combo->currentIndex();
                 } else {
-                    value = value == spec.maximum ? spec.minimum : spec.maximum;
+                    value = value == entry.maximum ? entry.minimum : entry.maximum;
                     qobject_cast<QSpinBox*>(editor)->setValue(value);
                 }
             } else if constexpr (std::is_same_v<T, std::string>) {
@@ -68,11 +68,11 @@ void setOtherValue(const OptionEditorSpec& spec, QWidget* editor, GlobalOptions&
                 qobject_cast<CColourButton*>(editor)->setColour(fromColourRef(value));
             }
         },
-        spec.field);
+        entry.field);
 }
 
-bool sameValue(const OptionEditorSpec& spec, const GlobalOptions& a, const GlobalOptions& b) {
-    return std::visit([&](auto field) { return a.*field == b.*field; }, spec.field);
+bool sameValue(const OptionEditorRow& entry, const GlobalOptions& a, const GlobalOptions& b) {
+    return std::visit([&](auto field) { return a.*field == b.*field; }, entry.field);
 }
 
 } // namespace
@@ -82,11 +82,11 @@ TEST_F(GlobalOptionsDialogTest, EveryKeyEditedRoundTripsThroughConfigIni) {
     GlobalOptions expected;
     CGlobalOptionsDialog dialog(options, config(), "");
     int index = 0;
-    for (const OptionEditorSpec& spec : optionEditorSpecs()) {
-        QWidget* editor = dialog.editorFor(QString::fromLatin1(spec.key));
-        ASSERT_NE(editor, nullptr) << spec.key;
-        if (!spec.readOnly)
-            setOtherValue(spec, editor, expected, ++index);
+    for (const OptionEditorRow& entry : optionEditorRows()) {
+        QWidget* editor = dialog.editorFor(QString::fromLatin1(entry.key));
+        ASSERT_NE(editor, nullptr) << entry.key;
+        if (!entry.readOnly)
+            setOtherValue(entry, editor, expected, ++index);
     }
     // The two servers both went to the top port, which they can't share.
     expected.appServerPortNo = 1000;
@@ -100,11 +100,11 @@ TEST_F(GlobalOptionsDialogTest, EveryKeyEditedRoundTripsThroughConfigIni) {
 
     GlobalOptions reloaded;
     ASSERT_TRUE(reloaded.load(config(), ""));
-    for (const OptionEditorSpec& spec : optionEditorSpecs()) {
-        EXPECT_TRUE(sameValue(spec, options, expected)) << "the caller's record: " << spec.key;
-        if (std::string_view(spec.key) == "ControlCenterNonAutoUpdateChannelFgdCol")
+    for (const OptionEditorRow& entry : optionEditorRows()) {
+        EXPECT_TRUE(sameValue(entry, options, expected)) << "the caller's record: " << entry.key;
+        if (std::string_view(entry.key) == "ControlCenterNonAutoUpdateChannelFgdCol")
             continue; // saved, but read back under another key
-        EXPECT_TRUE(sameValue(spec, reloaded, expected)) << "config.ini: " << spec.key;
+        EXPECT_TRUE(sameValue(entry, reloaded, expected)) << "config.ini: " << entry.key;
     }
     EXPECT_NE(
         readFile(config()).find("ControlCenterNonAutoUpdateChannelFgdCol=" +
@@ -148,22 +148,22 @@ TEST_F(GlobalOptionsDialogTest, EditorsKeepToBoundsTheLoaderAccepts) {
     EXPECT_EQ(qobject_cast<QSpinBox*>(dialog.editorFor("NotificationBalloonDisplayTime"))->value(),
               30);
 
-    for (const OptionEditorSpec& spec : optionEditorSpecs()) {
-        auto* spin = qobject_cast<QSpinBox*>(dialog.editorFor(QString::fromLatin1(spec.key)));
+    for (const OptionEditorRow& entry : optionEditorRows()) {
+        auto* spin = qobject_cast<QSpinBox*>(dialog.editorFor(QString::fromLatin1(entry.key)));
         if (!spin)
             continue;
-        spin->setValue(spec.maximum + 1);
-        EXPECT_EQ(spin->value(), spec.maximum) << spec.key;
-        spin->setValue(spec.minimum - 1);
-        EXPECT_EQ(spin->value(), spec.minimum) << spec.key;
+        spin->setValue(entry.maximum + 1);
+        EXPECT_EQ(spin->value(), entry.maximum) << entry.key;
+        spin->setValue(entry.minimum - 1);
+        EXPECT_EQ(spin->value(), entry.minimum) << entry.key;
         // Both ends of the editor's range survive loading: the two tables of bounds agree.
-        for (int bound : {spec.minimum, spec.maximum}) {
-            writeFile(config(), "[Global Options]\n" + std::string(spec.key) + "=" +
+        for (int bound : {entry.minimum, entry.maximum}) {
+            writeFile(config(), "[Global Options]\n" + std::string(entry.key) + "=" +
                                     std::to_string(bound) + "\n");
             profile::clearCache();
             GlobalOptions loaded;
             ASSERT_TRUE(loaded.load(config(), ""));
-            EXPECT_EQ(loaded.*std::get<int GlobalOptions::*>(spec.field), bound) << spec.key;
+            EXPECT_EQ(loaded.*std::get<int GlobalOptions::*>(entry.field), bound) << entry.key;
         }
     }
     auto* height = qobject_cast<QComboBox*>(dialog.editorFor("MaxItemViewHeight"));
