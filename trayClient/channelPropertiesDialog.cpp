@@ -1,4 +1,5 @@
 #include "trayClient/channelPropertiesDialog.h"
+#include "trayClient/uiStyle.h"
 
 #include "channels/channel.h"
 #include "channels/common.h"
@@ -137,17 +138,7 @@ CChannelPropertiesDialog::CChannelPropertiesDialog(channels::Channel& channel,
     tabs->addTab(makeDesktopPage(), tr("Desktop"));
     tabs->addTab(makeStatusPage(lastError), tr("Status"));
 
-    auto* layout = new QVBoxLayout(this);
-    layout->addWidget(tabs, 1);
-    m_error->setObjectName(QStringLiteral("error"));
-    m_error->setWordWrap(true);
-    m_error->setStyleSheet(QStringLiteral("color: #b00000"));
-    m_error->hide();
-    layout->addWidget(m_error);
-    auto* buttons = new QDialogButtonBox(QDialogButtonBox::Ok | QDialogButtonBox::Cancel, this);
-    connect(buttons, &QDialogButtonBox::accepted, this, &CChannelPropertiesDialog::accept);
-    connect(buttons, &QDialogButtonBox::rejected, this, &CChannelPropertiesDialog::reject);
-    layout->addWidget(buttons);
+    layOutEditDialog(*this, tabs, *m_error);
 }
 
 CChannelPropertiesDialog::~CChannelPropertiesDialog() = default;

@@ -1,4 +1,5 @@
 #include "trayClient/globalOptionsDialog.h"
+#include "trayClient/uiStyle.h"
 
 #include "lib/misc/profileFile.h"
 #include "trayClient/optionEditors.h"
@@ -115,17 +116,7 @@ CGlobalOptionsDialog::CGlobalOptionsDialog(app::GlobalOptions& options, std::str
         showOption(*binding.first, binding.second, options);
     addPreviews();
 
-    auto* layout = new QVBoxLayout(this);
-    layout->addWidget(m_tabs, 1);
-    m_error->setObjectName(QStringLiteral("error"));
-    m_error->setWordWrap(true);
-    m_error->setStyleSheet(QStringLiteral("color: #b00000"));
-    m_error->hide();
-    layout->addWidget(m_error);
-    auto* buttons = new QDialogButtonBox(QDialogButtonBox::Ok | QDialogButtonBox::Cancel, this);
-    connect(buttons, &QDialogButtonBox::accepted, this, &CGlobalOptionsDialog::accept);
-    connect(buttons, &QDialogButtonBox::rejected, this, &CGlobalOptionsDialog::reject);
-    layout->addWidget(buttons);
+    layOutEditDialog(*this, m_tabs, *m_error);
 }
 
 CGlobalOptionsDialog::~CGlobalOptionsDialog() = default;

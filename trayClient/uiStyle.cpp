@@ -1,5 +1,10 @@
 #include "trayClient/uiStyle.h"
 
+#include <QDialog>
+#include <QDialogButtonBox>
+#include <QLabel>
+#include <QVBoxLayout>
+
 #include <QPalette>
 #include <QWidget>
 
@@ -36,6 +41,20 @@ void setViewColours(QWidget& view, const QColor& text, const QColor& background)
     palette.setColor(QPalette::Base, background);
     palette.setColor(QPalette::AlternateBase, background);
     view.setPalette(palette);
+}
+
+void layOutEditDialog(QDialog& dialog, QWidget* content, QLabel& error) {
+    auto* layout = new QVBoxLayout(&dialog);
+    layout->addWidget(content, 1);
+    error.setObjectName(QStringLiteral("error"));
+    error.setWordWrap(true);
+    error.setStyleSheet(QStringLiteral("color: #b00000"));
+    error.hide();
+    layout->addWidget(&error);
+    auto* buttons = new QDialogButtonBox(QDialogButtonBox::Ok | QDialogButtonBox::Cancel, &dialog);
+    QObject::connect(buttons, &QDialogButtonBox::accepted, &dialog, &QDialog::accept);
+    QObject::connect(buttons, &QDialogButtonBox::rejected, &dialog, &QDialog::reject);
+    layout->addWidget(buttons);
 }
 
 } // namespace trayClient

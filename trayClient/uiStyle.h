@@ -9,6 +9,8 @@
 
 #include <string>
 
+class QDialog;
+class QLabel;
 class QWidget;
 
 namespace trayClient {
@@ -25,5 +27,9 @@ QFont fontFromOptions(const std::string& family, int pointSize, bool italic = fa
 // Gives a view its text and background colours (the palette's Text and Base, so that
 // selection and focus still follow the desktop).
 void setViewColours(QWidget& view, const QColor& text, const QColor& background);
+
+// Lays out an editing dialog: its content, then a red line for why OK was refused (hidden
+// until used), then OK and Cancel.
+void layOutEditDialog(QDialog& dialog, QWidget* content, QLabel& error);
 
 } // namespace trayClient
