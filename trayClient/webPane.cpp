@@ -23,6 +23,8 @@ msglog::MsgGroupRegistration g_webGroup("WebPages");
 
 const char* const kNoSandbox = "QTWEBENGINE_DISABLE_SANDBOX";
 const char* const kModuleName = "libpelsu_webView.so";
+const char* const kEngineFlags = "QTWEBENGINE_CHROMIUM_FLAGS";
+const char* const kRendererLimit = "--renderer-process-limit";
 
 CreateWebViewFunction g_createView = nullptr;
 std::function<void()>& engineStartedHook() {
@@ -206,6 +208,16 @@ CWebPane::Route CWebPane::routeFor(const QUrl& url, const QList<int>& loopbackPo
 bool CWebPane::prepareEngineEnvironment() {
     // Qt::AA_ShareOpenGLContexts is left off on purpose: it makes every start create a GL
     // context (tens of MiB of driver), and the engine, loaded later, draws without it.
+    // Every page shown inside comes from this program (its summary pages) or from its own
+    // loopback listeners, never from another site, so one renderer process serves them all:
+    // ten channel windows then cost about 20 MiB more than one instead of a process each.
+    QByteArray flags = qgetenv(kEngineFlags);
+    if (!flags.contains(kRendererLimit)) {
+        flags += flags.isEmpty() ? "" : " ";
+        flags += kRendererLimit;
+        flags += "=1";
+        qputenv(kEngineFlags, flags);
+    }
     if (!runsAsRoot() || qEnvironmentVariableIsSet(kNoSandbox))
         return false;
     qputenv(kNoSandbox, "1");

@@ -61,6 +61,7 @@ public:
     static bool staysInside(const QUrl& url, int loopbackPort);
 
     // Prepares the process for the browser engine; call before the QApplication exists.
+    // All pages share one renderer process unless QTWEBENGINE_CHROMIUM_FLAGS sets a limit.
     // Returns true when the engine's sandbox was switched off because the program runs as
     // root (the sandbox refuses to start as root).
     static bool prepareEngineEnvironment();

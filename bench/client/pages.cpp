@@ -88,7 +88,15 @@ int main(int argc, char** argv) {
     trayClient::CMainFrame& frame = *client.mainFrame();
     std::vector<channels::Channel*> channels = client.application().manager().channels();
     const int count = static_cast<int>(channels.size());
-    waitFor([&] { return frame.channelUpdatesSeen() >= count; }, 300);
+    // A profile used before holds channels that are not due yet: those count as updated.
+    waitFor(
+        [&] {
+            const auto fetched = std::count_if(channels.begin(), channels.end(), [](auto* c) {
+                return c->state().lastFetchTime() != 0;
+            });
+            return frame.channelUpdatesSeen() >= count || fetched == count;
+        },
+        300);
     waitFor([] { return false; }, 2);
     const long inTray = treeKiB(static_cast<int>(QCoreApplication::applicationPid()));
 
