@@ -45,6 +45,8 @@ QFont optionFont(const std::string& name, int size, bool italic = false) {
 CChannelItemModel::CChannelItemModel(QObject* parent) : QAbstractTableModel(parent) {}
 
 void CChannelItemModel::setRows(std::vector<ChannelItemRow> rows) {
+    if (m_hideViewed)
+        std::erase_if(rows, [](const ChannelItemRow& row) { return row.viewed; });
     beginResetModel();
     m_rows = std::move(rows);
     endResetModel();
@@ -59,6 +61,12 @@ void CChannelItemModel::setStyle(const Style& style) {
 void CChannelItemModel::setViewed(int row) {
     if (row < 0 || row >= rowCount())
         return;
+    if (m_hideViewed) {
+        beginRemoveRows({}, row, row);
+        m_rows.erase(m_rows.begin() + row);
+        endRemoveRows();
+        return;
+    }
     m_rows[static_cast<std::size_t>(row)].viewed = true;
     emit dataChanged(index(row, 0), index(row, ColumnCount - 1));
 }
@@ -196,6 +204,10 @@ int CChannelFrame::itemViewHeightLimit(int windowHeight, int maxItemViewHeight) 
 
 void CChannelFrame::applyOptions(const app::GlobalOptions& options) {
     m_options = options;
+    if (m_model->hidesViewed() != options.autoHideFeedItems) {
+        m_model->setHideViewed(options.autoHideFeedItems);
+        reloadRows();
+    }
     m_page->setLoopbackPorts({options.appPluginServerPortNo, options.appServerPortNo});
     applyCaptionOptions();
     applyItemViewOptions();
@@ -269,15 +281,20 @@ void CChannelFrame::refresh() {
     m_caption->setText(latin1(name));
     setWindowTitle(latin1(name));
 
+    reloadRows();
+    writeSummaryPage();
+    if (m_pageShown && !m_pageFile.isEmpty())
+        m_page->showFile(m_pageFile);
+}
+
+void CChannelFrame::reloadRows() {
+    if (!channelPresent())
+        return;
     const QModelIndex current = m_items->currentIndex();
     const std::string currentId = current.isValid() ? m_model->item(current.row()).id : "";
     m_model->setRows(channelItemRows(m_channel, m_settings));
     if (const int row = m_model->rowOf(currentId); row >= 0 && !currentId.empty())
         m_items->setCurrentIndex(m_model->index(row, 0));
-
-    writeSummaryPage();
-    if (m_pageShown && !m_pageFile.isEmpty())
-        m_page->showFile(m_pageFile);
 }
 
 void CChannelFrame::onChannelUpdateEnded(const QString& channelId) {
@@ -317,7 +334,8 @@ void CChannelFrame::markAllViewed() {
         return;
     const std::string& id = m_channelId;
     bool changed = false;
-    for (int row = 0; row < m_model->rowCount(); ++row) {
+    // From the end: a viewed row leaves the model when viewed items are hidden.
+    for (int row = m_model->rowCount() - 1; row >= 0; --row) {
         if (m_model->item(row).viewed)
             continue;
         m_settings.markViewed(id, m_model->item(row).id);

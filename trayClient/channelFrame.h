@@ -50,6 +50,9 @@ public:
     const ChannelItemRow& item(int row) const { return m_rows.at(static_cast<std::size_t>(row)); }
     // Marks a row viewed and repaints it.
     void setViewed(int row);
+    // With hiding on, viewed rows are left out of setRows and leave the model when viewed.
+    void setHideViewed(bool hide) { m_hideViewed = hide; }
+    bool hidesViewed() const { return m_hideViewed; }
     // The row of an item id, or -1.
     int rowOf(const std::string& itemId) const;
 
@@ -61,6 +64,7 @@ public:
 private:
     std::vector<ChannelItemRow> m_rows;
     Style m_style;
+    bool m_hideViewed = false;
 };
 
 class CChannelFrame : public QWidget {
@@ -98,7 +102,8 @@ public slots:
     // Refreshes when the update that ended was this window's channel (connect it to
     // CMainFrame::channelUpdateEnded).
     void onChannelUpdateEnded(const QString& channelId);
-    // Takes the fonts, colours, caption bar and item view height of new options.
+    // Takes the fonts, colours, caption bar, item view height and the hiding of viewed items
+    // of new options.
     void applyOptions(const app::GlobalOptions& options);
     // Opens the item of a row: its link in the browser, and marks it viewed.
     void openItem(int row);
@@ -118,6 +123,7 @@ private:
     void applyCaptionOptions();
     void applyItemViewOptions();
     void boundItemViewHeight();
+    void reloadRows();
     void writeSummaryPage();
     void rememberViewTime();
     void saveSettings();

@@ -3,8 +3,10 @@
 #include "trayClient/uiStyle.h"
 
 #include <QHeaderView>
+#include <QHelpEvent>
 #include <QSplitter>
 #include <QStyle>
+#include <QToolTip>
 #include <QTreeWidget>
 #include <QVBoxLayout>
 
@@ -59,6 +61,7 @@ CControlCenter::CControlCenter(QWidget* parent) : QWidget(parent) {
         connect(tree, &QTreeWidget::itemActivated, this, &CControlCenter::emitActivated);
         connect(tree, &QTreeWidget::itemClicked, this, &CControlCenter::onItemClicked);
     }
+    m_channels->viewport()->installEventFilter(this);
     connect(m_channels, &QTreeWidget::currentItemChanged, this,
             [this] { emit selectedChannelChanged(selectedChannelId()); });
 }
@@ -153,6 +156,7 @@ void CControlCenter::applyOptions(const app::GlobalOptions& options) {
     m_autoUpdateColour = fromColourRef(options.controlCenterAutoUpdateChannelFgdCol);
     m_nonAutoUpdateColour = fromColourRef(options.controlCenterNonAutoUpdateChannelFgdCol);
     m_oneClick = options.oneClickMode;
+    m_briefSummaries = options.showBriefChannelSummaries;
     m_channels->setFont(fontFromOptions(options.controlCenterMyChannelsFontName,
                                         options.controlCenterMyChannelsFontSize));
     setViewColours(*m_channels, m_autoUpdateColour,
@@ -192,6 +196,30 @@ QString CControlCenter::pluginName(const QString& pluginId) const {
         if (m_plugins->topLevelItem(row)->data(0, kIdRole).toString() == pluginId)
             return m_plugins->topLevelItem(row)->text(0);
     return pluginId;
+}
+
+QString CControlCenter::channelToolTip(const QString& channelId) const {
+    const QString error = m_errors.value(channelId);
+    if (!m_briefSummaries || !m_summaryProvider)
+        return error;
+    QString tip = m_summaryProvider(channelId);
+    if (!error.isEmpty())
+        tip += "<p><b>" + tr("Last update failed:") + "</b> " + error.toHtmlEscaped() + "</p>";
+    return tip;
+}
+
+bool CControlCenter::eventFilter(QObject* watched, QEvent* event) {
+    if (watched != m_channels->viewport() || event->type() != QEvent::ToolTip || !m_briefSummaries)
+        return QWidget::eventFilter(watched, event);
+    const auto* help = static_cast<QHelpEvent*>(event);
+    const QTreeWidgetItem* item = m_channels->itemAt(help->pos());
+    const QString tip = item ? channelToolTip(item->data(0, kIdRole).toString()) : QString();
+    if (tip.isEmpty())
+        QToolTip::hideText();
+    else
+        QToolTip::showText(help->globalPos(), tip, m_channels->viewport(),
+                           m_channels->visualItemRect(item));
+    return true;
 }
 
 void CControlCenter::onItemClicked(QTreeWidgetItem* item) {

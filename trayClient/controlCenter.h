@@ -9,6 +9,7 @@
 #include <QMap>
 #include <QWidget>
 
+#include <functional>
 #include <utility>
 #include <vector>
 
@@ -41,8 +42,17 @@ public:
     QString channelError(const QString& channelId) const { return m_errors.value(channelId); }
     // Lists the app plugins: (id, display name) pairs.
     void setAppPlugins(const std::vector<std::pair<QString, QString>>& plugins);
-    // Fonts and colours of both trees; one-click mode opens an entry with a single click.
+    // Fonts and colours of both trees; one-click mode opens an entry with a single click;
+    // brief channel summaries turn the channels' tooltips into summaries.
     void applyOptions(const app::GlobalOptions& options);
+    // Where brief summaries come from: rich text for a channel id, read when a tooltip is
+    // about to show (reading a feed is too dear to do for every row in advance).
+    void setSummaryProvider(std::function<QString(const QString&)> provider) {
+        m_summaryProvider = std::move(provider);
+    }
+    // The tooltip a channel's row shows now: its brief summary when those are on, then its
+    // last error while it is failing.
+    QString channelToolTip(const QString& channelId) const;
 
     QString selectedChannelId() const;
     // Selects the channel's row; false when it is not listed.
@@ -65,6 +75,7 @@ private:
     int rowFor(const QString& name) const;
     void onItemClicked(QTreeWidgetItem* item);
     void emitActivated(QTreeWidgetItem* item);
+    bool eventFilter(QObject* watched, QEvent* event) override;
 
     QTreeWidget* m_channels = nullptr;
     QTreeWidget* m_plugins = nullptr;
@@ -72,6 +83,8 @@ private:
     QColor m_autoUpdateColour;
     QColor m_nonAutoUpdateColour;
     bool m_oneClick = false;
+    bool m_briefSummaries = false;
+    std::function<QString(const QString&)> m_summaryProvider;
 };
 
 } // namespace trayClient

@@ -1,6 +1,7 @@
 #include "trayClient/mainFrame.h"
 
 #include "channels/channelManager.h"
+#include "channels/channelSummaryPage.h"
 #include "trayClient/channelDesktopSettings.h"
 #include "trayClient/channelItems.h"
 #include "trayClient/trayIcon.h"
@@ -94,6 +95,7 @@ void CMainFrame::connectWindows() {
         openPluginWindow(id);
     });
     connect(m_mdi, &QMdiArea::subWindowActivated, this, &CMainFrame::onSubWindowActivated);
+    m_controlCenter->setSummaryProvider([this](const QString& id) { return briefSummary(id); });
 }
 
 QDockWidget* CMainFrame::addPaneDock(const QString& title, const QString& name, QWidget* widget,
@@ -242,6 +244,29 @@ CControlCenter::ChannelEntry CMainFrame::channelEntry(const channels::Channel& c
     entry.unviewed = unviewedCount(channel);
     entry.autoUpdate = channel.settings().isAutoUpdateEnabled();
     return entry;
+}
+
+QString CMainFrame::briefSummary(const QString& channelId) const {
+    const channels::Channel* channel =
+        m_manager ? m_manager->findChannel(channelId.toStdString()) : nullptr;
+    if (!channel || !m_settings)
+        return {};
+    const int headlines = 5;
+    const auto rows = channelItemRows(*channel, *m_settings, headlines);
+    const auto items = static_cast<int>(channel->state().itemCount());
+    QString text =
+        "<p><b>" + channelName(channel->id()).toHtmlEscaped() + "</b><br>" +
+        (items == 1 ? tr("1 item") : tr("%1 items").arg(items)) + ", " +
+        tr("%1 unviewed").arg(unviewedCount(*channel)) + "<br>" +
+        tr("Last fetched: %1")
+            .arg(QString::fromLatin1(channels::fetchTimeText(channel->state().lastFetchTime())));
+    text += "</p>";
+    for (const ChannelItemRow& row : rows) {
+        const QString title =
+            QString::fromLatin1(row.title.empty() ? row.url : row.title).toHtmlEscaped();
+        text += row.viewed ? "<div>" + title + "</div>" : "<div><b>" + title + "</b></div>";
+    }
+    return text;
 }
 
 int CMainFrame::unviewedCount(const channels::Channel& channel) const {

@@ -135,6 +135,8 @@ private:
     QString channelName(const std::string& channelId) const;
     CControlCenter::ChannelEntry channelEntry(const channels::Channel& channel) const;
     int unviewedCount(const channels::Channel& channel) const;
+    // The channel's name, counts, last fetch and latest headlines as rich text.
+    QString briefSummary(const QString& channelId) const;
     QMdiSubWindow* findSubWindow(const char* property, const QString& id) const;
     QMdiSubWindow* openChild(const char* property, const QString& id, const WindowFactory& make,
                              const QString& title);

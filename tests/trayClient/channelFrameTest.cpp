@@ -230,6 +230,29 @@ TEST_F(ChannelFrameTest, NextUnviewedItemWrapsRoundAndMarkAllViewedLeavesNone) {
     EXPECT_EQ(changed, 1);
 }
 
+TEST_F(ChannelFrameTest, HiddenViewedItemsLeaveTheViewAndComeBackWhenHidingStops) {
+    options.autoHideFeedItems = true;
+    auto window = frame();
+    auto titles = [&] {
+        QStringList shown;
+        for (int row = 0; row < window->model().rowCount(); ++row)
+            shown << cell(*window, row, 0, Qt::DisplayRole).toString();
+        return shown;
+    };
+    const QString first = QString::fromLatin1("Caf\xE9 news");
+    EXPECT_EQ(titles(), (QStringList{first, "Local", "Fourth"})); // b was viewed before
+    pressEnter(window->itemView(), 1);
+    EXPECT_EQ(titles(), (QStringList{first, "Fourth"}));
+    EXPECT_TRUE(saved().viewedItems.count("c"));
+    window->markAllViewed();
+    EXPECT_EQ(window->model().rowCount(), 0);
+    EXPECT_EQ(saved().viewedItems.size(), 4u);
+
+    options.autoHideFeedItems = false;
+    window->applyOptions(options);
+    EXPECT_EQ(window->model().rowCount(), 4);
+}
+
 TEST_F(ChannelFrameTest, RefreshReadsTheNewFeedKeepsTheSelectedItemAndOutlivesTheChannel) {
     auto window = frame();
     window->itemView().setCurrentIndex(window->model().index(3, 0)); // d

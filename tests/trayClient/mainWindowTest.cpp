@@ -204,6 +204,20 @@ TEST_F(MainWindowTest, AFailingChannelIsMarkedWithItsErrorUntilAnUpdateSucceeds)
     m_frame.refreshChannels();
     EXPECT_FALSE(row("broken")->icon(0).isNull());
 
+    // Brief summaries: counts and headlines, unviewed ones bold, then the error if any.
+    CControlCenter& centre = *m_frame.controlCenter();
+    EXPECT_EQ(centre.channelToolTip("web"), "");
+    m_options.showBriefChannelSummaries = true;
+    m_frame.applyOptions(m_options);
+    m_settings.markViewed("web", "http://example.com/b");
+    const QString brief = centre.channelToolTip("web");
+    EXPECT_TRUE(brief.contains("<b>Local news</b>")) << brief.toStdString();
+    EXPECT_TRUE(brief.contains("3 items, 2 unviewed")) << brief.toStdString();
+    EXPECT_TRUE(
+        brief.contains("<div><b>Story a</b></div><div>Story b</div><div><b>Story c</b></div>"))
+        << brief.toStdString();
+    EXPECT_TRUE(centre.channelToolTip("broken").contains("missing.xml"));
+
     writeFile(m_dir.file("missing.xml"), rss("Found", {"x"}));
     update();
     EXPECT_TRUE(row("broken")->icon(0).isNull());
