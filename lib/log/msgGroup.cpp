@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <cstdlib>
 #include <map>
 #include <memory>
@@ -74,8 +75,8 @@ public:
         std::lock_guard guard(m_mutex);
         if (m_thread.joinable())
             return;
-        m_stop = false;
-        m_thread = std::thread([this] { run(); });
+        const std::uint64_t generation = ++m_generation;
+        m_thread = std::thread([this, generation] { run(generation); });
         if (!m_atExitRegistered)
             m_atExitRegistered = std::atexit([] { watcher().stop(); }) == 0;
     }
@@ -83,7 +84,7 @@ public:
         std::thread thread;
         {
             std::lock_guard guard(m_mutex);
-            m_stop = true;
+            ++m_generation;
             thread = std::move(m_thread);
         }
         m_wake.notify_all();
@@ -96,9 +97,11 @@ public:
     }
 
 private:
-    void run() {
+    // Ends when stop() or a later start() moves the generation on.
+    void run(std::uint64_t generation) {
         std::unique_lock lock(m_mutex);
-        while (!m_wake.wait_for(lock, std::chrono::seconds(1), [this] { return m_stop; })) {
+        while (!m_wake.wait_for(lock, std::chrono::seconds(1),
+                                [&] { return generation != m_generation; })) {
             lock.unlock();
             pollMsgGroupSettings();
             lock.lock();
@@ -107,7 +110,7 @@ private:
 
     std::mutex m_mutex;
     std::condition_variable m_wake;
-    bool m_stop = false;
+    std::uint64_t m_generation = 0;
     bool m_atExitRegistered = false;
     std::thread m_thread;
 };

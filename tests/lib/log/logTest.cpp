@@ -187,6 +187,7 @@ TEST_F(LogTest, CallsInGroupsThatAreOffNeitherWaitNorRace) {
     log().setSwitches(LogSwitches{false, false, false, false, false});
     MsgGroup& quiet = registerMsgGroup("LogTestQuiet");
     MsgGroup& flipped = registerMsgGroup("LogTestFlipped");
+    quiet.setEnabled(false); // and the switcher's settings keep it off
     const std::string debugIni = m_dir.file("debug.ini");
     std::atomic<bool> stopSwitching{false};
     std::thread switcher([&] {
