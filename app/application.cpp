@@ -250,6 +250,8 @@ void Application::shutDown() {
     step("Unloading the RichEdit DLL.", [&] { frontEnd.unloadRichText(); });
     step("Shutting down BCG.", [&] { frontEnd.shutDownToolkit(); });
     step("Unloading BlackBox.", [] {});
+    // The whole shut-down is in the file even when the process then ends without exit handlers.
+    msglog::CMessageLog::instance().flush();
 }
 
 Environment& Application::environment() { return m_impl->environment; }

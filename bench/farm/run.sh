@@ -1,8 +1,14 @@
 #!/usr/bin/env bash
 # Measures pelsu-cli update over a farm of generated feeds served by nginx on the loopback
-# address, beside the same passes of a peer reader (newsboat, reload-threads 1):
-#   (a) first fetch, (b) nothing changed (all 304), (c) one feed in ten changed.
+# address, in three passes: (a) first fetch, (b) nothing changed (all 304), (c) one feed in ten
+# changed. Beside each pass, on the same farm and in the same run:
+#   - a peer reader (newsboat, reload-threads 1);
+#   - the floor: farmFloor.cpp, one conditional GET and one small state file written
+#     atomically per feed, nothing else;
+# and pelsu's wall and CPU time (user+sys) as ratios to both. Last, pelsu-cli list over the
+# same channels. Each line gives wall seconds, CPU seconds and peak resident memory.
 # Usage: bench/farm/run.sh [COUNT]   (default 1000). Needs root for nginx on port 80.
+# PELSU_CLI=path measures that pelsu-cli instead of the one this tree builds.
 set -euo pipefail
 here="$(cd "$(dirname "$0")" && pwd)"
 root="$(cd "$here/../.." && pwd)"
@@ -12,8 +18,12 @@ count="${1:-1000}"
 host=127.0.0.77
 work="$(mktemp -d /tmp/pelsu-farm-XXXXXX)"
 chmod 755 "$work" # nginx's workers read the feeds as another user
-cli="$root/build/cli/pelsu-cli"
-build_tree "$root/build" >/dev/null
+cli="${PELSU_CLI:-$root/build/cli/pelsu-cli}" # PELSU_CLI measures another build
+cmake -S "$root" -B "$root/build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+ninja -C "$root/build" -j"$(nproc)" pelsu-cli >/dev/null
+floor="$work/farmFloor"
+g++ -std=c++20 -O2 -Wall -Wextra -o "$floor" "$here/farmFloor.cpp" -lcurl
+mkdir -p "$work/floor"
 
 python3 "$here/makeFarm.py" "$work/feeds" --count "$count"
 
@@ -50,25 +60,42 @@ printf 'reload-threads 1\nshow-read-feeds yes\n' > "$work/newsboat.conf"
 "$cli" --home "$work/home" import-opml "$work/farm.opml" >/dev/null
 "$cli" --home "$work/home" remove PelsuNews >/dev/null
 
-# measure LABEL COMMAND...: prints wall seconds and peak memory.
+# measure READER PHASE COMMAND...: runs the command, prints its line and keeps its wall and
+# CPU seconds in wall[READER PHASE] and cpu[READER PHASE].
+declare -A wall cpu
 measure() {
-    local label="$1"
-    shift
-    /usr/bin/time -f "%e %M" -o "$work/time" "$@" >"$work/out" 2>&1 || {
-        echo "$label: failed"; tail -5 "$work/out"; }
-    read -r seconds kib < <(tail -1 "$work/time")
-    printf '%-28s %8.2f s %8d KiB\n' "$label" "$seconds" "$kib"
+    local reader="$1" phase="$2" seconds user system kib
+    shift 2
+    /usr/bin/time -f "%e %U %S %M" -o "$work/time" "$@" >"$work/out" 2>&1 || {
+        echo "$reader $phase: failed"; tail -5 "$work/out"; }
+    read -r seconds user system kib < <(tail -1 "$work/time")
+    wall[$reader $phase]=$seconds
+    cpu[$reader $phase]=$(awk -v u="$user" -v s="$system" 'BEGIN { printf "%.2f", u + s }')
+    printf '%-24s %-9s %8.2f %8.2f %10d\n' "$phase" "$reader" "$seconds" \
+        "${cpu[$reader $phase]}" "$kib"
 }
 
-pelsu() { measure "pelsu $1" "$cli" --home "$work/home" update; }
-peer() { measure "peer $1" newsboat -x reload -u "$work/urls" -c "$work/cache.db" \
-                 -C "$work/newsboat.conf"; }
+# ratio A B: A / B to two places ("-" when B is zero).
+ratio() { awk -v a="$1" -v b="$2" 'BEGIN { if (b > 0) printf "%.2f", a / b; else print "-" }'; }
+
+# pass PHASE: the three readers over the farm, then pelsu's ratios to the other two.
+pass() {
+    local phase="$1" other
+    measure pelsu "$phase" "$cli" --home "$work/home" update
+    measure newsboat "$phase" newsboat -x reload -u "$work/urls" -c "$work/cache.db" \
+        -C "$work/newsboat.conf"
+    measure floor "$phase" "$floor" "$work/urls" "$work/floor"
+    for other in floor newsboat; do
+        printf '%-24s pelsu/%-8s wall %6sx  cpu %6sx\n' "" "$other" \
+            "$(ratio "${wall[pelsu $phase]}" "${wall[$other $phase]}")" \
+            "$(ratio "${cpu[pelsu $phase]}" "${cpu[$other $phase]}")"
+    done
+}
 
 echo "feeds: $count on http://$host/"
-pelsu "(a) first fetch"
-peer "(a) first fetch"
-pelsu "(b) all unchanged"
-peer "(b) all unchanged"
+printf '%-24s %-9s %8s %8s %10s\n' phase reader "wall s" "cpu s" "peak KiB"
+pass "(a) first fetch"
+pass "(b) all unchanged"
 python3 "$here/makeFarm.py" "$work/feeds" --count "$count" --change 10 >/dev/null
-pelsu "(c) one in ten changed"
-peer "(c) one in ten changed"
+pass "(c) one in ten changed"
+measure pelsu "list" "$cli" --home "$work/home" list

@@ -2,9 +2,11 @@
 
 #include "lib/misc/text.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cctype>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <iostream>
@@ -13,6 +15,10 @@
 namespace msglog {
 
 namespace {
+
+// Lines wait for the log to be quiet this long, but never longer than the hold-back limit.
+constexpr std::chrono::milliseconds kQuietMoment{200};
+constexpr std::chrono::milliseconds kLongestHoldBack{1000};
 
 thread_local const LogSource* t_currentSource = nullptr;
 std::atomic<ReportHandler> g_reportHandler{nullptr};
@@ -50,28 +56,100 @@ CMessageLog::CMessageLog() {
 CMessageLog::~CMessageLog() { close(); }
 
 bool CMessageLog::open(const std::string& path, std::string* error) {
-    std::lock_guard guard(m_fileMutex);
-    if (m_file)
-        std::fclose(m_file);
-    m_file = std::fopen(path.c_str(), "ab");
-    if (!m_file) {
-        if (error)
-            *error = "Can't open the log file " + path + ": " + std::strerror(errno);
-        return false;
+    {
+        std::lock_guard guard(m_fileMutex);
+        if (m_file)
+            std::fclose(m_file);
+        m_file = std::fopen(path.c_str(), "ab");
+        if (!m_file) {
+            if (error)
+                *error = "Can't open the log file " + path + ": " + std::strerror(errno);
+            return false;
+        }
+        m_path = path;
+        m_writing = true;
+        std::error_code ignored;
+        m_fileSize = std::filesystem::file_size(path, ignored);
     }
-    m_path = path;
-    m_writing = true;
-    std::error_code ignored;
-    m_fileSize = std::filesystem::file_size(path, ignored);
+    startFlusher();
     return true;
 }
 
 void CMessageLog::close() {
+    stopFlusher();
     std::lock_guard guard(m_fileMutex);
     if (m_file)
         std::fclose(m_file);
     m_file = nullptr;
+    m_heldBack = false;
     m_writing = m_mirror != nullptr;
+}
+
+void CMessageLog::flush() {
+    std::lock_guard guard(m_fileMutex);
+    flushLocked();
+}
+
+void CMessageLog::flushLocked() {
+    if (m_file && m_heldBack)
+        std::fflush(m_file);
+    m_heldBack = false;
+}
+
+void CMessageLog::startFlusher() {
+    std::lock_guard guard(m_fileMutex);
+    if (m_flusherRunning)
+        return;
+    m_flusherRunning = true;
+    const std::uint64_t generation = ++m_flusherGeneration;
+    m_flusher = std::thread([this, generation] { runFlusher(generation); });
+    // From the end of main on, every line goes straight to the file.
+    if (!m_atExitRegistered)
+        m_atExitRegistered = std::atexit([] { instance().stopFlusher(); }) == 0;
+}
+
+void CMessageLog::stopFlusher() {
+    std::thread flusher;
+    {
+        std::lock_guard guard(m_fileMutex);
+        if (!m_flusherRunning)
+            return;
+        m_flusherRunning = false;
+        ++m_flusherGeneration;
+        flusher = std::move(m_flusher);
+    }
+    m_flushWake.notify_all();
+    flusher.join();
+    flush();
+}
+
+// Flushes once the log has been quiet for a moment, or once the oldest line held back has
+// waited the longest hold-back, whichever comes first.
+void CMessageLog::runFlusher(std::uint64_t generation) {
+    std::unique_lock lock(m_fileMutex);
+    while (generation == m_flusherGeneration) {
+        if (!m_heldBack) {
+            m_flushWake.wait(lock);
+            continue;
+        }
+        const Clock::time_point due =
+            std::min(m_firstHeldBack + kLongestHoldBack, m_lastWrite + kQuietMoment);
+        if (Clock::now() < due) {
+            m_flushWake.wait_until(lock, due);
+            continue;
+        }
+        flushLocked();
+    }
+}
+
+// Called with m_fileMutex held, after a line went into the file's buffer.
+void CMessageLog::noteHeldBack() {
+    m_lastWrite = Clock::now();
+    if (m_heldBack)
+        return;
+    m_heldBack = true;
+    m_firstHeldBack = m_lastWrite;
+    m_flushWake.notify_one();
 }
 
 std::string CMessageLog::path() const { return m_path; }
@@ -209,8 +287,11 @@ void CMessageLog::writeFormatted(const std::string& text) {
     rollOverIfNeeded(text.size());
     if (m_file) {
         std::fwrite(text.data(), 1, text.size(), m_file);
-        std::fflush(m_file);
         m_fileSize += text.size();
+        if (m_flusherRunning)
+            noteHeldBack();
+        else
+            std::fflush(m_file);
     }
     if (m_mirror)
         *m_mirror << text << std::flush;
@@ -238,22 +319,23 @@ void CMessageLog::writeReport(const std::string& report) {
     std::lock_guard guard(m_fileMutex);
     if (m_file) {
         std::fwrite(report.data(), 1, report.size(), m_file);
-        std::fflush(m_file);
+        std::fflush(m_file); // with the lines held back before it
+        m_heldBack = false;
     }
 }
 
 LogLine::LogLine(const MsgGroup& group, const char* file, unsigned line)
-    : m_group(group), m_file(file), m_line(line) {
-    pollMsgGroupSettings();
-    m_enabled = group.isEnabled() && CMessageLog::instance().isWriting();
-    if (m_enabled)
-        CMessageLog::instance().lock();
+    : m_file(file), m_line(line) {
+    if (!group.isEnabled() || !CMessageLog::instance().isWriting())
+        return;
+    CMessageLog::instance().lock();
+    m_text.emplace();
 }
 
 LogLine::~LogLine() {
-    if (!m_enabled)
+    if (!m_text)
         return;
-    CMessageLog::instance().writeLine(m_file, m_line, m_text.str());
+    CMessageLog::instance().writeLine(m_file, m_line, m_text->str());
     CMessageLog::instance().unlock();
 }
 

@@ -6,13 +6,17 @@
 #include "lib/misc/threadSafetyWin32.h"
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
+#include <optional>
 #include <ostream>
 #include <sstream>
 #include <streambuf>
 #include <string>
+#include <thread>
 
 namespace msglog {
 
@@ -40,8 +44,14 @@ public:
     virtual ~CMessageLog();
 
     // Opens (appends to) the log file; returns false with the reason in error on failure.
+    // Lines reach the file when the log has been quiet for a moment, and at the latest a
+    // second after they were written, so that a busy log costs no write per line; a process
+    // that is killed loses at most its last second of lines.
     bool open(const std::string& path, std::string* error = nullptr);
+    // Writes what is held back and closes the file.
     void close();
+    // Writes the lines held back to the file now.
+    void flush();
     std::string path() const;
     // Whether lines go anywhere (a file or a mirror); lines are not even formatted otherwise.
     bool isWriting() const;
@@ -79,9 +89,16 @@ public:
     void writeReport(const std::string& report);
 
 private:
+    using Clock = std::chrono::steady_clock;
+
     CMessageLog();
     void writeFormatted(const std::string& text);
     void rollOverIfNeeded(std::size_t incoming);
+    void noteHeldBack();
+    void startFlusher();
+    void stopFlusher();
+    void runFlusher(std::uint64_t generation);
+    void flushLocked();
 
     LogSwitches m_switches;
     std::uint32_t m_sequenceNumber = 0;
@@ -100,6 +117,16 @@ private:
     std::uint64_t m_fileSize = 0;
     std::ostream* m_mirror = nullptr;
     std::atomic<bool> m_writing{false};
+
+    // Guarded by m_fileMutex: lines written but not yet flushed, and the flushing thread.
+    bool m_heldBack = false;
+    Clock::time_point m_firstHeldBack;
+    Clock::time_point m_lastWrite;
+    std::condition_variable m_flushWake;
+    bool m_flusherRunning = false;
+    std::uint64_t m_flusherGeneration = 0; // a flushing thread of another generation ends
+    bool m_atExitRegistered = false;
+    std::thread m_flusher;
 };
 
 // Holds the log's lock for a block of lines, so that a headline and its "- " detail lines
@@ -121,23 +148,24 @@ public:
     LogIndent& operator=(const LogIndent&) = delete;
 };
 
-// One line in a group: a stream when the group is enabled, nothing when it is disabled.
-// The log's lock is held from construction; the line is written on destruction.
+// One line in a group: a stream when the group is enabled, nothing when it is disabled. An
+// enabled line holds the log's lock from construction and is written on destruction; a
+// disabled one takes no lock at all.
 class LogLine {
 public:
     LogLine(const MsgGroup& group, const char* file, unsigned line);
     ~LogLine();
     LogLine(const LogLine&) = delete;
     LogLine& operator=(const LogLine&) = delete;
-    explicit operator bool() const { return m_enabled; }
-    std::ostream& stream() { return m_text; }
+    explicit operator bool() const { return m_text.has_value(); }
+    // Only when enabled.
+    std::ostream& stream() { return *m_text; }
 
 private:
-    const MsgGroup& m_group;
     const char* m_file;
     unsigned m_line;
-    bool m_enabled;
-    std::ostringstream m_text;
+    // Made only for an enabled group: a stream costs more than the whole disabled call.
+    std::optional<std::ostringstream> m_text;
 };
 
 // Characters inserted through this buffer reach the log, one line per line break.

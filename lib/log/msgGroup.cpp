@@ -5,10 +5,14 @@
 
 #include <algorithm>
 #include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <cstdlib>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <set>
+#include <thread>
 
 namespace msglog {
 
@@ -24,14 +28,7 @@ struct Registry {
     std::set<std::string> quiet;                          // off unless named in the settings
     std::vector<std::string> watchedFiles;
     std::string watchedSignature;
-    std::chrono::steady_clock::time_point lastPoll{};
-    MsgGroupPollClock clock;
 };
-
-// Called with the registry's mutex held.
-std::chrono::steady_clock::time_point pollTime(const Registry& r) {
-    return r.clock ? r.clock() : std::chrono::steady_clock::now();
-}
 
 Registry& registry() {
     static auto* instance = new Registry; // outlives the static registrations
@@ -70,6 +67,53 @@ std::string readSettings(const std::vector<std::string>& files,
     }
     return signature;
 }
+
+// Re-reads the watched files once a second on its own thread, so that a log call never has to.
+class SettingsWatcher {
+public:
+    void start() {
+        std::lock_guard guard(m_mutex);
+        if (m_thread.joinable())
+            return;
+        const std::uint64_t generation = ++m_generation;
+        m_thread = std::thread([this, generation] { run(generation); });
+        if (!m_atExitRegistered)
+            m_atExitRegistered = std::atexit([] { watcher().stop(); }) == 0;
+    }
+    void stop() {
+        std::thread thread;
+        {
+            std::lock_guard guard(m_mutex);
+            ++m_generation;
+            thread = std::move(m_thread);
+        }
+        m_wake.notify_all();
+        if (thread.joinable())
+            thread.join();
+    }
+    static SettingsWatcher& watcher() {
+        static auto* instance = new SettingsWatcher; // outlives the static registrations
+        return *instance;
+    }
+
+private:
+    // Ends when stop() or a later start() moves the generation on.
+    void run(std::uint64_t generation) {
+        std::unique_lock lock(m_mutex);
+        while (!m_wake.wait_for(lock, std::chrono::seconds(1),
+                                [&] { return generation != m_generation; })) {
+            lock.unlock();
+            pollMsgGroupSettings();
+            lock.lock();
+        }
+    }
+
+    std::mutex m_mutex;
+    std::condition_variable m_wake;
+    std::uint64_t m_generation = 0;
+    bool m_atExitRegistered = false;
+    std::thread m_thread;
+};
 
 } // namespace
 
@@ -149,13 +193,18 @@ void applyMsgGroupSettings(const std::vector<std::string>& debugFiles) {
 void watchMsgGroupSettings(const std::vector<std::string>& debugFiles) {
     std::map<std::string, bool> settings;
     std::string signature = readSettings(debugFiles, settings);
-    auto& r = registry();
-    std::lock_guard guard(r.mutex);
-    r.watchedFiles = debugFiles;
-    r.watchedSignature = std::move(signature);
-    r.settings = std::move(settings);
-    r.lastPoll = pollTime(r);
-    applyLocked(r);
+    {
+        auto& r = registry();
+        std::lock_guard guard(r.mutex);
+        r.watchedFiles = debugFiles;
+        r.watchedSignature = std::move(signature);
+        r.settings = std::move(settings);
+        applyLocked(r);
+    }
+    if (debugFiles.empty())
+        SettingsWatcher::watcher().stop();
+    else
+        SettingsWatcher::watcher().start();
 }
 
 void pollMsgGroupSettings() {
@@ -163,26 +212,18 @@ void pollMsgGroupSettings() {
     std::vector<std::string> files;
     {
         std::lock_guard guard(r.mutex);
-        const auto now = pollTime(r);
-        if (r.watchedFiles.empty() || now - r.lastPoll < std::chrono::seconds(1))
+        if (r.watchedFiles.empty())
             return;
-        r.lastPoll = now;
         files = r.watchedFiles;
     }
     std::map<std::string, bool> settings;
     std::string signature = readSettings(files, settings);
     std::lock_guard guard(r.mutex);
-    if (signature == r.watchedSignature)
+    if (signature == r.watchedSignature || files != r.watchedFiles)
         return;
     r.watchedSignature = std::move(signature);
     r.settings = std::move(settings);
     applyLocked(r);
-}
-
-void setMsgGroupPollClock(MsgGroupPollClock clock) {
-    auto& r = registry();
-    std::lock_guard guard(r.mutex);
-    r.clock = std::move(clock);
 }
 
 } // namespace msglog

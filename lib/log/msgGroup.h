@@ -2,8 +2,6 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -42,13 +40,13 @@ bool setMsgGroupEnabled(const std::string& name, bool enabled);
 // group, "*" stands for every group, and the value is 1 (on) or 0 (off). Groups without a
 // key stay on.
 void applyMsgGroupSettings(const std::vector<std::string>& debugFiles);
-// Remembers the files and applies them; pollMsgGroupSettings() applies them again when their
-// contents changed, at most once a second, so that groups can be switched while running.
+// Remembers the files and applies them, then keeps a thread that applies them again once a
+// second when their contents changed, so that groups can be switched while running. An empty
+// list stops the thread. A log call never reads the files itself: a group that is off costs
+// one atomic load.
 void watchMsgGroupSettings(const std::vector<std::string>& debugFiles);
+// Applies the watched files again now, when their contents changed.
 void pollMsgGroupSettings();
-// The clock that paces the polling (the steady clock when empty); tests move their own.
-using MsgGroupPollClock = std::function<std::chrono::steady_clock::time_point()>;
-void setMsgGroupPollClock(MsgGroupPollClock clock);
 
 // Registers a group at static initialisation and unregisters it at exit.
 class MsgGroupRegistration {

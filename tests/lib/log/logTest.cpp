@@ -4,8 +4,13 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <csignal>
 #include <sstream>
 #include <thread>
+
+#include <sys/wait.h>
+#include <unistd.h>
 
 using namespace msglog;
 using testing_support::readFile;
@@ -41,7 +46,10 @@ protected:
         CMessageLog::setCurrentSource(nullptr);
     }
     static CMessageLog& log() { return CMessageLog::instance(); }
-    std::string contents() const { return readFile(m_dir.file("test.log")); }
+    std::string contents() const {
+        log().flush();
+        return readFile(m_dir.file("test.log"));
+    }
     TempDir m_dir;
 };
 
@@ -120,19 +128,21 @@ TEST_F(LogTest, GroupsAreSwitchedFromTheDebugFileWhileRunning) {
     MsgGroup& group = registerMsgGroup("LogTestSwitched");
     const std::string debugIni = m_dir.file("debug.ini");
     writeFile(debugIni, "[MessageGroups]\nLogTestSwitched=0\n");
-    auto now = std::chrono::steady_clock::now();
-    setMsgGroupPollClock([&now] { return now; });
     watchMsgGroupSettings({debugIni});
     PELSU_LOG(group, "hidden");
     writeFile(debugIni, "[MessageGroups]\n*=0\nlogtestswitched=1\n");
-    now += std::chrono::milliseconds(900);
-    PELSU_LOG(group, "still hidden: the file is read at most once a second");
-    now += std::chrono::milliseconds(100);
+    pollMsgGroupSettings();
     PELSU_LOG(group, "shown");
-    EXPECT_EQ(contents(), "shown\n");
     EXPECT_FALSE(findMsgGroup("LogTestOn") && findMsgGroup("LogTestOn")->isEnabled());
+
+    // Nobody polls now: the watching thread notices the change by itself.
+    writeFile(debugIni, "[MessageGroups]\nLogTestSwitched=0\n");
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (group.isEnabled() && std::chrono::steady_clock::now() < limit)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    PELSU_LOG(group, "hidden again");
+    EXPECT_EQ(contents(), "shown\n");
     watchMsgGroupSettings({});
-    setMsgGroupPollClock({});
     applyMsgGroupSettings({});
 }
 
@@ -168,6 +178,125 @@ TEST_F(LogTest, FileRollsOverToOneOldFileAtItsSizeLimit) {
     EXPECT_LE(contents().size(), 1000u);
     EXPECT_LE(readFile(m_dir.file("test.log.old")).size(), 1000u);
     EXPECT_NE(contents().find("line number 299\n"), std::string::npos);
+}
+
+// Many threads call into a group that is off while the log's lock is held elsewhere and
+// another thread keeps switching groups: the calls never wait for the lock, and the lines of
+// a group switched back and forth come out whole.
+TEST_F(LogTest, CallsInGroupsThatAreOffNeitherWaitNorRace) {
+    log().setSwitches(LogSwitches{false, false, false, false, false});
+    MsgGroup& quiet = registerMsgGroup("LogTestQuiet");
+    MsgGroup& flipped = registerMsgGroup("LogTestFlipped");
+    quiet.setEnabled(false); // and the switcher's settings keep it off
+    const std::string debugIni = m_dir.file("debug.ini");
+    std::atomic<bool> stopSwitching{false};
+    std::thread switcher([&] {
+        for (int round = 0; !stopSwitching; ++round) {
+            writeFile(debugIni, "[MessageGroups]\nLogTestQuiet=0\nLogTestFlipped=" +
+                                    std::to_string(round % 2) + "\n");
+            applyMsgGroupSettings({debugIni});
+            setMsgGroupEnabled("LogTestFlipped", round % 3 == 0);
+        }
+    });
+    auto runLoggers = [](auto&& body) {
+        std::vector<std::thread> loggers;
+        for (int t = 0; t < 4; ++t)
+            loggers.emplace_back(body, t);
+        return loggers;
+    };
+    std::atomic<int> finished{0};
+    std::vector<std::thread> loggers;
+    {
+        LogBlock held;
+        loggers = runLoggers([&](int) {
+            for (int i = 0; i < 20000; ++i)
+                PELSU_LOG(quiet, "never " << i);
+            ++finished;
+        });
+        const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (finished < 4 && std::chrono::steady_clock::now() < limit)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        EXPECT_EQ(finished.load(), 4) << "a call in a group that is off waited for the lock";
+    }
+    for (auto& logger : loggers)
+        logger.join();
+    loggers = runLoggers([&](int t) {
+        for (int i = 0; i < 2000; ++i)
+            PELSU_LOG(flipped, "flipped " << t << ' ' << i);
+    });
+    for (auto& logger : loggers)
+        logger.join();
+    stopSwitching = true;
+    switcher.join();
+    applyMsgGroupSettings({});
+    std::istringstream lines(contents());
+    std::string line;
+    while (std::getline(lines, line))
+        ASSERT_TRUE(line.rfind("flipped ", 0) == 0 && line.size() >= 11) << line;
+}
+
+namespace {
+
+// A forked child that is killed when the test ends, whatever happened.
+struct ChildGuard {
+    pid_t pid;
+    ~ChildGuard() {
+        if (pid > 0 && ::kill(pid, SIGKILL) == 0)
+            ::waitpid(pid, nullptr, 0);
+    }
+};
+
+} // namespace
+
+// The child writes a batch of lines, tells the parent, and goes on writing a line every 50 ms,
+// so that the log is never quiet long enough to flush for that reason; the whole log stays
+// far below the size at which stdio writes by itself.
+TEST(LogFile, LinesWrittenASecondBeforeAKillAreInTheFile) {
+    TempDir dir;
+    const std::string path = dir.file("killed.log");
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    ChildGuard child{::fork()};
+    if (child.pid == 0) {
+        ::close(ready[0]);
+        MsgGroup& group = registerMsgGroup("LogTestKilled");
+        CMessageLog::instance().setSwitches(LogSwitches{false, false, false, false, false});
+        CMessageLog::instance().open(path);
+        for (int i = 0; i < 20; ++i)
+            PELSU_LOG(group, "batch line " << i);
+        if (::write(ready[1], "x", 1) != 1)
+            std::_Exit(2);
+        for (;;) {
+            PELSU_LOG(group, "filler");
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+    }
+    ::close(ready[1]);
+    char written = 0;
+    ASSERT_EQ(::read(ready[0], &written, 1), 1);
+    ::close(ready[0]);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+    ASSERT_EQ(::kill(child.pid, SIGKILL), 0);
+    int status = 0;
+    ::waitpid(child.pid, &status, 0);
+    child.pid = 0;
+    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+    const std::string text = readFile(path);
+    for (int i = 0; i < 20; ++i)
+        EXPECT_NE(text.find("batch line " + std::to_string(i) + "\n"), std::string::npos) << i;
+}
+
+TEST(LogFile, LinesWrittenJustBeforeTheProcessEndsAreInTheFile) {
+    TempDir dir;
+    const std::string path = dir.file("ended.log");
+    auto result = runInChild([&] {
+        MsgGroup& group = registerMsgGroup("LogTestEnded");
+        CMessageLog::instance().open(path);
+        PELSU_LOG(group, "last words");
+        std::exit(0);
+    });
+    EXPECT_EQ(result.status, 0);
+    EXPECT_NE(readFile(path).find("last words\n"), std::string::npos);
 }
 
 TEST(ProgramAbort, ReportsOnceToStandardErrorAndTheLogAndExitsWithOne) {

@@ -1,0 +1,126 @@
+// The floor of an update pass over the farm: for each address in turn one conditional GET
+// with the validators of the previous pass, and one small state file written atomically
+// (temporary file, then rename). Nothing else is kept, parsed or compared.
+//
+// Usage: farmFloor URLS_FILE STATE_DIR   (one address a line; one file per feed in STATE_DIR)
+
+#include <curl/curl.h>
+
+#include <cctype>
+#include <cstdio>
+#include <ctime>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+#include <string>
+
+namespace {
+
+struct Validators {
+    std::string etag;
+    std::string lastModified;
+};
+
+// The previous pass's state file: "etag=" and "last-modified=" lines among others.
+Validators readState(const std::string& path) {
+    Validators validators;
+    std::ifstream in(path);
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.rfind("etag=", 0) == 0)
+            validators.etag = line.substr(5);
+        else if (line.rfind("last-modified=", 0) == 0)
+            validators.lastModified = line.substr(14);
+    }
+    return validators;
+}
+
+bool writeStateAtomically(const std::string& path, const std::string& text) {
+    const std::string temporary = path + ".tmp";
+    std::FILE* file = std::fopen(temporary.c_str(), "wb");
+    if (!file)
+        return false;
+    const bool written = std::fwrite(text.data(), 1, text.size(), file) == text.size();
+    return std::fclose(file) == 0 && written && std::rename(temporary.c_str(), path.c_str()) == 0;
+}
+
+// Keeps the two validators of the response; the header value without its line end.
+std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* user) {
+    auto* validators = static_cast<Validators*>(user);
+    const std::string line(data, size * count);
+    const std::size_t colon = line.find(':');
+    if (colon != std::string::npos) {
+        std::string name = line.substr(0, colon);
+        for (char& c : name)
+            c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        std::string value = line.substr(colon + 1);
+        value.erase(0, value.find_first_not_of(' '));
+        value.erase(value.find_last_not_of("\r\n") + 1);
+        if (name == "etag")
+            validators->etag = value;
+        else if (name == "last-modified")
+            validators->lastModified = value;
+    }
+    return size * count;
+}
+
+std::size_t onBody(char*, std::size_t size, std::size_t count, void* user) {
+    *static_cast<std::size_t*>(user) += size * count;
+    return size * count;
+}
+
+// One feed: returns the HTTP status (0 when the transfer failed).
+long updateFeed(CURL* curl, const std::string& url, const std::string& statePath) {
+    const Validators previous = readState(statePath);
+    curl_slist* headers = nullptr;
+    if (!previous.etag.empty())
+        headers = curl_slist_append(headers, ("If-None-Match: " + previous.etag).c_str());
+    if (!previous.lastModified.empty())
+        headers =
+            curl_slist_append(headers, ("If-Modified-Since: " + previous.lastModified).c_str());
+    Validators fresh;
+    std::size_t bodyBytes = 0;
+    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+    curl_easy_setopt(curl, CURLOPT_HEADERDATA, &fresh);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &bodyBytes);
+    long status = 0;
+    if (curl_easy_perform(curl) == CURLE_OK)
+        curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+    curl_slist_free_all(headers);
+    if (status == 304)
+        fresh = previous;
+    std::ostringstream state;
+    state << "url=" << url << "\netag=" << fresh.etag << "\nlast-modified=" << fresh.lastModified
+          << "\nstatus=" << status << "\nbytes=" << bodyBytes << "\nfetched=" << std::time(nullptr)
+          << '\n';
+    if (!writeStateAtomically(statePath, state.str()))
+        std::cerr << "farmFloor: can't write " << statePath << '\n';
+    return status;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 3) {
+        std::cerr << "usage: farmFloor URLS_FILE STATE_DIR\n";
+        return 2;
+    }
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+    CURL* curl = curl_easy_init();
+    curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, &onHeader);
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &onBody);
+    curl_easy_setopt(curl, CURLOPT_ACCEPT_ENCODING, "");
+    std::ifstream urls(argv[1]);
+    std::string url;
+    int feeds = 0, failed = 0;
+    while (std::getline(urls, url)) {
+        const long status = updateFeed(
+            curl, url, std::string(argv[2]) + "/feed" + std::to_string(feeds++) + ".state");
+        failed += status != 200 && status != 304;
+    }
+    curl_easy_cleanup(curl);
+    curl_global_cleanup();
+    std::cout << feeds << " feeds, " << failed << " failed\n";
+    return failed == 0 ? 0 : 1;
+}
