@@ -124,6 +124,15 @@ CGlobalOptionsDialog::~CGlobalOptionsDialog() = default;
 QWidget* CGlobalOptionsDialog::makePage(int page) {
     auto* widget = new QWidget;
     auto* layout = new QVBoxLayout(widget);
+    // The listeners and the engine take these when the program starts.
+    const auto kind = static_cast<OptionPage>(page);
+    if (kind == OptionPage::Listeners || kind == OptionPage::Scripts) {
+        auto* note =
+            new QLabel(tr("Changes on this page take effect the next time Pelsu starts."), widget);
+        note->setObjectName("restartNote");
+        note->setWordWrap(true);
+        layout->addWidget(note);
+    }
     QFormLayout* form = nullptr;
     const char* group = nullptr;
     for (const OptionEditorRow& entry : optionEditorRows()) {
