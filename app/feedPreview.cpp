@@ -59,6 +59,8 @@ FeedPreview FeedPreviewer::preview(const std::string& address) {
         options.channelName = address;
         options.itemLimit = m_options.manager.feedItemLimit;
         options.depthLimit = m_options.manager.feedDepthLimit;
+        options.formats = m_options.manager.feedFormats;
+        options.documentAddress = address;
         channels::RssParser parser;
         const auto feed = channels::parseFeed(parser, options, text, m_options.maxItems);
         result.channel = feed->channel();
