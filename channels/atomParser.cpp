@@ -144,13 +144,13 @@ struct Namespace {
 struct Entry {
     CollectedItem item;
     std::string published, updated;
-    bool htmlLink = false; // the link is an alternate one of an HTML type
+    int linkRank = -1; // of the link taken (see takeLink)
 };
 
 // The feed's own details as collected.
 struct FeedFields {
     std::string title, subtitle, rights, link, author, generator, logo, updated;
-    bool htmlLink = false;
+    int linkRank = -1;
 };
 
 class AtomXmlParser : public expat::Parser {
@@ -179,7 +179,7 @@ private:
     void beginTextConstruct(const Attributes& attributes, std::size_t depth);
     void copyStartTag(const char* name, const char** attributes, std::size_t depth);
     void copyEndTag(const char* name, std::size_t depth);
-    void takeLink(const Attributes& attributes, std::string& link, bool& htmlLink);
+    void takeLink(const Attributes& attributes, std::string& link, int& linkRank);
     void endTextConstruct(Kind kind);
     void endEntry();
     void endFeed();
@@ -315,10 +315,10 @@ void AtomXmlParser::begin(Kind kind, const Attributes& attributes) {
         m_entry = Entry{};
         break;
     case Kind::FeedLink:
-        takeLink(attributes, m_fields.link, m_fields.htmlLink);
+        takeLink(attributes, m_fields.link, m_fields.linkRank);
         break;
     case Kind::EntryLink:
-        takeLink(attributes, m_entry.item.link, m_entry.htmlLink);
+        takeLink(attributes, m_entry.item.link, m_entry.linkRank);
         break;
     default:
         break;
@@ -347,19 +347,22 @@ void AtomXmlParser::end(Kind kind) {
     }
 }
 
-// The first alternate link (a link without rel is one) of an HTML type or of none wins; an
-// alternate link of another type serves only until one of those comes.
-void AtomXmlParser::takeLink(const Attributes& attributes, std::string& link, bool& htmlLink) {
+// The alternate links (a link without rel is one) rank by type: one that says it is a web
+// page first, then one that names no type, then any other; the first of the best rank wins.
+void AtomXmlParser::takeLink(const Attributes& attributes, std::string& link, int& linkRank) {
     if (!attributes.href || (attributes.rel && std::strcmp(attributes.rel, "alternate") != 0))
         return;
-    const bool html = !attributes.type || std::strcmp(attributes.type, "text/html") == 0 ||
-                      std::strcmp(attributes.type, "application/xhtml+xml") == 0;
-    if (htmlLink || (!link.empty() && !html))
+    const int rank = !attributes.type                                      ? 1
+                     : std::strcmp(attributes.type, "text/html") == 0 ||
+                             std::strcmp(attributes.type, "application/xhtml+xml") == 0
+                         ? 2
+                         : 0;
+    if (rank <= linkRank)
         return;
     std::string href;
     expat::appendUtf8AsLatin1(href, attributes.href, std::strlen(attributes.href));
     link = tools::resolveAddress(currentBase(), misc::trimmed(href));
-    htmlLink = html;
+    linkRank = rank;
 }
 
 void AtomXmlParser::beginTextConstruct(const Attributes& attributes, std::size_t depth) {

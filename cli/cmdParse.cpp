@@ -8,6 +8,7 @@
 #include <iostream>
 #include <iterator>
 #include <limits>
+#include <optional>
 #include <sstream>
 
 namespace cli {
@@ -26,7 +27,7 @@ int usageError(const std::string& message) {
 int runParse(const CommandContext& context) {
     std::string file;
     int maxItems = -1;
-    std::string address;
+    std::optional<std::string> address;
     channels::ParseOptions options;
     options.channelName = "parse";
     const auto& args = context.args;
@@ -60,7 +61,7 @@ int runParse(const CommandContext& context) {
     if (file.empty())
         return usageError("no feed file given");
     // Relative links resolve as they would for a channel that reads the file.
-    options.documentAddress = address.empty() ? file : address;
+    options.documentAddress = address ? *address : file;
     std::ifstream in(file, std::ios::binary);
     if (!in) {
         std::cerr << "Can't open file: " << file << '\n';

@@ -64,10 +64,64 @@ std::pair<std::size_t, std::size_t> encodingNameAt(const std::string& document) 
     return {at + 1, close - at - 1};
 }
 
+// Names documents use that iconv knows by another.
+std::string iconvName(const std::string& encoding) {
+    for (const char* macRoman : {"macroman", "mac-roman", "x-mac-roman"})
+        if (::strcasecmp(encoding.c_str(), macRoman) == 0)
+            return "MACINTOSH";
+    return encoding;
+}
+
+// Appends the text converted from the encoding to UTF-8; false when iconv does not know it.
+bool convertInto(std::string& result, const std::string& encoding, const char* in,
+                 std::size_t inLeft) {
+    Converter converter("UTF-8", encoding);
+    if (!converter.isOpen())
+        return false;
+    std::string buffer(64 * 1024, '\0');
+    while (inLeft > 0) {
+        char* out = buffer.data();
+        std::size_t outLeft = buffer.size();
+        const bool ok = converter.convert(in, inLeft, out, outLeft);
+        const int error = errno;
+        result.append(buffer.data(), buffer.size() - outLeft);
+        if (ok || error == E2BIG)
+            continue;
+        result += '?'; // a sequence the encoding does not allow, or one cut off at the end
+        ++in;
+        --inLeft;
+        converter.reset();
+    }
+    return true;
+}
+
+// The byte order of a document laid out in UTF-16 (by its byte-order mark or its first
+// "<?"), or null.
+const char* utf16Layout(const std::string& document) {
+    if (document.compare(0, 2, "\xFE\xFF") == 0 || document.compare(0, 4, std::string("\0<\0?", 4)) == 0)
+        return "UTF-16BE";
+    if (document.compare(0, 2, "\xFF\xFE") == 0 || document.compare(0, 4, std::string("<\0?\0", 4)) == 0)
+        return "UTF-16LE";
+    return nullptr;
+}
+
+// A UTF-16 document whose declaration names what expat does not know (such as "utf16"):
+// its byte layout says what it is.
+std::optional<std::string> utf16ToUtf8(const std::string& document, const char* layout) {
+    const std::size_t bom = static_cast<unsigned char>(document[0]) >= 0xFE ? 2 : 0;
+    std::string utf8;
+    if (!convertInto(utf8, layout, document.data() + bom, document.size() - bom))
+        return std::nullopt;
+    const auto [at, length] = encodingNameAt(utf8);
+    if (length == 0 || isBuiltIn(utf8.substr(at, length)))
+        return std::nullopt;
+    return utf8.replace(at, length, "UTF-8");
+}
+
 } // namespace
 
 std::optional<std::array<int, 256>> singleByteTable(const std::string& encoding) {
-    Converter converter("UTF-32LE", encoding);
+    Converter converter("UTF-32LE", iconvName(encoding));
     if (!converter.isOpen())
         return std::nullopt;
     std::array<int, 256> table{};
@@ -99,30 +153,16 @@ std::string declaredEncoding(const std::string& document) {
 }
 
 std::optional<std::string> convertedToUtf8(const std::string& document) {
+    if (const char* layout = utf16Layout(document))
+        return utf16ToUtf8(document, layout);
     const auto [at, length] = encodingNameAt(document);
     const std::string encoding = document.substr(at, length);
     if (encoding.empty() || isBuiltIn(encoding) || singleByteTable(encoding))
         return std::nullopt;
-    Converter converter("UTF-8", encoding);
-    if (!converter.isOpen())
-        return std::nullopt;
     std::string result = document.substr(0, at) + "UTF-8";
-    const char* in = document.data() + at + length;
-    std::size_t inLeft = document.size() - at - length;
-    std::string buffer(64 * 1024, '\0');
-    while (inLeft > 0) {
-        char* out = buffer.data();
-        std::size_t outLeft = buffer.size();
-        const bool ok = converter.convert(in, inLeft, out, outLeft);
-        const int error = errno;
-        result.append(buffer.data(), buffer.size() - outLeft);
-        if (ok || error == E2BIG)
-            continue;
-        result += '?'; // a sequence the encoding does not allow, or one cut off at the end
-        ++in;
-        --inLeft;
-        converter.reset();
-    }
+    if (!convertInto(result, iconvName(encoding), document.data() + at + length,
+                     document.size() - at - length))
+        return std::nullopt;
     return result;
 }
 
