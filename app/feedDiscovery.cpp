@@ -169,7 +169,6 @@ void scanTags(const std::string& html, OnTag onTag) {
 
 } // namespace
 
-
 std::vector<FeedLink> discoverFeedLinks(const std::string& html, const std::string& pageAddress) {
     std::string base;
     std::vector<FeedLink> found;

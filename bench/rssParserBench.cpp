@@ -86,10 +86,11 @@ namespace {
 // The same items written as RSS 2.0 and as Atom: 2,000 items of a title, a link, an id, a
 // date, an author and a paragraph of HTML.
 std::string sameItems(bool atom) {
-    std::string text = atom ? "<?xml version=\"1.0\"?>\n<feed xmlns=\"http://www.w3.org/2005/Atom\">"
-                              "<title>Same items</title><link href=\"http://bench.example/\"/>\n"
-                            : "<?xml version=\"1.0\"?>\n<rss version=\"2.0\"><channel>"
-                              "<title>Same items</title><link>http://bench.example/</link>\n";
+    std::string text = atom
+                           ? "<?xml version=\"1.0\"?>\n<feed xmlns=\"http://www.w3.org/2005/Atom\">"
+                             "<title>Same items</title><link href=\"http://bench.example/\"/>\n"
+                           : "<?xml version=\"1.0\"?>\n<rss version=\"2.0\"><channel>"
+                             "<title>Same items</title><link>http://bench.example/</link>\n";
     const std::string paragraph =
         "&lt;p&gt;The quick brown fox jumps over the lazy dog, again and again, while the "
         "reader counts how often &amp;amp; how fast it happens.&lt;/p&gt;";

@@ -115,11 +115,20 @@ bool isVoidElement(const char* name) {
 void appendEscaped(std::string& out, std::string_view text, bool inAttribute) {
     for (const char c : text) {
         switch (c) {
-        case '&': out += "&amp;"; break;
-        case '<': out += "&lt;"; break;
-        case '>': out += "&gt;"; break;
-        case '"': out += inAttribute ? "&quot;" : "\""; break;
-        default: out += c;
+        case '&':
+            out += "&amp;";
+            break;
+        case '<':
+            out += "&lt;";
+            break;
+        case '>':
+            out += "&gt;";
+            break;
+        case '"':
+            out += inAttribute ? "&quot;" : "\"";
+            break;
+        default:
+            out += c;
         }
     }
 }
@@ -333,17 +342,28 @@ void AtomXmlParser::end(Kind kind) {
             field = misc::trimmed(characterData());
     };
     switch (kind) {
-    case Kind::Feed: return endFeed();
-    case Kind::Entry: return endEntry();
-    case Kind::FeedAuthorName: return leaf(m_fields.author);
-    case Kind::FeedGenerator: return leaf(m_fields.generator);
-    case Kind::FeedLogo: return leaf(m_fields.logo);
-    case Kind::FeedUpdated: return leaf(m_fields.updated);
-    case Kind::EntryId: return leaf(m_entry.item.guid);
-    case Kind::EntryAuthorName: return leaf(m_entry.item.author);
-    case Kind::EntryPublished: return leaf(m_entry.published);
-    case Kind::EntryUpdated: return leaf(m_entry.updated);
-    default: return;
+    case Kind::Feed:
+        return endFeed();
+    case Kind::Entry:
+        return endEntry();
+    case Kind::FeedAuthorName:
+        return leaf(m_fields.author);
+    case Kind::FeedGenerator:
+        return leaf(m_fields.generator);
+    case Kind::FeedLogo:
+        return leaf(m_fields.logo);
+    case Kind::FeedUpdated:
+        return leaf(m_fields.updated);
+    case Kind::EntryId:
+        return leaf(m_entry.item.guid);
+    case Kind::EntryAuthorName:
+        return leaf(m_entry.item.author);
+    case Kind::EntryPublished:
+        return leaf(m_entry.published);
+    case Kind::EntryUpdated:
+        return leaf(m_entry.updated);
+    default:
+        return;
     }
 }
 
@@ -352,7 +372,7 @@ void AtomXmlParser::end(Kind kind) {
 void AtomXmlParser::takeLink(const Attributes& attributes, std::string& link, int& linkRank) {
     if (!attributes.href || (attributes.rel && std::strcmp(attributes.rel, "alternate") != 0))
         return;
-    const int rank = !attributes.type                                      ? 1
+    const int rank = !attributes.type ? 1
                      : std::strcmp(attributes.type, "text/html") == 0 ||
                              std::strcmp(attributes.type, "application/xhtml+xml") == 0
                          ? 2
@@ -411,16 +431,27 @@ void AtomXmlParser::copyEndTag(const char* name, std::size_t depth) {
 void AtomXmlParser::endTextConstruct(Kind kind) {
     m_textDepth = 0;
     switch (kind) {
-    case Kind::FeedTitle: m_fields.title = std::move(m_text); break;
-    case Kind::FeedSubtitle: m_fields.subtitle = std::move(m_text); break;
-    case Kind::FeedRights: m_fields.rights = std::move(m_text); break;
-    case Kind::EntryTitle: m_entry.item.title = std::move(m_text); break;
-    case Kind::EntrySummary: m_entry.item.description = std::move(m_text); break;
+    case Kind::FeedTitle:
+        m_fields.title = std::move(m_text);
+        break;
+    case Kind::FeedSubtitle:
+        m_fields.subtitle = std::move(m_text);
+        break;
+    case Kind::FeedRights:
+        m_fields.rights = std::move(m_text);
+        break;
+    case Kind::EntryTitle:
+        m_entry.item.title = std::move(m_text);
+        break;
+    case Kind::EntrySummary:
+        m_entry.item.description = std::move(m_text);
+        break;
     case Kind::EntryContent: // the summary, when there is one, is the shorter text
         if (m_entry.item.description.empty())
             m_entry.item.description = std::move(m_text);
         break;
-    default: break;
+    default:
+        break;
     }
     m_text.clear();
 }

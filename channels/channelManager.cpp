@@ -39,8 +39,8 @@ ChannelManager::ChannelManager(std::string channelsDir, ChannelManagerOptions op
 }
 
 void ChannelManager::setFeedFormats(FeedFormats formats) {
-    m_feedFormats = (formats.atom ? 1u : 0u) | (formats.json ? 2u : 0u) |
-                    (formats.convertEncodings ? 4u : 0u);
+    m_feedFormats =
+        (formats.atom ? 1u : 0u) | (formats.json ? 2u : 0u) | (formats.convertEncodings ? 4u : 0u);
 }
 
 FeedFormats ChannelManager::feedFormats() const {

@@ -59,7 +59,8 @@ Json parseJson(const std::string& text, int depthLimit) {
         return Json::parse(text, limitDepth);
     } catch (const Json::exception& failure) {
         std::string reason = failure.what();
-        if (const std::size_t bracket = reason.find("] "); reason[0] == '[' && bracket != reason.npos)
+        if (const std::size_t bracket = reason.find("] ");
+            reason[0] == '[' && bracket != reason.npos)
             reason.erase(0, bracket + 2); // the library's own error name
         throw Exception("JSON parse failed: " + reason);
     }
@@ -91,7 +92,8 @@ CollectedItem collect(const Json& entry, const std::string& feedAuthor) {
 std::unique_ptr<Feed> parseJsonFeed(const ParseOptions& options, const std::string& text,
                                     int maxItems, std::ostream* parseLog) {
     const Json document = parseJson(text, options.depthLimit);
-    if (!document.is_object() || textOf(document, "version").rfind("https://jsonfeed.org/version/", 0) != 0)
+    if (!document.is_object() ||
+        textOf(document, "version").rfind("https://jsonfeed.org/version/", 0) != 0)
         throw Exception("Not a JSON feed.");
     auto feed = std::make_unique<Feed>();
     readChannel(document, feed->channel());

@@ -316,8 +316,8 @@ std::unique_ptr<Feed> RssParser::parse(const ParseOptions& options, const std::s
     if (options.formats.convertEncodings)
         converted = expat::convertedToUtf8(feedText);
     const std::string& text = converted ? *converted : feedText;
-    if (auto other = parseOtherFormat(options, text, maxItems,
-                                      parseLog.is_open() ? &parseLog : nullptr))
+    if (auto other =
+            parseOtherFormat(options, text, maxItems, parseLog.is_open() ? &parseLog : nullptr))
         return other;
     auto feed = std::make_unique<Feed>();
     RssXmlParser parser(*feed, maxItems, options.itemLimit,

@@ -88,8 +88,8 @@ int runParse(const CommandContext& context) {
 
 } // namespace
 
-extern const Command kParseCommand{
-    "parse", kParseUsage,
-    "parses a feed file and prints it as a channel file stores it", &runParse};
+extern const Command kParseCommand{"parse", kParseUsage,
+                                   "parses a feed file and prints it as a channel file stores it",
+                                   &runParse};
 
 } // namespace cli

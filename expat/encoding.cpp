@@ -98,9 +98,11 @@ bool convertInto(std::string& result, const std::string& encoding, const char* i
 // The byte order of a document laid out in UTF-16 (by its byte-order mark or its first
 // "<?"), or null.
 const char* utf16Layout(const std::string& document) {
-    if (document.compare(0, 2, "\xFE\xFF") == 0 || document.compare(0, 4, std::string("\0<\0?", 4)) == 0)
+    if (document.compare(0, 2, "\xFE\xFF") == 0 ||
+        document.compare(0, 4, std::string("\0<\0?", 4)) == 0)
         return "UTF-16BE";
-    if (document.compare(0, 2, "\xFF\xFE") == 0 || document.compare(0, 4, std::string("<\0?\0", 4)) == 0)
+    if (document.compare(0, 2, "\xFF\xFE") == 0 ||
+        document.compare(0, 4, std::string("<\0?\0", 4)) == 0)
         return "UTF-16LE";
     return nullptr;
 }

@@ -298,11 +298,11 @@ void CPreviewPage::showResult(const app::FeedPreview& preview) {
                                                                : tr("Read Atom feeds from now on"));
     m_turnOn.setVisible(!preview.formatOption.empty());
     if (!preview.formatOption.empty())
-        m_error.setText(fromEngine(preview.error) + "\n" +
-                        tr("This is %1 feed, which is read only with the option \"%2\" on.")
-                            .arg(preview.formatOption == "AcceptJsonFeeds" ? tr("a JSON")
-                                                                           : tr("an Atom"),
-                                 fromEngine(preview.formatOption)));
+        m_error.setText(
+            fromEngine(preview.error) + "\n" +
+            tr("This is %1 feed, which is read only with the option \"%2\" on.")
+                .arg(preview.formatOption == "AcceptJsonFeeds" ? tr("a JSON") : tr("an Atom"),
+                     fromEngine(preview.formatOption)));
     if (!preview.links.empty()) { // a feed chosen from the page keeps the page's list
         m_links.clear();
         for (const app::FeedLink& link : preview.links)

@@ -1,5 +1,5 @@
-#include "channels/exception.h"
 #include "channels/feedFormats.h"
+#include "channels/exception.h"
 #include "channels/rssParser.h"
 #include "expat/encoding.h"
 
@@ -91,8 +91,8 @@ TEST(AtomFeeds, EntriesBecomeItemsThroughTheSharedSteps) {
                    "Entry Author", "2024-04-01T00:00:00Z"));
     // No id: the link is the id; no title: one is made from the content; the author comes
     // from the feed; updated stands in for published; the inner xml:base applies.
-    EXPECT_EQ(feed->items()[1], item("http://other.example/dir/two",
-                                     "One two three four five six.", "http://other.example/dir/two",
+    EXPECT_EQ(feed->items()[1], item("http://other.example/dir/two", "One two three four five six.",
+                                     "http://other.example/dir/two",
                                      "<p>One two three four five six. Seven</p><br />",
                                      "Feed Author", "2024-04-03T00:00:00Z"));
     EXPECT_EQ(feed->items()[2], item("http://blog.example/home/", "No id, no link",
@@ -165,9 +165,9 @@ TEST(JsonFeeds, ItemsComeFromEitherVersion) {
     ASSERT_EQ(feed->itemCount(), 3u);
     EXPECT_EQ(feed->items()[0], item("17", "Seventeen", "https://j.example/17",
                                      "<p>Seventeen ?</p>", "Item Author", "2024-01-01T00:00:00Z"));
-    EXPECT_EQ(feed->items()[1], item("b", "One two three four five six.", "b",
-                                     "One two three four five six. Seven", "Old Style",
-                                     "2024-01-02T00:00:00Z"));
+    EXPECT_EQ(feed->items()[1],
+              item("b", "One two three four five six.", "b", "One two three four five six. Seven",
+                   "Old Style", "2024-01-02T00:00:00Z"));
     EXPECT_EQ(feed->items()[2], item("https://elsewhere.example/", "Sum",
                                      "https://elsewhere.example/", "Sum", "Feed Author"));
 }
@@ -181,9 +181,9 @@ TEST(JsonFeeds, FailuresSayWhatIsWrong) {
               "The channel returned no items.");
     ParseOptions shallow = allFormats();
     shallow.depthLimit = 3;
-    EXPECT_EQ(failureOf(R"({"version": "https://jsonfeed.org/version/1", "x": [[[[1]]]]})",
-                        shallow),
-              "The document nests elements deeper than 3 levels");
+    EXPECT_EQ(
+        failureOf(R"({"version": "https://jsonfeed.org/version/1", "x": [[[[1]]]]})", shallow),
+        "The document nests elements deeper than 3 levels");
     ParseOptions off;
     EXPECT_EQ(failureOf(R"({"version": "https://jsonfeed.org/version/1"})", off)
                   .rfind("XML parse failed (4:", 0),

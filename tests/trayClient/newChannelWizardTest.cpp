@@ -176,8 +176,9 @@ int main(int argc, char** argv) { return client_testing::runClientTests(argc, ar
 
 TEST_F(NewChannelWizard, AnAtomFeedOffersToTurnItsOptionOnAndThenPreviews) {
     m_environment.paths.configFile = m_home.file("config.ini");
-    writeFile(m_home.file("atom.xml"), "<feed xmlns='http://www.w3.org/2005/Atom'><title>Ateam"
-                                       "</title><entry><id>1</id><title>One</title></entry></feed>");
+    writeFile(m_home.file("atom.xml"),
+              "<feed xmlns='http://www.w3.org/2005/Atom'><title>Ateam"
+              "</title><entry><id>1</id><title>One</title></entry></feed>");
     CNewChannelWizard wizard(m_manager, m_settings, m_environment);
     wizard.show();
     wizard.setAddress(QString::fromStdString(m_home.file("atom.xml")));
