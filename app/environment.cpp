@@ -73,6 +73,7 @@ channels::ChannelManagerOptions managerOptions(const GlobalOptions& options) {
     result.logChannelProcessing = options.logChannelProcessing;
     result.feedItemLimit = options.maxItemsPerFeed;
     result.feedDepthLimit = options.maxFeedNestingDepth;
+    result.feedFormats = options.feedFormats();
     return result;
 }
 

@@ -3,6 +3,8 @@
 // link elements matter.
 #pragma once
 
+#include "tools/address.h"
+
 #include <string>
 #include <vector>
 
@@ -24,9 +26,7 @@ struct FeedLink {
 // decoded. Links inside comments, scripts and styles don't count.
 std::vector<FeedLink> discoverFeedLinks(const std::string& html, const std::string& pageAddress);
 
-// The reference made absolute against base, as browsers resolve links ("../a", "/a",
-// "//host/a", "?q"); a base that is a local path (no scheme) resolves as a path.
-std::string resolveAddress(const std::string& base, const std::string& reference);
+using tools::resolveAddress;
 
 // True when the text's beginning shows an HTML document (a doctype or an html element)
 // rather than a feed.

@@ -2,6 +2,7 @@
 
 #include "channels/common.h"
 #include "channels/exception.h"
+#include "channels/feedFormats.h"
 #include "channels/rssChannel.h"
 #include "channels/rssParser.h"
 #include "tools/localFile.h"
@@ -16,6 +17,21 @@ namespace {
 // A local path rather than an address: it has neither a scheme nor "file:".
 bool isLocalPath(const std::string& address) {
     return address.find("://") == std::string::npos && address.rfind("file:", 0) != 0;
+}
+
+// The option that would let the parser read the text, when it is off.
+std::string formatOptionFor(const std::string& text, const channels::FeedFormats& formats) {
+    switch (channels::detectFeedFormat(text)) {
+    case channels::FeedFormat::Atom:
+        return formats.atom ? "" : "AcceptAtomFeeds";
+    case channels::FeedFormat::Json: // any JSON answer starts so: it must name its version
+        return formats.json || text.find("jsonfeed.org/version") == std::string::npos
+                   ? ""
+                   : "AcceptJsonFeeds";
+    case channels::FeedFormat::Xml:
+        break;
+    }
+    return "";
 }
 
 } // namespace
@@ -59,6 +75,8 @@ FeedPreview FeedPreviewer::preview(const std::string& address) {
         options.channelName = address;
         options.itemLimit = m_options.manager.feedItemLimit;
         options.depthLimit = m_options.manager.feedDepthLimit;
+        options.formats = m_options.manager.feedFormats;
+        options.documentAddress = address;
         channels::RssParser parser;
         const auto feed = channels::parseFeed(parser, options, text, m_options.maxItems);
         result.channel = feed->channel();
@@ -69,6 +87,7 @@ FeedPreview FeedPreviewer::preview(const std::string& address) {
             result.error = "Can't update the feed.";
         if (looksLikeHtml(text))
             result.links = discoverFeedLinks(text, address);
+        result.formatOption = formatOptionFor(text, m_options.manager.feedFormats);
     }
     return result;
 }

@@ -27,6 +27,9 @@ struct FeedPreview {
     // When the address gave an HTML page: the feeds it offers (error then holds the parse
     // error).
     std::vector<FeedLink> links;
+    // When the address gave an Atom or JSON feed that the options don't let the parser read:
+    // the option that would ("AcceptAtomFeeds", "AcceptJsonFeeds"); empty otherwise.
+    std::string formatOption;
 
     bool isFeed() const { return error.empty(); }
 };

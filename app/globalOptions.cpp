@@ -97,6 +97,9 @@ const Option kOptions[] = {
     {"AppServerPortNo", &G::appServerPortNo, 1000, 65535},
     {"MaxItemsPerFeed", &G::maxItemsPerFeed, 0, 100000000},
     {"MaxFeedNestingDepth", &G::maxFeedNestingDepth, 0, 100000},
+    {"AcceptAtomFeeds", &G::acceptAtomFeeds},
+    {"AcceptJsonFeeds", &G::acceptJsonFeeds},
+    {"ConvertUnknownEncodings", &G::convertUnknownEncodings},
 };
 
 struct Reader {
@@ -207,6 +210,10 @@ tools::NetOptions GlobalOptions::netOptions() const {
     net.maxBodyBytes = static_cast<std::uint64_t>(maxDownloadSizeKB) * 1024u;
     net.maxTransferSeconds = maxTransferTime;
     return net;
+}
+
+channels::FeedFormats GlobalOptions::feedFormats() const {
+    return channels::FeedFormats{acceptAtomFeeds, acceptJsonFeeds, convertUnknownEncodings};
 }
 
 } // namespace app

@@ -2,6 +2,7 @@
 // file types of global.ini.
 #pragma once
 
+#include "channels/rssParser.h"
 #include "tools/net.h"
 
 #include <map>
@@ -90,6 +91,10 @@ public:
     // What one feed may hold.
     int maxItemsPerFeed = 500000;   // "MaxItemsPerFeed", 0 = none
     int maxFeedNestingDepth = 1000; // "MaxFeedNestingDepth", 0 = none
+    // What feeds may be besides RSS in the encodings expat knows.
+    bool acceptAtomFeeds = false;         // "AcceptAtomFeeds"
+    bool acceptJsonFeeds = false;         // "AcceptJsonFeeds"
+    bool convertUnknownEncodings = false; // "ConvertUnknownEncodings"
 
     // The local app server's port ("/subscribe").
     int appServerPortNo = 2604; // "AppServerPortNo"
@@ -111,6 +116,7 @@ public:
     bool saveScriptFileTypes(const std::string& globalIniFile) const;
 
     tools::NetOptions netOptions() const;
+    channels::FeedFormats feedFormats() const;
 
 private:
     std::string m_configFile;

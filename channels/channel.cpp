@@ -124,7 +124,9 @@ std::unique_ptr<Feed> parseFeed(RssParser& parser, Channel& channel, const std::
     if (const ChannelManager* manager = channel.manager()) {
         options.itemLimit = manager->options().feedItemLimit;
         options.depthLimit = manager->options().feedDepthLimit;
+        options.formats = manager->feedFormats();
     }
+    options.documentAddress = channel.address();
     return parseFeed(parser, options, feedText, maxItems);
 }
 

@@ -34,7 +34,18 @@ ChannelManager::ChannelManager(std::string channelsDir, ChannelManagerOptions op
     : m_channelsDir(std::move(channelsDir)), m_options(std::move(options)),
       m_clock(clock ? std::move(clock) : Clock([] { return std::time(nullptr); })),
       m_appPluginServerPort(m_options.appPluginServerPort) {
+    setFeedFormats(m_options.feedFormats);
     PELSU_LOG(channelManagerGroup(), "Channel Manager created: " << m_channelsDir);
+}
+
+void ChannelManager::setFeedFormats(FeedFormats formats) {
+    m_feedFormats =
+        (formats.atom ? 1u : 0u) | (formats.json ? 2u : 0u) | (formats.convertEncodings ? 4u : 0u);
+}
+
+FeedFormats ChannelManager::feedFormats() const {
+    const unsigned bits = m_feedFormats.load();
+    return FeedFormats{(bits & 1u) != 0, (bits & 2u) != 0, (bits & 4u) != 0};
 }
 
 ChannelManager::~ChannelManager() {

@@ -7,6 +7,7 @@
 
 #include "channels/channel.h"
 #include "channels/events.h"
+#include "channels/rssParser.h"
 #include "tools/net.h"
 
 #include <atomic>
@@ -32,6 +33,7 @@ struct ChannelManagerOptions {
     tools::NetOptions net;             // time limits, size limit, port and TLS rules
     int feedItemLimit = 500000;        // "MaxItemsPerFeed"
     int feedDepthLimit = 1000;         // "MaxFeedNestingDepth"
+    FeedFormats feedFormats;           // at start; feedFormats() has the current ones
     unsigned stopWaitMs = 30000;       // how long stop waits for the worker
 };
 
@@ -84,6 +86,10 @@ public:
     // fetches.
     void changeLoopbackPort(int oldPort, int newPort);
     int appPluginServerPort() const { return m_appPluginServerPort.load(); }
+    // The formats and encodings feeds are read in; a change applies from the next parse on,
+    // also while the worker runs.
+    void setFeedFormats(FeedFormats formats);
+    FeedFormats feedFormats() const;
 
     // One pass of the worker over the due and requested channels, on the calling thread
     // (the worker calls it every second; tests call it directly with their clock).
@@ -126,6 +132,7 @@ private:
     std::atomic<bool> m_forcedStop{false};
     // Read by the worker for loopback feeds while the user moves the server.
     std::atomic<int> m_appPluginServerPort;
+    std::atomic<unsigned> m_feedFormats; // FeedFormats as bits, read by the worker
 };
 
 } // namespace channels

@@ -2,6 +2,8 @@
 
 #include "channels/common.h"
 #include "channels/exception.h"
+#include "channels/feedFormats.h"
+#include "expat/encoding.h"
 #include "expat/parser.h"
 #include "htmlStripper/htmlStripper.h"
 #include "lib/log/log.h"
@@ -11,6 +13,7 @@
 #include <cctype>
 #include <cstdlib>
 #include <fstream>
+#include <optional>
 
 namespace channels {
 
@@ -179,28 +182,13 @@ void RssXmlParser::startItem() {
 
 void RssXmlParser::endItem() {
     if (m_itemLimit > 0 && ++m_itemsSeen > m_itemLimit) {
-        abort("The feed holds more than " + std::to_string(m_itemLimit) +
-              " items, the limit set by MaxItemsPerFeed");
+        abort(tooManyItemsMessage(m_itemLimit));
         return;
     }
-    if (m_maxItems >= 1 && m_feed.itemCount() >= static_cast<std::size_t>(m_maxItems))
-        return;
-    if (m_itemLink.empty())
-        m_itemLink = m_guid.empty() ? m_link : m_guid;
-    trace("Saving the new item.");
-    std::string title = m_itemTitle;
-    if (title.empty())
-        title = makeTitle(m_itemDescription, m_itemLink);
-    FeedItem item;
-    item.id = m_guid.empty() ? m_itemLink : m_guid;
-    item.title = cleanFeedText(title);
-    item.description = cleanFeedText(m_itemDescription);
-    item.url = m_itemLink;
-    item.source = m_source;
-    item.author = m_author;
-    item.commentsUrl = m_comments;
-    item.pubDateString = m_itemPubDate;
-    m_feed.appendItem(std::move(item));
+    CollectedItem item{m_guid,   m_itemLink, m_itemTitle, m_itemDescription,
+                       m_source, m_author,   m_comments,  m_itemPubDate};
+    saveCollectedItem(m_feed, item, m_link, m_maxItems, m_parseLog);
+    m_itemLink = std::move(item.link); // an item nested in this one sees the link it was given
 }
 
 void RssXmlParser::endLink() {
@@ -258,6 +246,33 @@ void logFeed(const ParseOptions& options, const Feed& feed) {
 
 } // namespace
 
+void saveCollectedItem(Feed& feed, CollectedItem& item, const std::string& channelLink,
+                       int maxItems, std::ostream* parseLog) {
+    if (maxItems >= 1 && feed.itemCount() >= static_cast<std::size_t>(maxItems))
+        return;
+    if (item.link.empty())
+        item.link = item.guid.empty() ? channelLink : item.guid;
+    if (parseLog)
+        *parseLog << "Saving the new item.\n";
+    if (item.title.empty())
+        item.title = makeTitle(item.description, item.link);
+    FeedItem saved;
+    saved.id = item.guid.empty() ? item.link : std::move(item.guid);
+    saved.title = cleanFeedText(item.title);
+    saved.description = cleanFeedText(item.description);
+    saved.url = item.link;
+    saved.source = std::move(item.source);
+    saved.author = std::move(item.author);
+    saved.commentsUrl = std::move(item.comments);
+    saved.pubDateString = std::move(item.pubDate);
+    feed.appendItem(std::move(saved));
+}
+
+std::string tooManyItemsMessage(int limit) {
+    return "The feed holds more than " + std::to_string(limit) +
+           " items, the limit set by MaxItemsPerFeed";
+}
+
 std::string cleanFeedText(const std::string& text) {
     std::string cleaned = misc::trimmed(text);
     for (char& c : cleaned)
@@ -297,16 +312,24 @@ std::unique_ptr<Feed> RssParser::parse(const ParseOptions& options, const std::s
         parseLog.open(options.parseLogPath, std::ios::trunc);
     if (feedText.empty())
         throw Exception("Empty RSS feed.");
+    std::optional<std::string> converted;
+    if (options.formats.convertEncodings)
+        converted = expat::convertedToUtf8(feedText);
+    const std::string& text = converted ? *converted : feedText;
+    if (auto other =
+            parseOtherFormat(options, text, maxItems, parseLog.is_open() ? &parseLog : nullptr))
+        return other;
     auto feed = std::make_unique<Feed>();
     RssXmlParser parser(*feed, maxItems, options.itemLimit,
                         parseLog.is_open() ? &parseLog : nullptr);
     parser.setMaxDepth(static_cast<std::size_t>(std::max(options.depthLimit, 0)));
+    parser.setReadUnknownEncodings(options.formats.convertEncodings);
     // Traces of every element, the tag stack and the text, off unless switched on by name.
     static msglog::MsgGroup& elements = msglog::registerQuietMsgGroup("XmlElements");
     static msglog::MsgGroup& tagStack = msglog::registerQuietMsgGroup("XmlTagStack");
     static msglog::MsgGroup& characterData = msglog::registerQuietMsgGroup("XmlCharacterData");
     parser.setTraceGroups(&elements, &tagStack, &characterData);
-    parser.parse(feedText.data(), feedText.size());
+    parser.parse(text.data(), text.size());
     if (!parser.isRss())
         throw Exception("Not an RSS feed.");
     return feed;

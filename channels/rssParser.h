@@ -1,14 +1,26 @@
-// Turns the bytes of an RSS 0.9x/2.0 or RSS 1.0 document into a Feed.
+// Turns the bytes of an RSS 0.9x/2.0 or RSS 1.0 document into a Feed (and, when the options
+// accept them, of an Atom or JSON Feed document).
 #pragma once
 
 #include "channels/feed.h"
 
+#include <iosfwd>
 #include <memory>
 #include <string>
 
 namespace channels {
 
 class Channel;
+
+// The documents a parse reads besides RSS; all off, it reads RSS alone and expat's own
+// encodings, as it always has.
+struct FeedFormats {
+    bool atom = false;             // "AcceptAtomFeeds"
+    bool json = false;             // "AcceptJsonFeeds"
+    bool convertEncodings = false; // "ConvertUnknownEncodings": iconv's encodings besides expat's
+
+    bool operator==(const FeedFormats&) const = default;
+};
 
 // What a parse needs to know about the channel it parses for.
 struct ParseOptions {
@@ -21,6 +33,13 @@ struct ParseOptions {
     // refused with an error ("MaxItemsPerFeed", "MaxFeedNestingDepth"; 0: no limit).
     int itemLimit = 500000;
     int depthLimit = 1000;
+    FeedFormats formats;
+    std::string documentAddress; // what relative links of an Atom feed resolve against
+};
+
+// One item's fields as a parser found them, before anything is made of them.
+struct CollectedItem {
+    std::string guid, link, title, description, source, author, comments, pubDate;
 };
 
 class RssParser {
@@ -38,6 +57,16 @@ std::unique_ptr<Feed> parseFeed(RssParser& parser, const ParseOptions& options,
 // The same with the options taken from the channel.
 std::unique_ptr<Feed> parseFeed(RssParser& parser, Channel& channel, const std::string& feedText,
                                 int maxItems);
+
+// What becomes of every collected item, whatever the format: dropped when the feed already
+// holds maxItems (at least 1) items; otherwise the link falls back to the guid and then to the
+// channel link, a missing title is made from the description, title and description are
+// cleaned, and the item (with the guid, else the link, as its id) joins the feed. The item's
+// link is left as it was saved.
+void saveCollectedItem(Feed& feed, CollectedItem& item, const std::string& channelLink,
+                       int maxItems, std::ostream* parseLog);
+// The error of a feed with more than limit items ("MaxItemsPerFeed").
+std::string tooManyItemsMessage(int limit);
 
 // Title and description clean-up: trimmed, line breaks as blanks, entities decoded.
 std::string cleanFeedText(const std::string& text);

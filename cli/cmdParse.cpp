@@ -8,21 +8,26 @@
 #include <iostream>
 #include <iterator>
 #include <limits>
+#include <optional>
 #include <sstream>
 
 namespace cli {
 
 namespace {
 
+const char* const kParseUsage = "FILE [--max-items N] [--allow-empty] [--no-skip-binary] [--atom] "
+                                "[--json] [--convert-encodings] [--address URL]";
+
 int usageError(const std::string& message) {
     std::cerr << "pelsu-cli parse: " << message << "\n"
-              << "usage: pelsu-cli parse FILE [--max-items N] [--allow-empty] [--no-skip-binary]\n";
+              << "usage: pelsu-cli parse " << kParseUsage << "\n";
     return kExitUsage;
 }
 
 int runParse(const CommandContext& context) {
     std::string file;
     int maxItems = -1;
+    std::optional<std::string> address;
     channels::ParseOptions options;
     options.channelName = "parse";
     const auto& args = context.args;
@@ -39,6 +44,14 @@ int runParse(const CommandContext& context) {
             options.allowEmptyFeeds = true;
         } else if (args[i] == "--no-skip-binary") {
             options.skipLeadingBinaryData = false;
+        } else if (args[i] == "--atom") {
+            options.formats.atom = true;
+        } else if (args[i] == "--json") {
+            options.formats.json = true;
+        } else if (args[i] == "--convert-encodings") {
+            options.formats.convertEncodings = true;
+        } else if (args[i] == "--address" && i + 1 < args.size()) {
+            address = args[++i];
         } else if (file.empty() && (args[i].empty() || args[i][0] != '-')) {
             file = args[i];
         } else {
@@ -47,6 +60,8 @@ int runParse(const CommandContext& context) {
     }
     if (file.empty())
         return usageError("no feed file given");
+    // Relative links resolve as they would for a channel that reads the file.
+    options.documentAddress = address ? *address : file;
     std::ifstream in(file, std::ios::binary);
     if (!in) {
         std::cerr << "Can't open file: " << file << '\n';
@@ -73,8 +88,8 @@ int runParse(const CommandContext& context) {
 
 } // namespace
 
-extern const Command kParseCommand{
-    "parse", "FILE [--max-items N] [--allow-empty] [--no-skip-binary]",
-    "parses a feed file and prints it as a channel file stores it", &runParse};
+extern const Command kParseCommand{"parse", kParseUsage,
+                                   "parses a feed file and prints it as a channel file stores it",
+                                   &runParse};
 
 } // namespace cli

@@ -1,5 +1,6 @@
 #include "expat/parser.h"
 
+#include "expat/encoding.h"
 #include "lib/log/log.h"
 
 #include <expat.h>
@@ -17,6 +18,17 @@ struct Callbacks {
     }
     static void XMLCALL characters(void* user, const XML_Char* text, int length) {
         static_cast<Parser*>(user)->characters(text, length);
+    }
+    static int XMLCALL unknownEncoding(void*, const XML_Char* name, XML_Encoding* info) {
+        const auto table = singleByteTable(name);
+        if (!table)
+            return XML_STATUS_ERROR;
+        for (std::size_t byte = 0; byte < table->size(); ++byte)
+            info->map[byte] = (*table)[byte];
+        info->data = nullptr;
+        info->convert = nullptr;
+        info->release = nullptr;
+        return XML_STATUS_OK;
     }
 };
 
@@ -78,6 +90,8 @@ void Parser::parse(const char* data, std::size_t length) {
     m_tagStack.clear();
     m_characterData.clear();
     m_abortMessage.clear();
+    if (m_readUnknownEncodings)
+        XML_SetUnknownEncodingHandler(handle, &Callbacks::unknownEncoding, nullptr);
     try {
         parseBuffer(data, length);
     } catch (...) {
@@ -125,6 +139,7 @@ void Parser::abort(const std::string& message) {
 
 void Parser::onStartElement(const char*, const char**) {}
 void Parser::onEndElement(const char*) {}
+void Parser::onText(const char*, std::size_t) {}
 
 bool Parser::isParent(const char* name) const {
     return m_tagStack.size() >= 2 &&
@@ -186,6 +201,7 @@ void Parser::characters(const char* text, int length) {
     if (m_characterDataGroup && m_characterDataGroup->isEnabled())
         PELSU_LOG(*m_characterDataGroup,
                   "CHARACTER DATA: " << std::string(text, static_cast<std::size_t>(length)));
+    onText(text, static_cast<std::size_t>(length));
     appendUtf8AsLatin1(m_characterData, text, static_cast<std::size_t>(length));
 }
 

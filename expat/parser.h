@@ -50,6 +50,9 @@ public:
 
     // Elements open at once beyond this many end the parse with an error (0: no limit).
     void setMaxDepth(std::size_t depth) { m_maxDepth = depth; }
+    // Whether a document in a single-byte encoding expat does not know is read through iconv's
+    // table for it (off: it fails with expat's "unknown encoding").
+    void setReadUnknownEncodings(bool on) { m_readUnknownEncodings = on; }
 
     // Trace groups; null (the default) writes no trace.
     void setTraceGroups(msglog::MsgGroup* elements, msglog::MsgGroup* tagStack,
@@ -60,6 +63,9 @@ protected:
     virtual void parseBuffer(const char* data, std::size_t length);
     virtual void onStartElement(const char* name, const char** attributes);
     virtual void onEndElement(const char* name);
+    // Hook for every piece of text as expat hands it over (UTF-8), before it joins the
+    // character data; the base version does nothing.
+    virtual void onText(const char* text, std::size_t length);
     // Ends the parse from inside a handler; parse then throws expat::Exception with the
     // message followed by the line and column.
     void abort(const std::string& message);
@@ -77,6 +83,7 @@ private:
     std::vector<std::string> m_tagStack;
     std::string m_characterData;
     std::size_t m_maxDepth = 0;
+    bool m_readUnknownEncodings = false;
     std::string m_abortMessage;
     msglog::MsgGroup* m_elementGroup = nullptr;
     msglog::MsgGroup* m_tagStackGroup = nullptr;

@@ -107,6 +107,7 @@ void CClientDialogs::globalOptions() {
     if (dialog.exec() != QDialog::Accepted)
         return;
     m_mainFrame.applyOptions(m_environment.options);
+    m_manager.setFeedFormats(m_environment.options.feedFormats());
     emit optionsChanged();
 }
 

@@ -50,7 +50,15 @@ QString paramEditorValue(const QWidget* editor) {
 // --- the preview runner -----------------------------------------------------------------
 
 CPreviewRunner::CPreviewRunner(app::PreviewOptions options, QObject* parent)
-    : QObject(parent), m_previewer(std::make_shared<app::FeedPreviewer>(std::move(options))) {}
+    : QObject(parent), m_options(std::move(options)),
+      m_previewer(std::make_shared<app::FeedPreviewer>(m_options)) {}
+
+void CPreviewRunner::setFeedFormats(const channels::FeedFormats& formats) {
+    // A previewer's options are fixed while its threads run, so later previews get a new one.
+    m_options.manager.feedFormats = formats;
+    m_previewer->abort();
+    m_previewer = std::make_shared<app::FeedPreviewer>(m_options);
+}
 
 CPreviewRunner::~CPreviewRunner() {
     // A preview waiting for the network ends at once; none outlives the runner.
@@ -236,9 +244,12 @@ public:
         m_error.setWordWrap(true);
         m_error.setTextInteractionFlags(Qt::TextSelectableByMouse);
         m_links.setObjectName("feedLinks");
-        for (QWidget* widget : std::initializer_list<QWidget*>{&m_busy, &m_title, &m_items,
-                                                               &m_error, &m_linksLabel, &m_links})
+        m_turnOn.setObjectName("turnOnFormat");
+        for (QWidget* widget : std::initializer_list<QWidget*>{
+                 &m_busy, &m_title, &m_items, &m_error, &m_turnOn, &m_linksLabel, &m_links})
             layout->addWidget(widget);
+        m_turnOn.hide();
+        connect(&m_turnOn, &QPushButton::clicked, this, [this] { m_wizard.turnOnFormatOption(); });
         m_linksLabel.setText(tr("This page is not a feed, but it offers these feeds:"));
         connect(&m_links, &QListWidget::itemActivated, this,
                 [this](QListWidgetItem* item) { m_wizard.chooseFeedLink(m_links.row(item)); });
@@ -254,7 +265,7 @@ public:
     void showRunning(const QString& address) {
         m_busy.show();
         m_title.setText(tr("Fetching %1 ...").arg(address));
-        for (QWidget* widget : std::initializer_list<QWidget*>{&m_items, &m_error})
+        for (QWidget* widget : std::initializer_list<QWidget*>{&m_items, &m_error, &m_turnOn})
             widget->hide();
         m_links.setVisible(m_links.count() > 0); // a page's list stays while one of it is fetched
         m_linksLabel.setVisible(m_links.count() > 0);
@@ -268,6 +279,7 @@ private:
     QLabel m_title;
     QListWidget m_items;
     QLabel m_error;
+    QPushButton m_turnOn;
     QLabel m_linksLabel;
     QListWidget m_links;
 };
@@ -281,6 +293,16 @@ void CPreviewPage::showResult(const app::FeedPreview& preview) {
     m_items.setVisible(preview.isFeed());
     m_error.setText(fromEngine(preview.error));
     m_error.setVisible(!preview.isFeed() && preview.links.empty());
+    // The feed is one the parser reads only with an option on: offer to turn it on.
+    m_turnOn.setText(preview.formatOption == "AcceptJsonFeeds" ? tr("Read JSON feeds from now on")
+                                                               : tr("Read Atom feeds from now on"));
+    m_turnOn.setVisible(!preview.formatOption.empty());
+    if (!preview.formatOption.empty())
+        m_error.setText(
+            fromEngine(preview.error) + "\n" +
+            tr("This is %1 feed, which is read only with the option \"%2\" on.")
+                .arg(preview.formatOption == "AcceptJsonFeeds" ? tr("a JSON") : tr("an Atom"),
+                     fromEngine(preview.formatOption)));
     if (!preview.links.empty()) { // a feed chosen from the page keeps the page's list
         m_links.clear();
         for (const app::FeedLink& link : preview.links)
@@ -388,7 +410,7 @@ app::PreviewOptions previewOptions(const app::Environment& environment) {
 
 CNewChannelWizard::CNewChannelWizard(channels::ChannelManager& manager,
                                      ChannelDesktopSettingsTable& settings,
-                                     const app::Environment& environment, QWidget* parent,
+                                     app::Environment& environment, QWidget* parent,
                                      const QString& address)
     : QWizard(parent), m_manager(manager), m_settings(settings), m_environment(environment),
       m_runner(new CPreviewRunner(previewOptions(environment), this)),
@@ -427,6 +449,24 @@ void CNewChannelWizard::onPreview(const app::FeedPreview& preview) {
     m_preview = preview;
     m_previewPage->showResult(preview);
     emit previewFinished();
+}
+
+bool CNewChannelWizard::turnOnFormatOption() {
+    app::GlobalOptions& options = m_environment.options;
+    const std::string& key = m_preview.formatOption;
+    if (key.empty())
+        return false;
+    (key == "AcceptJsonFeeds" ? options.acceptJsonFeeds : options.acceptAtomFeeds) = true;
+    if (!options.save(m_environment.paths.configFile)) {
+        (key == "AcceptJsonFeeds" ? options.acceptJsonFeeds : options.acceptAtomFeeds) = false;
+        m_preview.error = "Can't save the global options: " + m_environment.paths.configFile;
+        m_previewPage->showResult(m_preview);
+        return false;
+    }
+    m_manager.setFeedFormats(options.feedFormats());
+    m_runner->setFeedFormats(options.feedFormats());
+    startPreview(m_previewedAddress);
+    return true;
 }
 
 void CNewChannelWizard::chooseFeedLink(int index) {

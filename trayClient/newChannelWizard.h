@@ -42,6 +42,8 @@ public:
     // Starts a preview of the address; a result of an earlier request will not be delivered.
     void start(const QString& address);
     bool isRunning() const { return m_running; }
+    // Later previews read these formats; one under way is cut short.
+    void setFeedFormats(const channels::FeedFormats& formats);
 
 signals:
     void finished(const app::FeedPreview& preview);
@@ -49,6 +51,7 @@ signals:
 private:
     void deliver(unsigned request, const app::FeedPreview& preview);
 
+    app::PreviewOptions m_options;
     std::shared_ptr<app::FeedPreviewer> m_previewer;
     struct Job {
         std::thread thread;
@@ -68,7 +71,7 @@ public:
     // The wizard starts at address when one is given (a page or another program asked for
     // it); the source page then shows it.
     CNewChannelWizard(channels::ChannelManager& manager, ChannelDesktopSettingsTable& settings,
-                      const app::Environment& environment, QWidget* parent = nullptr,
+                      app::Environment& environment, QWidget* parent = nullptr,
                       const QString& address = QString());
     ~CNewChannelWizard() override;
 
@@ -84,6 +87,10 @@ public:
     bool isPreviewRunning() const { return m_runner->isRunning(); }
     // Previews one of the feed links an HTML page offered (the preview page's list).
     void chooseFeedLink(int index);
+    // Turns on the option the newest preview asked for (its formatOption), saves the global
+    // options, tells the engine and previews the address again; false, with the preview
+    // page's error showing why, when config.ini can't be written.
+    bool turnOnFormatOption();
     // The ID of the channel finish added (empty until then).
     QString addedChannelId() const { return m_addedId; }
 
@@ -108,7 +115,7 @@ private:
 
     channels::ChannelManager& m_manager;
     ChannelDesktopSettingsTable& m_settings;
-    const app::Environment& m_environment;
+    app::Environment& m_environment;
     CPreviewRunner* m_runner;
     app::FeedPreview m_preview;
     QString m_previewedAddress; // a chosen feed link replaces the page's address

@@ -174,6 +174,10 @@ const OptionEditorRow kSpecs[] = {
      "Most items in one feed", 0, 100000000, kNoLimit},
     {"MaxFeedNestingDepth", K::Number, &G::maxFeedNestingDepth, P::Scripts, kFeeds,
      "Deepest nesting in one feed", 0, 100000, kNoLimit},
+    {"AcceptAtomFeeds", K::Flag, &G::acceptAtomFeeds, P::Scripts, kFeeds, "Read Atom feeds"},
+    {"AcceptJsonFeeds", K::Flag, &G::acceptJsonFeeds, P::Scripts, kFeeds, "Read JSON feeds"},
+    {"ConvertUnknownEncodings", K::Flag, &G::convertUnknownEncodings, P::Scripts, kFeeds,
+     "Read feeds in other encodings (windows-1252, Shift_JIS, ...)"},
 };
 
 QString latin1(const std::string& text) { return QString::fromLatin1(text); }

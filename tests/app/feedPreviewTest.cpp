@@ -122,3 +122,18 @@ TEST(FeedPreview, LocalFilesGiveTheParserOrFileErrorsAndNothingIsWritten) {
               "Internet access has been disabled.");
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 3);
 }
+
+TEST(FeedPreview, AFeedInAFormatThatIsOffNamesTheOptionThatReadsIt) {
+    TempDir dir;
+    writeFile(dir.file("feed.json"), R"({"version": "https://jsonfeed.org/version/1.1",
+        "items": [{"id": "1", "title": "One"}]})");
+    writeFile(dir.file("other.json"), R"({"error": "not found"})");
+    PreviewOptions options;
+    EXPECT_EQ(app::previewFeed(dir.file("feed.json"), options).formatOption, "AcceptJsonFeeds");
+    EXPECT_EQ(app::previewFeed(dir.file("other.json"), options).formatOption, "");
+    options.manager.feedFormats.json = true;
+    const FeedPreview read = app::previewFeed(dir.file("feed.json"), options);
+    ASSERT_TRUE(read.isFeed()) << read.error;
+    EXPECT_EQ(read.formatOption, "");
+    EXPECT_EQ(read.items.at(0).title, "One");
+}

@@ -173,3 +173,34 @@ TEST_F(NewChannelWizard, APluginChannelTakesItsParametersAndNeedsNoPreview) {
 }
 
 int main(int argc, char** argv) { return client_testing::runClientTests(argc, argv); }
+
+TEST_F(NewChannelWizard, AnAtomFeedOffersToTurnItsOptionOnAndThenPreviews) {
+    m_environment.paths.configFile = m_home.file("config.ini");
+    writeFile(m_home.file("atom.xml"),
+              "<feed xmlns='http://www.w3.org/2005/Atom'><title>Ateam"
+              "</title><entry><id>1</id><title>One</title></entry></feed>");
+    CNewChannelWizard wizard(m_manager, m_settings, m_environment);
+    wizard.show();
+    wizard.setAddress(QString::fromStdString(m_home.file("atom.xml")));
+    wizard.next();
+    ASSERT_TRUE(waitFor([&] { return !wizard.isPreviewRunning(); }));
+    EXPECT_EQ(wizard.preview().formatOption, "AcceptAtomFeeds");
+    EXPECT_TRUE(child<QLabel>(wizard, "previewError")->text().startsWith("Not an RSS feed.\n"));
+    auto* turnOn = child<QAbstractButton>(wizard, "turnOnFormat");
+    ASSERT_TRUE(turnOn->isVisible());
+    EXPECT_FALSE(nextEnabled(wizard));
+
+    turnOn->click();
+    ASSERT_TRUE(waitFor([&] { return !wizard.isPreviewRunning(); }));
+    ASSERT_TRUE(wizard.preview().isFeed()) << wizard.preview().error;
+    EXPECT_EQ(child<QLabel>(wizard, "previewTitle")->text(), "Ateam");
+    EXPECT_FALSE(turnOn->isVisible());
+    EXPECT_TRUE(nextEnabled(wizard));
+    // The option is the user's from now on: saved, and the engine reads Atom feeds.
+    EXPECT_TRUE(m_environment.options.acceptAtomFeeds);
+    EXPECT_TRUE(m_manager.feedFormats().atom);
+    app::GlobalOptions saved;
+    ASSERT_TRUE(saved.load(m_environment.paths.configFile, ""));
+    EXPECT_TRUE(saved.acceptAtomFeeds);
+    EXPECT_FALSE(saved.acceptJsonFeeds);
+}

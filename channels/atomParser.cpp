@@ -1,0 +1,495 @@
+#include "channels/atomParser.h"
+
+#include "channels/exception.h"
+#include "expat/parser.h"
+#include "lib/misc/text.h"
+#include "tools/address.h"
+
+#include <algorithm>
+#include <cstring>
+#include <ostream>
+#include <string_view>
+#include <vector>
+
+namespace channels {
+
+namespace {
+
+// What an open element is to the feed. Text constructs (titles, subtitle, rights, summary,
+// content) keep everything inside them as mark-up; elements inside them are Inside.
+enum class Kind : unsigned char {
+    Other,
+    Feed,
+    Entry,
+    FeedTitle,
+    FeedSubtitle,
+    FeedRights,
+    FeedLink,
+    FeedAuthor,
+    FeedAuthorName,
+    FeedGenerator,
+    FeedLogo,
+    FeedUpdated,
+    EntryId,
+    EntryTitle,
+    EntryLink,
+    EntrySummary,
+    EntryContent,
+    EntryAuthor,
+    EntryAuthorName,
+    EntryPublished,
+    EntryUpdated,
+    Inside,
+};
+
+bool isTextConstruct(Kind kind) {
+    switch (kind) {
+    case Kind::FeedTitle:
+    case Kind::FeedSubtitle:
+    case Kind::FeedRights:
+    case Kind::EntryTitle:
+    case Kind::EntrySummary:
+    case Kind::EntryContent:
+        return true;
+    default:
+        return false;
+    }
+}
+
+// An Atom element's kind by its parent's kind and its own local name (Atom 1.0 names, then the
+// 0.3 drafts' names for the same things).
+struct Rule {
+    Kind parent;
+    const char* name;
+    Kind kind;
+};
+
+const Rule kRules[] = {
+    {Kind::Feed, "entry", Kind::Entry},
+    {Kind::Feed, "title", Kind::FeedTitle},
+    {Kind::Feed, "subtitle", Kind::FeedSubtitle},
+    {Kind::Feed, "rights", Kind::FeedRights},
+    {Kind::Feed, "link", Kind::FeedLink},
+    {Kind::Feed, "author", Kind::FeedAuthor},
+    {Kind::Feed, "generator", Kind::FeedGenerator},
+    {Kind::Feed, "logo", Kind::FeedLogo},
+    {Kind::Feed, "updated", Kind::FeedUpdated},
+    {Kind::Feed, "tagline", Kind::FeedSubtitle},
+    {Kind::Feed, "copyright", Kind::FeedRights},
+    {Kind::Feed, "modified", Kind::FeedUpdated},
+    {Kind::FeedAuthor, "name", Kind::FeedAuthorName},
+    {Kind::Entry, "id", Kind::EntryId},
+    {Kind::Entry, "title", Kind::EntryTitle},
+    {Kind::Entry, "link", Kind::EntryLink},
+    {Kind::Entry, "summary", Kind::EntrySummary},
+    {Kind::Entry, "content", Kind::EntryContent},
+    {Kind::Entry, "author", Kind::EntryAuthor},
+    {Kind::Entry, "published", Kind::EntryPublished},
+    {Kind::Entry, "updated", Kind::EntryUpdated},
+    {Kind::Entry, "issued", Kind::EntryPublished},
+    {Kind::Entry, "modified", Kind::EntryUpdated},
+    {Kind::EntryAuthor, "name", Kind::EntryAuthorName},
+};
+
+Kind kindOf(Kind parent, const char* localName) {
+    for (const Rule& rule : kRules)
+        if (rule.parent == parent && std::strcmp(rule.name, localName) == 0)
+            return rule.kind;
+    return Kind::Other;
+}
+
+const char* localNameOf(const char* name) {
+    const char* colon = std::strrchr(name, ':');
+    return colon ? colon + 1 : name;
+}
+
+// HTML elements without an end tag: written as "<br />" so that no "</br>" follows.
+bool isVoidElement(const char* name) {
+    for (const char* empty : {"br", "hr", "img", "input", "meta", "link", "area", "base", "col",
+                              "embed", "param", "source", "track", "wbr"})
+        if (std::strcmp(name, empty) == 0)
+            return true;
+    return false;
+}
+
+void appendEscaped(std::string& out, std::string_view text, bool inAttribute) {
+    for (const char c : text) {
+        switch (c) {
+        case '&':
+            out += "&amp;";
+            break;
+        case '<':
+            out += "&lt;";
+            break;
+        case '>':
+            out += "&gt;";
+            break;
+        case '"':
+            out += inAttribute ? "&quot;" : "\"";
+            break;
+        default:
+            out += c;
+        }
+    }
+}
+
+// The attributes an Atom element's meaning depends on.
+struct Attributes {
+    const char* base = nullptr; // xml:base
+    const char* type = nullptr;
+    const char* mode = nullptr; // Atom 0.3's content mode
+    const char* rel = nullptr;
+    const char* href = nullptr;
+};
+
+// A namespace declaration in scope: made by the element at depth.
+struct Namespace {
+    std::size_t depth;
+    std::string prefix;
+    std::string uri;
+};
+
+// The entry being collected, and the link it will keep.
+struct Entry {
+    CollectedItem item;
+    std::string published, updated;
+    int linkRank = -1; // of the link taken (see takeLink)
+};
+
+// The feed's own details as collected.
+struct FeedFields {
+    std::string title, subtitle, rights, link, author, generator, logo, updated;
+    int linkRank = -1;
+};
+
+class AtomXmlParser : public expat::Parser {
+public:
+    AtomXmlParser(Feed& feed, const ParseOptions& options, int maxItems, std::ostream* parseLog)
+        : m_feed(feed), m_options(options), m_maxItems(maxItems), m_parseLog(parseLog) {}
+
+    bool isAtom() const { return m_isAtom; }
+
+protected:
+    void onStartElement(const char* name, const char** attributes) override;
+    void onEndElement(const char* name) override;
+    void onText(const char* text, std::size_t length) override;
+
+private:
+    void trace(std::string_view line) {
+        if (m_parseLog)
+            *m_parseLog << line << '\n';
+    }
+    Attributes scanAttributes(const char** attributes, std::size_t depth);
+    const std::string& namespaceOf(const char* name) const;
+    const std::string& currentBase() const;
+    Kind classify(Kind parent, const char* name, std::size_t depth);
+    void begin(Kind kind, const Attributes& attributes);
+    void end(Kind kind);
+    void beginTextConstruct(const Attributes& attributes, std::size_t depth);
+    void copyStartTag(const char* name, const char** attributes, std::size_t depth);
+    void copyEndTag(const char* name, std::size_t depth);
+    void takeLink(const Attributes& attributes, std::string& link, int& linkRank);
+    void endTextConstruct(Kind kind);
+    void endEntry();
+    void endFeed();
+    void leaveScopes(std::size_t depth);
+
+    Feed& m_feed;
+    const ParseOptions& m_options;
+    int m_maxItems;
+    int m_itemsSeen = 0;
+    std::ostream* m_parseLog;
+    bool m_isAtom = false;
+    std::string m_atomNamespace; // the root's
+    std::vector<Kind> m_kinds;   // of the open elements
+    std::vector<Namespace> m_namespaces;
+    std::vector<std::pair<std::size_t, std::string>> m_bases; // xml:base by depth, resolved
+    // The text construct being copied: its depth (0: none), whether it is XHTML, the depth of
+    // the XHTML container div that is left out (0: none), and the copy.
+    std::size_t m_textDepth = 0;
+    bool m_xhtml = false;
+    std::size_t m_containerDepth = 0;
+    std::string m_text;
+    std::string m_scratch;
+    Entry m_entry;
+    FeedFields m_fields;
+};
+
+Attributes AtomXmlParser::scanAttributes(const char** attributes, std::size_t depth) {
+    Attributes found;
+    for (const char** at = attributes; at && *at; at += 2) {
+        const char* name = at[0];
+        if (std::strncmp(name, "xmlns", 5) == 0 && (name[5] == '\0' || name[5] == ':'))
+            m_namespaces.push_back({depth, name[5] ? name + 6 : "", at[1]});
+        else if (std::strcmp(name, "xml:base") == 0)
+            found.base = at[1];
+        else if (std::strcmp(name, "type") == 0)
+            found.type = at[1];
+        else if (std::strcmp(name, "mode") == 0)
+            found.mode = at[1];
+        else if (std::strcmp(name, "rel") == 0)
+            found.rel = at[1];
+        else if (std::strcmp(name, "href") == 0)
+            found.href = at[1];
+    }
+    if (found.base)
+        m_bases.emplace_back(depth, tools::resolveAddress(currentBase(), found.base));
+    return found;
+}
+
+const std::string& AtomXmlParser::namespaceOf(const char* name) const {
+    static const std::string none;
+    const char* colon = std::strchr(name, ':');
+    const std::string_view prefix(name, colon ? static_cast<std::size_t>(colon - name) : 0);
+    for (auto it = m_namespaces.rbegin(); it != m_namespaces.rend(); ++it)
+        if (it->prefix == prefix)
+            return it->uri;
+    return none;
+}
+
+const std::string& AtomXmlParser::currentBase() const {
+    return m_bases.empty() ? m_options.documentAddress : m_bases.back().second;
+}
+
+Kind AtomXmlParser::classify(Kind parent, const char* name, std::size_t depth) {
+    if (depth == 1) {
+        m_isAtom = std::strcmp(localNameOf(name), "feed") == 0;
+        m_atomNamespace = namespaceOf(name);
+        return m_isAtom ? Kind::Feed : Kind::Other;
+    }
+    if (parent == Kind::Other || namespaceOf(name) != m_atomNamespace)
+        return Kind::Other;
+    return kindOf(parent, localNameOf(name));
+}
+
+void AtomXmlParser::onStartElement(const char* name, const char** attributes) {
+    const std::size_t depth = tagStack().size();
+    if (m_parseLog) {
+        trace(std::string("START ELEMENT: ") + name);
+        for (const char** attribute = attributes; attribute && *attribute; attribute += 2)
+            trace(std::string("- ") + attribute[0] + " = '" + attribute[1] + "'");
+    }
+    const Attributes found = scanAttributes(attributes, depth);
+    const Kind parent = m_kinds.empty() ? Kind::Other : m_kinds.back();
+    if (parent == Kind::Inside || isTextConstruct(parent)) {
+        m_kinds.push_back(Kind::Inside);
+        copyStartTag(name, attributes, depth);
+        return;
+    }
+    const Kind kind = classify(parent, name, depth);
+    m_kinds.push_back(kind);
+    if (kind == Kind::Other)
+        return;
+    begin(kind, found);
+    if (isTextConstruct(kind))
+        beginTextConstruct(found, depth);
+}
+
+void AtomXmlParser::onEndElement(const char* name) {
+    const std::size_t depth = tagStack().size();
+    if (m_parseLog)
+        trace(std::string("END ELEMENT: ") + name);
+    const Kind kind = m_kinds.back();
+    m_kinds.pop_back();
+    if (kind == Kind::Inside)
+        copyEndTag(name, depth);
+    else if (kind != Kind::Other)
+        end(kind);
+    leaveScopes(depth);
+}
+
+void AtomXmlParser::leaveScopes(std::size_t depth) {
+    while (!m_namespaces.empty() && m_namespaces.back().depth == depth)
+        m_namespaces.pop_back();
+    if (!m_bases.empty() && m_bases.back().first == depth)
+        m_bases.pop_back();
+}
+
+void AtomXmlParser::onText(const char* text, std::size_t length) {
+    if (m_textDepth == 0)
+        return;
+    if (!m_xhtml) {
+        expat::appendUtf8AsLatin1(m_text, text, length);
+        return;
+    }
+    m_scratch.clear();
+    expat::appendUtf8AsLatin1(m_scratch, text, length);
+    appendEscaped(m_text, m_scratch, false);
+}
+
+void AtomXmlParser::begin(Kind kind, const Attributes& attributes) {
+    switch (kind) {
+    case Kind::Entry:
+        trace("Starting a new item.");
+        m_entry = Entry{};
+        break;
+    case Kind::FeedLink:
+        takeLink(attributes, m_fields.link, m_fields.linkRank);
+        break;
+    case Kind::EntryLink:
+        takeLink(attributes, m_entry.item.link, m_entry.linkRank);
+        break;
+    default:
+        break;
+    }
+}
+
+void AtomXmlParser::end(Kind kind) {
+    if (isTextConstruct(kind))
+        return endTextConstruct(kind);
+    const auto leaf = [this](std::string& field) {
+        if (field.empty())
+            field = misc::trimmed(characterData());
+    };
+    switch (kind) {
+    case Kind::Feed:
+        return endFeed();
+    case Kind::Entry:
+        return endEntry();
+    case Kind::FeedAuthorName:
+        return leaf(m_fields.author);
+    case Kind::FeedGenerator:
+        return leaf(m_fields.generator);
+    case Kind::FeedLogo:
+        return leaf(m_fields.logo);
+    case Kind::FeedUpdated:
+        return leaf(m_fields.updated);
+    case Kind::EntryId:
+        return leaf(m_entry.item.guid);
+    case Kind::EntryAuthorName:
+        return leaf(m_entry.item.author);
+    case Kind::EntryPublished:
+        return leaf(m_entry.published);
+    case Kind::EntryUpdated:
+        return leaf(m_entry.updated);
+    default:
+        return;
+    }
+}
+
+// The alternate links (a link without rel is one) rank by type: one that says it is a web
+// page first, then one that names no type, then any other; the first of the best rank wins.
+void AtomXmlParser::takeLink(const Attributes& attributes, std::string& link, int& linkRank) {
+    if (!attributes.href || (attributes.rel && std::strcmp(attributes.rel, "alternate") != 0))
+        return;
+    const int rank = !attributes.type ? 1
+                     : std::strcmp(attributes.type, "text/html") == 0 ||
+                             std::strcmp(attributes.type, "application/xhtml+xml") == 0
+                         ? 2
+                         : 0;
+    if (rank <= linkRank)
+        return;
+    std::string href;
+    expat::appendUtf8AsLatin1(href, attributes.href, std::strlen(attributes.href));
+    link = tools::resolveAddress(currentBase(), misc::trimmed(href));
+    linkRank = rank;
+}
+
+void AtomXmlParser::beginTextConstruct(const Attributes& attributes, std::size_t depth) {
+    const std::string_view type = attributes.type ? attributes.type : "text";
+    const std::string_view mode = attributes.mode ? attributes.mode : "";
+    m_textDepth = depth;
+    m_xhtml = type == "xhtml" || (mode == "xml" && type.find("xhtml") != std::string_view::npos);
+    m_containerDepth = 0;
+    m_text.clear();
+}
+
+void AtomXmlParser::copyStartTag(const char* name, const char** attributes, std::size_t depth) {
+    const char* local = localNameOf(name);
+    if (m_xhtml && depth == m_textDepth + 1 && m_containerDepth == 0 &&
+        std::strcmp(local, "div") == 0) {
+        m_containerDepth = depth;
+        return;
+    }
+    m_text += '<';
+    m_text += local;
+    for (const char** at = attributes; at && *at; at += 2) {
+        if (std::strncmp(at[0], "xmlns", 5) == 0)
+            continue;
+        m_scratch.clear();
+        expat::appendUtf8AsLatin1(m_scratch, at[1], std::strlen(at[1]));
+        m_text += ' ';
+        m_text += localNameOf(at[0]);
+        m_text += "=\"";
+        appendEscaped(m_text, m_scratch, true);
+        m_text += '"';
+    }
+    m_text += isVoidElement(local) ? " />" : ">";
+}
+
+void AtomXmlParser::copyEndTag(const char* name, std::size_t depth) {
+    const char* local = localNameOf(name);
+    if (depth == m_containerDepth)
+        return;
+    if (!isVoidElement(local)) {
+        m_text += "</";
+        m_text += local;
+        m_text += '>';
+    }
+}
+
+void AtomXmlParser::endTextConstruct(Kind kind) {
+    m_textDepth = 0;
+    switch (kind) {
+    case Kind::FeedTitle:
+        m_fields.title = std::move(m_text);
+        break;
+    case Kind::FeedSubtitle:
+        m_fields.subtitle = std::move(m_text);
+        break;
+    case Kind::FeedRights:
+        m_fields.rights = std::move(m_text);
+        break;
+    case Kind::EntryTitle:
+        m_entry.item.title = std::move(m_text);
+        break;
+    case Kind::EntrySummary:
+        m_entry.item.description = std::move(m_text);
+        break;
+    case Kind::EntryContent: // the summary, when there is one, is the shorter text
+        if (m_entry.item.description.empty())
+            m_entry.item.description = std::move(m_text);
+        break;
+    default:
+        break;
+    }
+    m_text.clear();
+}
+
+void AtomXmlParser::endEntry() {
+    if (m_options.itemLimit > 0 && ++m_itemsSeen > m_options.itemLimit)
+        return abort(tooManyItemsMessage(m_options.itemLimit));
+    CollectedItem& item = m_entry.item;
+    item.pubDate = m_entry.published.empty() ? m_entry.updated : m_entry.published;
+    if (item.author.empty())
+        item.author = m_fields.author;
+    saveCollectedItem(m_feed, item, m_fields.link, m_maxItems, m_parseLog);
+}
+
+void AtomXmlParser::endFeed() {
+    trace("Saving the channel details.");
+    FeedChannelFields& channel = m_feed.channel();
+    channel.channelDisplayName = cleanFeedText(m_fields.title);
+    channel.channelDescription = cleanFeedText(m_fields.subtitle);
+    channel.channelHomeUrl = m_fields.link;
+    channel.channelImageUrl = m_fields.logo;
+    channel.copyrightString = m_fields.rights;
+    channel.lastBuildDateString = m_fields.updated;
+    channel.feedGenerator = m_fields.generator;
+}
+
+} // namespace
+
+std::unique_ptr<Feed> parseAtomFeed(const ParseOptions& options, const std::string& text,
+                                    int maxItems, std::ostream* parseLog) {
+    auto feed = std::make_unique<Feed>();
+    AtomXmlParser parser(*feed, options, maxItems, parseLog);
+    parser.setMaxDepth(static_cast<std::size_t>(std::max(options.depthLimit, 0)));
+    parser.setReadUnknownEncodings(options.formats.convertEncodings);
+    parser.parse(text.data(), text.size());
+    if (!parser.isAtom())
+        throw Exception("Not an Atom feed.");
+    return feed;
+}
+
+} // namespace channels
