@@ -127,8 +127,12 @@ QWidget* CGlobalOptionsDialog::makePage(int page) {
     // The listeners and the engine take these when the program starts.
     const auto kind = static_cast<OptionPage>(page);
     if (kind == OptionPage::Listeners || kind == OptionPage::Scripts) {
-        auto* note =
-            new QLabel(tr("Changes on this page take effect the next time Pelsu starts."), widget);
+        auto* note = new QLabel(
+            kind == OptionPage::Listeners
+                ? tr("Changes on this page take effect the next time Pelsu starts.")
+                : tr("Changes on this page take effect the next time Pelsu starts, except the "
+                     "feed formats, which the next update reads."),
+            widget);
         note->setObjectName("restartNote");
         note->setWordWrap(true);
         layout->addWidget(note);
