@@ -7,10 +7,14 @@
 
 #include <ctime>
 #include <filesystem>
+#include <iostream>
 
 namespace app {
 
 namespace {
+
+// What a process starting with an address asks the running instance to do.
+const char* const kWizardCommand = "new-channel-wizard";
 
 msglog::MsgGroup& shutdownGroup() {
     static msglog::MsgGroup& group = msglog::registerMsgGroup("Shutdown");
@@ -59,12 +63,14 @@ struct Application::Impl {
     bool started = false;
     bool shutDown = false;
     std::vector<std::string> saveErrors;
+    int handedOverStatus = 0;
 
     bool takeUserDirectory(const Options& options); // false: the running one was shown
     void openTheRest(const Options& options);
     void startChannels(const Options& options);
     void serveOtherProcesses();
     void stopPartialStart() noexcept;
+    int openWizard(const HandedOverCommand& handed, std::ostream& out, std::ostream& err);
 };
 
 Application::Application() : m_impl(std::make_unique<Impl>()) {}
@@ -84,6 +90,14 @@ bool Application::Impl::takeUserDirectory(const Options& options) {
     if (readDebugInt(environment.paths, "AllowMultipleInstances", 0) != 0)
         return true; // neither instance serves the other's commands then
     try {
+        if (options.newChannelAddress) {
+            const HandedOverCommand command{{kWizardCommand, *options.newChannelAddress}, {}};
+            const std::optional<int> status =
+                handOverCommand(environment.paths.userDir, command, std::cout, std::cerr,
+                                options.lockWait, instance);
+            handedOverStatus = status.value_or(0);
+            return !status;
+        }
         InstanceClaim claim =
             claimInstance(environment.paths.userDir, options.showRunningInstance, options.lockWait);
         instance = std::move(claim.instance);
@@ -149,6 +163,8 @@ void Application::Impl::serveOtherProcesses() {
     instance->serve([this] { frontEnd->showMainWindow(); },
                     [this](const HandedOverCommand& handed, std::ostream& out, std::ostream& err,
                            std::stop_token stop) {
+                        if (handed.args.front() == kWizardCommand)
+                            return openWizard(handed, out, err);
                         const ChannelCommand* command = findChannelCommand(handed.args.front());
                         if (!command) {
                             err << "pelsu-cli: the running instance does not take the command "
@@ -164,6 +180,17 @@ void Application::Impl::serveOtherProcesses() {
                                                       std::move(stop)};
                         return runChannelCommand(*command, context);
                     });
+}
+
+int Application::Impl::openWizard(const HandedOverCommand& handed, std::ostream& out,
+                                  std::ostream& err) {
+    const std::string address = handed.args.size() > 1 ? handed.args[1] : std::string();
+    if (!frontEnd->openNewChannelWizard(address)) {
+        err << "The running instance has no window for the new-channel wizard.\n";
+        return kExitFailure;
+    }
+    out << "The running Pelsu opened its new-channel wizard.\n";
+    return kExitOk;
 }
 
 void Application::Impl::stopPartialStart() noexcept {
@@ -261,6 +288,8 @@ channels::ChannelManager& Application::manager() { return *m_impl->manager; }
 LocalPortListeners* Application::listeners() { return m_impl->listeners.get(); }
 
 const std::vector<std::string>& Application::saveErrors() const { return m_impl->saveErrors; }
+
+int Application::handedOverStatus() const { return m_impl->handedOverStatus; }
 
 std::string Application::greeting(int hour) {
     if (hour >= 4 && hour < 12)

@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -56,6 +57,13 @@ public:
     // start during shut-down waits and then runs in this one's place): a front end with a UI
     // thread hands it over.
     virtual void showMainWindow() = 0;
+    // Another process asked this one to start its new-channel wizard, with an address to
+    // begin with (may be empty). Called on a thread of the single-instance server: a front end
+    // with a window hands it to its UI thread and returns true; one without returns false.
+    virtual bool openNewChannelWizard(const std::string& address) {
+        (void)address;
+        return false;
+    }
 
     // Shut-down hooks, in the order they run. None may throw.
     virtual void uninstallMouseHook() {}
@@ -77,10 +85,14 @@ public:
         bool showRunningInstance = true;
         // How long start waits for a pelsu-cli command that holds the user directory.
         std::chrono::milliseconds lockWait{10000};
+        // Set: a running instance is asked to start its new-channel wizard with this address
+        // instead of showing itself (start returns HandedToRunningInstance).
+        std::optional<std::string> newChannelAddress;
     };
     enum class StartResult {
         Started,
-        // Another instance runs for this user: it was told to show its main window.
+        // Another instance runs for this user: it was told to show its main window, or to
+        // start its new-channel wizard (handedOverStatus() says how that went).
         HandedToRunningInstance,
     };
 
@@ -99,6 +111,9 @@ public:
     channels::ChannelManager& manager(); // not after shutDown
     // What went wrong in the final save of the channels at shut-down ("<id>: <message>").
     const std::vector<std::string>& saveErrors() const;
+    // The exit status of the command a running instance carried out for start (0 when it
+    // was only asked to show itself).
+    int handedOverStatus() const;
     LocalPortListeners* listeners(); // null when they were not started
 
     // The greeting of the welcome notification for the given local hour (0-23): "Ohayo

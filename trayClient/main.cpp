@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
+#include <optional>
 #include <string>
 
 namespace {
@@ -16,10 +17,25 @@ constexpr const char* kVersion = PELSU_VERSION;
 
 void printUsage(std::ostream& out) {
     out << "Pelsu Desktop Client " << kVersion << "\n\n"
-        << "Usage: pelsu [--home DIR]\n"
+        << "Usage: pelsu [--home DIR] [ADDRESS]\n"
         << "       pelsu --version | --help\n\n"
         << "Shows the channels' news in the notification area. --home DIR keeps everything\n"
-        << "under DIR (default: $PELSU_HOME, else $XDG_DATA_HOME/pelsu).\n";
+        << "under DIR (default: $PELSU_HOME, else $XDG_DATA_HOME/pelsu). With an ADDRESS (a\n"
+        << "feed's or a web page's, feed: ones too, or a local file) the new-channel wizard\n"
+        << "opens with it, in the Pelsu that is already running if there is one.\n";
+}
+
+// What a browser hands over ("feed:https://...", "feed://host/...") or a file named on the
+// command line, as the wizard takes it.
+std::string wizardAddress(const std::string& given) {
+    std::string address = given;
+    if (address.rfind("feed://", 0) == 0)
+        address = "http://" + address.substr(7);
+    else if (address.rfind("feed:", 0) == 0)
+        address = address.substr(5);
+    if (address.find("://") == std::string::npos && std::filesystem::exists(address))
+        address = std::filesystem::absolute(address).lexically_normal().string();
+    return address;
 }
 
 bool isSet(const char* name) {
@@ -31,6 +47,7 @@ bool isSet(const char* name) {
 
 int main(int argc, char** argv) {
     std::string home;
+    std::optional<std::string> address;
     for (int i = 1; i < argc; ++i) {
         const std::string option = argv[i];
         if (option == "--version") {
@@ -43,6 +60,10 @@ int main(int argc, char** argv) {
         }
         if (option == "--home" && i + 1 < argc && *argv[i + 1]) {
             home = argv[++i];
+            continue;
+        }
+        if (!address && !option.empty() && option[0] != '-') {
+            address = wizardAddress(option);
             continue;
         }
         std::cerr << "pelsu: unknown option " << option << "\n\n";
@@ -68,6 +89,7 @@ int main(int argc, char** argv) {
 
     trayClient::CTrayClientApp::Options options;
     options.application.home = home;
+    options.application.newChannelAddress = address;
     options.program = QApplication::applicationFilePath().toStdString();
     if (!home.empty())
         options.arguments = {"--home", std::filesystem::absolute(home).string()};

@@ -128,7 +128,7 @@ bool CTrayClientApp::start(const Options& options, int& status) {
     try {
         app::Application::StartResult result = m_application.start(*this, options.application);
         if (result == app::Application::StartResult::HandedToRunningInstance) {
-            status = 0;
+            status = m_application.handedOverStatus();
             return false;
         }
     } catch (const app::StartupError& error) {
@@ -142,6 +142,8 @@ bool CTrayClientApp::start(const Options& options, int& status) {
     // the application object still exists.
     connect(qApp, &QGuiApplication::commitDataRequest, this, [] { leaveEventLoop(); });
     connect(qApp, &QCoreApplication::aboutToQuit, this, &CTrayClientApp::shutDown);
+    if (options.application.newChannelAddress)
+        openNewChannelWizard(*options.application.newChannelAddress);
     return true;
 }
 
@@ -274,6 +276,18 @@ void CTrayClientApp::applyChangedOptions() {
 void CTrayClientApp::startNewChannelWizard(const QString& address) {
     if (m_dialogs)
         m_dialogs->newChannel(address);
+}
+
+bool CTrayClientApp::openNewChannelWizard(const std::string& address) {
+    // From the single-instance server's thread: the wizard belongs to the UI thread.
+    QMetaObject::invokeMethod(
+        this,
+        [this, address] {
+            PELSU_LOG(uiEventsGroup(), "The new-channel wizard was asked for: " << address);
+            startNewChannelWizard(QString::fromLatin1(address.c_str()));
+        },
+        Qt::QueuedConnection);
+    return true;
 }
 
 void CTrayClientApp::toggleMainWindow() {

@@ -77,6 +77,7 @@ public:
     void queueWelcomeNotification(const std::string& text) override;
     void reportStartupProblem(const std::string& message) override;
     void showMainWindow() override;
+    bool openNewChannelWizard(const std::string& address) override;
     void cleanUpDesktopSettings() override;
     void uninstallEventHandler(channels::ChannelManager& manager) override;
     void shutDownToolkit() override;

@@ -120,9 +120,13 @@ protected:
                       "\nAppPluginServerPortNo=" + std::to_string(pluginPort) +
                       "\nDisableAllSound=1\n");
     }
-    std::unique_ptr<ClientProcess> launch(const std::string& errorFile) {
+    std::unique_ptr<ClientProcess> launch(const std::string& errorFile,
+                                          const std::string& address = {}) {
+        std::vector<std::string> args{"--home", home.path().string()};
+        if (!address.empty())
+            args.push_back(address);
         return std::make_unique<ClientProcess>(
-            std::vector<std::string>{"--home", home.path().string()},
+            args,
             std::vector<std::string>{"QT_QPA_PLATFORM=offscreen",
                                      "XDG_CONFIG_HOME=" + home.file("config")},
             std::vector<std::string>{"DBUS_SESSION_BUS_ADDRESS"}, errorFile);
@@ -177,6 +181,19 @@ TEST_F(ClientProcessTest, ASecondStartRaisesTheFirstAndExitsZero) {
     EXPECT_TRUE(waitForLog("Another start asked for the main window."));
     first->signal(SIGTERM);
     EXPECT_EQ(first->wait(), 0);
+}
+
+// A browser hands a feed's address to a new start; the running one opens its wizard with it,
+// and still ends cleanly with the wizard open.
+TEST_F(ClientProcessTest, ASecondStartWithAnAddressOpensTheWizardInTheFirst) {
+    auto first = launch(home.file("stderr1"));
+    ASSERT_TRUE(waitForLog("The tray icon is shown."));
+    auto second = launch(home.file("stderr2"), "feed:https://example.org/news.xml");
+    EXPECT_EQ(second->wait(), 0) << readFile(home.file("stderr2"));
+    EXPECT_TRUE(waitForLog("The new-channel wizard was asked for: https://example.org/news.xml"));
+    first->signal(SIGTERM);
+    EXPECT_EQ(first->wait(), 0);
+    expectShutdownLinesInOrder();
 }
 
 TEST_F(ClientProcessTest, AStartUpFailureGoesToStandardErrorWithStatusOne) {
