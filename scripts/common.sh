@@ -7,7 +7,8 @@ PELSU_ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 PELSU_PACKAGES=(cmake ninja-build g++ pkg-config libexpat1-dev libcurl4-openssl-dev
                 libcpp-httplib-dev libssl-dev libgtest-dev libgmock-dev libbenchmark-dev
                 nlohmann-json3-dev python3-feedparser
-                python3 perl qt6-base-dev qt6-svg-dev qt6-webengine-dev libcanberra-dev dbus)
+                python3 perl qt6-base-dev qt6-svg-dev qt6-webengine-dev libcanberra-dev dbus
+                xvfb trayer xdotool x11-utils)
 
 # ensure_packages PACKAGE...: installs those that are missing (as root), or says how.
 ensure_packages() {
