@@ -61,7 +61,8 @@ public:
     static bool staysInside(const QUrl& url, int loopbackPort);
 
     // Prepares the process for the browser engine; call before the QApplication exists.
-    // All pages share one renderer process unless QTWEBENGINE_CHROMIUM_FLAGS sets a limit.
+    // All pages share one renderer process unless QTWEBENGINE_CHROMIUM_FLAGS sets a limit, and
+    // are drawn in software unless QT_QUICK_BACKEND says otherwise.
     // Returns true when the engine's sandbox was switched off because the program runs as
     // root (the sandbox refuses to start as root).
     static bool prepareEngineEnvironment();

@@ -37,9 +37,16 @@ long residentKiB(int pid) {
     return 0;
 }
 
-// The process and every process below it.
+// The process and every process below it; with PELSU_BENCH_DETAIL set, each one's share
+// goes to standard error.
 long treeKiB(int pid) {
     long total = residentKiB(pid);
+    if (std::getenv("PELSU_BENCH_DETAIL")) {
+        std::ifstream command("/proc/" + std::to_string(pid) + "/cmdline");
+        std::string line;
+        std::getline(command, line);
+        std::fprintf(stderr, "%8ld KiB  %d %.120s\n", total, pid, line.c_str());
+    }
     std::ifstream children("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) +
                            "/children");
     for (int child = 0; children >> child;)
