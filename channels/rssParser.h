@@ -9,6 +9,7 @@
 namespace channels {
 
 class Channel;
+class RssXmlParser;
 
 // What a parse needs to know about the channel it parses for.
 struct ParseOptions {
@@ -23,12 +24,17 @@ struct ParseOptions {
     int depthLimit = 1000;
 };
 
+// Parses feeds one after another; the buffers of one parse serve the next.
 class RssParser {
 public:
-    virtual ~RssParser() = default;
+    RssParser();
+    virtual ~RssParser();
     // One parse attempt; returns the feed or throws (channels::Exception or expat::Exception).
     virtual std::unique_ptr<Feed> parse(const ParseOptions& options, const std::string& feedText,
                                         int maxItems);
+
+private:
+    std::unique_ptr<RssXmlParser> m_reader; // made by the first parse
 };
 
 // Parses, retrying once without the leading bytes of value 128 and above (when the options

@@ -4,6 +4,10 @@
 
 #include <expat.h>
 
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+
 #include <strings.h>
 
 namespace expat {
@@ -20,27 +24,50 @@ struct Callbacks {
     }
 };
 
+namespace {
+
+// How many bytes from the start are ASCII, tested eight at a time: most feed text is.
+std::size_t asciiPrefix(const unsigned char* bytes, std::size_t length) {
+    constexpr std::uint64_t kHighBits = 0x8080808080808080u;
+    std::size_t i = 0;
+    for (; i + 8 <= length; i += 8) {
+        std::uint64_t word;
+        std::memcpy(&word, bytes + i, sizeof word);
+        if ((word & kHighBits) != 0)
+            break;
+    }
+    while (i < length && bytes[i] < 0x80)
+        ++i;
+    return i;
+}
+
+// Appends the character whose lead byte is at i; returns where the next one starts. expat
+// hands over well-formed UTF-8 only; other bytes still give one deterministic result.
+std::size_t appendNonAscii(std::string& out, const unsigned char* bytes, std::size_t i,
+                           std::size_t length) {
+    const unsigned char lead = bytes[i];
+    const int extra = lead >= 0xF0 ? 3 : lead >= 0xE0 ? 2 : 1;
+    unsigned code = lead & (0x3Fu >> extra);
+    for (int k = 1; k <= extra && i + static_cast<std::size_t>(k) < length; ++k)
+        code = (code << 6) | (bytes[i + static_cast<std::size_t>(k)] & 0x3Fu);
+    if (code < 0x100)
+        out += static_cast<char>(code);
+    else
+        out.append(code >= 0x10000 ? 2 : 1, '?');
+    return i + static_cast<std::size_t>(extra) + 1;
+}
+
+} // namespace
+
 void appendUtf8AsLatin1(std::string& out, const char* text, std::size_t length) {
-    out.reserve(out.size() + length);
     const auto* bytes = reinterpret_cast<const unsigned char*>(text);
     std::size_t i = 0;
     while (i < length) {
-        const unsigned char lead = bytes[i];
-        if (lead < 0x80) {
-            out += static_cast<char>(lead);
-            ++i;
-            continue;
-        }
-        // expat hands over well-formed UTF-8 only.
-        int extra = lead >= 0xF0 ? 3 : lead >= 0xE0 ? 2 : 1;
-        unsigned code = lead & (0x3F >> extra);
-        for (int k = 1; k <= extra && i + static_cast<std::size_t>(k) < length; ++k)
-            code = (code << 6) | (bytes[i + static_cast<std::size_t>(k)] & 0x3F);
-        i += static_cast<std::size_t>(extra) + 1;
-        if (code < 0x100)
-            out += static_cast<char>(code);
-        else
-            out.append(code >= 0x10000 ? 2 : 1, '?');
+        const std::size_t ascii = asciiPrefix(bytes + i, length - i);
+        out.append(text + i, ascii);
+        i += ascii;
+        if (i < length)
+            i = appendNonAscii(out, bytes, i, length);
     }
 }
 
@@ -59,9 +86,35 @@ bool parseWithEmptyHandlers(const char* data, std::size_t length) {
     return ok;
 }
 
-Parser::Parser(const ElementHandler* handlers) : m_handlers(handlers) {}
+Parser::Parser(const ElementHandler* handlers) { indexHandlers(handlers); }
 
-Parser::~Parser() = default;
+Parser::~Parser() {
+    if (m_spareHandle)
+        XML_ParserFree(static_cast<XML_Parser>(m_spareHandle));
+}
+
+void Parser::indexHandlers(const ElementHandler* handlers) {
+    std::array<std::uint16_t, 2 * kLengths> counts{};
+    const auto keyOf = [](const ElementHandler& row) {
+        return static_cast<std::size_t>(row.event) * kLengths +
+               std::min(std::strlen(row.name), kLengths - 1);
+    };
+    const auto indexed = [](const ElementHandler& row) {
+        return row.event == kStartElement || row.event == kEndElement;
+    };
+    for (const ElementHandler* row = handlers; row && row->event != kEndOfTable; ++row)
+        if (indexed(*row))
+            ++counts[keyOf(*row)];
+    for (std::size_t key = 0; key < counts.size(); ++key)
+        m_rowStart[key + 1] = static_cast<std::uint16_t>(m_rowStart[key] + counts[key]);
+    m_rows.resize(m_rowStart.back());
+    std::array<std::uint16_t, 2 * kLengths> filled{};
+    for (const ElementHandler* row = handlers; row && row->event != kEndOfTable; ++row)
+        if (indexed(*row)) {
+            const std::size_t key = keyOf(*row);
+            m_rows[m_rowStart[key] + filled[key]++] = row;
+        }
+}
 
 void Parser::setTraceGroups(msglog::MsgGroup* elements, msglog::MsgGroup* tagStack,
                             msglog::MsgGroup* characterData) {
@@ -71,7 +124,15 @@ void Parser::setTraceGroups(msglog::MsgGroup* elements, msglog::MsgGroup* tagSta
 }
 
 void Parser::parse(const char* data, std::size_t length) {
-    XML_Parser handle = XML_ParserCreate(nullptr);
+    // A reset parser keeps the memory it grew, which a new one would allocate again.
+    auto handle = static_cast<XML_Parser>(m_spareHandle);
+    m_spareHandle = nullptr;
+    if (handle && !XML_ParserReset(handle, nullptr)) {
+        XML_ParserFree(handle);
+        handle = nullptr;
+    }
+    if (!handle)
+        handle = XML_ParserCreate(nullptr);
     if (!handle)
         throw Exception("XML parse failed (1:L0/C0): out of memory");
     m_handle = handle;
@@ -81,11 +142,11 @@ void Parser::parse(const char* data, std::size_t length) {
     try {
         parseBuffer(data, length);
     } catch (...) {
-        XML_ParserFree(handle);
+        m_spareHandle = handle;
         m_handle = nullptr;
         throw;
     }
-    XML_ParserFree(handle);
+    m_spareHandle = handle;
     m_handle = nullptr;
 }
 
@@ -139,11 +200,15 @@ std::string Parser::tagStackText() const {
 }
 
 void Parser::dispatch(int event, const char* name) {
-    if (!m_handlers)
-        return;
-    for (const ElementHandler* row = m_handlers; row->event != kEndOfTable; ++row) {
-        if (row->event == event && ::strcasecmp(row->name, name) == 0) {
-            (this->*(row->handler))();
+    const std::size_t key =
+        static_cast<std::size_t>(event) * kLengths + std::min(std::strlen(name), kLengths - 1);
+    // strcasecmp folds case with the same table as tolower.
+    const int first = std::tolower(static_cast<unsigned char>(name[0]));
+    for (std::size_t k = m_rowStart[key]; k < m_rowStart[key + 1]; ++k) {
+        const ElementHandler& row = *m_rows[k];
+        if (std::tolower(static_cast<unsigned char>(row.name[0])) == first &&
+            ::strcasecmp(row.name, name) == 0) {
+            (this->*(row.handler))();
             return;
         }
     }

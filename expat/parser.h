@@ -5,7 +5,9 @@
 
 #include "expat/exception.h"
 
+#include <array>
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -31,14 +33,16 @@ struct ElementHandler {
 
 class Parser {
 public:
+    // The table is indexed once here; it must not change while the parser lives.
     explicit Parser(const ElementHandler* handlers = nullptr);
     virtual ~Parser();
     Parser(const Parser&) = delete;
     Parser& operator=(const Parser&) = delete;
 
-    // Parses the whole buffer as one final piece. Throws expat::Exception with
-    // "XML parse failed (code:Lline/Ccolumn): text" when the document is not well-formed;
-    // handlers that ran before the fault keep their effects.
+    // Parses the whole buffer as one final piece; a parser may parse many documents one
+    // after another, and reuses its buffers and its expat parser between them. Throws
+    // expat::Exception with "XML parse failed (code:Lline/Ccolumn): text" when the document is not
+    // well-formed; handlers that ran before the fault keep their effects.
     void parse(const char* data, std::size_t length);
 
     // The text collected since the most recent start tag (Latin-1).
@@ -69,11 +73,20 @@ private:
     void startElement(const char* name, const char** attributes);
     void endElement(const char* name);
     void characters(const char* text, int length);
+    void indexHandlers(const ElementHandler* handlers);
     void dispatch(int event, const char* name);
     std::string tagStackText() const;
 
-    const ElementHandler* m_handlers;
-    void* m_handle = nullptr; // the expat parser while a parse runs
+    // The rows of the handler table ordered by event, then by the length of their name
+    // (table order kept within), so that an element is compared only with the rows whose
+    // name is as long as its own: the rows for event e and length n are
+    // m_rows[m_rowStart[k]] up to m_rows[m_rowStart[k + 1]], k = e * kLengths + min(n, kLengths -
+    // 1).
+    static constexpr std::size_t kLengths = 32;
+    std::vector<const ElementHandler*> m_rows;
+    std::array<std::uint16_t, 2 * kLengths + 1> m_rowStart{};
+    void* m_handle = nullptr;      // the expat parser while a parse runs
+    void* m_spareHandle = nullptr; // the expat parser of the last parse, reset for the next one
     std::vector<std::string> m_tagStack;
     std::string m_characterData;
     std::size_t m_maxDepth = 0;
