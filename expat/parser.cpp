@@ -8,8 +8,6 @@
 #include <cctype>
 #include <cstring>
 
-#include <strings.h>
-
 namespace expat {
 
 struct Callbacks {
@@ -26,14 +24,19 @@ struct Callbacks {
 
 namespace {
 
-// How many bytes from the start are ASCII, tested eight at a time: most feed text is.
+// How many bytes from the start are ASCII, tested 32 and then 8 at a time: most feed text is.
 std::size_t asciiPrefix(const unsigned char* bytes, std::size_t length) {
     constexpr std::uint64_t kHighBits = 0x8080808080808080u;
+    std::uint64_t words[4];
     std::size_t i = 0;
+    for (; i + sizeof words <= length; i += sizeof words) {
+        std::memcpy(words, bytes + i, sizeof words);
+        if (((words[0] | words[1] | words[2] | words[3]) & kHighBits) != 0)
+            break;
+    }
     for (; i + 8 <= length; i += 8) {
-        std::uint64_t word;
-        std::memcpy(&word, bytes + i, sizeof word);
-        if ((word & kHighBits) != 0)
+        std::memcpy(words, bytes + i, 8);
+        if ((words[0] & kHighBits) != 0)
             break;
     }
     while (i < length && bytes[i] < 0x80)
@@ -55,6 +58,19 @@ std::size_t appendNonAscii(std::string& out, const unsigned char* bytes, std::si
     else
         out.append(code >= 0x10000 ? 2 : 1, '?');
     return i + static_cast<std::size_t>(extra) + 1;
+}
+
+// The C library's case folding for the calling thread's locale, the table strcasecmp folds
+// with: names compare exactly as strcasecmp compares them, without a call per character.
+const std::int32_t* caseFolding() { return *__ctype_tolower_loc(); }
+
+bool equalIgnoringCase(const std::int32_t* fold, const char* a, const char* b) {
+    for (;; ++a, ++b) {
+        if (fold[static_cast<unsigned char>(*a)] != fold[static_cast<unsigned char>(*b)])
+            return false;
+        if (*a == '\0')
+            return true;
+    }
 }
 
 } // namespace
@@ -86,7 +102,7 @@ bool parseWithEmptyHandlers(const char* data, std::size_t length) {
     return ok;
 }
 
-Parser::Parser(const ElementHandler* handlers) { indexHandlers(handlers); }
+Parser::Parser(const ElementHandler* handlers) : m_fold(caseFolding()) { indexHandlers(handlers); }
 
 Parser::~Parser() {
     if (m_spareHandle)
@@ -136,6 +152,7 @@ void Parser::parse(const char* data, std::size_t length) {
     if (!handle)
         throw Exception("XML parse failed (1:L0/C0): out of memory");
     m_handle = handle;
+    m_fold = caseFolding();
     m_tagStack.clear();
     m_characterData.clear();
     m_abortMessage.clear();
@@ -189,7 +206,7 @@ void Parser::onEndElement(const char*) {}
 
 bool Parser::isParent(const char* name) const {
     return m_tagStack.size() >= 2 &&
-           ::strcasecmp(m_tagStack[m_tagStack.size() - 2].c_str(), name) == 0;
+           equalIgnoringCase(m_fold, m_tagStack[m_tagStack.size() - 2].c_str(), name);
 }
 
 std::string Parser::tagStackText() const {
@@ -199,15 +216,12 @@ std::string Parser::tagStackText() const {
     return text;
 }
 
-void Parser::dispatch(int event, const char* name) {
+void Parser::dispatch(int event, const char* name, std::size_t length) {
     const std::size_t key =
-        static_cast<std::size_t>(event) * kLengths + std::min(std::strlen(name), kLengths - 1);
-    // strcasecmp folds case with the same table as tolower.
-    const int first = std::tolower(static_cast<unsigned char>(name[0]));
+        static_cast<std::size_t>(event) * kLengths + std::min(length, kLengths - 1);
     for (std::size_t k = m_rowStart[key]; k < m_rowStart[key + 1]; ++k) {
         const ElementHandler& row = *m_rows[k];
-        if (std::tolower(static_cast<unsigned char>(row.name[0])) == first &&
-            ::strcasecmp(row.name, name) == 0) {
+        if (equalIgnoringCase(m_fold, row.name, name)) {
             (this->*(row.handler))();
             return;
         }
@@ -221,7 +235,8 @@ void Parser::startElement(const char* name, const char** attributes) {
         abort("The document nests elements deeper than " + std::to_string(m_maxDepth) + " levels");
         return;
     }
-    m_tagStack.emplace_back(name);
+    const std::size_t length = std::strlen(name);
+    m_tagStack.emplace_back(name, length);
     if (m_elementGroup && m_elementGroup->isEnabled()) {
         std::string trace = std::string("START ELEMENT: ") + name + " ; ";
         for (const char** attribute = attributes; attribute && *attribute; attribute += 2)
@@ -232,7 +247,7 @@ void Parser::startElement(const char* name, const char** attributes) {
         PELSU_LOG(*m_tagStackGroup, "TagStack: " << tagStackText());
     m_characterData.clear();
     onStartElement(name, attributes);
-    dispatch(kStartElement, name);
+    dispatch(kStartElement, name, length);
 }
 
 void Parser::endElement(const char* name) {
@@ -243,7 +258,8 @@ void Parser::endElement(const char* name) {
     if (m_tagStackGroup && m_tagStackGroup->isEnabled())
         PELSU_LOG(*m_tagStackGroup, "TagStack: " << tagStackText());
     onEndElement(name);
-    dispatch(kEndElement, name);
+    // expat reports the end only of the element on top of the stack.
+    dispatch(kEndElement, name, m_tagStack.back().size());
     m_tagStack.pop_back();
 }
 

@@ -74,7 +74,7 @@ private:
     void endElement(const char* name);
     void characters(const char* text, int length);
     void indexHandlers(const ElementHandler* handlers);
-    void dispatch(int event, const char* name);
+    void dispatch(int event, const char* name, std::size_t length);
     std::string tagStackText() const;
 
     // The rows of the handler table ordered by event, then by the length of their name
@@ -85,6 +85,7 @@ private:
     static constexpr std::size_t kLengths = 32;
     std::vector<const ElementHandler*> m_rows;
     std::array<std::uint16_t, 2 * kLengths + 1> m_rowStart{};
+    const std::int32_t* m_fold;    // the case folding of the locale, taken at each parse
     void* m_handle = nullptr;      // the expat parser while a parse runs
     void* m_spareHandle = nullptr; // the expat parser of the last parse, reset for the next one
     std::vector<std::string> m_tagStack;
