@@ -283,7 +283,7 @@ std::string Feed::itemId(std::size_t index) const {
     return index < m_items.size() ? m_items.id(index) : std::string();
 }
 
-void Feed::appendItem(FeedItem item) {
+void Feed::appendItem(const FeedItem& item) {
     threadSafety::ScopedLock lock(m_lock);
     m_items.push_back(item);
 }

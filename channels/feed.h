@@ -94,7 +94,7 @@ public:
     std::vector<FeedItem> items() const;
     // The id of the item at a 0-based index (empty past the end).
     std::string itemId(std::size_t index) const;
-    void appendItem(FeedItem item);
+    void appendItem(const FeedItem& item);
     // Keeps the first count items.
     void truncateItems(std::size_t count);
     // A copy that keeps of each item only its id, title and link (what a listener of an

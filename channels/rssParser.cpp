@@ -119,6 +119,7 @@ private:
     bool m_isRss = false;
     std::string m_guid, m_itemLink, m_itemTitle, m_itemDescription, m_source, m_author, m_comments,
         m_itemPubDate;
+    FeedItem m_item; // the item being saved
 };
 
 #define PELSU_RSS_HANDLER(event, method, name)                                                     \
@@ -247,19 +248,22 @@ void RssXmlParser::endItem() {
     if (m_itemLink.empty())
         m_itemLink = m_guid.empty() ? m_link : m_guid;
     trace("Saving the new item.");
-    FeedItem item;
+    // The item is a member so that its fields keep their capacity from item to item.
+    FeedItem& item = m_item;
     item.id = m_guid.empty() ? m_itemLink : m_guid;
+    item.title.clear();
     if (m_itemTitle.empty())
         item.title = cleanFeedText(makeTitle(m_itemDescription, m_itemLink));
     else
         appendCleanFeedText(item.title, m_itemTitle);
+    item.description.clear();
     appendCleanFeedText(item.description, m_itemDescription);
     item.url = m_itemLink;
     item.source = m_source;
     item.author = m_author;
     item.commentsUrl = m_comments;
     item.pubDateString = m_itemPubDate;
-    m_feed->appendItem(std::move(item));
+    m_feed->appendItem(item);
 }
 
 void RssXmlParser::endWidth() {

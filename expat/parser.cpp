@@ -128,7 +128,8 @@ void Parser::indexHandlers(const ElementHandler* handlers) {
     for (const ElementHandler* row = handlers; row && row->event != kEndOfTable; ++row)
         if (indexed(*row)) {
             const std::size_t key = keyOf(*row);
-            m_rows[m_rowStart[key] + filled[key]++] = row;
+            m_rows[m_rowStart[key] + filled[key]++] = IndexedRow{row->handler, m_names.size()};
+            m_names.append(row->name).push_back('\0');
         }
 }
 
@@ -220,8 +221,8 @@ void Parser::dispatch(int event, const char* name, std::size_t length) {
     const std::size_t key =
         static_cast<std::size_t>(event) * kLengths + std::min(length, kLengths - 1);
     for (std::size_t k = m_rowStart[key]; k < m_rowStart[key + 1]; ++k) {
-        const ElementHandler& row = *m_rows[k];
-        if (equalIgnoringCase(m_fold, row.name, name)) {
+        const IndexedRow& row = m_rows[k];
+        if (equalIgnoringCase(m_fold, m_names.data() + row.nameAt, name)) {
             (this->*(row.handler))();
             return;
         }

@@ -79,11 +79,16 @@ private:
 
     // The rows of the handler table ordered by event, then by the length of their name
     // (table order kept within), so that an element is compared only with the rows whose
-    // name is as long as its own: the rows for event e and length n are
-    // m_rows[m_rowStart[k]] up to m_rows[m_rowStart[k + 1]], k = e * kLengths + min(n, kLengths -
-    // 1).
+    // name is as long as its own: the rows for event e and length n run from m_rowStart[k] to
+    // m_rowStart[k + 1], k = e * kLengths + min(n, kLengths - 1). Rows and names are copied
+    // into two blocks of their own, which stay in the cache better than the scattered table.
+    struct IndexedRow {
+        Handler handler;
+        std::size_t nameAt; // in m_names, where the names follow one another, each ended by NUL
+    };
     static constexpr std::size_t kLengths = 32;
-    std::vector<const ElementHandler*> m_rows;
+    std::vector<IndexedRow> m_rows;
+    std::string m_names;
     std::array<std::uint16_t, 2 * kLengths + 1> m_rowStart{};
     const std::int32_t* m_fold;    // the case folding of the locale, taken at each parse
     void* m_handle = nullptr;      // the expat parser while a parse runs
