@@ -44,19 +44,23 @@ std::size_t asciiPrefix(const unsigned char* bytes, std::size_t length) {
     return i;
 }
 
-// Appends the character whose lead byte is at i; returns where the next one starts. expat
-// hands over well-formed UTF-8 only; other bytes still give one deterministic result.
-std::size_t appendNonAscii(std::string& out, const unsigned char* bytes, std::size_t i,
-                           std::size_t length) {
+// Writes the character whose lead byte is at i to to; returns where the next one starts.
+// expat hands over well-formed UTF-8 only; other bytes still give one deterministic result,
+// and never more bytes than they take.
+std::size_t convertNonAscii(const unsigned char* bytes, std::size_t i, std::size_t length,
+                            char*& to) {
     const unsigned char lead = bytes[i];
     const int extra = lead >= 0xF0 ? 3 : lead >= 0xE0 ? 2 : 1;
     unsigned code = lead & (0x3Fu >> extra);
     for (int k = 1; k <= extra && i + static_cast<std::size_t>(k) < length; ++k)
         code = (code << 6) | (bytes[i + static_cast<std::size_t>(k)] & 0x3Fu);
-    if (code < 0x100)
-        out += static_cast<char>(code);
-    else
-        out.append(code >= 0x10000 ? 2 : 1, '?');
+    if (code < 0x100) {
+        *to++ = static_cast<char>(code);
+    } else {
+        *to++ = '?';
+        if (code >= 0x10000)
+            *to++ = '?';
+    }
     return i + static_cast<std::size_t>(extra) + 1;
 }
 
@@ -77,14 +81,24 @@ bool equalIgnoringCase(const std::int32_t* fold, const char* a, const char* b) {
 
 void appendUtf8AsLatin1(std::string& out, const char* text, std::size_t length) {
     const auto* bytes = reinterpret_cast<const unsigned char*>(text);
-    std::size_t i = 0;
+    std::size_t i = asciiPrefix(bytes, length);
+    out.append(text, i);
+    if (i == length)
+        return;
+    // The Latin-1 text is never longer than its UTF-8 form: write it in place, then cut.
+    const std::size_t start = out.size();
+    out.resize(start + (length - i));
+    char* const begin = out.data() + start;
+    char* to = begin;
     while (i < length) {
+        while (i < length && bytes[i] >= 0x80)
+            i = convertNonAscii(bytes, i, length, to);
         const std::size_t ascii = asciiPrefix(bytes + i, length - i);
-        out.append(text + i, ascii);
+        std::memcpy(to, text + i, ascii);
+        to += ascii;
         i += ascii;
-        if (i < length)
-            i = appendNonAscii(out, bytes, i, length);
     }
+    out.resize(start + static_cast<std::size_t>(to - begin));
 }
 
 namespace {
