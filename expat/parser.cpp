@@ -8,6 +8,10 @@
 #include <cctype>
 #include <cstring>
 
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
 namespace expat {
 
 struct Callbacks {
@@ -24,19 +28,33 @@ struct Callbacks {
 
 namespace {
 
-// How many bytes from the start are ASCII, tested 32 and then 8 at a time: most feed text is.
+constexpr std::uint64_t kHighBits = 0x8080808080808080u;
+
+// How many bytes from the start are ASCII, tested 64 (or 32) and then 8 at a time: most feed
+// text is.
 std::size_t asciiPrefix(const unsigned char* bytes, std::size_t length) {
-    constexpr std::uint64_t kHighBits = 0x8080808080808080u;
-    std::uint64_t words[4];
     std::size_t i = 0;
+#ifdef __SSE2__
+    for (; i + 64 <= length; i += 64) {
+        const auto* block = static_cast<const __m128i*>(static_cast<const void*>(bytes + i));
+        const __m128i any =
+            _mm_or_si128(_mm_or_si128(_mm_loadu_si128(block), _mm_loadu_si128(block + 1)),
+                         _mm_or_si128(_mm_loadu_si128(block + 2), _mm_loadu_si128(block + 3)));
+        if (_mm_movemask_epi8(any) != 0)
+            break;
+    }
+#else
+    std::uint64_t words[4];
     for (; i + sizeof words <= length; i += sizeof words) {
         std::memcpy(words, bytes + i, sizeof words);
         if (((words[0] | words[1] | words[2] | words[3]) & kHighBits) != 0)
             break;
     }
+#endif
+    std::uint64_t word;
     for (; i + 8 <= length; i += 8) {
-        std::memcpy(words, bytes + i, 8);
-        if ((words[0] & kHighBits) != 0)
+        std::memcpy(&word, bytes + i, 8);
+        if ((word & kHighBits) != 0)
             break;
     }
     while (i < length && bytes[i] < 0x80)
