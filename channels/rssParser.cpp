@@ -81,7 +81,7 @@ private:
     void endGuid() { setField("ITEM", m_guid); }
     void endLink() { setItemOrChannelField(m_itemLink, m_link); }
     void endTitle() { setItemOrChannelField(m_itemTitle, m_title); }
-    void endDescription() { setItemOrChannelField(m_itemDescription, m_description); }
+    void endDescription();
     void endUrl() { setField("IMAGE", m_imageUrl); }
     void endWidth();
     void endHeight();
@@ -264,6 +264,15 @@ void RssXmlParser::endItem() {
     item.commentsUrl = m_comments;
     item.pubDateString = m_itemPubDate;
     m_feed->appendItem(item);
+}
+
+// Descriptions, the bulk of a feed's text, are moved rather than copied: nothing changes
+// either field before the next start tag.
+void RssXmlParser::endDescription() {
+    if (isParent("ITEM"))
+        moveCharacterDataInto(m_itemDescription);
+    else if (isParent("CHANNEL"))
+        moveCharacterDataInto(m_description);
 }
 
 void RssXmlParser::endWidth() {

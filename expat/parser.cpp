@@ -188,6 +188,7 @@ void Parser::parse(const char* data, std::size_t length) {
     m_fold = caseFolding();
     m_tagStack.clear();
     m_characterData.clear();
+    m_lentTo = nullptr;
     m_abortMessage.clear();
     try {
         parseBuffer(data, length);
@@ -232,6 +233,19 @@ void Parser::abort(const std::string& message) {
         return;
     m_abortMessage = message;
     XML_StopParser(static_cast<XML_Parser>(m_handle), XML_FALSE);
+}
+
+void Parser::moveCharacterDataInto(std::string& field) {
+    if (m_lentTo)
+        restoreCharacterData();
+    field.swap(m_characterData);
+    m_characterData.clear(); // keeps the field's old buffer for the text to come
+    m_lentTo = &field;
+}
+
+void Parser::restoreCharacterData() const {
+    m_characterData.insert(0, *m_lentTo);
+    m_lentTo = nullptr;
 }
 
 void Parser::onStartElement(const char*, const char**) {}
@@ -279,6 +293,7 @@ void Parser::startElement(const char* name, const char** attributes) {
     if (m_tagStackGroup && m_tagStackGroup->isEnabled())
         PELSU_LOG(*m_tagStackGroup, "TagStack: " << tagStackText());
     m_characterData.clear();
+    m_lentTo = nullptr;
     onStartElement(name, attributes);
     dispatch(kStartElement, name, length);
 }

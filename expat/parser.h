@@ -46,7 +46,11 @@ public:
     void parse(const char* data, std::size_t length);
 
     // The text collected since the most recent start tag (Latin-1).
-    const std::string& characterData() const { return m_characterData; }
+    const std::string& characterData() const {
+        if (m_lentTo)
+            restoreCharacterData();
+        return m_characterData;
+    }
     // The open elements, outermost first.
     const std::vector<std::string>& tagStack() const { return m_tagStack; }
     // True when the element below the top of the stack is named name (ignoring case).
@@ -67,6 +71,11 @@ protected:
     // Ends the parse from inside a handler; parse then throws expat::Exception with the
     // message followed by the line and column.
     void abort(const std::string& message);
+    // Moves the text collected so far into field, dropping what field held, without copying
+    // it; characterData() still reads the same, copying the text back only when read before
+    // the next start tag. Until then field must not change other than by assigning it
+    // characterData().
+    void moveCharacterDataInto(std::string& field);
 
 private:
     friend struct Callbacks;
@@ -76,6 +85,7 @@ private:
     void indexHandlers(const ElementHandler* handlers);
     void dispatch(int event, const char* name, std::size_t length);
     std::string tagStackText() const;
+    void restoreCharacterData() const;
 
     // The rows of the handler table ordered by event, then by the length of their name
     // (table order kept within), so that an element is compared only with the rows whose
@@ -94,7 +104,9 @@ private:
     void* m_handle = nullptr;      // the expat parser while a parse runs
     void* m_spareHandle = nullptr; // the expat parser of the last parse, reset for the next one
     std::vector<std::string> m_tagStack;
-    std::string m_characterData;
+    // The text since the last start tag; while lent, only its part after the lent text.
+    mutable std::string m_characterData;
+    mutable std::string* m_lentTo = nullptr; // the field holding the start of the text
     std::size_t m_maxDepth = 0;
     std::string m_abortMessage;
     msglog::MsgGroup* m_elementGroup = nullptr;
