@@ -5,6 +5,7 @@
 #include <expat.h>
 
 #include <algorithm>
+#include <bit>
 #include <cctype>
 #include <cstring>
 
@@ -30,8 +31,16 @@ namespace {
 
 constexpr std::uint64_t kHighBits = 0x8080808080808080u;
 
-// How many bytes from the start are ASCII, tested 64 (or 32) and then 8 at a time: most feed
-// text is.
+// The index of the first byte with its high bit set in word (loaded from memory), given one.
+std::size_t firstHighByte(std::uint64_t highBits) {
+    if constexpr (std::endian::native == std::endian::little)
+        return static_cast<std::size_t>(std::countr_zero(highBits)) / 8;
+    else
+        return static_cast<std::size_t>(std::countl_zero(highBits)) / 8;
+}
+
+// How many bytes from the start are ASCII: whole blocks are tested at once (most feed text
+// is ASCII), and the first other byte is located within its word without a byte loop.
 std::size_t asciiPrefix(const unsigned char* bytes, std::size_t length) {
     std::size_t i = 0;
 #ifdef __SSE2__
@@ -43,23 +52,16 @@ std::size_t asciiPrefix(const unsigned char* bytes, std::size_t length) {
         if (_mm_movemask_epi8(any) != 0)
             break;
     }
-#else
-    std::uint64_t words[4];
-    for (; i + sizeof words <= length; i += sizeof words) {
-        std::memcpy(words, bytes + i, sizeof words);
-        if (((words[0] | words[1] | words[2] | words[3]) & kHighBits) != 0)
-            break;
-    }
 #endif
     std::uint64_t word;
     for (; i + 8 <= length; i += 8) {
-        std::memcpy(&word, bytes + i, 8);
+        std::memcpy(&word, bytes + i, sizeof word);
         if ((word & kHighBits) != 0)
-            break;
+            return i + firstHighByte(word & kHighBits);
     }
-    while (i < length && bytes[i] < 0x80)
-        ++i;
-    return i;
+    word = 0; // the missing bytes read as ASCII
+    std::memcpy(&word, bytes + i, length - i);
+    return (word & kHighBits) != 0 ? i + firstHighByte(word & kHighBits) : length;
 }
 
 // Writes the character whose lead byte is at i to to; returns where the next one starts.
