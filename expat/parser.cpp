@@ -317,7 +317,17 @@ void Parser::characters(const char* text, int length) {
     if (m_characterDataGroup && m_characterDataGroup->isEnabled())
         PELSU_LOG(*m_characterDataGroup,
                   "CHARACTER DATA: " << std::string(text, static_cast<std::size_t>(length)));
-    appendUtf8AsLatin1(m_characterData, text, static_cast<std::size_t>(length));
+    const auto size = static_cast<std::size_t>(length);
+    // Most pieces are short runs of ASCII (a line break, an indentation): they go straight in.
+    std::uint64_t word = 0;
+    if (size <= sizeof word) {
+        std::memcpy(&word, text, size);
+        if ((word & kHighBits) == 0) {
+            m_characterData.append(text, size);
+            return;
+        }
+    }
+    appendUtf8AsLatin1(m_characterData, text, size);
 }
 
 } // namespace expat
