@@ -111,8 +111,10 @@ void appendUtf8AsLatin1(std::string& out, const char* text, std::size_t length) 
     char* const begin = out.data() + start;
     char* to = begin;
     while (i < length) {
-        while (i < length && bytes[i] >= 0x80)
-            i = convertNonAscii(bytes, i, length, to);
+        if (bytes[i] >= 0x80) {
+            i = convertNonAscii(bytes, i, length, to); // past the end after a cut sequence
+            continue;
+        }
         const std::size_t ascii = asciiPrefix(bytes + i, length - i);
         std::memcpy(to, text + i, ascii);
         to += ascii;
