@@ -146,27 +146,34 @@ Parser::~Parser() {
 }
 
 void Parser::indexHandlers(const ElementHandler* handlers) {
-    std::array<std::uint16_t, 2 * kLengths> counts{};
-    const auto keyOf = [](const ElementHandler& row) {
-        return static_cast<std::size_t>(row.event) * kLengths +
-               std::min(std::strlen(row.name), kLengths - 1);
-    };
-    const auto indexed = [](const ElementHandler& row) {
-        return row.event == kStartElement || row.event == kEndElement;
-    };
-    for (const ElementHandler* row = handlers; row && row->event != kEndOfTable; ++row)
-        if (indexed(*row))
-            ++counts[keyOf(*row)];
-    for (std::size_t key = 0; key < counts.size(); ++key)
-        m_rowStart[key + 1] = static_cast<std::uint16_t>(m_rowStart[key] + counts[key]);
-    m_rows.resize(m_rowStart.back());
-    std::array<std::uint16_t, 2 * kLengths> filled{};
-    for (const ElementHandler* row = handlers; row && row->event != kEndOfTable; ++row)
-        if (indexed(*row)) {
-            const std::size_t key = keyOf(*row);
-            m_rows[m_rowStart[key] + filled[key]++] = IndexedRow{row->handler, m_names.size()};
+    std::vector<IndexedName> names; // in the order of first appearance
+    for (const ElementHandler* row = handlers; row && row->event != kEndOfTable; ++row) {
+        const int number = static_cast<int>(m_handlers.size());
+        m_handlers.push_back(row->handler);
+        if (row->event != kStartElement && row->event != kEndElement)
+            continue;
+        auto same = std::find_if(names.begin(), names.end(), [&](const IndexedName& known) {
+            return std::strcmp(m_names.data() + known.nameAt, row->name) == 0;
+        });
+        if (same == names.end()) {
+            same = names.insert(names.end(), IndexedName{m_names.size(), -1, -1});
             m_names.append(row->name).push_back('\0');
         }
+        int& first = row->event == kStartElement ? same->startRow : same->endRow;
+        if (first < 0)
+            first = number;
+    }
+    const auto keyOf = [this](const IndexedName& name) {
+        return std::min(std::strlen(m_names.data() + name.nameAt), kLengths - 1);
+    };
+    std::stable_sort(names.begin(), names.end(), [&](const IndexedName& a, const IndexedName& b) {
+        return keyOf(a) < keyOf(b);
+    });
+    for (const IndexedName& name : names)
+        ++m_nameStart[keyOf(name) + 1];
+    for (std::size_t key = 1; key < m_nameStart.size(); ++key)
+        m_nameStart[key] = static_cast<std::uint16_t>(m_nameStart[key] + m_nameStart[key - 1]);
+    m_index = std::move(names);
 }
 
 void Parser::setTraceGroups(msglog::MsgGroup* elements, msglog::MsgGroup* tagStack,
@@ -191,6 +198,7 @@ void Parser::parse(const char* data, std::size_t length) {
     m_handle = handle;
     m_fold = caseFolding();
     m_tagStack.clear();
+    m_endRows.clear();
     m_characterData.clear();
     m_lentTo = nullptr;
     m_abortMessage.clear();
@@ -267,16 +275,22 @@ std::string Parser::tagStackText() const {
     return text;
 }
 
-void Parser::dispatch(int event, const char* name, std::size_t length) {
-    const std::size_t key =
-        static_cast<std::size_t>(event) * kLengths + std::min(length, kLengths - 1);
-    for (std::size_t k = m_rowStart[key]; k < m_rowStart[key + 1]; ++k) {
-        const IndexedRow& row = m_rows[k];
-        if (equalIgnoringCase(m_fold, m_names.data() + row.nameAt, name)) {
-            (this->*(row.handler))();
-            return;
+std::pair<int, int> Parser::rowsFor(const char* name, std::size_t length) const {
+    // Names that differ only in case are distinct entries that may all match: the first rows
+    // in table order win.
+    const auto earlier = [](int row, int other) {
+        return other >= 0 && (row < 0 || other < row) ? other : row;
+    };
+    std::pair<int, int> rows{-1, -1};
+    const std::size_t key = std::min(length, kLengths - 1);
+    for (std::size_t k = m_nameStart[key]; k < m_nameStart[key + 1]; ++k) {
+        const IndexedName& known = m_index[k];
+        if (equalIgnoringCase(m_fold, m_names.data() + known.nameAt, name)) {
+            rows.first = earlier(rows.first, known.startRow);
+            rows.second = earlier(rows.second, known.endRow);
         }
     }
+    return rows;
 }
 
 void Parser::startElement(const char* name, const char** attributes) {
@@ -287,7 +301,9 @@ void Parser::startElement(const char* name, const char** attributes) {
         return;
     }
     const std::size_t length = std::strlen(name);
+    const auto [startRow, endRow] = rowsFor(name, length);
     m_tagStack.emplace_back(name, length);
+    m_endRows.push_back(endRow);
     if (m_elementGroup && m_elementGroup->isEnabled()) {
         std::string trace = std::string("START ELEMENT: ") + name + " ; ";
         for (const char** attribute = attributes; attribute && *attribute; attribute += 2)
@@ -299,7 +315,7 @@ void Parser::startElement(const char* name, const char** attributes) {
     m_characterData.clear();
     m_lentTo = nullptr;
     onStartElement(name, attributes);
-    dispatch(kStartElement, name, length);
+    run(startRow);
 }
 
 void Parser::endElement(const char* name) {
@@ -311,8 +327,9 @@ void Parser::endElement(const char* name) {
         PELSU_LOG(*m_tagStackGroup, "TagStack: " << tagStackText());
     onEndElement(name);
     // expat reports the end only of the element on top of the stack.
-    dispatch(kEndElement, name, m_tagStack.back().size());
+    run(m_endRows.back());
     m_tagStack.pop_back();
+    m_endRows.pop_back();
 }
 
 void Parser::characters(const char* text, int length) {

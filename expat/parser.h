@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace msglog {
@@ -83,27 +84,34 @@ private:
     void endElement(const char* name);
     void characters(const char* text, int length);
     void indexHandlers(const ElementHandler* handlers);
-    void dispatch(int event, const char* name, std::size_t length);
+    // The first start row and the first end row (-1: none) for an element's name.
+    std::pair<int, int> rowsFor(const char* name, std::size_t length) const;
+    void run(int row) {
+        if (row >= 0)
+            (this->*m_handlers[static_cast<std::size_t>(row)])();
+    }
     std::string tagStackText() const;
     void restoreCharacterData() const;
 
-    // The rows of the handler table ordered by event, then by the length of their name
-    // (table order kept within), so that an element is compared only with the rows whose
-    // name is as long as its own: the rows for event e and length n run from m_rowStart[k] to
-    // m_rowStart[k + 1], k = e * kLengths + min(n, kLengths - 1). Rows and names are copied
-    // into two blocks of their own, which stay in the cache better than the scattered table.
-    struct IndexedRow {
-        Handler handler;
+    // The distinct names of the handler table, each with its first start and end row, so
+    // that one lookup at the start tag serves both events. They are ordered by the length of
+    // the name, so that an element is compared only with names as long as its own: those of
+    // length n run from m_nameStart[k] to m_nameStart[k + 1], k = min(n, kLengths - 1).
+    struct IndexedName {
         std::size_t nameAt; // in m_names, where the names follow one another, each ended by NUL
+        int startRow;
+        int endRow;
     };
     static constexpr std::size_t kLengths = 32;
-    std::vector<IndexedRow> m_rows;
+    std::vector<Handler> m_handlers; // by row
+    std::vector<IndexedName> m_index;
     std::string m_names;
-    std::array<std::uint16_t, 2 * kLengths + 1> m_rowStart{};
+    std::array<std::uint16_t, kLengths + 1> m_nameStart{};
     const std::int32_t* m_fold;    // the case folding of the locale, taken at each parse
     void* m_handle = nullptr;      // the expat parser while a parse runs
     void* m_spareHandle = nullptr; // the expat parser of the last parse, reset for the next one
     std::vector<std::string> m_tagStack;
+    std::vector<int> m_endRows; // the end row of each open element
     // The text since the last start tag; while lent, only its part after the lent text.
     mutable std::string m_characterData;
     mutable std::string* m_lentTo = nullptr; // the field holding the start of the text
