@@ -41,6 +41,18 @@ void appendCleanFeedText(std::string& out, std::string_view text) {
     }
 }
 
+// Whether the clean-up would leave text as it is: nothing to trim, decode or blank.
+bool isCleanAlready(std::string_view text) {
+    if (text.empty())
+        return true;
+    if (isSpace(text.front()) || isSpace(text.back()))
+        return false;
+    for (const char special : {'\n', '&', '\r'})
+        if (std::memchr(text.data(), special, text.size()))
+            return false;
+    return true;
+}
+
 } // namespace
 
 // Collects the channel's and the items' fields while expat walks the document. One reader
@@ -256,14 +268,23 @@ void RssXmlParser::endItem() {
         item.title = cleanFeedText(makeTitle(m_itemDescription, m_itemLink));
     else
         appendCleanFeedText(item.title, m_itemTitle);
-    item.description.clear();
-    appendCleanFeedText(item.description, m_itemDescription);
+    // A description the clean-up would not change is lent to the item rather than copied,
+    // and given back afterwards (the collected text may still be read through it).
+    const bool lendDescription = isCleanAlready(m_itemDescription);
+    if (lendDescription) {
+        item.description.swap(m_itemDescription);
+    } else {
+        item.description.clear();
+        appendCleanFeedText(item.description, m_itemDescription);
+    }
     item.url = m_itemLink;
     item.source = m_source;
     item.author = m_author;
     item.commentsUrl = m_comments;
     item.pubDateString = m_itemPubDate;
     m_feed->appendItem(item);
+    if (lendDescription)
+        item.description.swap(m_itemDescription);
 }
 
 // Descriptions, the bulk of a feed's text, are moved rather than copied: nothing changes
