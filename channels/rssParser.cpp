@@ -200,7 +200,11 @@ bool RssXmlParser::read(Feed& feed, const std::string& text, int maxItems,
     m_imageWidth = m_imageHeight = 0;
     m_isRss = false;
     setMaxDepth(static_cast<std::size_t>(std::max(options.depthLimit, 0)));
+    // The items' text is most of a document: room for all of it saves moving the items
+    // again and again as they grow; what they leave unused is given back.
+    feed.reserveItemBytes(text.size());
     parse(text.data(), text.size());
+    feed.releaseSpareItemBytes();
     return m_isRss;
 }
 
