@@ -59,9 +59,10 @@ std::size_t asciiPrefix(const unsigned char* bytes, std::size_t length) {
         if ((word & kHighBits) != 0)
             return i + firstHighByte(word & kHighBits);
     }
-    word = 0; // the missing bytes read as ASCII
-    std::memcpy(&word, bytes + i, length - i);
-    return (word & kHighBits) != 0 ? i + firstHighByte(word & kHighBits) : length;
+    // Byte by byte for the last few: a load of a part of a word would stall on the store.
+    while (i < length && bytes[i] < 0x80)
+        ++i;
+    return i;
 }
 
 // Writes the character whose lead byte is at i to to; returns where the next one starts.
@@ -334,19 +335,24 @@ void Parser::endElement(const char* name) {
 
 void Parser::characters(const char* text, int length) {
     if (m_characterDataGroup && m_characterDataGroup->isEnabled())
-        PELSU_LOG(*m_characterDataGroup,
-                  "CHARACTER DATA: " << std::string(text, static_cast<std::size_t>(length)));
+        traceCharacters(text, length);
     const auto size = static_cast<std::size_t>(length);
     // Most pieces are short runs of ASCII (a line break, an indentation): they go straight in.
-    std::uint64_t word = 0;
-    if (size <= sizeof word) {
-        std::memcpy(&word, text, size);
-        if ((word & kHighBits) == 0) {
+    if (size <= 8) {
+        unsigned bits = 0;
+        for (std::size_t k = 0; k < size; ++k)
+            bits |= static_cast<unsigned char>(text[k]);
+        if (bits < 0x80) {
             m_characterData.append(text, size);
             return;
         }
     }
     appendUtf8AsLatin1(m_characterData, text, size);
+}
+
+void Parser::traceCharacters(const char* text, int length) {
+    PELSU_LOG(*m_characterDataGroup,
+              "CHARACTER DATA: " << std::string(text, static_cast<std::size_t>(length)));
 }
 
 } // namespace expat

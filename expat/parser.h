@@ -83,6 +83,7 @@ private:
     void startElement(const char* name, const char** attributes);
     void endElement(const char* name);
     void characters(const char* text, int length);
+    void traceCharacters(const char* text, int length);
     void indexHandlers(const ElementHandler* handlers);
     // The first start row and the first end row (-1: none) for an element's name.
     std::pair<int, int> rowsFor(const char* name, std::size_t length) const;
