@@ -59,7 +59,14 @@ std::size_t asciiPrefix(const unsigned char* bytes, std::size_t length) {
         if ((word & kHighBits) != 0)
             return i + firstHighByte(word & kHighBits);
     }
-    // Byte by byte for the last few: a load of a part of a word would stall on the store.
+    if (i == length)
+        return length;
+    if (length >= sizeof word) {
+        // The last word overlaps bytes already found ASCII, so its first other byte is new.
+        std::memcpy(&word, bytes + length - sizeof word, sizeof word);
+        return (word & kHighBits) != 0 ? length - sizeof word + firstHighByte(word & kHighBits)
+                                       : length;
+    }
     while (i < length && bytes[i] < 0x80)
         ++i;
     return i;
