@@ -105,6 +105,17 @@ bool equalIgnoringCase(const std::int32_t* fold, const char* a, const char* b) {
     }
 }
 
+// The same with the first name's folded characters at hand: one look-up per character.
+bool matchesFolded(const std::int32_t* fold, const char* raw, const std::int32_t* folded,
+                   const char* name) {
+    for (;; ++raw, ++folded, ++name) {
+        if (*name != *raw && fold[static_cast<unsigned char>(*name)] != *folded)
+            return false;
+        if (*raw == '\0')
+            return true;
+    }
+}
+
 } // namespace
 
 void appendUtf8AsLatin1(std::string& out, const char* text, std::size_t length) {
@@ -205,6 +216,12 @@ void Parser::parse(const char* data, std::size_t length) {
         throw Exception("XML parse failed (1:L0/C0): out of memory");
     m_handle = handle;
     m_fold = caseFolding();
+    if (m_foldedNames.size() != m_names.size() || m_foldedFor != m_fold) {
+        m_foldedNames.resize(m_names.size());
+        for (std::size_t k = 0; k < m_names.size(); ++k)
+            m_foldedNames[k] = m_fold[static_cast<unsigned char>(m_names[k])];
+        m_foldedFor = m_fold;
+    }
     m_tagStack.clear();
     m_endRows.clear();
     m_characterData.clear();
@@ -293,7 +310,8 @@ std::pair<int, int> Parser::rowsFor(const char* name, std::size_t length) const 
     const std::size_t key = std::min(length, kLengths - 1);
     for (std::size_t k = m_nameStart[key]; k < m_nameStart[key + 1]; ++k) {
         const IndexedName& known = m_index[k];
-        if (equalIgnoringCase(m_fold, m_names.data() + known.nameAt, name)) {
+        if (matchesFolded(m_fold, m_names.data() + known.nameAt,
+                          m_foldedNames.data() + known.nameAt, name)) {
             rows.first = earlier(rows.first, known.startRow);
             rows.second = earlier(rows.second, known.endRow);
         }

@@ -107,6 +107,8 @@ private:
     std::vector<Handler> m_handlers; // by row
     std::vector<IndexedName> m_index;
     std::string m_names;
+    std::vector<std::int32_t> m_foldedNames; // m_names folded by the table m_foldedFor
+    const std::int32_t* m_foldedFor = nullptr;
     std::array<std::uint16_t, kLengths + 1> m_nameStart{};
     const std::int32_t* m_fold;    // the case folding of the locale, taken at each parse
     void* m_handle = nullptr;      // the expat parser while a parse runs
