@@ -9,8 +9,8 @@
 #include <cctype>
 #include <cstring>
 
-#ifdef __SSE2__
-#include <emmintrin.h>
+#ifdef __x86_64__
+#include <immintrin.h>
 #endif
 
 namespace expat {
@@ -39,10 +39,35 @@ std::size_t firstHighByte(std::uint64_t highBits) {
         return static_cast<std::size_t>(std::countl_zero(highBits)) / 8;
 }
 
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+#define PELSU_ASCII_AVX2
+// Where the machine has AVX2, long text is tested 128 bytes at a time; this returns the start
+// of the first block that holds another byte.
+[[gnu::target("avx2")]] std::size_t asciiBlocksAvx2(const unsigned char* bytes,
+                                                    std::size_t length) {
+    std::size_t i = 0;
+    for (; i + 128 <= length; i += 128) {
+        const auto* block = static_cast<const __m256i*>(static_cast<const void*>(bytes + i));
+        const __m256i any = _mm256_or_si256(
+            _mm256_or_si256(_mm256_loadu_si256(block), _mm256_loadu_si256(block + 1)),
+            _mm256_or_si256(_mm256_loadu_si256(block + 2), _mm256_loadu_si256(block + 3)));
+        if (_mm256_movemask_epi8(any) != 0)
+            break;
+    }
+    return i;
+}
+
+const bool kHasAvx2 = (__builtin_cpu_init(), __builtin_cpu_supports("avx2") != 0);
+#endif
+
 // How many bytes from the start are ASCII: whole blocks are tested at once (most feed text
 // is ASCII), and the first other byte is located within its word without a byte loop.
 std::size_t asciiPrefix(const unsigned char* bytes, std::size_t length) {
     std::size_t i = 0;
+#ifdef PELSU_ASCII_AVX2
+    if (kHasAvx2 && length >= 128)
+        i = asciiBlocksAvx2(bytes, length);
+#endif
 #ifdef __SSE2__
     for (; i + 64 <= length; i += 64) {
         const auto* block = static_cast<const __m128i*>(static_cast<const void*>(bytes + i));
