@@ -1,11 +1,12 @@
-// Parse throughput of the RSS parser on the corpus's RSS documents, beside expat alone with
-// handlers that do nothing, on the same bytes.
+// Parse throughput of the RSS parser beside expat alone with handlers that do nothing, on the
+// same bytes: the corpus's RSS documents, and a farm of generated feeds (bench/farm/makeFarm.py).
 
 #include "channels/rssParser.h"
 #include "expat/parser.h"
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -13,10 +14,31 @@
 #include <string>
 #include <vector>
 
+#include <unistd.h>
+
 namespace {
 
-// The corpus's RSS documents that the parser turns into a feed, repeated to about 20 MB.
-const std::vector<std::string>& documents() {
+std::string readWhole(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+// The documents repeated to about 20 MB, so that one pass is long enough to time.
+std::vector<std::string> repeated(const std::vector<std::string>& found) {
+    std::vector<std::string> result;
+    std::size_t total = 0;
+    while (!found.empty() && total < 20u * 1024u * 1024u)
+        for (const std::string& doc : found) {
+            result.push_back(doc);
+            total += doc.size();
+        }
+    return result;
+}
+
+// The corpus's RSS documents that the parser turns into a feed.
+const std::vector<std::string>& corpusDocuments() {
     static const std::vector<std::string> docs = [] {
         std::vector<std::string> found;
         const char* override = std::getenv("PELSU_CORPUS");
@@ -27,55 +49,75 @@ const std::vector<std::string>& documents() {
         for (const auto& entry : std::filesystem::recursive_directory_iterator(corpus, error)) {
             if (!entry.is_regular_file())
                 continue;
-            std::ifstream in(entry.path(), std::ios::binary);
-            std::ostringstream text;
-            text << in.rdbuf();
+            std::string text = readWhole(entry.path());
             try {
                 channels::RssParser parser;
-                channels::parseFeed(parser, {}, text.str(), 0);
-                found.push_back(text.str());
+                channels::parseFeed(parser, {}, text, 0);
+                found.push_back(std::move(text));
             } catch (const std::exception&) {
             }
         }
-        std::vector<std::string> repeated;
-        std::size_t total = 0;
-        while (!found.empty() && total < 20u * 1024u * 1024u)
-            for (const std::string& doc : found) {
-                repeated.push_back(doc);
-                total += doc.size();
-            }
-        return repeated;
+        return repeated(found);
     }();
     return docs;
 }
 
-std::int64_t totalBytes() {
+// Two hundred feeds of the farm, written by its generator into a directory removed afterwards.
+const std::vector<std::string>& farmDocuments() {
+    static const std::vector<std::string> docs = [] {
+        std::string dir = (std::filesystem::temp_directory_path() / "pelsu-farm-XXXXXX").string();
+        if (!::mkdtemp(dir.data()))
+            return std::vector<std::string>();
+        const std::string command = "python3 '" PELSU_SOURCE_DIR "/bench/farm/makeFarm.py' '" +
+                                    dir + "' --count 200 >/dev/null";
+        std::vector<std::filesystem::path> paths;
+        if (std::system(command.c_str()) == 0)
+            for (const auto& entry : std::filesystem::directory_iterator(dir))
+                paths.push_back(entry.path());
+        std::sort(paths.begin(), paths.end());
+        std::vector<std::string> found;
+        for (const auto& path : paths)
+            found.push_back(readWhole(path));
+        std::error_code error;
+        std::filesystem::remove_all(dir, error);
+        return repeated(found);
+    }();
+    return docs;
+}
+
+using Documents = const std::vector<std::string>& (*)();
+
+std::int64_t totalBytes(const std::vector<std::string>& docs) {
     std::int64_t total = 0;
-    for (const std::string& doc : documents())
+    for (const std::string& doc : docs)
         total += static_cast<std::int64_t>(doc.size());
     return total;
 }
 
-void BM_BareExpat(benchmark::State& state) {
-    if (documents().empty())
-        state.SkipWithError("no corpus (set PELSU_CORPUS)");
+void BM_BareExpat(benchmark::State& state, Documents documents) {
+    const auto& docs = documents();
+    if (docs.empty())
+        state.SkipWithError("no documents (set PELSU_CORPUS, or python3 for the farm)");
     for (auto _ : state)
-        for (const std::string& doc : documents())
+        for (const std::string& doc : docs)
             benchmark::DoNotOptimize(expat::parseWithEmptyHandlers(doc.data(), doc.size()));
-    state.SetBytesProcessed(state.iterations() * totalBytes());
+    state.SetBytesProcessed(state.iterations() * totalBytes(docs));
 }
-BENCHMARK(BM_BareExpat)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_BareExpat, corpus, &corpusDocuments)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_BareExpat, farm, &farmDocuments)->Unit(benchmark::kMillisecond);
 
-void BM_RssParser(benchmark::State& state) {
-    if (documents().empty())
-        state.SkipWithError("no corpus (set PELSU_CORPUS)");
+void BM_RssParser(benchmark::State& state, Documents documents) {
+    const auto& docs = documents();
+    if (docs.empty())
+        state.SkipWithError("no documents (set PELSU_CORPUS, or python3 for the farm)");
     channels::RssParser parser;
     for (auto _ : state)
-        for (const std::string& doc : documents())
+        for (const std::string& doc : docs)
             benchmark::DoNotOptimize(channels::parseFeed(parser, {}, doc, 0));
-    state.SetBytesProcessed(state.iterations() * totalBytes());
+    state.SetBytesProcessed(state.iterations() * totalBytes(docs));
 }
-BENCHMARK(BM_RssParser)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_RssParser, corpus, &corpusDocuments)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_RssParser, farm, &farmDocuments)->Unit(benchmark::kMillisecond);
 
 } // namespace
 

@@ -118,6 +118,17 @@ void PackedFeedItems::truncate(std::size_t count) {
     storage.starts.resize(count);
 }
 
+void PackedFeedItems::reserve(std::size_t bytes) { mutableStorage().bytes.reserve(bytes); }
+
+void PackedFeedItems::releaseSpareRoom() {
+    if (!m_storage || m_storage.use_count() > 1)
+        return;
+    if (size() == 0)
+        m_storage.reset(); // an empty list holds no storage
+    else if (m_storage->bytes.capacity() > 2 * m_storage->bytes.size())
+        m_storage->bytes.shrink_to_fit();
+}
+
 bool PackedFeedItems::operator==(const PackedFeedItems& other) const {
     if (m_storage == other.m_storage || size() != other.size())
         return m_storage == other.m_storage || size() == other.size(); // both empty, or unequal
@@ -283,7 +294,7 @@ std::string Feed::itemId(std::size_t index) const {
     return index < m_items.size() ? m_items.id(index) : std::string();
 }
 
-void Feed::appendItem(FeedItem item) {
+void Feed::appendItem(const FeedItem& item) {
     threadSafety::ScopedLock lock(m_lock);
     m_items.push_back(item);
 }
@@ -291,6 +302,16 @@ void Feed::appendItem(FeedItem item) {
 void Feed::truncateItems(std::size_t count) {
     threadSafety::ScopedLock lock(m_lock);
     m_items.truncate(count);
+}
+
+void Feed::reserveItemBytes(std::size_t bytes) {
+    threadSafety::ScopedLock lock(m_lock);
+    m_items.reserve(bytes);
+}
+
+void Feed::releaseSpareItemBytes() {
+    threadSafety::ScopedLock lock(m_lock);
+    m_items.releaseSpareRoom();
 }
 
 std::unique_ptr<Feed> Feed::headlines() const {

@@ -63,6 +63,10 @@ public:
     std::string id(std::size_t index) const;
     void push_back(const FeedItem& item);
     void truncate(std::size_t count);
+    // Room for items of about this many bytes in all, so that appending moves nothing.
+    void reserve(std::size_t bytes);
+    // Gives the room back when more than half of it is unused (no more than growing leaves).
+    void releaseSpareRoom();
     bool operator==(const PackedFeedItems& other) const;
 
 private:
@@ -94,9 +98,13 @@ public:
     std::vector<FeedItem> items() const;
     // The id of the item at a 0-based index (empty past the end).
     std::string itemId(std::size_t index) const;
-    void appendItem(FeedItem item);
+    void appendItem(const FeedItem& item);
     // Keeps the first count items.
     void truncateItems(std::size_t count);
+    // A parser that knows the size of its document makes room for the items up front, and
+    // gives back what they left unused when it is done.
+    void reserveItemBytes(std::size_t bytes);
+    void releaseSpareItemBytes();
     // A copy that keeps of each item only its id, title and link (what a listener of an
     // expired-item event reads), at a fraction of the memory of the whole feed.
     std::unique_ptr<Feed> headlines() const;

@@ -12,8 +12,10 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <optional>
+#include <string_view>
 
 namespace channels {
 
@@ -21,12 +23,51 @@ namespace {
 
 bool isSpace(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
 
-// Collects the channel's and the items' fields while expat walks the document.
+// Appends the clean-up of a title or description: the text trimmed, its entities decoded and
+// every carriage return and line feed made a blank. No entity name holds a line break, so the
+// breaks can be replaced after decoding, each in one pass over the appended text.
+void appendCleanFeedText(std::string& out, std::string_view text) {
+    std::size_t begin = 0;
+    std::size_t end = text.size();
+    while (begin < end && isSpace(text[begin]))
+        ++begin;
+    while (end > begin && isSpace(text[end - 1]))
+        --end;
+    const std::size_t from = out.size();
+    htmlStripper::appendDecodedEntities(out, text.substr(begin, end - begin));
+    for (const char lineBreak : {'\r', '\n'}) {
+        char* const last = out.data() + out.size();
+        for (char* at = out.data() + from;
+             (at = static_cast<char*>(
+                  std::memchr(at, lineBreak, static_cast<std::size_t>(last - at))));)
+            *at++ = ' ';
+    }
+}
+
+// Whether the clean-up would leave text as it is: nothing to trim, decode or blank.
+bool isCleanAlready(std::string_view text) {
+    if (text.empty())
+        return true;
+    if (isSpace(text.front()) || isSpace(text.back()))
+        return false;
+    for (const char special : {'\n', '&', '\r'})
+        if (std::memchr(text.data(), special, text.size()))
+            return false;
+    return true;
+}
+
+} // namespace
+
+// Collects the channel's and the items' fields while expat walks the document. One reader
+// serves the parses of one RssParser in turn, so its fields keep their capacity between feeds.
 class RssXmlParser : public expat::Parser {
 public:
-    RssXmlParser(Feed& feed, int maxItems, int itemLimit, std::ostream* parseLog);
+    RssXmlParser() : expat::Parser(kHandlers) {}
 
-    bool isRss() const { return m_isRss; }
+    // Parses one document into feed, every field starting empty; returns whether the root was
+    // an RSS root. Throws what expat::Parser::parse throws.
+    bool read(Feed& feed, const std::string& text, int maxItems, const ParseOptions& options,
+              std::ostream* parseLog);
 
 protected:
     void onStartElement(const char* name, const char** attributes) override;
@@ -34,47 +75,58 @@ protected:
 
 private:
     static const expat::ElementHandler kHandlers[];
+    using Field = std::string RssXmlParser::*;
+    static const Field kChannelFields[];
+    static const Field kItemFields[];
 
     void trace(const std::string& line) {
         if (m_parseLog)
             *m_parseLog << line << '\n';
     }
+    void clear(const Field* fields) {
+        for (; *fields; ++fields)
+            (this->*(*fields)).clear();
+    }
+    bool parentIsRssRoot() const { return isParent("RSS") || isParent("RDF:RDF"); }
     void startRss() { m_isRss = true; }
     void startChannel();
     void endChannel();
     void startItem();
     void endItem();
-    void endGuid() { setItemField(m_guid); }
-    void endLink();
-    void endTitle();
+    void endGuid() { setField("ITEM", m_guid); }
+    void endLink() { setItemOrChannelField(m_itemLink, m_link); }
+    void endTitle() { setItemOrChannelField(m_itemTitle, m_title); }
     void endDescription();
-    void endUrl() { setChannelField("IMAGE", m_imageUrl); }
+    void endUrl() { setField("IMAGE", m_imageUrl); }
     void endWidth();
     void endHeight();
-    void endCopyright() { setChannelField("CHANNEL", m_copyright); }
-    void endManagingEditor() { setChannelField("CHANNEL", m_managingEditor); }
-    void endWebMaster() { setChannelField("CHANNEL", m_webMaster); }
+    void endCopyright() { setField("CHANNEL", m_copyright); }
+    void endManagingEditor() { setField("CHANNEL", m_managingEditor); }
+    void endWebMaster() { setField("CHANNEL", m_webMaster); }
     void endPubDate();
-    void endLastBuildDate() { setChannelField("CHANNEL", m_lastBuildDate); }
-    void endGenerator() { setChannelField("CHANNEL", m_generator); }
-    void endSource() { setItemField(m_source); }
-    void endAuthor() { setItemField(m_author); }
-    void endComments() { setItemField(m_comments); }
+    void endLastBuildDate() { setField("CHANNEL", m_lastBuildDate); }
+    void endGenerator() { setField("CHANNEL", m_generator); }
+    void endSource() { setField("ITEM", m_source); }
+    void endAuthor() { setField("ITEM", m_author); }
+    void endComments() { setField("ITEM", m_comments); }
 
-    void setItemField(std::string& field) {
-        if (isParent("ITEM"))
-            field = characterData();
-    }
-    void setChannelField(const char* parent, std::string& field) {
+    // Assignment keeps the field's capacity from the items and feeds before.
+    void setField(const char* parent, std::string& field) {
         if (isParent(parent))
             field = characterData();
     }
+    void setItemOrChannelField(std::string& itemField, std::string& channelField) {
+        if (isParent("ITEM"))
+            itemField = characterData();
+        else if (isParent("CHANNEL"))
+            channelField = characterData();
+    }
 
-    Feed& m_feed;
-    int m_maxItems;
-    int m_itemLimit;
+    Feed* m_feed = nullptr;
+    int m_maxItems = 0;
+    int m_itemLimit = 0;
     int m_itemsSeen = 0;
-    std::ostream* m_parseLog;
+    std::ostream* m_parseLog = nullptr;
     std::string m_title, m_description, m_link, m_imageUrl;
     int m_imageWidth = 0;
     int m_imageHeight = 0;
@@ -82,12 +134,14 @@ private:
     bool m_isRss = false;
     std::string m_guid, m_itemLink, m_itemTitle, m_itemDescription, m_source, m_author, m_comments,
         m_itemPubDate;
+    FeedItem m_item; // the item being saved
 };
 
 #define PELSU_RSS_HANDLER(event, method, name)                                                     \
     expat::ElementHandler { expat::event, static_cast<expat::Handler>(&RssXmlParser::method), name }
 
-// Tried from the top; the first row whose event and name match alone runs.
+// Tried from the top; the first row whose event and name match alone runs. The first rows
+// name the root elements that make a document a feed of this kind.
 const expat::ElementHandler RssXmlParser::kHandlers[] = {
     PELSU_RSS_HANDLER(kStartElement, startRss, "RSS"),
     PELSU_RSS_HANDLER(kStartElement, startRss, "RDF:RDF"),
@@ -115,9 +169,47 @@ const expat::ElementHandler RssXmlParser::kHandlers[] = {
     expat::ElementHandler{expat::kEndOfTable, nullptr, nullptr},
 };
 
-RssXmlParser::RssXmlParser(Feed& feed, int maxItems, int itemLimit, std::ostream* parseLog)
-    : expat::Parser(kHandlers), m_feed(feed), m_maxItems(maxItems), m_itemLimit(itemLimit),
-      m_parseLog(parseLog) {}
+// The string fields of the channel and of one item, each list ended by null.
+const RssXmlParser::Field RssXmlParser::kChannelFields[] = {&RssXmlParser::m_title,
+                                                            &RssXmlParser::m_description,
+                                                            &RssXmlParser::m_link,
+                                                            &RssXmlParser::m_imageUrl,
+                                                            &RssXmlParser::m_copyright,
+                                                            &RssXmlParser::m_managingEditor,
+                                                            &RssXmlParser::m_webMaster,
+                                                            &RssXmlParser::m_pubDate,
+                                                            &RssXmlParser::m_lastBuildDate,
+                                                            &RssXmlParser::m_generator,
+                                                            nullptr};
+const RssXmlParser::Field RssXmlParser::kItemFields[] = {&RssXmlParser::m_guid,
+                                                         &RssXmlParser::m_itemLink,
+                                                         &RssXmlParser::m_itemTitle,
+                                                         &RssXmlParser::m_itemDescription,
+                                                         &RssXmlParser::m_source,
+                                                         &RssXmlParser::m_author,
+                                                         &RssXmlParser::m_comments,
+                                                         &RssXmlParser::m_itemPubDate,
+                                                         nullptr};
+
+bool RssXmlParser::read(Feed& feed, const std::string& text, int maxItems,
+                        const ParseOptions& options, std::ostream* parseLog) {
+    m_feed = &feed;
+    m_maxItems = maxItems;
+    m_itemLimit = options.itemLimit;
+    m_itemsSeen = 0;
+    m_parseLog = parseLog;
+    clear(kChannelFields);
+    clear(kItemFields);
+    m_imageWidth = m_imageHeight = 0;
+    m_isRss = false;
+    setMaxDepth(static_cast<std::size_t>(std::max(options.depthLimit, 0)));
+    // The items' text is most of a document: room for all of it saves moving the items
+    // again and again as they grow; what they leave unused is given back.
+    feed.reserveItemBytes(text.size());
+    parse(text.data(), text.size());
+    feed.releaseSpareItemBytes();
+    return m_isRss;
+}
 
 void RssXmlParser::onStartElement(const char* name, const char** attributes) {
     if (!m_parseLog)
@@ -133,27 +225,18 @@ void RssXmlParser::onEndElement(const char* name) {
 }
 
 void RssXmlParser::startChannel() {
-    if (!isParent("RSS") && !isParent("RDF:RDF"))
+    if (!parentIsRssRoot())
         return;
     trace("Starting a new channel.");
-    m_title.clear();
-    m_description.clear();
-    m_link.clear();
-    m_imageUrl.clear();
+    clear(kChannelFields);
     m_imageWidth = m_imageHeight = 0;
-    m_copyright.clear();
-    m_managingEditor.clear();
-    m_webMaster.clear();
-    m_pubDate.clear();
-    m_lastBuildDate.clear();
-    m_generator.clear();
 }
 
 void RssXmlParser::endChannel() {
-    if (!isParent("RSS") && !isParent("RDF:RDF"))
+    if (!parentIsRssRoot())
         return;
     trace("Saving the channel details.");
-    FeedChannelFields& channel = m_feed.channel();
+    FeedChannelFields& channel = m_feed->channel();
     channel.channelDisplayName = cleanFeedText(m_title);
     channel.channelDescription = cleanFeedText(m_description);
     channel.channelHomeUrl = m_link;
@@ -170,14 +253,7 @@ void RssXmlParser::endChannel() {
 
 void RssXmlParser::startItem() {
     trace("Starting a new item.");
-    m_guid.clear();
-    m_itemLink.clear();
-    m_itemTitle.clear();
-    m_itemDescription.clear();
-    m_source.clear();
-    m_author.clear();
-    m_comments.clear();
-    m_itemPubDate.clear();
+    clear(kItemFields);
 }
 
 void RssXmlParser::endItem() {
@@ -185,31 +261,45 @@ void RssXmlParser::endItem() {
         abort(tooManyItemsMessage(m_itemLimit));
         return;
     }
-    CollectedItem item{m_guid,   m_itemLink, m_itemTitle, m_itemDescription,
-                       m_source, m_author,   m_comments,  m_itemPubDate};
-    saveCollectedItem(m_feed, item, m_link, m_maxItems, m_parseLog);
-    m_itemLink = std::move(item.link); // an item nested in this one sees the link it was given
+    if (m_maxItems >= 1 && m_feed->itemCount() >= static_cast<std::size_t>(m_maxItems))
+        return;
+    if (m_itemLink.empty())
+        m_itemLink = m_guid.empty() ? m_link : m_guid;
+    trace("Saving the new item.");
+    // The item is a member so that its fields keep their capacity from item to item.
+    FeedItem& item = m_item;
+    item.id = m_guid.empty() ? m_itemLink : m_guid;
+    item.title.clear();
+    if (m_itemTitle.empty())
+        item.title = cleanFeedText(makeTitle(m_itemDescription, m_itemLink));
+    else
+        appendCleanFeedText(item.title, m_itemTitle);
+    // A description the clean-up would not change is lent to the item rather than copied,
+    // and given back afterwards (the collected text may still be read through it).
+    const bool lendDescription = isCleanAlready(m_itemDescription);
+    if (lendDescription) {
+        item.description.swap(m_itemDescription);
+    } else {
+        item.description.clear();
+        appendCleanFeedText(item.description, m_itemDescription);
+    }
+    item.url = m_itemLink;
+    item.source = m_source;
+    item.author = m_author;
+    item.commentsUrl = m_comments;
+    item.pubDateString = m_itemPubDate;
+    m_feed->appendItem(item);
+    if (lendDescription)
+        item.description.swap(m_itemDescription);
 }
 
-void RssXmlParser::endLink() {
-    if (isParent("ITEM"))
-        m_itemLink = characterData();
-    else if (isParent("CHANNEL"))
-        m_link = characterData();
-}
-
-void RssXmlParser::endTitle() {
-    if (isParent("ITEM"))
-        m_itemTitle = characterData();
-    else if (isParent("CHANNEL"))
-        m_title = characterData();
-}
-
+// Descriptions, the bulk of a feed's text, are moved rather than copied: nothing changes
+// either field before the next start tag.
 void RssXmlParser::endDescription() {
     if (isParent("ITEM"))
-        m_itemDescription = characterData();
+        moveCharacterDataInto(m_itemDescription);
     else if (isParent("CHANNEL"))
-        m_description = characterData();
+        moveCharacterDataInto(m_description);
 }
 
 void RssXmlParser::endWidth() {
@@ -228,6 +318,8 @@ void RssXmlParser::endPubDate() {
     else if (isParent("ITEM"))
         m_itemPubDate = characterData();
 }
+
+namespace {
 
 void logFeed(const ParseOptions& options, const Feed& feed) {
     auto& group = channelManagerActivityGroup();
@@ -274,11 +366,9 @@ std::string tooManyItemsMessage(int limit) {
 }
 
 std::string cleanFeedText(const std::string& text) {
-    std::string cleaned = misc::trimmed(text);
-    for (char& c : cleaned)
-        if (c == '\r' || c == '\n')
-            c = ' ';
-    return htmlStripper::decodeEntities(cleaned);
+    std::string cleaned;
+    appendCleanFeedText(cleaned, text);
+    return cleaned;
 }
 
 std::string makeTitle(const std::string& description, const std::string& defaultTitle) {
@@ -305,32 +395,37 @@ std::string makeTitle(const std::string& description, const std::string& default
     return title.empty() ? defaultTitle : title;
 }
 
+RssParser::RssParser() = default;
+
+RssParser::~RssParser() = default;
+
 std::unique_ptr<Feed> RssParser::parse(const ParseOptions& options, const std::string& feedText,
                                        int maxItems) {
-    std::ofstream parseLog;
-    if (options.logChannelProcessing && !options.parseLogPath.empty())
-        parseLog.open(options.parseLogPath, std::ios::trunc);
+    std::unique_ptr<std::ofstream> parseLog;
+    if (options.logChannelProcessing && !options.parseLogPath.empty()) {
+        parseLog = std::make_unique<std::ofstream>(options.parseLogPath, std::ios::trunc);
+        if (!parseLog->is_open())
+            parseLog.reset();
+    }
     if (feedText.empty())
         throw Exception("Empty RSS feed.");
     std::optional<std::string> converted;
     if (options.formats.convertEncodings)
         converted = expat::convertedToUtf8(feedText);
     const std::string& text = converted ? *converted : feedText;
-    if (auto other =
-            parseOtherFormat(options, text, maxItems, parseLog.is_open() ? &parseLog : nullptr))
+    if (auto other = parseOtherFormat(options, text, maxItems, parseLog.get()))
         return other;
     auto feed = std::make_unique<Feed>();
-    RssXmlParser parser(*feed, maxItems, options.itemLimit,
-                        parseLog.is_open() ? &parseLog : nullptr);
-    parser.setMaxDepth(static_cast<std::size_t>(std::max(options.depthLimit, 0)));
-    parser.setReadUnknownEncodings(options.formats.convertEncodings);
-    // Traces of every element, the tag stack and the text, off unless switched on by name.
-    static msglog::MsgGroup& elements = msglog::registerQuietMsgGroup("XmlElements");
-    static msglog::MsgGroup& tagStack = msglog::registerQuietMsgGroup("XmlTagStack");
-    static msglog::MsgGroup& characterData = msglog::registerQuietMsgGroup("XmlCharacterData");
-    parser.setTraceGroups(&elements, &tagStack, &characterData);
-    parser.parse(text.data(), text.size());
-    if (!parser.isRss())
+    if (!m_reader) {
+        m_reader = std::make_unique<RssXmlParser>();
+        // Traces of every element, the tag stack and the text, off unless switched on by name.
+        static msglog::MsgGroup& elements = msglog::registerQuietMsgGroup("XmlElements");
+        static msglog::MsgGroup& tagStack = msglog::registerQuietMsgGroup("XmlTagStack");
+        static msglog::MsgGroup& characterData = msglog::registerQuietMsgGroup("XmlCharacterData");
+        m_reader->setTraceGroups(&elements, &tagStack, &characterData);
+    }
+    m_reader->setReadUnknownEncodings(options.formats.convertEncodings);
+    if (!m_reader->read(*feed, text, maxItems, options, parseLog.get()))
         throw Exception("Not an RSS feed.");
     return feed;
 }

@@ -11,6 +11,7 @@
 namespace channels {
 
 class Channel;
+class RssXmlParser;
 
 // The documents a parse reads besides RSS; all off, it reads RSS alone and expat's own
 // encodings, as it always has.
@@ -42,12 +43,17 @@ struct CollectedItem {
     std::string guid, link, title, description, source, author, comments, pubDate;
 };
 
+// Parses feeds one after another; the buffers of one parse serve the next.
 class RssParser {
 public:
-    virtual ~RssParser() = default;
+    RssParser();
+    virtual ~RssParser();
     // One parse attempt; returns the feed or throws (channels::Exception or expat::Exception).
     virtual std::unique_ptr<Feed> parse(const ParseOptions& options, const std::string& feedText,
                                         int maxItems);
+
+private:
+    std::unique_ptr<RssXmlParser> m_reader; // made by the first parse
 };
 
 // Parses, retrying once without the leading bytes of value 128 and above (when the options

@@ -1,6 +1,7 @@
 #include "htmlStripper/htmlStripper.h"
 
 #include <cctype>
+#include <cstring>
 #include <strings.h>
 #include <vector>
 
@@ -9,39 +10,50 @@ namespace htmlStripper {
 namespace {
 
 struct Entity {
-    const char* name;
+    std::string_view name;
     char character;
 };
 // Tried in this order; the first name that the text starts with wins.
 constexpr Entity kEntities[] = {{"nbsp", ' '}, {"lt", '<'},    {"gt", '>'},  {"quot", '"'},
                                 {"amp", '&'},  {"tilde", '~'}, {"circ", '^'}};
 
+// The length of the entity text at the start of rest (after an ampersand), name and optional
+// ";", with its character; 0 when it starts none of the names.
+std::size_t matchEntity(std::string_view rest, char& character) {
+    for (const Entity& entity : kEntities) {
+        const std::size_t length = entity.name.size();
+        if (rest.size() >= length && ::strncasecmp(rest.data(), entity.name.data(), length) == 0) {
+            character = entity.character;
+            return length + (rest.size() > length && rest[length] == ';' ? 1 : 0);
+        }
+    }
+    return 0;
+}
+
 } // namespace
+
+void appendDecodedEntities(std::string& out, std::string_view text) {
+    out.reserve(out.size() + text.size());
+    std::size_t i = 0;
+    while (i < text.size()) {
+        // Whole runs without an ampersand go in one copy.
+        const void* found = std::memchr(text.data() + i, '&', text.size() - i);
+        const std::size_t amp =
+            found ? static_cast<std::size_t>(static_cast<const char*>(found) - text.data())
+                  : text.size();
+        out.append(text.data() + i, amp - i);
+        if (amp == text.size())
+            break;
+        char character = '&';
+        const std::size_t length = matchEntity(text.substr(amp + 1), character);
+        out += character;
+        i = amp + 1 + length;
+    }
+}
 
 std::string decodeEntities(const std::string& text) {
     std::string out;
-    out.reserve(text.size());
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] != '&') {
-            out += text[i];
-            continue;
-        }
-        bool decoded = false;
-        for (const Entity& entity : kEntities) {
-            const std::size_t length = std::char_traits<char>::length(entity.name);
-            if (text.size() - (i + 1) >= length &&
-                ::strncasecmp(text.c_str() + i + 1, entity.name, length) == 0) {
-                out += entity.character;
-                i += length;
-                if (i + 1 < text.size() && text[i + 1] == ';')
-                    ++i;
-                decoded = true;
-                break;
-            }
-        }
-        if (!decoded)
-            out += '&';
-    }
+    appendDecodedEntities(out, text);
     return out;
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 namespace htmlStripper {
 
@@ -9,6 +10,8 @@ namespace htmlStripper {
 // followed by one of those names (ignoring case), with or without the closing ";". Numeric
 // references and other names stay as they are; so does an ampersand that starts none of them.
 std::string decodeEntities(const std::string& text);
+// The same, appended to out (whose capacity a caller can reuse between texts).
+void appendDecodedEntities(std::string& out, std::string_view text);
 
 // Removes tags and quoted text: quote characters open and close quotes (and are dropped), "<"
 // outside quotes opens a tag, ">" closes it and becomes a blank; only characters outside

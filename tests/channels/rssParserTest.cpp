@@ -1,5 +1,6 @@
 #include "channels/rssParser.h"
 #include "channels/exception.h"
+#include "expat/exception.h"
 #include "tests/support/testSupport.h"
 
 #include <gtest/gtest.h>
@@ -225,4 +226,42 @@ TEST(RssParser, FeedsBeyondTheItemAndNestingLimitsAreRefusedWithTheirMessages) {
     limits.itemLimit = 0;
     limits.depthLimit = 0;
     EXPECT_EQ(parse(feedOf(5, 50), 0, limits)->itemCount(), 6u);
+}
+
+TEST(RssParser, CleanUpTrimsBeforeDecodingAndBlanksEveryLineBreak) {
+    // An encoded blank at either end survives the trim; line breaks inside entity names stop
+    // them matching, whichever order the steps run in.
+    EXPECT_EQ(cleanFeedText(" \t&nbsp;A\r\n&amp;B&nbsp; \n"), " A  &B ");
+    EXPECT_EQ(cleanFeedText("&l\nt; &\r\nbsp"), "&l t; &  bsp");
+    const std::string xs(100, 'x');
+    const std::string ys(100, 'y');
+    EXPECT_EQ(cleanFeedText(xs + "&lt;" + ys + "\n&amp"), xs + "<" + ys + " &");
+    // A carriage return can only come from a character reference.
+    const auto feed = parse("<rss><channel><item><guid>g</guid><title>A&#13;B&#10;C</title>"
+                            "</item></channel></rss>");
+    EXPECT_EQ(feed->item(0).title, "A B C");
+}
+
+TEST(RssParser, OneParserReadsFeedsInTurnWithoutCarryingFieldsOver) {
+    RssParser parser;
+    const std::string first = "<rss><channel><title>First</title><link>http://first/</link>"
+                              "<item><guid>1</guid><title>One</title><author>a</author>"
+                              "<comments>c</comments><source>s</source><description>Long "
+                              "text</description></item><item/>"
+                              "</channel></rss>";
+    const auto one = parseFeed(parser, {}, first, 0);
+    // The second item takes nothing from the first, and the channel's link as its own.
+    EXPECT_EQ(one->item(1), item("http://first/", "http://first/", "http://first/"));
+    EXPECT_THROW(parseFeed(parser, {}, "<rss><channel><item><title>x</title>", 0),
+                 expat::Exception);
+    ParseOptions limits;
+    limits.itemLimit = 1;
+    EXPECT_THROW(parseFeed(parser, limits, first, 0), expat::Exception);
+    // Neither a channel link nor the failed parses' fields may leak into the next feed.
+    const std::string second = "<rss><item><description>Only text</description></item></rss>";
+    const auto two = parseFeed(parser, {}, second, 0);
+    EXPECT_EQ(*two, *parse(second));
+    EXPECT_EQ(two->item(0), item("", "Only text", "", "Only text"));
+    EXPECT_EQ(two->channel(), FeedChannelFields{});
+    EXPECT_EQ(*parseFeed(parser, {}, first, 0), *one);
 }

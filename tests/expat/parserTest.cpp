@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -93,4 +94,106 @@ TEST(ExpatParser, EntityExpansionAttacksAreRefused) {
     xml += "]><root>&lol9;</root>";
     Recorder parser;
     EXPECT_THROW(parser.parse(xml.data(), xml.size()), expat::Exception);
+}
+
+TEST(ExpatParser, Latin1ConversionFindsOtherCharactersAnywhereInLongText) {
+    // The scan tests whole blocks of ASCII at once: a character beyond ASCII must be found at
+    // every place in and across the blocks, and runs of them must convert in turn.
+    for (std::size_t at = 0; at <= 140; ++at) {
+        std::string utf8(140, 'a');
+        std::string expected = "x" + utf8;
+        utf8.insert(at, "\xC3\xA9");
+        expected.insert(at + 1, "\xE9");
+        utf8 += "\xF0\x9F\x98\x80\xC3\xBF\xE4\xB8\xAD" + std::string(at, 'b');
+        expected += "??\xFF?" + std::string(at, 'b');
+        std::string out = "x";
+        expat::appendUtf8AsLatin1(out, utf8.data(), utf8.size());
+        ASSERT_EQ(out, expected) << "at " << at;
+    }
+}
+
+TEST(ExpatParser, Latin1ConversionOfCutSequencesStaysWithinTheirBytes) {
+    // What expat would never hand over still converts to no more bytes than it takes.
+    const std::string whole = "ok \xF0\x9F\x98\x80\xE4\xB8\xAD\xC3\xA9\x80\xBF";
+    for (std::size_t length = 0; length <= whole.size(); ++length) {
+        std::string out;
+        expat::appendUtf8AsLatin1(out, whole.data(), length);
+        EXPECT_LE(out.size(), length);
+        EXPECT_EQ(out.substr(0, 3), whole.substr(0, std::min<std::size_t>(length, 3)));
+    }
+}
+
+namespace {
+
+// Looks rows up among names of one length, of the longest lengths, and in both events.
+class Dispatcher : public expat::Parser {
+public:
+    Dispatcher() : expat::Parser(kTable) {}
+    std::vector<std::string> seen;
+
+private:
+    static const expat::ElementHandler kTable[];
+    void guidEnd() { seen.push_back("guid " + characterData()); }
+    void linkEnd() { seen.push_back("link " + characterData()); }
+    void linkStart() { seen.push_back("link start"); }
+    void longEnd() { seen.push_back("long " + characterData()); }
+    void longerEnd() { seen.push_back("longer " + characterData()); }
+};
+
+const expat::ElementHandler Dispatcher::kTable[] = {
+    {expat::kEndElement, static_cast<expat::Handler>(&Dispatcher::guidEnd), "GUID"},
+    {expat::kEndElement, static_cast<expat::Handler>(&Dispatcher::linkEnd), "LINK"},
+    {expat::kStartElement, static_cast<expat::Handler>(&Dispatcher::linkStart), "link"},
+    {expat::kEndElement, static_cast<expat::Handler>(&Dispatcher::longEnd),
+     "an-element-whose-name-is-longer-than-most-1"},
+    {expat::kEndElement, static_cast<expat::Handler>(&Dispatcher::longerEnd),
+     "an-element-whose-name-is-longer-than-most-12"},
+    {expat::kEndOfTable, nullptr, nullptr},
+};
+
+// Moves the text of each LEAF into its field; PARENT and ROOT read the text at their end.
+class Mover : public expat::Parser {
+public:
+    Mover() : expat::Parser(kTable) {}
+    std::string field;
+    std::vector<std::string> seen;
+
+private:
+    static const expat::ElementHandler kTable[];
+    void leafEnd() { moveCharacterDataInto(field); }
+    void parentEnd() { seen.push_back(characterData() + "|" + field); }
+};
+
+const expat::ElementHandler Mover::kTable[] = {
+    {expat::kEndElement, static_cast<expat::Handler>(&Mover::leafEnd), "LEAF"},
+    {expat::kEndElement, static_cast<expat::Handler>(&Mover::leafEnd), "GROUP"},
+    {expat::kEndElement, static_cast<expat::Handler>(&Mover::parentEnd), "PARENT"},
+    {expat::kEndElement, static_cast<expat::Handler>(&Mover::parentEnd), "ROOT"},
+    {expat::kEndOfTable, nullptr, nullptr},
+};
+
+} // namespace
+
+TEST(ExpatParser, RowsAreFoundAmongNamesOfTheSameLengthAndBeyondTheIndexedLengths) {
+    Dispatcher parser;
+    const std::string xml = "<root><Guid>g</Guid><link>l</link><item>i</item>"
+                            "<an-element-whose-name-is-longer-than-most-12>b"
+                            "</an-element-whose-name-is-longer-than-most-12>"
+                            "<AN-ELEMENT-WHOSE-NAME-IS-LONGER-THAN-MOST-1>a"
+                            "</AN-ELEMENT-WHOSE-NAME-IS-LONGER-THAN-MOST-1></root>";
+    parser.parse(xml.data(), xml.size());
+    EXPECT_EQ(parser.seen,
+              (std::vector<std::string>{"guid g", "link start", "link l", "longer b", "long a"}));
+}
+
+TEST(ExpatParser, MovedTextStillReadsAsTheTextSinceTheLastStartTag) {
+    Mover parser;
+    const std::string xml = "<root><parent><leaf>abc</leaf>tail</parent><leaf>x</leaf>"
+                            "<parent/><group><leaf>ab</leaf>cd</group>ef</root>";
+    parser.parse(xml.data(), xml.size());
+    EXPECT_EQ(parser.seen, (std::vector<std::string>{"abctail|abc", "|x", "abcdef|abcd"}));
+    // A second document starts from nothing moved.
+    const std::string next = "<root>z</root>";
+    parser.parse(next.data(), next.size());
+    EXPECT_EQ(parser.seen.back(), "z|abcd");
 }
