@@ -67,6 +67,30 @@ void Channel::releaseFeed() {
     m_state.releaseFeed(fileName());
 }
 
+tools::TempFile& Channel::summaryPage() {
+    threadSafety::ScopedLock lock(m_lock);
+    if (!m_summaryPage)
+        m_summaryPage = std::make_unique<tools::TempFile>(".html");
+    return *m_summaryPage;
+}
+
+bool Channel::hasSummaryPage() const {
+    threadSafety::ScopedLock lock(m_lock);
+    std::error_code ignored;
+    return m_summaryPage && std::filesystem::file_size(m_summaryPage->path(), ignored) > 0;
+}
+
+void Channel::addPageViewer() { ++m_pageViewers; }
+
+void Channel::removePageViewer() {
+    // Never below zero, even for a viewer that outlived a channel removed and added again.
+    int viewers = m_pageViewers.load();
+    while (viewers > 0 && !m_pageViewers.compare_exchange_weak(viewers, viewers - 1)) {
+    }
+}
+
+bool Channel::isPageWanted() const { return m_pageViewers.load() > 0; }
+
 void Channel::markRemoved() {
     threadSafety::ScopedLock lock(m_lock);
     m_removed = true;
@@ -108,6 +132,10 @@ std::unique_ptr<Feed> Channel::update(bool firstFetch) {
     fetch(text, firstFetch, unchanged);
     if (unchanged)
         return nullptr;
+    return parse(text);
+}
+
+std::unique_ptr<Feed> Channel::parse(const std::string& text) {
     RssParser parser;
     return parseFeed(parser, *this, text, m_settings.maxFeedItems());
 }

@@ -107,6 +107,9 @@ private:
     std::unique_ptr<Channel> makeChannel(const std::string& id, const std::string& extension);
     void workerLoop();
     void updateFeed(Channel& channel);
+    // Parses the fetched text, raises the item events and hands the new feed to the channel;
+    // false when a forced stop began meanwhile.
+    bool replaceFeed(Channel& channel, std::string text);
     // Fills the channel's summary page after an update; a failure is only logged.
     void writeSummaryPage(Channel& channel);
     std::shared_ptr<Channel> takeNextChannel(std::vector<std::shared_ptr<Channel>>& due,

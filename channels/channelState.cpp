@@ -93,6 +93,14 @@ void ChannelState::replaceFeed(std::unique_ptr<Feed> feed) {
     m_feedOnFile = false;
     ++m_feedGeneration;
 }
+std::int32_t ChannelState::feedTime() const {
+    threadSafety::ScopedLock lock(m_lock);
+    if (m_feed || m_feedFile.empty())
+        return loadedFeed().feedTime();
+    profile::ReadFromSnapshot asLoaded(m_feedFile, m_feedSource);
+    return profile::readIniInt(m_feedFile, kFeedSection, "FeedTime", 0);
+}
+
 std::size_t ChannelState::itemCount() const {
     threadSafety::ScopedLock lock(m_lock);
     if (m_feed || m_feedFile.empty())

@@ -34,6 +34,9 @@ public:
     std::string httpETag() const;
     void setHttpETag(const std::string& value);
 
+    // The FeedTime of the current feed; read from the file, without reading the feed, when it
+    // is not in memory.
+    std::int32_t feedTime() const;
     // The current feed (never null). It stays valid until the next replaceFeed or load.
     Feed& feed();
     const Feed& feed() const;
