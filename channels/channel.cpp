@@ -42,6 +42,8 @@ void Channel::load() {
     config().load(file);
     m_settings.load(file);
     m_state.load(file);
+    m_savedRevision = revision();
+    m_savedStamp = profile::stampOf(profile::snapshot(file));
 }
 
 void Channel::save() {
@@ -50,16 +52,31 @@ void Channel::save() {
         return;
     const std::string file = fileName();
     m_state.keepFeedThroughSave(file);
+    m_state.offerKeptCopy(file);
     profile::WriteBatch batch(file);
     // The last feed's title etc. for the next start, copied while the worker may replace it.
     if (const auto fields = m_state.fetchedFeedChannel())
         config().setCache(*fields);
+    // Taken before the writes: a change made meanwhile leaves the channel in need of a save.
+    const std::uint64_t saving = revision();
     config().save(file);
     m_settings.save(file);
     m_state.save(file);
     if (!batch.commit())
         throw Exception(profile::lastWriteError());
     m_state.feedSaved(file);
+    m_savedRevision = saving;
+    m_savedStamp = profile::fileStamp(file);
+}
+
+std::uint64_t Channel::revision() const {
+    return config().revision() + m_settings.revision() + m_state.revision();
+}
+
+bool Channel::needsSave() const {
+    threadSafety::ScopedLock lock(m_lock);
+    return !m_removed &&
+           (revision() != m_savedRevision || !(profile::fileStamp(fileName()) == m_savedStamp));
 }
 
 void Channel::releaseFeed() {

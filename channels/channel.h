@@ -6,6 +6,7 @@
 #include "channels/channelSettings.h"
 #include "channels/channelState.h"
 #include "channels/feed.h"
+#include "lib/misc/profileFile.h"
 #include "lib/misc/threadSafetyWin32.h"
 #include "tools/tempFile.h"
 
@@ -56,6 +57,10 @@ public:
     // channel's lock. The save writes the file once.
     void load();
     void save();
+    // Whether a save would write anything: the channel changed since it was loaded or last
+    // saved, or its file no longer is the one then read or written (another program replaced
+    // or removed it). A failed save leaves the channel in need of one.
+    bool needsSave() const;
     // Drops the feed from memory (it was saved); it is read from the file when next used.
     void releaseFeed();
 
@@ -99,6 +104,9 @@ private:
     std::atomic<int> m_pageViewers{0};
     mutable threadSafety::CriticalSection m_lock{"Channel", threadSafety::LockRank::Channel};
     bool m_removed = false;
+    std::uint64_t revision() const;
+    std::uint64_t m_savedRevision = 0; // the revision the file holds
+    profile::FileStamp m_savedStamp;   // the file as last loaded or saved
 };
 
 } // namespace channels

@@ -52,8 +52,9 @@ public:
     bool loadChannels();
     // Opens the Internet session and starts the worker. Throws channels::Exception.
     void start(const std::string& userAgent);
-    // Stops the worker (forcing it after the wait), saves and drops every channel, closes the
-    // session. Safe to call when not started.
+    // Stops the worker (forcing it after the wait), saves the channels that need it (see
+    // Channel::needsSave) and drops every channel, closes the session. Safe to call when not
+    // started.
     void stop();
     bool isRunning() const;
     // Drops every channel without saving it (for callers that only read); not while running.

@@ -17,6 +17,7 @@ void ChannelState::load(const std::string& file) {
     m_lastFetchTime = profile::readIniInt(file, kSection, "LastFetchTime", 0);
     m_httpLastModified = profile::readIniString(file, kSection, "HttpLastModified");
     m_httpETag = profile::readIniString(file, kSection, "HttpETag");
+    ++m_revision;
     m_feed.reset();
     m_feedFile = file;
     m_feedSource = profile::snapshot(file);
@@ -39,6 +40,7 @@ std::int32_t ChannelState::lastFetchTime() const {
 void ChannelState::setLastFetchTime(std::int32_t time) {
     threadSafety::ScopedLock lock(m_lock);
     m_lastFetchTime = time;
+    ++m_revision;
 }
 std::string ChannelState::httpLastModified() const {
     threadSafety::ScopedLock lock(m_lock);
@@ -47,6 +49,7 @@ std::string ChannelState::httpLastModified() const {
 void ChannelState::setHttpLastModified(const std::string& value) {
     threadSafety::ScopedLock lock(m_lock);
     m_httpLastModified = value;
+    ++m_revision;
 }
 std::string ChannelState::httpETag() const {
     threadSafety::ScopedLock lock(m_lock);
@@ -55,6 +58,7 @@ std::string ChannelState::httpETag() const {
 void ChannelState::setHttpETag(const std::string& value) {
     threadSafety::ScopedLock lock(m_lock);
     m_httpETag = value;
+    ++m_revision;
 }
 Feed& ChannelState::loadedFeed() const {
     if (!m_feed) {
@@ -92,6 +96,7 @@ void ChannelState::replaceFeed(std::unique_ptr<Feed> feed) {
     m_feed = feed ? std::move(feed) : std::make_unique<Feed>();
     m_feedOnFile = false;
     ++m_feedGeneration;
+    ++m_revision;
 }
 std::int32_t ChannelState::feedTime() const {
     threadSafety::ScopedLock lock(m_lock);
@@ -127,8 +132,14 @@ void ChannelState::releaseFeed(const std::string& file) {
 
 void ChannelState::keepFeedThroughSave(const std::string& file) {
     threadSafety::ScopedLock lock(m_lock);
-    if (!m_feed && m_feedSource && !profile::sameText(m_feedSource, profile::snapshot(file)))
+    // A look at the file's stamp first: reading the file again is needed only when it changed.
+    if (!m_feed && m_feedSource && !profile::holdsText(file, m_feedSource) &&
+        !profile::sameText(m_feedSource, profile::snapshot(file)))
         loadedFeed();
+}
+void ChannelState::offerKeptCopy(const std::string& file) const {
+    threadSafety::ScopedLock lock(m_lock);
+    profile::reuse(file, m_feedSource);
 }
 void ChannelState::feedSaved(const std::string& file) {
     threadSafety::ScopedLock lock(m_lock);

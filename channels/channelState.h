@@ -5,6 +5,7 @@
 #include "lib/misc/profileFile.h"
 #include "lib/misc/threadSafetyWin32.h"
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -60,6 +61,11 @@ public:
     void keepFeedThroughSave(const std::string& file);
     // After a save: the file now holds the feed.
     void feedSaved(const std::string& file);
+    // Before a save: offers the copy of the file kept from the last load or save to the profile
+    // layer, so that a save of a file nobody changed does not read it again.
+    void offerKeptCopy(const std::string& file) const;
+    // Counts the changes of the keys and the feed (see ChannelConfig::revision).
+    std::uint64_t revision() const { return m_revision.load(); }
     // Before an update fetches and parses a new feed: when the file is known to hold the feed in
     // memory, drops it (it is read from the file again when next used) and returns its
     // headlines for the expired-item events; otherwise keeps it and returns null.
@@ -69,6 +75,7 @@ public:
 
 private:
     mutable threadSafety::CriticalSection m_lock{"ChannelState"};
+    std::atomic<std::uint64_t> m_revision{0};
     std::int32_t m_lastFetchTime = 0;
     std::string m_httpLastModified;
     std::string m_httpETag;
