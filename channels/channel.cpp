@@ -44,6 +44,8 @@ void Channel::load() {
     m_state.load(file);
     m_savedRevision = revision();
     m_savedStamp = profile::stampOf(profile::snapshot(file));
+    if (m_manager && !m_manager->options().keepLoadedFiles)
+        m_state.dropKeptCopy();
 }
 
 void Channel::save() {

@@ -33,6 +33,10 @@ struct ChannelManagerOptions {
     int feedItemLimit = 500000;        // "MaxItemsPerFeed"
     int feedDepthLimit = 1000;         // "MaxFeedNestingDepth"
     unsigned stopWaitMs = 30000;       // how long stop waits for the worker
+    // Each channel keeps its file's text as loaded, so that a file another program replaces or
+    // removes costs no items at the next save. Front ends that only read turn it off: their
+    // channels then hold nothing of their files but the keys, and read the feed when asked.
+    bool keepLoadedFiles = true;
 };
 
 // Seconds since 1970; tests move it forward instead of sleeping.

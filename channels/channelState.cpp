@@ -18,6 +18,7 @@ void ChannelState::load(const std::string& file) {
     m_httpLastModified = profile::readIniString(file, kSection, "HttpLastModified");
     m_httpETag = profile::readIniString(file, kSection, "HttpETag");
     ++m_revision;
+    m_storedItemCount.reset();
     m_feed.reset();
     m_feedFile = file;
     m_feedSource = profile::snapshot(file);
@@ -96,6 +97,7 @@ void ChannelState::replaceFeed(std::unique_ptr<Feed> feed) {
     m_feed = feed ? std::move(feed) : std::make_unique<Feed>();
     m_feedOnFile = false;
     ++m_feedGeneration;
+    m_storedItemCount.reset();
     ++m_revision;
 }
 std::int32_t ChannelState::feedTime() const {
@@ -110,6 +112,8 @@ std::size_t ChannelState::itemCount() const {
     threadSafety::ScopedLock lock(m_lock);
     if (m_feed || m_feedFile.empty())
         return loadedFeed().itemCount();
+    if (!m_feedSource && m_storedItemCount)
+        return *m_storedItemCount;
     profile::ReadFromSnapshot asLoaded(m_feedFile, m_feedSource);
     return Feed::storedItemCount(m_feedFile, kFeedSection);
 }
@@ -125,6 +129,7 @@ std::optional<FeedChannelFields> ChannelState::fetchedFeedChannel() const {
 }
 void ChannelState::releaseFeed(const std::string& file) {
     threadSafety::ScopedLock lock(m_lock);
+    m_storedItemCount.reset();
     m_feed.reset();
     m_feedFile = file;
     m_feedSource = profile::snapshot(file);
@@ -136,6 +141,17 @@ void ChannelState::keepFeedThroughSave(const std::string& file) {
     if (!m_feed && m_feedSource && !profile::holdsText(file, m_feedSource) &&
         !profile::sameText(m_feedSource, profile::snapshot(file)))
         loadedFeed();
+}
+void ChannelState::dropKeptCopy() {
+    threadSafety::ScopedLock lock(m_lock);
+    if (!m_feedSource)
+        return;
+    {
+        profile::ReadFromSnapshot asLoaded(m_feedFile, m_feedSource);
+        m_storedItemCount = Feed::storedItemCount(m_feedFile, kFeedSection);
+    }
+    m_feedSource.reset();
+    profile::forget(m_feedFile);
 }
 void ChannelState::offerKeptCopy(const std::string& file) const {
     threadSafety::ScopedLock lock(m_lock);
@@ -160,6 +176,7 @@ std::unique_ptr<Feed> ChannelState::releaseFeedForUpdate(const std::string& file
 
 void ChannelState::readFeedFromFile(const std::string& file) {
     threadSafety::ScopedLock lock(m_lock);
+    m_storedItemCount.reset();
     m_feed.reset();
     m_feedFile = file;
     m_feedSource.reset();

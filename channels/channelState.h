@@ -61,6 +61,9 @@ public:
     void keepFeedThroughSave(const std::string& file);
     // After a save: the file now holds the feed.
     void feedSaved(const std::string& file);
+    // Lets go of the file's text kept at load, keeping only the stored item count: the feed is
+    // then read from the file as it is when first used (for channels that are never saved).
+    void dropKeptCopy();
     // Before a save: offers the copy of the file kept from the last load or save to the profile
     // layer, so that a save of a file nobody changed does not read it again.
     void offerKeptCopy(const std::string& file) const;
@@ -88,6 +91,7 @@ private:
     std::string m_feedFile; // where the feed is read from when it is not in memory
     // The file as it was loaded or last saved, while the feed is not in memory.
     mutable profile::Snapshot m_feedSource;
+    std::optional<std::size_t> m_storedItemCount; // counted at load when no copy is kept
 };
 
 } // namespace channels
