@@ -27,8 +27,7 @@ public:
 Engine::Engine(const CommandContext& context)
     : Engine(app::startEnvironment(context.home), false) {}
 
-Engine::Engine(app::Environment environment, bool saves)
-    : m_environment(std::move(environment)) {
+Engine::Engine(app::Environment environment, bool saves) : m_environment(std::move(environment)) {
     channels::ChannelManagerOptions options = app::managerOptions(m_environment.options);
     options.keepLoadedFiles = saves;
     m_manager = std::make_unique<channels::ChannelManager>(m_environment.paths.channelsDir,

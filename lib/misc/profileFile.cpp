@@ -213,16 +213,16 @@ public:
     Document() = default;
     Document(const Document& other)
         : textHash(other.textHash), textSize(other.textSize), stamp(other.stamp),
-          m_text(other.m_text),
-          m_sections(other.m_sections), m_parsed(other.m_parsed), m_sources(other.m_sources),
-          m_table(other.m_table), m_tableUsed(other.m_tableUsed), m_duplicates(other.m_duplicates),
-          m_sourceSections(other.m_sourceSections), m_pristine(other.m_pristine) {}
+          m_text(other.m_text), m_sections(other.m_sections), m_parsed(other.m_parsed),
+          m_sources(other.m_sources), m_table(other.m_table), m_tableUsed(other.m_tableUsed),
+          m_duplicates(other.m_duplicates), m_sourceSections(other.m_sourceSections),
+          m_pristine(other.m_pristine) {}
     Document(Document&& other) noexcept
         : textHash(other.textHash), textSize(other.textSize), stamp(other.stamp),
-          m_text(std::move(other.m_text)),
-          m_sections(std::move(other.m_sections)), m_parsed(std::move(other.m_parsed)),
-          m_sources(std::move(other.m_sources)), m_table(std::move(other.m_table)),
-          m_tableUsed(other.m_tableUsed), m_duplicates(std::move(other.m_duplicates)),
+          m_text(std::move(other.m_text)), m_sections(std::move(other.m_sections)),
+          m_parsed(std::move(other.m_parsed)), m_sources(std::move(other.m_sources)),
+          m_table(std::move(other.m_table)), m_tableUsed(other.m_tableUsed),
+          m_duplicates(std::move(other.m_duplicates)),
           m_sourceSections(std::move(other.m_sourceSections)), m_pristine(other.m_pristine) {}
     void parse(std::shared_ptr<const std::string> text);
     // Streams the text into the sink.
