@@ -29,7 +29,11 @@ void ChannelState::save(const std::string& file) const {
     profile::writeIniInt(file, kSection, "LastFetchTime", m_lastFetchTime);
     profile::writeIniString(file, kSection, "HttpLastModified", m_httpLastModified);
     profile::writeIniString(file, kSection, "HttpETag", m_httpETag);
-    if (m_feed)
+    // A feed this object wrote and nobody touched since is left as it is in the file.
+    const bool written = m_feedOnFile && m_writtenStamp.exists &&
+                         m_savedGeneration == m_feedGeneration &&
+                         profile::fileStamp(file) == m_writtenStamp;
+    if (m_feed && !written)
         m_feed->save(file, kFeedSection);
     m_savedGeneration = m_feedGeneration;
 }
@@ -68,6 +72,7 @@ Feed& ChannelState::loadedFeed() const {
             profile::ReadFromSnapshot asLoaded(m_feedFile, m_feedSource);
             feed->load(m_feedFile, kFeedSection);
         }
+        m_writtenStamp = {};
         m_feedOnFile =
             !m_feedFile.empty() && (!m_feedSource || profile::holdsText(m_feedFile, m_feedSource));
         m_feed = std::move(feed);
@@ -96,6 +101,7 @@ void ChannelState::replaceFeed(std::unique_ptr<Feed> feed) {
     threadSafety::ScopedLock lock(m_lock);
     m_feed = feed ? std::move(feed) : std::make_unique<Feed>();
     m_feedOnFile = false;
+    m_writtenStamp = {};
     ++m_feedGeneration;
     m_storedItemCount.reset();
     ++m_revision;
@@ -161,8 +167,10 @@ void ChannelState::feedSaved(const std::string& file) {
     threadSafety::ScopedLock lock(m_lock);
     if (!m_feed)
         m_feedSource = profile::snapshot(file);
-    else if (m_savedGeneration == m_feedGeneration)
+    else if (m_savedGeneration == m_feedGeneration) {
         m_feedOnFile = true; // unless another feed came in after the save wrote this one
+        m_writtenStamp = profile::fileStamp(file);
+    }
 }
 
 std::unique_ptr<Feed> ChannelState::releaseFeedForUpdate(const std::string& file) {

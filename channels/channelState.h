@@ -88,6 +88,9 @@ private:
     mutable bool m_feedOnFile = false;           // the file holds the feed in memory
     std::uint64_t m_feedGeneration = 0;          // counts the feeds handed over
     mutable std::uint64_t m_savedGeneration = 0; // the feed the last save wrote
+    // The file as a save left it, when that save wrote (or found written) the feed in memory:
+    // while the file keeps this stamp, its feed sections are exactly what a save writes.
+    mutable profile::FileStamp m_writtenStamp;
     std::string m_feedFile; // where the feed is read from when it is not in memory
     // The file as it was loaded or last saved, while the feed is not in memory.
     mutable profile::Snapshot m_feedSource;

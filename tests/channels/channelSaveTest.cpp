@@ -226,3 +226,27 @@ TEST_F(SaveTest, ReadingFrontEndsKeepNoCopyAndReadTheFeedOnceWhenAsked) {
     EXPECT_EQ(&fast.state().feed(), &fast.state().feed());
     m.discardChannels();
 }
+
+TEST_F(SaveTest, FeedInMemoryThatTheLastSaveWroteIsLeftInTheFileUntilSomeoneEditsIt) {
+    auto& m = restart();
+    Channel& fast = *m.findChannel("fast");
+    m.updateChannel(fast, true);
+    m_now += 3600;
+    m.updateChannel(fast, true); // 304 with the feed in memory
+    ASSERT_TRUE(fast.state().isFeedLoaded());
+    const std::string afterUnchanged = readFile(file("fast"));
+    fast.state().readFeedFromFile(file("fast"));
+    fast.state().feed();
+    fast.save(); // the whole feed written again from memory
+    EXPECT_EQ(readFile(file("fast")), afterUnchanged);
+
+    // Edited by hand: the next save writes the feed in memory over the edit, as a whole save does.
+    m.updateChannel(fast, true);
+    std::string text = readFile(file("fast"));
+    text.replace(text.find("Title=Item a"), 12, "Title=Edited");
+    writeFile(file("fast"), text);
+    m_now += 3600;
+    m.updateChannel(fast, true);
+    EXPECT_NE(readFile(file("fast")).find("Title=Item a"), std::string::npos);
+    EXPECT_EQ(readFile(file("fast")).find("Title=Edited"), std::string::npos);
+}
