@@ -42,6 +42,10 @@ void Channel::load() {
     config().load(file);
     m_settings.load(file);
     m_state.load(file);
+    m_savedRevision = revision();
+    m_savedStamp = profile::stampOf(profile::snapshot(file));
+    if (m_manager && !m_manager->options().keepLoadedFiles)
+        m_state.dropKeptCopy();
 }
 
 void Channel::save() {
@@ -50,22 +54,61 @@ void Channel::save() {
         return;
     const std::string file = fileName();
     m_state.keepFeedThroughSave(file);
+    m_state.offerKeptCopy(file);
     profile::WriteBatch batch(file);
     // The last feed's title etc. for the next start, copied while the worker may replace it.
     if (const auto fields = m_state.fetchedFeedChannel())
         config().setCache(*fields);
+    // Taken before the writes: a change made meanwhile leaves the channel in need of a save.
+    const std::uint64_t saving = revision();
     config().save(file);
     m_settings.save(file);
     m_state.save(file);
     if (!batch.commit())
         throw Exception(profile::lastWriteError());
     m_state.feedSaved(file);
+    m_savedRevision = saving;
+    m_savedStamp = profile::fileStamp(file);
+}
+
+std::uint64_t Channel::revision() const {
+    return config().revision() + m_settings.revision() + m_state.revision();
+}
+
+bool Channel::needsSave() const {
+    threadSafety::ScopedLock lock(m_lock);
+    return !m_removed &&
+           (revision() != m_savedRevision || !(profile::fileStamp(fileName()) == m_savedStamp));
 }
 
 void Channel::releaseFeed() {
     threadSafety::ScopedLock lock(m_lock);
     m_state.releaseFeed(fileName());
 }
+
+tools::TempFile& Channel::summaryPage() {
+    threadSafety::ScopedLock lock(m_lock);
+    if (!m_summaryPage)
+        m_summaryPage = std::make_unique<tools::TempFile>(".html");
+    return *m_summaryPage;
+}
+
+bool Channel::hasSummaryPage() const {
+    threadSafety::ScopedLock lock(m_lock);
+    std::error_code ignored;
+    return m_summaryPage && std::filesystem::file_size(m_summaryPage->path(), ignored) > 0;
+}
+
+void Channel::addPageViewer() { ++m_pageViewers; }
+
+void Channel::removePageViewer() {
+    // Never below zero, even for a viewer that outlived a channel removed and added again.
+    int viewers = m_pageViewers.load();
+    while (viewers > 0 && !m_pageViewers.compare_exchange_weak(viewers, viewers - 1)) {
+    }
+}
+
+bool Channel::isPageWanted() const { return m_pageViewers.load() > 0; }
 
 void Channel::markRemoved() {
     threadSafety::ScopedLock lock(m_lock);
@@ -108,6 +151,10 @@ std::unique_ptr<Feed> Channel::update(bool firstFetch) {
     fetch(text, firstFetch, unchanged);
     if (unchanged)
         return nullptr;
+    return parse(text);
+}
+
+std::unique_ptr<Feed> Channel::parse(const std::string& text) {
     RssParser parser;
     return parseFeed(parser, *this, text, m_settings.maxFeedItems());
 }

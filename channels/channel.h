@@ -6,9 +6,11 @@
 #include "channels/channelSettings.h"
 #include "channels/channelState.h"
 #include "channels/feed.h"
+#include "lib/misc/profileFile.h"
 #include "lib/misc/threadSafetyWin32.h"
 #include "tools/tempFile.h"
 
+#include <atomic>
 #include <ctime>
 #include <memory>
 #include <string>
@@ -55,6 +57,10 @@ public:
     // channel's lock. The save writes the file once.
     void load();
     void save();
+    // Whether a save would write anything: the channel changed since it was loaded or last
+    // saved, or its file no longer is the one then read or written (another program replaced
+    // or removed it). A failed save leaves the channel in need of one.
+    bool needsSave() const;
     // Drops the feed from memory (it was saved); it is read from the file when next used.
     void releaseFeed();
 
@@ -62,6 +68,8 @@ public:
     bool isDue(std::time_t now);
     // Fetches and parses: no feed when the source reports the feed unchanged.
     std::unique_ptr<Feed> update(bool firstFetch);
+    // Parses fetched feed text with the channel's settings. Throws channels::Exception.
+    std::unique_ptr<Feed> parse(const std::string& text);
 
     // The force flag of a fetch: always on a first fetch, else the channel's choice.
     bool forceDownload(bool firstFetch) const;
@@ -74,7 +82,17 @@ public:
     void markRemoved();
     bool isRemoved() const;
 
-    tools::TempFile& summaryPage() { return m_summaryPage; }
+    // The summary page's ".html" temporary file, created on first use.
+    tools::TempFile& summaryPage();
+    // Whether the summary page file was created and written to.
+    bool hasSummaryPage() const;
+
+    // Something shows the channel's summary page (a channel window, a plugin, pelsu-cli page):
+    // while at least one viewer is registered, each update that changes the feed writes the
+    // page again. Viewers are counted, so that each removes only its own interest.
+    void addPageViewer();
+    void removePageViewer();
+    bool isPageWanted() const;
     threadSafety::CriticalSection& lock() const { return m_lock; }
 
 private:
@@ -82,9 +100,13 @@ private:
     std::string m_id;
     ChannelSettings m_settings;
     ChannelState m_state;
-    tools::TempFile m_summaryPage{".html"};
+    std::unique_ptr<tools::TempFile> m_summaryPage;
+    std::atomic<int> m_pageViewers{0};
     mutable threadSafety::CriticalSection m_lock{"Channel", threadSafety::LockRank::Channel};
     bool m_removed = false;
+    std::uint64_t revision() const;
+    std::uint64_t m_savedRevision = 0; // the revision the file holds
+    profile::FileStamp m_savedStamp;   // the file as last loaded or saved
 };
 
 } // namespace channels

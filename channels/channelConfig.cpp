@@ -11,6 +11,7 @@ const char* const kCache = "Cache";
 
 void ChannelConfig::load(const std::string& file) {
     threadSafety::ScopedLock guard(m_lock);
+    changed();
     m_cache.load(file, kCache);
     m_forceNetDownloads = profile::readIniBool(file, kConfig, "ForceNetDownloads", false);
     m_preferredChannelDisplayName =
@@ -54,7 +55,10 @@ void ChannelConfig::save(const std::string& file) const {
     }                                                                                              \
     void ChannelConfig::setter(const Type& value) {                                                \
         threadSafety::ScopedLock guard(m_lock);                                                    \
+        if ((member) == value)                                                                     \
+            return;                                                                                \
         (member) = value;                                                                          \
+        changed();                                                                                 \
     }
 
 bool ChannelConfig::forceNetDownloads() const {
@@ -63,6 +67,8 @@ bool ChannelConfig::forceNetDownloads() const {
 }
 void ChannelConfig::setForceNetDownloads(bool force) {
     threadSafety::ScopedLock guard(m_lock);
+    if (m_forceNetDownloads != force)
+        changed();
     m_forceNetDownloads = force;
 }
 int ChannelConfig::preferredImageWidth() const {
@@ -71,6 +77,8 @@ int ChannelConfig::preferredImageWidth() const {
 }
 void ChannelConfig::setPreferredImageWidth(int width) {
     threadSafety::ScopedLock guard(m_lock);
+    if (m_preferredImageWidth != width)
+        changed();
     m_preferredImageWidth = width;
 }
 int ChannelConfig::preferredImageHeight() const {
@@ -79,6 +87,8 @@ int ChannelConfig::preferredImageHeight() const {
 }
 void ChannelConfig::setPreferredImageHeight(int height) {
     threadSafety::ScopedLock guard(m_lock);
+    if (m_preferredImageHeight != height)
+        changed();
     m_preferredImageHeight = height;
 }
 PELSU_CONFIG_ACCESSORS(std::string, preferredChannelDisplayName, setPreferredChannelDisplayName,

@@ -6,6 +6,8 @@
 #include "channels/feed.h"
 #include "lib/misc/threadSafetyWin32.h"
 
+#include <atomic>
+#include <cstdint>
 #include <string>
 
 namespace channels {
@@ -43,12 +45,18 @@ public:
     // The channel-level fields of the last feed, as kept in "Cache".
     FeedChannelFields cache() const;
     void setCache(const FeedChannelFields& value);
+    // Counts the changes made through the setters and loads, so that a save can tell whether
+    // anything changed since the last one.
+    std::uint64_t revision() const { return m_revision.load(); }
 
 protected:
     threadSafety::CriticalSection& lock() const { return m_lock; }
+    // Called by the setters of the kinds' keys, under the lock.
+    void changed() { ++m_revision; }
 
 private:
     mutable threadSafety::CriticalSection m_lock{"ChannelConfig"};
+    std::atomic<std::uint64_t> m_revision{0};
     FeedChannelFields m_cache;
     bool m_forceNetDownloads = false;
     std::string m_preferredChannelDisplayName;

@@ -213,7 +213,8 @@ void ChannelManager::stop() {
     PELSU_LOG(channelManagerGroup(), "Saving channels.");
     for (Channel* channel : channels()) { // a copy: no channel is locked under the table's lock
         try {
-            channel->save();
+            if (channel->needsSave()) // unchanged channels are on disk as they are
+                channel->save();
         } catch (const std::exception& failure) {
             PELSU_LOG(channelManagerGroup(),
                       "Can't save the channel details for " << channel->name());

@@ -35,6 +35,10 @@ struct ChannelManagerOptions {
     int feedDepthLimit = 1000;         // "MaxFeedNestingDepth"
     FeedFormats feedFormats;           // at start; feedFormats() has the current ones
     unsigned stopWaitMs = 30000;       // how long stop waits for the worker
+    // Each channel keeps its file's text as loaded, so that a file another program replaces or
+    // removes costs no items at the next save. Front ends that only read turn it off: their
+    // channels then hold nothing of their files but the keys, and read the feed when asked.
+    bool keepLoadedFiles = true;
 };
 
 // Seconds since 1970; tests move it forward instead of sleeping.
@@ -54,8 +58,9 @@ public:
     bool loadChannels();
     // Opens the Internet session and starts the worker. Throws channels::Exception.
     void start(const std::string& userAgent);
-    // Stops the worker (forcing it after the wait), saves and drops every channel, closes the
-    // session. Safe to call when not started.
+    // Stops the worker (forcing it after the wait), saves the channels that need it (see
+    // Channel::needsSave) and drops every channel, closes the session. Safe to call when not
+    // started.
     void stop();
     bool isRunning() const;
     // Drops every channel without saving it (for callers that only read); not while running.
@@ -113,6 +118,9 @@ private:
     std::unique_ptr<Channel> makeChannel(const std::string& id, const std::string& extension);
     void workerLoop();
     void updateFeed(Channel& channel);
+    // Parses the fetched text, raises the item events and hands the new feed to the channel;
+    // false when a forced stop began meanwhile.
+    bool replaceFeed(Channel& channel, std::string text);
     // Fills the channel's summary page after an update; a failure is only logged.
     void writeSummaryPage(Channel& channel);
     std::shared_ptr<Channel> takeNextChannel(std::vector<std::shared_ptr<Channel>>& due,

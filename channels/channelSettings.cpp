@@ -33,6 +33,7 @@ ChannelSettings& ChannelSettings::operator=(const ChannelSettings& other) {
     m_allowEmptyFeeds = allowEmpty;
     m_maxFeedItems = maxItems;
     m_minimumInterval = minimum;
+    ++m_revision;
     return *this;
 }
 
@@ -58,6 +59,7 @@ void ChannelSettings::load(const std::string& file) {
     m_interval = profile::readIniInt(file, kSection, "AutoUpdateInterval", interval);
     m_allowEmptyFeeds = profile::readIniBool(file, kSection, "AllowEmptyFeeds", allowEmpty);
     m_maxFeedItems = profile::readIniIntRange(file, kSection, "MaxFeedItems", -1, 100, maxItems);
+    ++m_revision;
 }
 
 void ChannelSettings::save(const std::string& file) const {
@@ -75,11 +77,14 @@ bool ChannelSettings::isAutoUpdateEnabled() const {
 void ChannelSettings::setAutoUpdateEnabled(bool enabled) {
     threadSafety::ScopedLock lock(m_lock);
     m_autoUpdate = enabled;
+    ++m_revision;
 }
 std::int32_t ChannelSettings::autoUpdateInterval() {
     threadSafety::ScopedLock lock(m_lock);
-    if (m_interval < m_minimumInterval)
+    if (m_interval < m_minimumInterval) {
         m_interval = m_minimumInterval;
+        ++m_revision; // the raised value is what the next save writes
+    }
     return m_interval;
 }
 std::int32_t ChannelSettings::storedAutoUpdateInterval() const {
@@ -89,6 +94,7 @@ std::int32_t ChannelSettings::storedAutoUpdateInterval() const {
 void ChannelSettings::setAutoUpdateInterval(std::int32_t seconds) {
     threadSafety::ScopedLock lock(m_lock);
     m_interval = seconds;
+    ++m_revision;
 }
 bool ChannelSettings::allowEmptyFeeds() const {
     threadSafety::ScopedLock lock(m_lock);
@@ -97,6 +103,7 @@ bool ChannelSettings::allowEmptyFeeds() const {
 void ChannelSettings::setAllowEmptyFeeds(bool allow) {
     threadSafety::ScopedLock lock(m_lock);
     m_allowEmptyFeeds = allow;
+    ++m_revision;
 }
 int ChannelSettings::maxFeedItems() const {
     threadSafety::ScopedLock lock(m_lock);
@@ -105,6 +112,7 @@ int ChannelSettings::maxFeedItems() const {
 void ChannelSettings::setMaxFeedItems(int count) {
     threadSafety::ScopedLock lock(m_lock);
     m_maxFeedItems = count;
+    ++m_revision;
 }
 void ChannelSettings::setMinimumInterval(std::int32_t seconds) {
     threadSafety::ScopedLock lock(m_lock);

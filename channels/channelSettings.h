@@ -3,6 +3,7 @@
 
 #include "lib/misc/threadSafetyWin32.h"
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -48,6 +49,8 @@ public:
     int maxFeedItems() const;
     void setMaxFeedItems(int count);
 
+    // Counts the changes made through the setters and loads (see ChannelConfig::revision).
+    std::uint64_t revision() const { return m_revision.load(); }
     // The application's minimum interval (not stored in the file).
     void setMinimumInterval(std::int32_t seconds);
     // Where the defaults come from; null for the built-in ones.
@@ -60,6 +63,7 @@ private:
     bool m_allowEmptyFeeds = kDefaultAllowEmptyFeeds;
     int m_maxFeedItems = kDefaultMaxFeedItems;
     std::int32_t m_minimumInterval = 0;
+    std::atomic<std::uint64_t> m_revision{0};
 };
 
 } // namespace channels

@@ -17,6 +17,8 @@ void ChannelState::load(const std::string& file) {
     m_lastFetchTime = profile::readIniInt(file, kSection, "LastFetchTime", 0);
     m_httpLastModified = profile::readIniString(file, kSection, "HttpLastModified");
     m_httpETag = profile::readIniString(file, kSection, "HttpETag");
+    ++m_revision;
+    m_storedItemCount.reset();
     m_feed.reset();
     m_feedFile = file;
     m_feedSource = profile::snapshot(file);
@@ -27,7 +29,11 @@ void ChannelState::save(const std::string& file) const {
     profile::writeIniInt(file, kSection, "LastFetchTime", m_lastFetchTime);
     profile::writeIniString(file, kSection, "HttpLastModified", m_httpLastModified);
     profile::writeIniString(file, kSection, "HttpETag", m_httpETag);
-    if (m_feed)
+    // A feed this object wrote and nobody touched since is left as it is in the file.
+    const bool written = m_feedOnFile && m_writtenStamp.exists &&
+                         m_savedGeneration == m_feedGeneration &&
+                         profile::fileStamp(file) == m_writtenStamp;
+    if (m_feed && !written)
         m_feed->save(file, kFeedSection);
     m_savedGeneration = m_feedGeneration;
 }
@@ -39,6 +45,7 @@ std::int32_t ChannelState::lastFetchTime() const {
 void ChannelState::setLastFetchTime(std::int32_t time) {
     threadSafety::ScopedLock lock(m_lock);
     m_lastFetchTime = time;
+    ++m_revision;
 }
 std::string ChannelState::httpLastModified() const {
     threadSafety::ScopedLock lock(m_lock);
@@ -47,6 +54,7 @@ std::string ChannelState::httpLastModified() const {
 void ChannelState::setHttpLastModified(const std::string& value) {
     threadSafety::ScopedLock lock(m_lock);
     m_httpLastModified = value;
+    ++m_revision;
 }
 std::string ChannelState::httpETag() const {
     threadSafety::ScopedLock lock(m_lock);
@@ -55,6 +63,7 @@ std::string ChannelState::httpETag() const {
 void ChannelState::setHttpETag(const std::string& value) {
     threadSafety::ScopedLock lock(m_lock);
     m_httpETag = value;
+    ++m_revision;
 }
 Feed& ChannelState::loadedFeed() const {
     if (!m_feed) {
@@ -63,6 +72,7 @@ Feed& ChannelState::loadedFeed() const {
             profile::ReadFromSnapshot asLoaded(m_feedFile, m_feedSource);
             feed->load(m_feedFile, kFeedSection);
         }
+        m_writtenStamp = {};
         m_feedOnFile =
             !m_feedFile.empty() && (!m_feedSource || profile::holdsText(m_feedFile, m_feedSource));
         m_feed = std::move(feed);
@@ -91,12 +101,25 @@ void ChannelState::replaceFeed(std::unique_ptr<Feed> feed) {
     threadSafety::ScopedLock lock(m_lock);
     m_feed = feed ? std::move(feed) : std::make_unique<Feed>();
     m_feedOnFile = false;
+    m_writtenStamp = {};
     ++m_feedGeneration;
+    m_storedItemCount.reset();
+    ++m_revision;
 }
+std::int32_t ChannelState::feedTime() const {
+    threadSafety::ScopedLock lock(m_lock);
+    if (m_feed || m_feedFile.empty())
+        return loadedFeed().feedTime();
+    profile::ReadFromSnapshot asLoaded(m_feedFile, m_feedSource);
+    return profile::readIniInt(m_feedFile, kFeedSection, "FeedTime", 0);
+}
+
 std::size_t ChannelState::itemCount() const {
     threadSafety::ScopedLock lock(m_lock);
     if (m_feed || m_feedFile.empty())
         return loadedFeed().itemCount();
+    if (!m_feedSource && m_storedItemCount)
+        return *m_storedItemCount;
     profile::ReadFromSnapshot asLoaded(m_feedFile, m_feedSource);
     return Feed::storedItemCount(m_feedFile, kFeedSection);
 }
@@ -112,6 +135,7 @@ std::optional<FeedChannelFields> ChannelState::fetchedFeedChannel() const {
 }
 void ChannelState::releaseFeed(const std::string& file) {
     threadSafety::ScopedLock lock(m_lock);
+    m_storedItemCount.reset();
     m_feed.reset();
     m_feedFile = file;
     m_feedSource = profile::snapshot(file);
@@ -119,15 +143,34 @@ void ChannelState::releaseFeed(const std::string& file) {
 
 void ChannelState::keepFeedThroughSave(const std::string& file) {
     threadSafety::ScopedLock lock(m_lock);
-    if (!m_feed && m_feedSource && !profile::sameText(m_feedSource, profile::snapshot(file)))
+    // A look at the file's stamp first: reading the file again is needed only when it changed.
+    if (!m_feed && m_feedSource && !profile::holdsText(file, m_feedSource) &&
+        !profile::sameText(m_feedSource, profile::snapshot(file)))
         loadedFeed();
+}
+void ChannelState::dropKeptCopy() {
+    threadSafety::ScopedLock lock(m_lock);
+    if (!m_feedSource)
+        return;
+    {
+        profile::ReadFromSnapshot asLoaded(m_feedFile, m_feedSource);
+        m_storedItemCount = Feed::storedItemCount(m_feedFile, kFeedSection);
+    }
+    m_feedSource.reset();
+    profile::forget(m_feedFile);
+}
+void ChannelState::offerKeptCopy(const std::string& file) const {
+    threadSafety::ScopedLock lock(m_lock);
+    profile::reuse(file, m_feedSource);
 }
 void ChannelState::feedSaved(const std::string& file) {
     threadSafety::ScopedLock lock(m_lock);
     if (!m_feed)
         m_feedSource = profile::snapshot(file);
-    else if (m_savedGeneration == m_feedGeneration)
+    else if (m_savedGeneration == m_feedGeneration) {
         m_feedOnFile = true; // unless another feed came in after the save wrote this one
+        m_writtenStamp = profile::fileStamp(file);
+    }
 }
 
 std::unique_ptr<Feed> ChannelState::releaseFeedForUpdate(const std::string& file) {
@@ -141,6 +184,7 @@ std::unique_ptr<Feed> ChannelState::releaseFeedForUpdate(const std::string& file
 
 void ChannelState::readFeedFromFile(const std::string& file) {
     threadSafety::ScopedLock lock(m_lock);
+    m_storedItemCount.reset();
     m_feed.reset();
     m_feedFile = file;
     m_feedSource.reset();

@@ -5,6 +5,7 @@
 #include "lib/misc/profileFile.h"
 #include "lib/misc/threadSafetyWin32.h"
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -34,6 +35,9 @@ public:
     std::string httpETag() const;
     void setHttpETag(const std::string& value);
 
+    // The FeedTime of the current feed; read from the file, without reading the feed, when it
+    // is not in memory.
+    std::int32_t feedTime() const;
     // The current feed (never null). It stays valid until the next replaceFeed or load.
     Feed& feed();
     const Feed& feed() const;
@@ -57,6 +61,14 @@ public:
     void keepFeedThroughSave(const std::string& file);
     // After a save: the file now holds the feed.
     void feedSaved(const std::string& file);
+    // Lets go of the file's text kept at load, keeping only the stored item count: the feed is
+    // then read from the file as it is when first used (for channels that are never saved).
+    void dropKeptCopy();
+    // Before a save: offers the copy of the file kept from the last load or save to the profile
+    // layer, so that a save of a file nobody changed does not read it again.
+    void offerKeptCopy(const std::string& file) const;
+    // Counts the changes of the keys and the feed (see ChannelConfig::revision).
+    std::uint64_t revision() const { return m_revision.load(); }
     // Before an update fetches and parses a new feed: when the file is known to hold the feed in
     // memory, drops it (it is read from the file again when next used) and returns its
     // headlines for the expired-item events; otherwise keeps it and returns null.
@@ -66,6 +78,7 @@ public:
 
 private:
     mutable threadSafety::CriticalSection m_lock{"ChannelState"};
+    std::atomic<std::uint64_t> m_revision{0};
     std::int32_t m_lastFetchTime = 0;
     std::string m_httpLastModified;
     std::string m_httpETag;
@@ -75,9 +88,13 @@ private:
     mutable bool m_feedOnFile = false;           // the file holds the feed in memory
     std::uint64_t m_feedGeneration = 0;          // counts the feeds handed over
     mutable std::uint64_t m_savedGeneration = 0; // the feed the last save wrote
+    // The file as a save left it, when that save wrote (or found written) the feed in memory:
+    // while the file keeps this stamp, its feed sections are exactly what a save writes.
+    mutable profile::FileStamp m_writtenStamp;
     std::string m_feedFile; // where the feed is read from when it is not in memory
     // The file as it was loaded or last saved, while the feed is not in memory.
     mutable profile::Snapshot m_feedSource;
+    std::optional<std::size_t> m_storedItemCount; // counted at load when no copy is kept
 };
 
 } // namespace channels

@@ -59,20 +59,15 @@ private:
     bool m_shown;
 };
 
-// Fetches and parses the channel's new feed: null when the source reports it unchanged. The old
-// feed, which may have left memory for the parse, comes back from the file when no new one
-// replaces it.
-std::unique_ptr<Feed> fetchNewFeed(Channel& channel, bool firstFetch) {
-    std::unique_ptr<Feed> feed;
+// Parses the fetched text into the channel's new feed. The old feed, which may have left memory
+// for the parse, comes back from the file when the parse fails.
+std::unique_ptr<Feed> parseNewFeed(Channel& channel, const std::string& text) {
     try {
-        feed = channel.update(firstFetch);
+        return channel.parse(text);
     } catch (...) {
         channel.state().feed();
         throw;
     }
-    if (!feed)
-        channel.state().feed();
-    return feed;
 }
 
 } // namespace
@@ -163,52 +158,21 @@ void ChannelManager::writeSummaryPage(Channel& channel) {
 }
 
 void ChannelManager::updateFeed(Channel& channel) {
-    std::error_code ignoredError;
     auto& group = channelManagerActivityGroup();
+    // The old feed is indexed only once a new one has come: a feed the source reports unchanged
+    // is neither read from the file nor written again.
     PELSU_LOG(group, "Building an index of the old feed items.");
-    const FeedIndex oldIndex = indexFeed(channel.state().feed());
-    const bool firstFetch = channel.state().feed().feedTime() == 0;
-    // The old feed waits in the file while the new one is fetched and parsed, so that the two
-    // are never in memory together; its headlines stay for the expired-item events.
-    std::unique_ptr<Feed> oldHeadlines = channel.state().releaseFeedForUpdate(channel.fileName());
-
+    const bool firstFetch = channel.state().feedTime() == 0;
     PELSU_LOG(group, "Getting the latest feed for " << channel.name());
     channel.state().setLastFetchTime(static_cast<std::int32_t>(now()));
-    std::unique_ptr<Feed> newFeed = fetchNewFeed(channel, firstFetch);
+    std::string text;
+    bool unchanged = false;
+    channel.fetch(text, firstFetch, unchanged);
     if (m_forcedStop)
         return;
-
-    FeedIndex newIndex;
-    const bool changed = newFeed != nullptr;
-    const bool summaryWritten =
-        std::filesystem::file_size(channel.summaryPage().path(), ignoredError) > 0;
-    if (!newFeed) {
+    if (unchanged)
         PELSU_LOG(group, "Feed is unchanged.");
-    } else {
-        newFeed->setFeedTime(static_cast<std::int32_t>(now()));
-        PELSU_LOG(group, "Building an index of the new feed items.");
-        newIndex = indexFeed(*newFeed);
-        PELSU_LOG(group, "Checking for expired items.");
-        OldHeadlinesShown shown(channel, std::move(oldHeadlines));
-        for (const auto& [id, index] : oldIndex) {
-            if (newIndex.count(id))
-                continue;
-            PELSU_LOG(group, "- Raising an ExpiredFeedItem event: feedItemIndex=" << index);
-            ExpiredFeedItemEvent expired(now(), &channel, static_cast<std::int32_t>(index));
-            raiseEvent(expired);
-        }
-        PELSU_LOG(group, "Replacing the old feed with the new one.");
-        shown.replaceWith(std::move(newFeed));
-        PELSU_LOG(group, "Checking for new feed items.");
-        for (const auto& [id, index] : newIndex) {
-            if (oldIndex.count(id))
-                continue;
-            PELSU_LOG(group, "Raising a NewFeedItem event.");
-            NewFeedItemEvent added(now(), &channel, static_cast<std::int32_t>(index));
-            raiseEvent(added);
-        }
-    }
-    if (m_forcedStop)
+    else if (!replaceFeed(channel, std::move(text)))
         return;
     PELSU_LOG(group, "Saving the updated channel.");
     try {
@@ -217,9 +181,45 @@ void ChannelManager::updateFeed(Channel& channel) {
         ChannelErrorEvent error(now(), &channel, "Can't save the channel details.", failure.what());
         raiseEvent(error);
     }
-    if (changed || !summaryWritten)
+    // Only a page that something shows is kept up to date.
+    if (channel.isPageWanted() && (!unchanged || !channel.hasSummaryPage()))
         writeSummaryPage(channel);
     PELSU_LOG(group, "Channel update complete.");
+}
+
+bool ChannelManager::replaceFeed(Channel& channel, std::string text) {
+    auto& group = channelManagerActivityGroup();
+    const FeedIndex oldIndex = indexFeed(channel.state().feed());
+    // The old feed waits in the file while the new one is parsed, so that the two are never in
+    // memory together; its headlines stay for the expired-item events.
+    std::unique_ptr<Feed> oldHeadlines = channel.state().releaseFeedForUpdate(channel.fileName());
+    std::unique_ptr<Feed> newFeed = parseNewFeed(channel, text);
+    std::string().swap(text);
+    if (m_forcedStop)
+        return false;
+    newFeed->setFeedTime(static_cast<std::int32_t>(now()));
+    PELSU_LOG(group, "Building an index of the new feed items.");
+    const FeedIndex newIndex = indexFeed(*newFeed);
+    PELSU_LOG(group, "Checking for expired items.");
+    OldHeadlinesShown shown(channel, std::move(oldHeadlines));
+    for (const auto& [id, index] : oldIndex) {
+        if (newIndex.count(id))
+            continue;
+        PELSU_LOG(group, "- Raising an ExpiredFeedItem event: feedItemIndex=" << index);
+        ExpiredFeedItemEvent expired(now(), &channel, static_cast<std::int32_t>(index));
+        raiseEvent(expired);
+    }
+    PELSU_LOG(group, "Replacing the old feed with the new one.");
+    shown.replaceWith(std::move(newFeed));
+    PELSU_LOG(group, "Checking for new feed items.");
+    for (const auto& [id, index] : newIndex) {
+        if (oldIndex.count(id))
+            continue;
+        PELSU_LOG(group, "Raising a NewFeedItem event.");
+        NewFeedItemEvent added(now(), &channel, static_cast<std::int32_t>(index));
+        raiseEvent(added);
+    }
+    return !m_forcedStop;
 }
 
 } // namespace channels

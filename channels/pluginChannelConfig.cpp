@@ -27,6 +27,7 @@ std::string PluginChannelConfig::scriptFilename() const {
 void PluginChannelConfig::setScriptFilename(const std::string& file) {
     threadSafety::ScopedLock guard(lock());
     m_scriptFilename = file;
+    changed();
 }
 
 } // namespace channels

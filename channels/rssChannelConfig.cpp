@@ -48,6 +48,7 @@ void RssChannelConfig::setRssChannelUrl(const std::string& url) {
     threadSafety::ScopedLock guard(lock());
     m_rssChannelUrl = url;
     m_isCodeProjectFeed = namesCodeProjectFeed(url);
+    changed();
 }
 
 bool RssChannelConfig::subscribedFromWebPage() const {
@@ -58,6 +59,7 @@ bool RssChannelConfig::subscribedFromWebPage() const {
 void RssChannelConfig::setSubscribedFromWebPage(bool fromWebPage) {
     threadSafety::ScopedLock guard(lock());
     m_subscribedFromWebPage = fromWebPage;
+    changed();
 }
 
 bool RssChannelConfig::isCodeProjectFeed() const {

@@ -69,6 +69,7 @@ int runPage(const CommandContext& context) {
     Engine engine(context);
     channels::Channel& channel = engine.requireChannel(context.args[0]);
     const auto& paths = engine.environment().paths;
+    channel.addPageViewer();
     const std::string page = channels::writeChannelSummaryPage(channel, paths.userDir);
     // The channel's own page file goes with the program; this copy stays.
     const auto pages = std::filesystem::path(paths.userDir) / "Pages";

@@ -24,11 +24,14 @@ public:
 
 } // namespace
 
-Engine::Engine(const CommandContext& context) : Engine(app::startEnvironment(context.home)) {}
+Engine::Engine(const CommandContext& context)
+    : Engine(app::startEnvironment(context.home), false) {}
 
-Engine::Engine(app::Environment environment) : m_environment(std::move(environment)) {
-    m_manager = std::make_unique<channels::ChannelManager>(
-        m_environment.paths.channelsDir, app::managerOptions(m_environment.options));
+Engine::Engine(app::Environment environment, bool saves) : m_environment(std::move(environment)) {
+    channels::ChannelManagerOptions options = app::managerOptions(m_environment.options);
+    options.keepLoadedFiles = saves;
+    m_manager = std::make_unique<channels::ChannelManager>(m_environment.paths.channelsDir,
+                                                           std::move(options));
     LoadErrorPrinter printer;
     m_manager->addListener(&printer);
     const bool loaded = m_manager->loadChannels();

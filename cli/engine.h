@@ -22,11 +22,13 @@ using app::UsageError;
 
 class Engine {
 public:
-    // Starts the environment and loads every channel (load failures are printed). Throws
-    // channels::Exception when the channels directory can't be read.
+    // Starts the environment and loads every channel (load failures are printed), for a
+    // command that only reads: the channels keep nothing of their files but what they print.
+    // Throws channels::Exception when the channels directory can't be read.
     explicit Engine(const CommandContext& context);
-    // The same on an environment already started.
-    explicit Engine(app::Environment environment);
+    // The same on an environment already started; saves tells whether the channels may be
+    // saved (setSaveOnExit).
+    explicit Engine(app::Environment environment, bool saves = true);
     ~Engine();
 
     app::Environment& environment() { return m_environment; }

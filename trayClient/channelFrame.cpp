@@ -126,12 +126,17 @@ CChannelFrame::CChannelFrame(channels::Channel& channel, ChannelDesktopSettingsT
     : QWidget(parent), m_channel(channel), m_manager(channel.manager()), m_channelId(channel.id()),
       m_settings(settings), m_options(options), m_userDir(userDir), m_actions(settings, nullptr),
       m_model(new CChannelItemModel(this)) {
+    // The engine keeps the page of an open window up to date after each update.
+    m_channel.addPageViewer();
     buildLayout();
     applyOptions(options);
     refresh();
 }
 
-CChannelFrame::~CChannelFrame() = default;
+CChannelFrame::~CChannelFrame() {
+    if (channelPresent())
+        m_channel.removePageViewer();
+}
 
 void CChannelFrame::buildLayout() {
     auto* layout = new QVBoxLayout(this);

@@ -212,15 +212,17 @@ class Document {
 public:
     Document() = default;
     Document(const Document& other)
-        : textHash(other.textHash), textSize(other.textSize), m_text(other.m_text),
-          m_sections(other.m_sections), m_parsed(other.m_parsed), m_sources(other.m_sources),
-          m_table(other.m_table), m_tableUsed(other.m_tableUsed), m_duplicates(other.m_duplicates),
-          m_sourceSections(other.m_sourceSections), m_pristine(other.m_pristine) {}
+        : textHash(other.textHash), textSize(other.textSize), stamp(other.stamp),
+          m_text(other.m_text), m_sections(other.m_sections), m_parsed(other.m_parsed),
+          m_sources(other.m_sources), m_table(other.m_table), m_tableUsed(other.m_tableUsed),
+          m_duplicates(other.m_duplicates), m_sourceSections(other.m_sourceSections),
+          m_pristine(other.m_pristine) {}
     Document(Document&& other) noexcept
-        : textHash(other.textHash), textSize(other.textSize), m_text(std::move(other.m_text)),
-          m_sections(std::move(other.m_sections)), m_parsed(std::move(other.m_parsed)),
-          m_sources(std::move(other.m_sources)), m_table(std::move(other.m_table)),
-          m_tableUsed(other.m_tableUsed), m_duplicates(std::move(other.m_duplicates)),
+        : textHash(other.textHash), textSize(other.textSize), stamp(other.stamp),
+          m_text(std::move(other.m_text)), m_sections(std::move(other.m_sections)),
+          m_parsed(std::move(other.m_parsed)), m_sources(std::move(other.m_sources)),
+          m_table(std::move(other.m_table)), m_tableUsed(other.m_tableUsed),
+          m_duplicates(std::move(other.m_duplicates)),
           m_sourceSections(std::move(other.m_sourceSections)), m_pristine(other.m_pristine) {}
     void parse(std::shared_ptr<const std::string> text);
     // Streams the text into the sink.
@@ -262,6 +264,7 @@ public:
     // Identifies the text the document was read from or last written as (0 when neither).
     std::size_t textHash = 0;
     std::size_t textSize = 0;
+    FileStamp stamp; // of the file when the text was read or written
     bool hasSources() const { return !m_sources.empty(); }
 
 private:
@@ -813,19 +816,7 @@ std::vector<std::string> Document::sectionNames() const {
 
 namespace {
 
-// What identifies one version of a file on disk.
-struct Stamp {
-    bool exists = false;
-    dev_t device = 0;
-    ino_t inode = 0;
-    off_t size = 0;
-    timespec modified{};
-    bool operator==(const Stamp& other) const {
-        return exists == other.exists && device == other.device && inode == other.inode &&
-               size == other.size && modified.tv_sec == other.modified.tv_sec &&
-               modified.tv_nsec == other.modified.tv_nsec;
-    }
-};
+using Stamp = FileStamp;
 
 Stamp stampOf(const std::string& path) {
     Stamp stamp;
@@ -835,7 +826,8 @@ Stamp stampOf(const std::string& path) {
         stamp.device = info.st_dev;
         stamp.inode = info.st_ino;
         stamp.size = info.st_size;
-        stamp.modified = info.st_mtim;
+        stamp.modifiedSeconds = info.st_mtim.tv_sec;
+        stamp.modifiedNanoseconds = info.st_mtim.tv_nsec;
     }
     return stamp;
 }
@@ -992,7 +984,7 @@ void refresh(CachedFile& file, const std::string& path) {
     file.document->parse(std::move(text));
     file.document->textHash = file.textHash = hasher.value();
     file.document->textSize = file.textSize = hasher.size();
-    file.stamp = current;
+    file.document->stamp = file.stamp = current;
     file.valid = true;
     file.version = g_nextVersion++;
 }
@@ -1076,9 +1068,11 @@ bool applyAndWrite(const std::string& path, const std::vector<Operation>& operat
         file->document = std::make_shared<Document>();
         return true;
     }
-    if (unchanged)
+    if (unchanged) {
+        file->document->stamp = file->stamp;
         return true;
-    file->stamp = stampOf(path);
+    }
+    file->document->stamp = file->stamp = stampOf(path);
     file->textHash = file->document->textHash = written.value();
     file->textSize = file->document->textSize = written.size();
     return true;
@@ -1241,6 +1235,7 @@ Snapshot snapshot(const std::string& rawPath) {
     else {
         auto copy = std::make_shared<Document>(*batch->second.document);
         copy->textHash = copy->textSize = 0; // not a text that was read or written
+        copy->stamp = {};
         return copy;
     }
     return file->document;
@@ -1254,13 +1249,34 @@ bool sameText(const Snapshot& first, const Snapshot& second) {
 }
 
 bool holdsText(const std::string& rawPath, const Snapshot& snapshot) {
-    if (!snapshot || snapshot->textHash == 0)
+    if (!snapshot || snapshot->textHash == 0 || !snapshot->stamp.exists)
         return false;
+    return stampOf(normalized(rawPath)) == snapshot->stamp;
+}
+
+FileStamp fileStamp(const std::string& path) { return stampOf(normalized(path)); }
+
+FileStamp stampOf(const Snapshot& snapshot) { return snapshot ? snapshot->stamp : FileStamp{}; }
+
+void reuse(const std::string& rawPath, const Snapshot& snapshot) {
+    if (!snapshot || snapshot->textHash == 0 || !snapshot->stamp.exists)
+        return;
     const std::string path = normalized(rawPath);
+    if (t_batches.count(path) || t_pinned.count(path))
+        return;
     auto file = cachedFile(path);
     std::lock_guard guard(file->mutex);
-    return file->valid && file->textHash == snapshot->textHash &&
-           file->textSize == snapshot->textSize && stampOf(path) == file->stamp;
+    const Stamp current = stampOf(path);
+    if ((file->valid && file->document && file->stamp == current) || !(current == snapshot->stamp))
+        return;
+    // Shared with the snapshot's holder: the first change copies it (see applyAndWrite).
+    file->document = std::const_pointer_cast<Document>(snapshot);
+    file->stamp = current;
+    file->valid = true;
+    file->readError = 0;
+    file->textHash = snapshot->textHash;
+    file->textSize = snapshot->textSize;
+    file->version = g_nextVersion++;
 }
 
 ReadFromSnapshot::ReadFromSnapshot(const std::string& path, Snapshot snapshot)

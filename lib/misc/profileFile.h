@@ -12,6 +12,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -74,6 +75,19 @@ std::string lastWriteError();
 // bytes, as binary files do); empty when it can, or when it does not exist.
 std::string fileProblem(const std::string& path);
 
+// What identifies one version of a file on disk.
+struct FileStamp {
+    bool exists = false;
+    std::uint64_t device = 0;
+    std::uint64_t inode = 0;
+    std::int64_t size = 0;
+    std::int64_t modifiedSeconds = 0;
+    std::int64_t modifiedNanoseconds = 0;
+    bool operator==(const FileStamp&) const = default;
+};
+// The stamp of the file as it is on disk now (exists is false when it is missing).
+FileStamp fileStamp(const std::string& path);
+
 class Document;
 // The parsed copy of a file at one moment. Holding one keeps that copy alive however the file
 // changes later, on disk or through this layer.
@@ -83,8 +97,14 @@ Snapshot snapshot(const std::string& path);
 // Whether two snapshots were taken of the same text (as read from disk or written there).
 bool sameText(const Snapshot& first, const Snapshot& second);
 // Whether the file on disk is known to hold the text the snapshot was taken of, without reading
-// it again: false when that is not known.
+// it again (its stamp is the one the text was read or written with): false when that is not known.
 bool holdsText(const std::string& path, const Snapshot& snapshot);
+// The stamp the file had when the snapshot's text was read from it or written to it; empty for
+// a snapshot of unwritten changes.
+FileStamp stampOf(const Snapshot& snapshot);
+// When the file's parsed copy has left the cache but the disk still holds the snapshot's text,
+// the snapshot becomes that copy again, so that the next batch on the file does not read it.
+void reuse(const std::string& path, const Snapshot& snapshot);
 
 // While one lives, the calling thread's reads of the file come from the snapshot instead of
 // the file or an open batch (writes are not meant meanwhile). A null snapshot changes nothing.
