@@ -60,11 +60,11 @@ bool isTextConstruct(Kind kind) {
 // 0.3 drafts' names for the same things).
 struct Rule {
     Kind parent;
-    const char* name;
+    std::string_view name;
     Kind kind;
 };
 
-const Rule kRules[] = {
+constexpr Rule kRules[] = {
     {Kind::Feed, "entry", Kind::Entry},
     {Kind::Feed, "title", Kind::FeedTitle},
     {Kind::Feed, "subtitle", Kind::FeedSubtitle},
@@ -91,9 +91,10 @@ const Rule kRules[] = {
     {Kind::EntryAuthor, "name", Kind::EntryAuthorName},
 };
 
-Kind kindOf(Kind parent, const char* localName) {
+// Every element of a feed goes through here: names compare by length first.
+Kind kindOf(Kind parent, std::string_view localName) {
     for (const Rule& rule : kRules)
-        if (rule.parent == parent && std::strcmp(rule.name, localName) == 0)
+        if (rule.parent == parent && rule.name == localName)
             return rule.kind;
     return Kind::Other;
 }
@@ -101,6 +102,26 @@ Kind kindOf(Kind parent, const char* localName) {
 const char* localNameOf(const char* name) {
     const char* colon = std::strrchr(name, ':');
     return colon ? colon + 1 : name;
+}
+
+// An element's name split in one pass: the prefix before its first colon (empty without one)
+// and the local name after its last.
+struct SplitName {
+    std::string_view prefix, local;
+};
+
+SplitName splitName(const char* name) {
+    const char* first = nullptr;
+    const char* last = nullptr;
+    const char* at = name;
+    for (; *at; ++at)
+        if (*at == ':') {
+            first = first ? first : at;
+            last = at;
+        }
+    const char* local = last ? last + 1 : name;
+    return {std::string_view(name, first ? static_cast<std::size_t>(first - name) : 0),
+            std::string_view(local, static_cast<std::size_t>(at - local))};
 }
 
 // HTML elements without an end tag: written as "<br />" so that no "</br>" follows.
@@ -165,9 +186,9 @@ struct FeedFields {
 // Empties every field, keeping its capacity for the next entry or feed.
 void clearEntry(Entry& entry) {
     CollectedItem& item = entry.item;
-    for (std::string* field : {&item.guid, &item.link, &item.title, &item.description,
-                               &item.source, &item.author, &item.comments, &item.pubDate,
-                               &entry.published, &entry.updated})
+    for (std::string* field :
+         {&item.guid, &item.link, &item.title, &item.description, &item.source, &item.author,
+          &item.comments, &item.pubDate, &entry.published, &entry.updated})
         field->clear();
     entry.linkRank = -1;
 }
@@ -211,7 +232,7 @@ private:
     }
     void traceStart(const char* name, const char** attributes);
     Attributes scanAttributes(const char** attributes, std::size_t depth);
-    const std::string& namespaceOf(const char* name) const;
+    const std::string& namespaceOf(std::string_view prefix) const;
     const std::string& currentBase() const;
     Kind classify(Kind parent, const char* name, std::size_t depth);
     void begin(Kind kind, const Attributes& attributes);
@@ -280,6 +301,8 @@ Attributes AtomXmlParser::scanAttributes(const char** attributes, std::size_t de
     Attributes found;
     for (const char** at = attributes; at && *at; at += 2) {
         const char* name = at[0];
+        if (!std::strchr("xtmrh", name[0])) // none of the names below
+            continue;
         if (std::strncmp(name, "xmlns", 5) == 0 && (name[5] == '\0' || name[5] == ':'))
             m_namespaces.push_back({depth, name[5] ? name + 6 : "", at[1]});
         else if (std::strcmp(name, "xml:base") == 0)
@@ -298,10 +321,8 @@ Attributes AtomXmlParser::scanAttributes(const char** attributes, std::size_t de
     return found;
 }
 
-const std::string& AtomXmlParser::namespaceOf(const char* name) const {
+const std::string& AtomXmlParser::namespaceOf(std::string_view prefix) const {
     static const std::string none;
-    const char* colon = std::strchr(name, ':');
-    const std::string_view prefix(name, colon ? static_cast<std::size_t>(colon - name) : 0);
     for (auto it = m_namespaces.rbegin(); it != m_namespaces.rend(); ++it)
         if (it->prefix == prefix)
             return it->uri;
@@ -313,14 +334,17 @@ const std::string& AtomXmlParser::currentBase() const {
 }
 
 Kind AtomXmlParser::classify(Kind parent, const char* name, std::size_t depth) {
+    if (parent == Kind::Other && depth != 1)
+        return Kind::Other;
+    const SplitName split = splitName(name);
     if (depth == 1) {
-        m_isAtom = std::strcmp(localNameOf(name), "feed") == 0;
-        m_atomNamespace = namespaceOf(name);
+        m_isAtom = split.local == "feed";
+        m_atomNamespace = namespaceOf(split.prefix);
         return m_isAtom ? Kind::Feed : Kind::Other;
     }
-    if (parent == Kind::Other || namespaceOf(name) != m_atomNamespace)
+    if (namespaceOf(split.prefix) != m_atomNamespace)
         return Kind::Other;
-    return kindOf(parent, localNameOf(name));
+    return kindOf(parent, split.local);
 }
 
 void AtomXmlParser::traceStart(const char* name, const char** attributes) {

@@ -21,8 +21,8 @@ public:
     AtomReader(const AtomReader&) = delete;
     AtomReader& operator=(const AtomReader&) = delete;
     // What parseAtomFeed returns and throws.
-    std::unique_ptr<Feed> parse(const ParseOptions& options, const std::string& text,
-                                int maxItems, std::ostream* parseLog);
+    std::unique_ptr<Feed> parse(const ParseOptions& options, const std::string& text, int maxItems,
+                                std::ostream* parseLog);
 
 private:
     std::unique_ptr<AtomXmlParser> m_reader; // made by the first parse

@@ -54,7 +54,7 @@ public:
                                         int maxItems);
 
 private:
-    std::unique_ptr<RssXmlParser> m_reader; // made by the first parse
+    std::unique_ptr<RssXmlParser> m_reader;   // made by the first parse
     std::unique_ptr<AtomReader> m_atomReader; // its reader is made by the first Atom parse
 };
 
