@@ -2,10 +2,10 @@
 
 #include "channels/exception.h"
 #include "expat/parser.h"
-#include "lib/misc/text.h"
 #include "tools/address.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstring>
 #include <ostream>
 #include <string_view>
@@ -60,11 +60,11 @@ bool isTextConstruct(Kind kind) {
 // 0.3 drafts' names for the same things).
 struct Rule {
     Kind parent;
-    const char* name;
+    std::string_view name;
     Kind kind;
 };
 
-const Rule kRules[] = {
+constexpr Rule kRules[] = {
     {Kind::Feed, "entry", Kind::Entry},
     {Kind::Feed, "title", Kind::FeedTitle},
     {Kind::Feed, "subtitle", Kind::FeedSubtitle},
@@ -91,9 +91,10 @@ const Rule kRules[] = {
     {Kind::EntryAuthor, "name", Kind::EntryAuthorName},
 };
 
-Kind kindOf(Kind parent, const char* localName) {
+// Every element of a feed goes through here: names compare by length first.
+Kind kindOf(Kind parent, std::string_view localName) {
     for (const Rule& rule : kRules)
-        if (rule.parent == parent && std::strcmp(rule.name, localName) == 0)
+        if (rule.parent == parent && rule.name == localName)
             return rule.kind;
     return Kind::Other;
 }
@@ -101,6 +102,26 @@ Kind kindOf(Kind parent, const char* localName) {
 const char* localNameOf(const char* name) {
     const char* colon = std::strrchr(name, ':');
     return colon ? colon + 1 : name;
+}
+
+// An element's name split in one pass: the prefix before its first colon (empty without one)
+// and the local name after its last.
+struct SplitName {
+    std::string_view prefix, local;
+};
+
+SplitName splitName(const char* name) {
+    const char* first = nullptr;
+    const char* last = nullptr;
+    const char* at = name;
+    for (; *at; ++at)
+        if (*at == ':') {
+            first = first ? first : at;
+            last = at;
+        }
+    const char* local = last ? last + 1 : name;
+    return {std::string_view(name, first ? static_cast<std::size_t>(first - name) : 0),
+            std::string_view(local, static_cast<std::size_t>(at - local))};
 }
 
 // HTML elements without an end tag: written as "<br />" so that no "</br>" follows.
@@ -162,63 +183,126 @@ struct FeedFields {
     int linkRank = -1;
 };
 
+// Empties every field, keeping its capacity for the next entry or feed.
+void clearEntry(Entry& entry) {
+    CollectedItem& item = entry.item;
+    for (std::string* field :
+         {&item.guid, &item.link, &item.title, &item.description, &item.source, &item.author,
+          &item.comments, &item.pubDate, &entry.published, &entry.updated})
+        field->clear();
+    entry.linkRank = -1;
+}
+
+void clearFeedFields(FeedFields& fields) {
+    for (std::string* field : {&fields.title, &fields.subtitle, &fields.rights, &fields.link,
+                               &fields.author, &fields.generator, &fields.logo, &fields.updated})
+        field->clear();
+    fields.linkRank = -1;
+}
+
+// field = text without its leading and trailing white space, in field's own buffer.
+void assignTrimmed(std::string& field, std::string_view text) {
+    const auto space = [](char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; };
+    while (!text.empty() && space(text.front()))
+        text.remove_prefix(1);
+    while (!text.empty() && space(text.back()))
+        text.remove_suffix(1);
+    field.assign(text);
+}
+
+} // namespace
+
+// Collects the feed's and the entries' fields while expat walks the document. One reader
+// serves the parses of one AtomReader in turn, so its fields keep their capacity between feeds.
 class AtomXmlParser : public expat::Parser {
 public:
-    AtomXmlParser(Feed& feed, const ParseOptions& options, int maxItems, std::ostream* parseLog)
-        : m_feed(feed), m_options(options), m_maxItems(maxItems), m_parseLog(parseLog) {}
-
-    bool isAtom() const { return m_isAtom; }
+    // Parses one document into feed; returns whether the root was an Atom feed. Throws what
+    // expat::Parser::parse throws.
+    bool read(Feed& feed, const std::string& text, int maxItems, const ParseOptions& options,
+              std::ostream* parseLog);
 
 protected:
     void onStartElement(const char* name, const char** attributes) override;
     void onEndElement(const char* name) override;
-    void onText(const char* text, std::size_t length) override;
 
 private:
     void trace(std::string_view line) {
         if (m_parseLog)
             *m_parseLog << line << '\n';
     }
+    void traceStart(const char* name, const char** attributes);
     Attributes scanAttributes(const char** attributes, std::size_t depth);
-    const std::string& namespaceOf(const char* name) const;
+    const std::string& namespaceOf(std::string_view prefix) const;
     const std::string& currentBase() const;
     Kind classify(Kind parent, const char* name, std::size_t depth);
     void begin(Kind kind, const Attributes& attributes);
     void end(Kind kind);
     void beginTextConstruct(const Attributes& attributes, std::size_t depth);
+    void takeText();
     void copyStartTag(const char* name, const char** attributes, std::size_t depth);
     void copyEndTag(const char* name, std::size_t depth);
     void takeLink(const Attributes& attributes, std::string& link, int& linkRank);
     void endTextConstruct(Kind kind);
+    std::string* textConstructField(Kind kind);
     void endEntry();
     void endFeed();
     void leaveScopes(std::size_t depth);
 
-    Feed& m_feed;
-    const ParseOptions& m_options;
-    int m_maxItems;
+    Feed* m_feed = nullptr;
+    const ParseOptions* m_options = nullptr;
+    int m_maxItems = 0;
     int m_itemsSeen = 0;
-    std::ostream* m_parseLog;
+    std::ostream* m_parseLog = nullptr;
     bool m_isAtom = false;
     std::string m_atomNamespace; // the root's
     std::vector<Kind> m_kinds;   // of the open elements
     std::vector<Namespace> m_namespaces;
     std::vector<std::pair<std::size_t, std::string>> m_bases; // xml:base by depth, resolved
     // The text construct being copied: its depth (0: none), whether it is XHTML, the depth of
-    // the XHTML container div that is left out (0: none), and the copy.
+    // the XHTML container div that is left out (0: none), the copy of what is inside it up to
+    // the last tag within, and how much of characterData() that copy already holds.
     std::size_t m_textDepth = 0;
     bool m_xhtml = false;
     std::size_t m_containerDepth = 0;
     std::string m_text;
+    std::size_t m_textTaken = 0;
     std::string m_scratch;
     Entry m_entry;
     FeedFields m_fields;
+    FeedItem m_saved; // the item being saved
 };
+
+bool AtomXmlParser::read(Feed& feed, const std::string& text, int maxItems,
+                         const ParseOptions& options, std::ostream* parseLog) {
+    m_feed = &feed;
+    m_options = &options;
+    m_maxItems = maxItems;
+    m_itemsSeen = 0;
+    m_parseLog = parseLog;
+    m_isAtom = false;
+    m_atomNamespace.clear();
+    m_kinds.clear();
+    m_namespaces.clear();
+    m_bases.clear();
+    m_textDepth = 0;
+    m_text.clear();
+    clearEntry(m_entry);
+    clearFeedFields(m_fields);
+    setMaxDepth(static_cast<std::size_t>(std::max(options.depthLimit, 0)));
+    setReadUnknownEncodings(options.formats.convertEncodings);
+    // As for RSS: room for all the items' text up front, the unused part given back.
+    feed.reserveItemBytes(text.size());
+    parse(text.data(), text.size());
+    feed.releaseSpareItemBytes();
+    return m_isAtom;
+}
 
 Attributes AtomXmlParser::scanAttributes(const char** attributes, std::size_t depth) {
     Attributes found;
     for (const char** at = attributes; at && *at; at += 2) {
         const char* name = at[0];
+        if (!std::strchr("xtmrh", name[0])) // none of the names below
+            continue;
         if (std::strncmp(name, "xmlns", 5) == 0 && (name[5] == '\0' || name[5] == ':'))
             m_namespaces.push_back({depth, name[5] ? name + 6 : "", at[1]});
         else if (std::strcmp(name, "xml:base") == 0)
@@ -237,10 +321,8 @@ Attributes AtomXmlParser::scanAttributes(const char** attributes, std::size_t de
     return found;
 }
 
-const std::string& AtomXmlParser::namespaceOf(const char* name) const {
+const std::string& AtomXmlParser::namespaceOf(std::string_view prefix) const {
     static const std::string none;
-    const char* colon = std::strchr(name, ':');
-    const std::string_view prefix(name, colon ? static_cast<std::size_t>(colon - name) : 0);
     for (auto it = m_namespaces.rbegin(); it != m_namespaces.rend(); ++it)
         if (it->prefix == prefix)
             return it->uri;
@@ -248,31 +330,39 @@ const std::string& AtomXmlParser::namespaceOf(const char* name) const {
 }
 
 const std::string& AtomXmlParser::currentBase() const {
-    return m_bases.empty() ? m_options.documentAddress : m_bases.back().second;
+    return m_bases.empty() ? m_options->documentAddress : m_bases.back().second;
 }
 
 Kind AtomXmlParser::classify(Kind parent, const char* name, std::size_t depth) {
+    if (parent == Kind::Other && depth != 1)
+        return Kind::Other;
+    const SplitName split = splitName(name);
     if (depth == 1) {
-        m_isAtom = std::strcmp(localNameOf(name), "feed") == 0;
-        m_atomNamespace = namespaceOf(name);
+        m_isAtom = split.local == "feed";
+        m_atomNamespace = namespaceOf(split.prefix);
         return m_isAtom ? Kind::Feed : Kind::Other;
     }
-    if (parent == Kind::Other || namespaceOf(name) != m_atomNamespace)
+    if (namespaceOf(split.prefix) != m_atomNamespace)
         return Kind::Other;
-    return kindOf(parent, localNameOf(name));
+    return kindOf(parent, split.local);
+}
+
+void AtomXmlParser::traceStart(const char* name, const char** attributes) {
+    trace(std::string("START ELEMENT: ") + name);
+    for (const char** attribute = attributes; attribute && *attribute; attribute += 2)
+        trace(std::string("- ") + attribute[0] + " = '" + attribute[1] + "'");
 }
 
 void AtomXmlParser::onStartElement(const char* name, const char** attributes) {
     const std::size_t depth = tagStack().size();
-    if (m_parseLog) {
-        trace(std::string("START ELEMENT: ") + name);
-        for (const char** attribute = attributes; attribute && *attribute; attribute += 2)
-            trace(std::string("- ") + attribute[0] + " = '" + attribute[1] + "'");
-    }
+    if (m_parseLog)
+        traceStart(name, attributes);
     const Attributes found = scanAttributes(attributes, depth);
     const Kind parent = m_kinds.empty() ? Kind::Other : m_kinds.back();
     if (parent == Kind::Inside || isTextConstruct(parent)) {
         m_kinds.push_back(Kind::Inside);
+        takeText();
+        m_textTaken = 0; // the text starts again after this tag
         copyStartTag(name, attributes, depth);
         return;
     }
@@ -291,10 +381,12 @@ void AtomXmlParser::onEndElement(const char* name) {
         trace(std::string("END ELEMENT: ") + name);
     const Kind kind = m_kinds.back();
     m_kinds.pop_back();
-    if (kind == Kind::Inside)
+    if (kind == Kind::Inside) {
+        takeText();
         copyEndTag(name, depth);
-    else if (kind != Kind::Other)
+    } else if (kind != Kind::Other) {
         end(kind);
+    }
     leaveScopes(depth);
 }
 
@@ -305,23 +397,22 @@ void AtomXmlParser::leaveScopes(std::size_t depth) {
         m_bases.pop_back();
 }
 
-void AtomXmlParser::onText(const char* text, std::size_t length) {
-    if (m_textDepth == 0)
-        return;
-    if (!m_xhtml) {
-        expat::appendUtf8AsLatin1(m_text, text, length);
-        return;
-    }
-    m_scratch.clear();
-    expat::appendUtf8AsLatin1(m_scratch, text, length);
-    appendEscaped(m_text, m_scratch, false);
+// Copies the text of the construct not yet copied (all of it since the last tag inside the
+// construct): XHTML's escaped again, as it is mark-up.
+void AtomXmlParser::takeText() {
+    const std::string_view text = std::string_view(characterData()).substr(m_textTaken);
+    if (m_xhtml)
+        appendEscaped(m_text, text, false);
+    else
+        m_text += text;
+    m_textTaken += text.size();
 }
 
 void AtomXmlParser::begin(Kind kind, const Attributes& attributes) {
     switch (kind) {
     case Kind::Entry:
         trace("Starting a new item.");
-        m_entry = Entry{};
+        clearEntry(m_entry);
         break;
     case Kind::FeedLink:
         takeLink(attributes, m_fields.link, m_fields.linkRank);
@@ -339,7 +430,7 @@ void AtomXmlParser::end(Kind kind) {
         return endTextConstruct(kind);
     const auto leaf = [this](std::string& field) {
         if (field.empty())
-            field = misc::trimmed(characterData());
+            assignTrimmed(field, characterData());
     };
     switch (kind) {
     case Kind::Feed:
@@ -379,9 +470,10 @@ void AtomXmlParser::takeLink(const Attributes& attributes, std::string& link, in
                          : 0;
     if (rank <= linkRank)
         return;
-    std::string href;
-    expat::appendUtf8AsLatin1(href, attributes.href, std::strlen(attributes.href));
-    link = tools::resolveAddress(currentBase(), misc::trimmed(href));
+    m_scratch.clear();
+    expat::appendUtf8AsLatin1(m_scratch, attributes.href, std::strlen(attributes.href));
+    assignTrimmed(m_scratch, m_scratch);
+    link = tools::resolveAddress(currentBase(), m_scratch);
     linkRank = rank;
 }
 
@@ -392,6 +484,7 @@ void AtomXmlParser::beginTextConstruct(const Attributes& attributes, std::size_t
     m_xhtml = type == "xhtml" || (mode == "xml" && type.find("xhtml") != std::string_view::npos);
     m_containerDepth = 0;
     m_text.clear();
+    m_textTaken = 0;
 }
 
 void AtomXmlParser::copyStartTag(const char* name, const char** attributes, std::size_t depth) {
@@ -428,47 +521,54 @@ void AtomXmlParser::copyEndTag(const char* name, std::size_t depth) {
     }
 }
 
-void AtomXmlParser::endTextConstruct(Kind kind) {
-    m_textDepth = 0;
+// The field a construct's text goes to; null when it is dropped (content after a summary).
+std::string* AtomXmlParser::textConstructField(Kind kind) {
     switch (kind) {
     case Kind::FeedTitle:
-        m_fields.title = std::move(m_text);
-        break;
+        return &m_fields.title;
     case Kind::FeedSubtitle:
-        m_fields.subtitle = std::move(m_text);
-        break;
+        return &m_fields.subtitle;
     case Kind::FeedRights:
-        m_fields.rights = std::move(m_text);
-        break;
+        return &m_fields.rights;
     case Kind::EntryTitle:
-        m_entry.item.title = std::move(m_text);
-        break;
+        return &m_entry.item.title;
     case Kind::EntrySummary:
-        m_entry.item.description = std::move(m_text);
-        break;
+        return &m_entry.item.description;
     case Kind::EntryContent: // the summary, when there is one, is the shorter text
-        if (m_entry.item.description.empty())
-            m_entry.item.description = std::move(m_text);
-        break;
+        return m_entry.item.description.empty() ? &m_entry.item.description : nullptr;
     default:
-        break;
+        return nullptr;
     }
+}
+
+void AtomXmlParser::endTextConstruct(Kind kind) {
+    m_textDepth = 0;
+    std::string* field = textConstructField(kind);
+    if (!field)
+        return;
+    // Plain text with no tag inside, by far the most common, is moved rather than copied:
+    // nothing changes the field before the next start tag but the saving of the entry, which
+    // gives back what it borrows.
+    if (!m_xhtml && m_text.empty() && m_textTaken == 0)
+        return moveCharacterDataInto(*field);
+    takeText();
+    field->swap(m_text);
     m_text.clear();
 }
 
 void AtomXmlParser::endEntry() {
-    if (m_options.itemLimit > 0 && ++m_itemsSeen > m_options.itemLimit)
-        return abort(tooManyItemsMessage(m_options.itemLimit));
+    if (m_options->itemLimit > 0 && ++m_itemsSeen > m_options->itemLimit)
+        return abort(tooManyItemsMessage(m_options->itemLimit));
     CollectedItem& item = m_entry.item;
     item.pubDate = m_entry.published.empty() ? m_entry.updated : m_entry.published;
     if (item.author.empty())
         item.author = m_fields.author;
-    saveCollectedItem(m_feed, item, m_fields.link, m_maxItems, m_parseLog);
+    saveCollectedItem(*m_feed, item, m_fields.link, m_maxItems, m_parseLog, m_saved);
 }
 
 void AtomXmlParser::endFeed() {
     trace("Saving the channel details.");
-    FeedChannelFields& channel = m_feed.channel();
+    FeedChannelFields& channel = m_feed->channel();
     channel.channelDisplayName = cleanFeedText(m_fields.title);
     channel.channelDescription = cleanFeedText(m_fields.subtitle);
     channel.channelHomeUrl = m_fields.link;
@@ -478,18 +578,24 @@ void AtomXmlParser::endFeed() {
     channel.feedGenerator = m_fields.generator;
 }
 
-} // namespace
+AtomReader::AtomReader() = default;
+
+AtomReader::~AtomReader() = default;
+
+std::unique_ptr<Feed> AtomReader::parse(const ParseOptions& options, const std::string& text,
+                                        int maxItems, std::ostream* parseLog) {
+    if (!m_reader)
+        m_reader = std::make_unique<AtomXmlParser>();
+    auto feed = std::make_unique<Feed>();
+    if (!m_reader->read(*feed, text, maxItems, options, parseLog))
+        throw Exception("Not an Atom feed.");
+    return feed;
+}
 
 std::unique_ptr<Feed> parseAtomFeed(const ParseOptions& options, const std::string& text,
                                     int maxItems, std::ostream* parseLog) {
-    auto feed = std::make_unique<Feed>();
-    AtomXmlParser parser(*feed, options, maxItems, parseLog);
-    parser.setMaxDepth(static_cast<std::size_t>(std::max(options.depthLimit, 0)));
-    parser.setReadUnknownEncodings(options.formats.convertEncodings);
-    parser.parse(text.data(), text.size());
-    if (!parser.isAtom())
-        throw Exception("Not an Atom feed.");
-    return feed;
+    AtomReader reader;
+    return reader.parse(options, text, maxItems, parseLog);
 }
 
 } // namespace channels

@@ -65,15 +65,16 @@ FeedFormat detectFeedFormat(const std::string& text) {
     return isRootFeed(text) ? FeedFormat::Atom : FeedFormat::Xml;
 }
 
-std::unique_ptr<Feed> parseOtherFormat(const ParseOptions& options, const std::string& text,
-                                       int maxItems, std::ostream* parseLog) {
+std::unique_ptr<Feed> parseOtherFormat(AtomReader& atom, const ParseOptions& options,
+                                       const std::string& text, int maxItems,
+                                       std::ostream* parseLog) {
     if (!options.formats.atom && !options.formats.json)
         return nullptr;
     switch (detectFeedFormat(text)) {
     case FeedFormat::Json:
         return options.formats.json ? parseJsonFeed(options, text, maxItems, parseLog) : nullptr;
     case FeedFormat::Atom:
-        return options.formats.atom ? parseAtomFeed(options, text, maxItems, parseLog) : nullptr;
+        return options.formats.atom ? atom.parse(options, text, maxItems, parseLog) : nullptr;
     case FeedFormat::Xml:
         break;
     }

@@ -17,9 +17,12 @@ enum class FeedFormat { Xml, Atom, Json };
 // when the root element is named "feed" (with or without a prefix); Xml otherwise.
 FeedFormat detectFeedFormat(const std::string& text);
 
-// The feed of an Atom or JSON Feed document when the options accept its format; null for a
-// document that is left to the RSS parser. Throws as the RSS parser does.
-std::unique_ptr<Feed> parseOtherFormat(const ParseOptions& options, const std::string& text,
-                                       int maxItems, std::ostream* parseLog);
+class AtomReader;
+
+// The feed of an Atom or JSON Feed document when the options accept its format (Atom read by
+// atom); null for a document that is left to the RSS parser. Throws as the RSS parser does.
+std::unique_ptr<Feed> parseOtherFormat(AtomReader& atom, const ParseOptions& options,
+                                       const std::string& text, int maxItems,
+                                       std::ostream* parseLog);
 
 } // namespace channels

@@ -1,5 +1,6 @@
 #include "channels/rssParser.h"
 
+#include "channels/atomParser.h"
 #include "channels/common.h"
 #include "channels/exception.h"
 #include "channels/feedFormats.h"
@@ -340,24 +341,40 @@ void logFeed(const ParseOptions& options, const Feed& feed) {
 
 void saveCollectedItem(Feed& feed, CollectedItem& item, const std::string& channelLink,
                        int maxItems, std::ostream* parseLog) {
+    FeedItem saved;
+    saveCollectedItem(feed, item, channelLink, maxItems, parseLog, saved);
+}
+
+void saveCollectedItem(Feed& feed, CollectedItem& item, const std::string& channelLink,
+                       int maxItems, std::ostream* parseLog, FeedItem& saved) {
     if (maxItems >= 1 && feed.itemCount() >= static_cast<std::size_t>(maxItems))
         return;
     if (item.link.empty())
         item.link = item.guid.empty() ? channelLink : item.guid;
     if (parseLog)
         *parseLog << "Saving the new item.\n";
+    saved.id = item.guid.empty() ? item.link : item.guid;
+    saved.title.clear();
     if (item.title.empty())
-        item.title = makeTitle(item.description, item.link);
-    FeedItem saved;
-    saved.id = item.guid.empty() ? item.link : std::move(item.guid);
-    saved.title = cleanFeedText(item.title);
-    saved.description = cleanFeedText(item.description);
+        appendCleanFeedText(saved.title, makeTitle(item.description, item.link));
+    else
+        appendCleanFeedText(saved.title, item.title);
+    // As for RSS items: a description the clean-up would not change is lent, then given back.
+    const bool lendDescription = isCleanAlready(item.description);
+    if (lendDescription) {
+        saved.description.swap(item.description);
+    } else {
+        saved.description.clear();
+        appendCleanFeedText(saved.description, item.description);
+    }
     saved.url = item.link;
-    saved.source = std::move(item.source);
-    saved.author = std::move(item.author);
-    saved.commentsUrl = std::move(item.comments);
-    saved.pubDateString = std::move(item.pubDate);
-    feed.appendItem(std::move(saved));
+    saved.source = item.source;
+    saved.author = item.author;
+    saved.commentsUrl = item.comments;
+    saved.pubDateString = item.pubDate;
+    feed.appendItem(saved);
+    if (lendDescription)
+        saved.description.swap(item.description);
 }
 
 std::string tooManyItemsMessage(int limit) {
@@ -395,7 +412,7 @@ std::string makeTitle(const std::string& description, const std::string& default
     return title.empty() ? defaultTitle : title;
 }
 
-RssParser::RssParser() = default;
+RssParser::RssParser() : m_atomReader(std::make_unique<AtomReader>()) {}
 
 RssParser::~RssParser() = default;
 
@@ -413,7 +430,7 @@ std::unique_ptr<Feed> RssParser::parse(const ParseOptions& options, const std::s
     if (options.formats.convertEncodings)
         converted = expat::convertedToUtf8(feedText);
     const std::string& text = converted ? *converted : feedText;
-    if (auto other = parseOtherFormat(options, text, maxItems, parseLog.get()))
+    if (auto other = parseOtherFormat(*m_atomReader, options, text, maxItems, parseLog.get()))
         return other;
     auto feed = std::make_unique<Feed>();
     if (!m_reader) {

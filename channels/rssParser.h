@@ -10,6 +10,7 @@
 
 namespace channels {
 
+class AtomReader;
 class Channel;
 class RssXmlParser;
 
@@ -53,7 +54,8 @@ public:
                                         int maxItems);
 
 private:
-    std::unique_ptr<RssXmlParser> m_reader; // made by the first parse
+    std::unique_ptr<RssXmlParser> m_reader;   // made by the first parse
+    std::unique_ptr<AtomReader> m_atomReader; // its reader is made by the first Atom parse
 };
 
 // Parses, retrying once without the leading bytes of value 128 and above (when the options
@@ -71,6 +73,10 @@ std::unique_ptr<Feed> parseFeed(RssParser& parser, Channel& channel, const std::
 // link is left as it was saved.
 void saveCollectedItem(Feed& feed, CollectedItem& item, const std::string& channelLink,
                        int maxItems, std::ostream* parseLog);
+// The same through saved, an item a parser keeps from one item to the next so that its
+// fields keep their capacity. Only item's link may change (as above).
+void saveCollectedItem(Feed& feed, CollectedItem& item, const std::string& channelLink,
+                       int maxItems, std::ostream* parseLog, FeedItem& saved);
 // The error of a feed with more than limit items ("MaxItemsPerFeed").
 std::string tooManyItemsMessage(int limit);
 

@@ -379,9 +379,11 @@ void Parser::startElement(const char* name, const char** attributes) {
     }
     if (m_tagStackGroup && m_tagStackGroup->isEnabled())
         PELSU_LOG(*m_tagStackGroup, "TagStack: " << tagStackText());
+    // The hook still reads the text before the tag, so that a reader copying mixed content
+    // takes it from here rather than through onText.
+    onStartElement(name, attributes);
     m_characterData.clear();
     m_lentTo = nullptr;
-    onStartElement(name, attributes);
     run(startRow);
 }
 

@@ -70,6 +70,8 @@ public:
 protected:
     // Registers the callbacks and feeds the buffer to the expat parser in one final call.
     virtual void parseBuffer(const char* data, std::size_t length);
+    // Called once the element is on the tag stack but before its text starts: characterData()
+    // still reads the text that came before the start tag.
     virtual void onStartElement(const char* name, const char** attributes);
     virtual void onEndElement(const char* name);
     // Hook for every piece of text as expat hands it over (UTF-8), before it joins the

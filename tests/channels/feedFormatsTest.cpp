@@ -132,6 +132,40 @@ TEST(AtomFeeds, Atom03DocumentsReadTheirOwnNames) {
     EXPECT_EQ(feed->items()[0].pubDateString, "2004-01-01");
 }
 
+TEST(AtomFeeds, TextAroundNestedTagsKeepsItsPlaceAndItsEscaping) {
+    // Tags inside an html summary are copied as they stand; xhtml text is escaped again,
+    // around tags nested two deep; a content after a summary is dropped, one before it is not.
+    const auto feed = parse(R"(<feed xmlns="http://www.w3.org/2005/Atom"><entry><id>1</id>
+  <title>T</title><summary type="html">a &amp;amp; <b>x</b>c<i>y<u>z</u>w</i>d</summary>
+  <content>dropped</content></entry><entry><id>2</id><title>U</title>
+  <content type="xhtml"><div xmlns="http://www.w3.org/1999/xhtml">1 &lt; 2 <p>3 <em>&amp;</em> 4</p> 5</div></content>
+  <summary>kept</summary></entry></feed>)");
+    ASSERT_EQ(feed->itemCount(), 2u);
+    EXPECT_EQ(feed->items()[0].description, "a & <b>x</b>c<i>y<u>z</u>w</i>d");
+    EXPECT_EQ(feed->items()[1].description, "kept");
+    const auto xhtml = parse(R"(<feed xmlns="http://www.w3.org/2005/Atom"><entry><id>2</id>
+  <title>U</title><content type="xhtml"><div xmlns="http://www.w3.org/1999/xhtml">1 &lt; 2 <p>3 <em>&amp;</em> 4</p> 5</div></content></entry></feed>)");
+    EXPECT_EQ(xhtml->items()[0].description, "1 < 2 <p>3 <em>&</em> 4</p> 5");
+}
+
+TEST(AtomFeeds, OneParserReadsFeedAfterFeedAsIfEachWereItsFirst) {
+    const std::string first = R"(<feed xmlns="http://www.w3.org/2005/Atom">
+  <link href="http://first.example/"/><author><name>First</name></author>
+  <entry><id>a</id><title>A</title><link href="http://first.example/a"/>
+    <published>2024-01-01</published><summary>Long &amp; plain</summary></entry></feed>)";
+    const std::string second = R"(<feed xmlns="http://www.w3.org/2005/Atom">
+  <entry><id>b</id><summary>Second</summary></entry></feed>)";
+    RssParser parser;
+    const auto one = parseFeed(parser, allFormats(), first, 0);
+    const auto two = parseFeed(parser, allFormats(), second, 0);
+    EXPECT_EQ(one->items()[0],
+              item("a", "A", "http://first.example/a", "Long & plain", "First", "2024-01-01"));
+    // Nothing of the first feed (its link, author, date or fields) leaks into the second.
+    EXPECT_EQ(*two, *parse(second));
+    EXPECT_EQ(two->items()[0], item("b", "Second", "b", "Second"));
+    EXPECT_EQ(*parseFeed(parser, allFormats(), first, 0), *one);
+}
+
 TEST(AtomFeeds, KeepTheLimitsOfRssFeeds) {
     std::string entries;
     for (int i = 0; i < 4; ++i)

@@ -174,6 +174,24 @@ const expat::ElementHandler Mover::kTable[] = {
 
 } // namespace
 
+// Records, at every start tag, the text that came before it.
+class TextBeforeTags : public expat::Parser {
+public:
+    std::vector<std::string> seen;
+
+protected:
+    void onStartElement(const char* name, const char**) override {
+        seen.push_back(characterData() + "<" + name);
+    }
+};
+
+TEST(ExpatParser, TheStartHookStillReadsTheTextBeforeTheTag) {
+    TextBeforeTags parser;
+    const std::string xml = "<root>a&amp;b<x>c</x>d<y/>caf\xC3\xA9<z/></root>";
+    parser.parse(xml.data(), xml.size());
+    EXPECT_EQ(parser.seen, (std::vector<std::string>{"<root", "a&b<x", "cd<y", "caf\xE9<z"}));
+}
+
 TEST(ExpatParser, RowsAreFoundAmongNamesOfTheSameLengthAndBeyondTheIndexedLengths) {
     Dispatcher parser;
     const std::string xml = "<root><Guid>g</Guid><link>l</link><item>i</item>"
