@@ -163,6 +163,20 @@ void parseSameItems(benchmark::State& state, bool atom) {
     state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(text.size()));
 }
 
+// expat alone on the same two documents: how much of the difference is the XML itself.
+void bareSameItems(benchmark::State& state, bool atom) {
+    const std::string text = sameItems(atom);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(expat::parseWithEmptyHandlers(text.data(), text.size()));
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(text.size()));
+}
+
+void BM_SameItemsAsRssBareExpat(benchmark::State& state) { bareSameItems(state, false); }
+BENCHMARK(BM_SameItemsAsRssBareExpat)->Unit(benchmark::kMillisecond);
+
+void BM_SameItemsAsAtomBareExpat(benchmark::State& state) { bareSameItems(state, true); }
+BENCHMARK(BM_SameItemsAsAtomBareExpat)->Unit(benchmark::kMillisecond);
+
 void BM_SameItemsAsRss(benchmark::State& state) { parseSameItems(state, false); }
 BENCHMARK(BM_SameItemsAsRss)->Unit(benchmark::kMillisecond);
 
