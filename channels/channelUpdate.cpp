@@ -181,8 +181,9 @@ void ChannelManager::updateFeed(Channel& channel) {
         ChannelErrorEvent error(now(), &channel, "Can't save the channel details.", failure.what());
         raiseEvent(error);
     }
-    // Only a page that something shows is kept up to date.
-    if (channel.isPageWanted() && (!unchanged || !channel.hasSummaryPage()))
+    // Only a page that something shows is kept up to date, its fetch time too: the window
+    // that shows it takes it as written here.
+    if (channel.isPageWanted())
         writeSummaryPage(channel);
     PELSU_LOG(group, "Channel update complete.");
 }

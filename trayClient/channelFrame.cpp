@@ -282,12 +282,15 @@ void CChannelFrame::saveSettings() {
 void CChannelFrame::refresh() {
     if (!channelPresent())
         return;
+    writeSummaryPage();
+    showLatest();
+}
+
+void CChannelFrame::showLatest() {
     const std::string name = m_channel.name();
     m_caption->setText(latin1(name));
     setWindowTitle(latin1(name));
-
     reloadRows();
-    writeSummaryPage();
     if (m_pageShown && !m_pageFile.isEmpty())
         m_page->showFile(m_pageFile);
 }
@@ -303,8 +306,9 @@ void CChannelFrame::reloadRows() {
 }
 
 void CChannelFrame::onChannelUpdateEnded(const QString& channelId) {
-    if (channelId == this->channelId())
-        refresh();
+    // This window is one of the page's viewers: the update has just written the page.
+    if (channelId == this->channelId() && channelPresent())
+        showLatest();
 }
 
 void CChannelFrame::writeSummaryPage() {

@@ -96,11 +96,11 @@ public slots:
     // Selects and opens the first unviewed item after the current one, wrapping round; false
     // when every item is viewed.
     bool nextUnviewedItem();
-    // Reads the items and the summary page again (at the end of the channel's update); does
-    // nothing once the channel has left its manager.
+    // Writes the summary page and reads the items again; does nothing once the channel has
+    // left its manager.
     void refresh();
-    // Refreshes when the update that ended was this window's channel (connect it to
-    // CMainFrame::channelUpdateEnded).
+    // Shows the items and the page that the update of this window's channel has just written
+    // (connect it to CMainFrame::channelUpdateEnded).
     void onChannelUpdateEnded(const QString& channelId);
     // Takes the fonts, colours, caption bar, item view height and the hiding of viewed items
     // of new options.
@@ -124,6 +124,7 @@ private:
     void applyItemViewOptions();
     void boundItemViewHeight();
     void reloadRows();
+    void showLatest();
     void writeSummaryPage();
     void rememberViewTime();
     void saveSettings();
