@@ -44,9 +44,11 @@ void Channel::load() {
     m_state.load(file);
     m_savedRevision = revision();
     m_savedStamp = profile::stampOf(profile::snapshot(file));
-    if (m_manager && !m_manager->options().keepLoadedFiles)
+    if (!keepsFiles())
         m_state.dropKeptCopy();
 }
+
+bool Channel::keepsFiles() const { return !m_manager || m_manager->options().keepLoadedFiles; }
 
 void Channel::save() {
     threadSafety::ScopedLock lock(m_lock);
@@ -67,6 +69,8 @@ void Channel::save() {
     if (!batch.commit())
         throw Exception(profile::lastWriteError());
     m_state.feedSaved(file);
+    if (!keepsFiles())
+        m_state.dropKeptCopy();
     m_savedRevision = saving;
     m_savedStamp = profile::fileStamp(file);
 }
@@ -84,6 +88,8 @@ bool Channel::needsSave() const {
 void Channel::releaseFeed() {
     threadSafety::ScopedLock lock(m_lock);
     m_state.releaseFeed(fileName());
+    if (!keepsFiles())
+        m_state.dropKeptCopy();
 }
 
 tools::TempFile& Channel::summaryPage() {

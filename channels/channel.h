@@ -96,6 +96,9 @@ public:
     threadSafety::CriticalSection& lock() const { return m_lock; }
 
 private:
+    // Whether the channel keeps its file's text between load and save (see
+    // ChannelManagerOptions::keepLoadedFiles).
+    bool keepsFiles() const;
     ChannelManager* m_manager;
     std::string m_id;
     ChannelSettings m_settings;

@@ -36,8 +36,9 @@ struct ChannelManagerOptions {
     FeedFormats feedFormats;           // at start; feedFormats() has the current ones
     unsigned stopWaitMs = 30000;       // how long stop waits for the worker
     // Each channel keeps its file's text as loaded, so that a file another program replaces or
-    // removes costs no items at the next save. Front ends that only read turn it off: their
-    // channels then hold nothing of their files but the keys, and read the feed when asked.
+    // removes costs no items at the next save. Front ends that only read, and commands that run
+    // for seconds, turn it off: their channels then hold nothing of their files but the keys,
+    // read the feed when asked, and let a file's text go again once they saved it.
     bool keepLoadedFiles = true;
 };
 

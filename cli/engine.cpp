@@ -25,11 +25,13 @@ public:
 } // namespace
 
 Engine::Engine(const CommandContext& context)
-    : Engine(app::startEnvironment(context.home), false) {}
+    : Engine(app::startEnvironment(context.home)) {}
 
-Engine::Engine(app::Environment environment, bool saves) : m_environment(std::move(environment)) {
+Engine::Engine(app::Environment environment) : m_environment(std::move(environment)) {
     channels::ChannelManagerOptions options = app::managerOptions(m_environment.options);
-    options.keepLoadedFiles = saves;
+    // A command runs for seconds under the instance lock: its channels keep nothing of their
+    // files but the keys, and a save reads the file it changes.
+    options.keepLoadedFiles = false;
     m_manager = std::make_unique<channels::ChannelManager>(m_environment.paths.channelsDir,
                                                            std::move(options));
     LoadErrorPrinter printer;

@@ -26,9 +26,9 @@ public:
     // command that only reads: the channels keep nothing of their files but what they print.
     // Throws channels::Exception when the channels directory can't be read.
     explicit Engine(const CommandContext& context);
-    // The same on an environment already started; saves tells whether the channels may be
-    // saved (setSaveOnExit).
-    explicit Engine(app::Environment environment, bool saves = true);
+    // The same on an environment already started, for a command that may also save them
+    // (setSaveOnExit): a save reads the file it changes again.
+    explicit Engine(app::Environment environment);
     ~Engine();
 
     app::Environment& environment() { return m_environment; }

@@ -52,6 +52,7 @@ public:
     }
     std::string url() const { return m_server.url("/feed"); }
     void nextEdition() { ++m_edition; }
+    void firstEdition() { m_edition = 1; }
 
 private:
     TestHttpServer m_server;
@@ -74,6 +75,7 @@ protected:
         m_manager.reset();
         profile::clearCache();
         options.net.honourUrlPort = true;
+        options.keepLoadedFiles = options.keepLoadedFiles && m_keepLoadedFiles;
         m_manager = std::make_unique<ChannelManager>(m_channelsDir, options,
                                                      [this] { return m_now.load(); });
         m_manager->loadChannels();
@@ -99,41 +101,51 @@ protected:
     FeedServer m_server;
     std::atomic<std::time_t> m_now{1'700'000'000};
     std::unique_ptr<ChannelManager> m_manager;
+    bool m_keepLoadedFiles = true; // false: as a one-shot command, which keeps no file text
 };
 
 } // namespace
 
 TEST_F(SaveTest, UnchangedFeedIsNotReadYetTheFileIsWhatAWholeSaveWrites) {
-    restart();
-    updateBoth();
-    expectSameFiles("after the first fetch");
-    const std::string fetched = readFile(file("fast"));
+    for (const bool keep : {true, false}) {
+        SCOPED_TRACE(keep ? "channels keep their files' text" : "channels keep no text");
+        m_keepLoadedFiles = keep;
+        fs::remove(file("fast"));
+        fs::remove(file("full"));
+        for (const char* id : {"fast", "full"})
+            profile::writeIniString(file(id), "Config", "RssChannelUrl", m_server.url());
+        m_server.firstEdition();
+        restart();
+        updateBoth();
+        expectSameFiles("after the first fetch");
+        const std::string fetched = readFile(file("fast"));
 
-    // 304: the feed stays in the file, only the state's keys change.
-    auto& m = restart();
-    m_now += 3600;
-    m.updateChannel(*m.findChannel("fast"), true);
-    EXPECT_FALSE(m.findChannel("fast")->state().isFeedLoaded());
-    restart();
-    updateBoth();
-    expectSameFiles("after a 304");
-    const std::string unchanged = readFile(file("fast"));
-    EXPECT_EQ(unchanged.substr(unchanged.find("[Last Feed]")),
-              fetched.substr(fetched.find("[Last Feed]")));
-    EXPECT_NE(unchanged, fetched);
+        // 304: the feed stays in the file, only the state's keys change.
+        auto& m = restart();
+        m_now += 3600;
+        m.updateChannel(*m.findChannel("fast"), true);
+        EXPECT_FALSE(m.findChannel("fast")->state().isFeedLoaded());
+        restart();
+        updateBoth();
+        expectSameFiles("after a 304");
+        const std::string unchanged = readFile(file("fast"));
+        EXPECT_EQ(unchanged.substr(unchanged.find("[Last Feed]")),
+                  fetched.substr(fetched.find("[Last Feed]")));
+        EXPECT_NE(unchanged, fetched);
 
-    m_server.nextEdition();
-    restart();
-    updateBoth();
-    expectSameFiles("after a changed feed");
-    EXPECT_NE(readFile(file("fast")).find("Id=c"), std::string::npos);
+        m_server.nextEdition();
+        restart();
+        updateBoth();
+        expectSameFiles("after a changed feed");
+        EXPECT_NE(readFile(file("fast")).find("Id=c"), std::string::npos);
 
-    restart();
-    for (const char* id : {"fast", "full"})
-        m_manager->findChannel(id)->settings().setAutoUpdateInterval(7200);
-    updateBoth();
-    expectSameFiles("after a settings change");
-    EXPECT_EQ(profile::readIniInt(file("fast"), "Settings", "AutoUpdateInterval", 0), 7200);
+        restart();
+        for (const char* id : {"fast", "full"})
+            m_manager->findChannel(id)->settings().setAutoUpdateInterval(7200);
+        updateBoth();
+        expectSameFiles("after a settings change");
+        EXPECT_EQ(profile::readIniInt(file("fast"), "Settings", "AutoUpdateInterval", 0), 7200);
+    }
 }
 
 TEST_F(SaveTest, FileEditedByHandBetweenLoadAndSaveEndsAsAWholeSaveLeavesIt) {
