@@ -24,8 +24,7 @@ public:
 
 } // namespace
 
-Engine::Engine(const CommandContext& context)
-    : Engine(app::startEnvironment(context.home)) {}
+Engine::Engine(const CommandContext& context) : Engine(app::startEnvironment(context.home)) {}
 
 Engine::Engine(app::Environment environment) : m_environment(std::move(environment)) {
     channels::ChannelManagerOptions options = app::managerOptions(m_environment.options);
