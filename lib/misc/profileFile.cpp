@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <filesystem>
 #include <functional>
@@ -989,10 +990,11 @@ void refresh(CachedFile& file, const std::string& path) {
     file.version = g_nextVersion++;
 }
 
-// Streams the document to a temporary file beside path and renames it over path, unless the
-// file already holds exactly that text. On failure the reason is in error.
-bool writeAtomically(const std::string& path, const Document& document, std::size_t oldHash,
-                     std::size_t oldSize, TextHasher& written, bool& unchanged,
+// Streams the document (or its text, when already made) to a temporary file beside path and
+// renames it over path, unless the file already holds exactly that text. On failure the reason
+// is in error.
+bool writeAtomically(const std::string& path, const Document& document, const std::string* made,
+                     std::size_t oldHash, std::size_t oldSize, TextHasher& written, bool& unchanged,
                      std::string& error) {
     std::string pattern = path + ".tmp-XXXXXX";
     int descriptor = ::mkstemp(pattern.data());
@@ -1003,7 +1005,10 @@ bool writeAtomically(const std::string& path, const Document& document, std::siz
     struct stat info {};
     ::fchmod(descriptor, ::stat(path.c_str(), &info) == 0 ? (info.st_mode & 07777) : 0644);
     Sink sink(descriptor);
-    document.serialize(sink);
+    if (made)
+        sink.append(*made);
+    else
+        document.serialize(sink);
     if (!sink.flush()) {
         error = "Can't write " + path + ": " + std::strerror(sink.error());
         ::close(descriptor);
@@ -1025,6 +1030,65 @@ bool writeAtomically(const std::string& path, const Document& document, std::siz
     return true;
 }
 
+// Texts up to this size are made in memory first, to see whether a change fits in place.
+constexpr std::size_t kInPlaceLimit = std::size_t{8} << 20;
+// The unit a disk writes whole: a crash leaves all of it old or all of it new.
+constexpr std::size_t kSectorSize = 512;
+
+Stamp stampOf(const struct stat& info) {
+    Stamp stamp;
+    stamp.exists = S_ISREG(info.st_mode);
+    stamp.device = info.st_dev;
+    stamp.inode = info.st_ino;
+    stamp.size = info.st_size;
+    stamp.modifiedSeconds = info.st_mtim.tv_sec;
+    stamp.modifiedNanoseconds = info.st_mtim.tv_nsec;
+    return stamp;
+}
+
+// Writes only the bytes that differ when the new text has the old one's size and they all lie
+// in one sector of the file (a fetch that changed only a time or a validator): a crash then
+// leaves the old bytes or the new ones, as the rename of a whole new file would, at the cost of
+// one small write. The file must still be the one the old text was read from (its stamp); its
+// modification time is set so that its stamp changes however soon it is read again. On success
+// stamp is the file's new one; false when the change does not fit (nothing was written then)
+// or the write failed (the caller then replaces the file).
+bool writeInPlace(const std::string& path, const std::string& oldText, const std::string& newText,
+                  Stamp& stamp) {
+    if (oldText.size() != newText.size())
+        return false;
+    const auto differs = std::mismatch(oldText.begin(), oldText.end(), newText.begin());
+    if (differs.first == oldText.end())
+        return false; // unchanged: the caller's check says so without writing
+    const auto first = static_cast<std::size_t>(differs.first - oldText.begin());
+    std::size_t last = oldText.size() - 1;
+    while (oldText[last] == newText[last])
+        --last;
+    if (first / kSectorSize != last / kSectorSize)
+        return false;
+    const int descriptor = ::open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (descriptor < 0)
+        return false;
+    struct stat info {};
+    bool done = ::fstat(descriptor, &info) == 0 && stampOf(info) == stamp;
+    if (done) {
+        const std::size_t count = last - first + 1;
+        done = ::pwrite(descriptor, newText.data() + first, count, static_cast<off_t>(first)) ==
+               static_cast<ssize_t>(count);
+    }
+    if (done) {
+        // A write within the clock's tick may keep the modification time: set one that differs.
+        timespec now{};
+        ::clock_gettime(CLOCK_REALTIME, &now);
+        if (now.tv_sec == stamp.modifiedSeconds && now.tv_nsec == stamp.modifiedNanoseconds)
+            now.tv_nsec = (now.tv_nsec + 1) % 1000000000;
+        const timespec times[2] = {{0, UTIME_OMIT}, now};
+        done = ::futimens(descriptor, times) == 0 && ::fstat(descriptor, &info) == 0;
+        stamp = stampOf(info);
+    }
+    return ::close(descriptor) == 0 && done;
+}
+
 // Applies operations to the shared copy and rewrites the file once. A batch whose starting
 // copy is still current hands over its document; otherwise its changes are merged into the
 // fresher copy.
@@ -1037,9 +1101,21 @@ bool applyAndWrite(const std::string& path, const std::vector<Operation>& operat
     if (!batch || file->document || file->version != batch->baseVersion ||
         !(stampOf(path) == file->stamp))
         refresh(*file, path);
+    // The text the disk holds, when a copy read from it at the file's stamp is at hand.
+    std::shared_ptr<const std::string> diskText;
+    const auto readAtStamp = [&](const Document* document) {
+        if (document && document->isPristine() && document->stamp == file->stamp &&
+            file->stamp.exists)
+            diskText = document->text();
+    };
     if (batch && batch->baseVersion == file->version) {
+        if (batch->baseText && file->stamp.exists)
+            diskText = batch->baseText; // the pristine copy it took over, of this stamp
+        else
+            readAtStamp(batch->base.get());
         file->document = std::make_shared<Document>(std::move(*batch->document));
     } else {
+        readAtStamp(file->document.get());
         if (file->document.use_count() > 1) // a snapshot keeps the copy it was given
             file->document = std::make_shared<Document>(*file->document);
         if (batch && batch->base) {
@@ -1056,8 +1132,33 @@ bool applyAndWrite(const std::string& path, const std::vector<Operation>& operat
     std::string error;
     bool unchanged = false;
     TextHasher written;
-    if (!writeAtomically(path, *file->document, file->stamp.exists ? file->textHash : 0,
-                         file->textSize, written, unchanged, error)) {
+    std::string made; // the new text, when made in memory to be compared with the disk's
+    // Once the file holds it, the text made in memory becomes the parsed copy, as if read: the
+    // next change then finds the disk's text at hand again.
+    const auto keepMade = [&](const Stamp& stamp, const TextHasher& hasher) {
+        auto document = std::make_shared<Document>();
+        document->parse(std::make_shared<const std::string>(std::move(made)));
+        document->stamp = file->stamp = stamp;
+        document->textHash = file->textHash = hasher.value();
+        document->textSize = file->textSize = hasher.size();
+        file->document = std::move(document);
+        return true;
+    };
+    if (diskText && diskText->size() <= kInPlaceLimit && !file->document->hasSources()) {
+        Sink sink;
+        file->document->serialize(sink);
+        made = std::move(sink.text());
+        if (made == *diskText) { // the file already holds exactly this
+            file->document->stamp = file->stamp;
+            return true;
+        }
+        Stamp stamp = file->stamp;
+        if (writeInPlace(path, *diskText, made, stamp))
+            return keepMade(stamp, sink.hasher());
+    }
+    if (!writeAtomically(path, *file->document, made.empty() ? nullptr : &made,
+                         file->stamp.exists ? file->textHash : 0, file->textSize, written,
+                         unchanged, error)) {
         t_lastWriteError = error;
         file->valid = false; // the disk still holds the old text: read it again next time
         return false;
@@ -1072,6 +1173,8 @@ bool applyAndWrite(const std::string& path, const std::vector<Operation>& operat
         file->document->stamp = file->stamp;
         return true;
     }
+    if (!made.empty())
+        return keepMade(stampOf(path), written);
     file->document->stamp = file->stamp = stampOf(path);
     file->textHash = file->document->textHash = written.value();
     file->textSize = file->document->textSize = written.size();

@@ -407,3 +407,63 @@ TEST(ProfileFile, SectionsHoldingExactlyTheAppendedKeysTakeThemInPlace) {
     ASSERT_TRUE(writeValue(expected, "ITEM (2)", "More", "m"));
     EXPECT_EQ(readFile(actual), readFile(expected));
 }
+
+TEST(ProfileFile, AChangeWithinOneSectorIsWrittenInPlaceAndAnyOtherReplacesTheFile) {
+    TempDir dir;
+    const std::string path = dir.file("channel.rss");
+    const std::string items(3000, 'x'); // the state's keys end in the first sector, items follow
+    writeFile(path, "[State]\r\nLastFetchTime=1700000000\nHttpETag=\"v1\"\n[Items]\nText=" + items +
+                        "\n");
+    // The first write tidies the line end: the size changes, the file is replaced.
+    auto inode = inodeOf(path);
+    ASSERT_TRUE(writeValue(path, "State", "LastFetchTime", "1700003600"));
+    EXPECT_NE(inodeOf(path), inode);
+    EXPECT_EQ(readFile(path).substr(0, 50),
+              "[State]\nLastFetchTime=1700003600\nHttpETag=\"v1\"\n[It");
+
+    // Times and validators of the same length: written in place, and every write changes the
+    // file's stamp, however close together they come.
+    inode = inodeOf(path);
+    for (int hour = 2; hour < 6; ++hour) {
+        const FileStamp before = fileStamp(path);
+        WriteBatch batch(path);
+        writeValue(path, "State", "LastFetchTime", std::to_string(1700000000 + hour * 3600));
+        writeValue(path, "State", "HttpETag", "\"v" + std::to_string(hour) + "\"");
+        ASSERT_TRUE(batch.commit());
+        EXPECT_EQ(inodeOf(path), inode);
+        EXPECT_FALSE(fileStamp(path) == before) << "after write " << hour;
+        EXPECT_EQ(readValue(path, "State", "HttpETag"), "\"v" + std::to_string(hour) + "\"");
+    }
+    EXPECT_EQ(readFile(path).substr(0, 47), "[State]\nLastFetchTime=1700018000\nHttpETag=\"v5\"\n");
+    clearCache();
+    EXPECT_EQ(readValue(path, "State", "LastFetchTime"), "1700018000");
+
+    // Changes in two sectors, or of another length, replace the file.
+    ASSERT_TRUE(writeValue(path, "Items", "Text", items + "y"));
+    EXPECT_NE(inodeOf(path), inode) << "another length";
+    inode = inodeOf(path);
+    ASSERT_TRUE(writeValue(path, "Items", "Text", items + "z"));
+    EXPECT_EQ(inodeOf(path), inode) << "one sector, far from the first";
+    {
+        WriteBatch batch(path);
+        writeValue(path, "State", "HttpETag", "\"v6\"");
+        writeValue(path, "Items", "Text", items + "!");
+    }
+    EXPECT_NE(inodeOf(path), inode);
+    inode = inodeOf(path);
+    ASSERT_TRUE(writeValue(path, "State", "HttpETag", "\"v10\""));
+    EXPECT_NE(inodeOf(path), inode);
+    clearCache();
+    EXPECT_EQ(readValue(path, "Items", "Text"), items + "!");
+
+    // A file another program replaced meanwhile is read again, not patched.
+    clearCache();
+    EXPECT_EQ(readValue(path, "State", "HttpETag"), "\"v10\"");
+    std::string text = readFile(path);
+    text.replace(text.find("xxx"), 3, "abc");
+    writeFile(dir.file("other"), text);
+    ::rename(dir.file("other").c_str(), path.c_str());
+    ASSERT_TRUE(writeValue(path, "State", "HttpETag", "\"v11\""));
+    EXPECT_NE(readFile(path).find("abc"), std::string::npos);
+    EXPECT_EQ(readValue(path, "State", "HttpETag"), "\"v11\"");
+}
