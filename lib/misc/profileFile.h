@@ -5,10 +5,13 @@
 //
 // Each file is kept in memory as its text and an index of its sections, and read again
 // when the file changes on disk. Reads scan only the section they name; a section's lines
-// are parsed when it is first written. Every write streams the whole file to a temporary
-// file beside it (untouched sections copied from the text) and renames it over the file,
-// so a crash leaves the old file or the new one, never a torn one. A WriteBatch groups
-// many writes to one file into a single rewrite.
+// are parsed when it is first written. A write streams the whole file to a temporary file
+// beside it (untouched sections copied from the text) and renames it over the file, so a
+// crash leaves the old file or the new one, never a torn one. A change that keeps the file's
+// size and lies within one 512-byte sector (a new time or validator of the same length) is
+// written into the file itself instead: the disk writes a sector whole, so a crash leaves the
+// old bytes or the new ones there too. A WriteBatch groups many writes to one file into a
+// single rewrite.
 #pragma once
 
 #include <cstddef>
