@@ -1089,45 +1089,55 @@ bool writeInPlace(const std::string& path, const std::string& oldText, const std
     return ::close(descriptor) == 0 && done;
 }
 
-// Applies operations to the shared copy and rewrites the file once. A batch whose starting
-// copy is still current hands over its document; otherwise its changes are merged into the
-// fresher copy.
+// Applies operations (or a batch's changes) to the shared copy, called with its mutex held. A
+// batch whose starting copy is still current hands over its document; otherwise its changes
+// are merged into the fresher copy. Returns the text the disk holds, when a copy read from it
+// at the file's stamp is at hand.
+std::shared_ptr<const std::string> applyChanges(CachedFile& file, const std::string& path,
+                                                const std::vector<Operation>& operations,
+                                                BatchState* batch) {
+    // A copy the batch took over stays current while nobody read the file again meanwhile and
+    // the disk still holds the text it came from.
+    if (!batch || file.document || file.version != batch->baseVersion ||
+        !(stampOf(path) == file.stamp))
+        refresh(file, path);
+    // The text the disk holds, when a copy read from it at the file's stamp is at hand.
+    std::shared_ptr<const std::string> diskText;
+    const auto readAtStamp = [&](const Document* document) {
+        if (document && document->isPristine() && document->stamp == file.stamp &&
+            file.stamp.exists)
+            diskText = document->text();
+    };
+    if (batch && batch->baseVersion == file.version) {
+        if (batch->baseText && file.stamp.exists)
+            diskText = batch->baseText; // the pristine copy it took over, of this stamp
+        else
+            readAtStamp(batch->base.get());
+        file.document = std::make_shared<Document>(std::move(*batch->document));
+    } else {
+        readAtStamp(file.document.get());
+        if (file.document.use_count() > 1) // a snapshot keeps the copy it was given
+            file.document = std::make_shared<Document>(*file.document);
+        if (batch && batch->base) {
+            file.document->mergeChanges(*batch->base, *batch->document);
+        } else if (batch) {
+            Document base; // the copy the batch took over, as it was before its writes
+            base.parse(batch->baseText);
+            file.document->mergeChanges(base, *batch->document);
+        }
+        for (const Operation& operation : operations)
+            operation.applyTo(*file.document);
+    }
+    return diskText;
+}
+
+// Applies operations to the shared copy and rewrites the file once.
 bool applyAndWrite(const std::string& path, const std::vector<Operation>& operations,
                    BatchState* batch = nullptr) {
     auto file = cachedFile(path);
     std::lock_guard guard(file->mutex);
-    // A copy the batch took over stays current while nobody read the file again meanwhile and
-    // the disk still holds the text it came from.
-    if (!batch || file->document || file->version != batch->baseVersion ||
-        !(stampOf(path) == file->stamp))
-        refresh(*file, path);
-    // The text the disk holds, when a copy read from it at the file's stamp is at hand.
-    std::shared_ptr<const std::string> diskText;
-    const auto readAtStamp = [&](const Document* document) {
-        if (document && document->isPristine() && document->stamp == file->stamp &&
-            file->stamp.exists)
-            diskText = document->text();
-    };
-    if (batch && batch->baseVersion == file->version) {
-        if (batch->baseText && file->stamp.exists)
-            diskText = batch->baseText; // the pristine copy it took over, of this stamp
-        else
-            readAtStamp(batch->base.get());
-        file->document = std::make_shared<Document>(std::move(*batch->document));
-    } else {
-        readAtStamp(file->document.get());
-        if (file->document.use_count() > 1) // a snapshot keeps the copy it was given
-            file->document = std::make_shared<Document>(*file->document);
-        if (batch && batch->base) {
-            file->document->mergeChanges(*batch->base, *batch->document);
-        } else if (batch) {
-            Document base; // the copy the batch took over, as it was before its writes
-            base.parse(batch->baseText);
-            file->document->mergeChanges(base, *batch->document);
-        }
-        for (const Operation& operation : operations)
-            operation.applyTo(*file->document);
-    }
+    const std::shared_ptr<const std::string> diskText =
+        applyChanges(*file, path, operations, batch);
     file->version = g_nextVersion++;
     std::string error;
     bool unchanged = false;
