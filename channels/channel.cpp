@@ -87,9 +87,7 @@ bool Channel::needsSave() const {
 
 void Channel::releaseFeed() {
     threadSafety::ScopedLock lock(m_lock);
-    m_state.releaseFeed(fileName());
-    if (!keepsFiles())
-        m_state.dropKeptCopy();
+    m_state.releaseFeed(fileName(), keepsFiles());
 }
 
 tools::TempFile& Channel::summaryPage() {

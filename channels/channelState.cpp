@@ -133,8 +133,19 @@ std::optional<FeedChannelFields> ChannelState::fetchedFeedChannel() const {
         return std::nullopt;
     return m_feed->channel();
 }
-void ChannelState::releaseFeed(const std::string& file) {
+void ChannelState::releaseFeed(const std::string& file, bool keepCopy) {
     threadSafety::ScopedLock lock(m_lock);
+    if (!keepCopy) {
+        if (m_feed)
+            m_storedItemCount = m_feed->itemCount();
+        else if (m_feedSource || m_feedFile != file)
+            m_storedItemCount.reset(); // counted in the file when asked
+        m_feed.reset();
+        m_feedSource.reset();
+        m_feedFile = file;
+        profile::forget(file);
+        return;
+    }
     m_storedItemCount.reset();
     m_feed.reset();
     m_feedFile = file;

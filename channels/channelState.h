@@ -54,8 +54,9 @@ public:
     // memory.
     std::size_t itemCount() const;
     // Drops the feed from memory after it was saved to file; it is read again when used. Any
-    // reference to the old feed is invalid afterwards.
-    void releaseFeed(const std::string& file);
+    // reference to the old feed is invalid afterwards. Unless keepCopy, nothing of the file is
+    // kept either: only the feed's item count.
+    void releaseFeed(const std::string& file, bool keepCopy = true);
     // Before a save: when the feed is not in memory and the file no longer holds the text it
     // was loaded from, reads the feed from the kept copy so that the save writes it back.
     void keepFeedThroughSave(const std::string& file);

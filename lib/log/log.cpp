@@ -3,9 +3,11 @@
 #include "lib/misc/text.h"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cctype>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -255,11 +257,23 @@ std::string CMessageLog::formatPrefix(const char* file, unsigned line, std::time
     }
     if (m_switches.sourcePosition) {
         if (file) {
-            std::string base, extension;
-            splitSourcePath(file, base, extension);
-            std::snprintf(buffer, sizeof buffer, "%8s%-4s:%06lu", base.c_str(), extension.c_str(),
-                          static_cast<unsigned long>(line));
-            prefix += misc::lowered(buffer);
+            // The same call sites log again and again: their fields are kept, a few per thread.
+            struct Position {
+                std::string file;
+                unsigned line = 0;
+                std::string text;
+            };
+            thread_local std::array<Position, 64> positions;
+            Position& position =
+                positions[(reinterpret_cast<std::uintptr_t>(file) / 8 + line * 31u) % 64];
+            if (position.line != line || position.file != file) {
+                std::string base, extension;
+                splitSourcePath(file, base, extension);
+                std::snprintf(buffer, sizeof buffer, "%8s%-4s:%06lu", base.c_str(),
+                              extension.c_str(), static_cast<unsigned long>(line));
+                position = Position{file, line, misc::lowered(buffer)};
+            }
+            prefix += position.text;
         } else {
             prefix += "         ???:   ???";
         }

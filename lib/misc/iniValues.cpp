@@ -7,6 +7,7 @@
 #include <cctype>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 
 namespace profile {
 
@@ -19,18 +20,37 @@ std::string escapeIniValue(const std::string& value) {
         return table;
     }();
     static const char digits[] = "0123456789ABCDEF";
+    // Whether any of eight bytes is below ' ', above '~' or a '%' (exact, position aside).
+    const auto anyToEscape = [](std::uint64_t word) {
+        constexpr std::uint64_t ones = 0x0101010101010101ull, highs = 0x8080808080808080ull;
+        const std::uint64_t below = (word - ones * 0x20) & ~word;
+        const std::uint64_t above = (word + ones * (0x7F - 0x7E)) | word; // > 0x7E sets a high bit
+        const std::uint64_t percent = word ^ (ones * '%');
+        const std::uint64_t isPercent = (percent - ones) & ~percent;
+        return ((below | above | isPercent) & highs) != 0;
+    };
     std::string out;
     out.reserve(value.size() + 8);
     size_t runStart = 0;
-    for (size_t i = 0; i < value.size(); ++i) {
-        const auto byte = static_cast<unsigned char>(value[i]);
-        if (!needsEscape[byte])
-            continue;
-        out.append(value, runStart, i - runStart);
-        const char escape[3] = {'%', digits[byte >> 4], digits[byte & 0x0F]};
-        out.append(escape, 3);
-        runStart = i + 1;
+    const auto escapeFrom = [&](size_t begin, size_t end) {
+        for (size_t i = begin; i < end; ++i) {
+            const auto byte = static_cast<unsigned char>(value[i]);
+            if (!needsEscape[byte])
+                continue;
+            out.append(value, runStart, i - runStart);
+            const char escape[3] = {'%', digits[byte >> 4], digits[byte & 0x0F]};
+            out.append(escape, 3);
+            runStart = i + 1;
+        }
+    };
+    size_t i = 0;
+    for (; i + 8 <= value.size(); i += 8) { // most text needs no escape: eight bytes at a time
+        std::uint64_t word;
+        std::memcpy(&word, value.data() + i, 8);
+        if (anyToEscape(word))
+            escapeFrom(i, i + 8);
     }
+    escapeFrom(i, value.size());
     out.append(value, runStart, std::string::npos);
     return out;
 }

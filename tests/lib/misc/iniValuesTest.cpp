@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
 
 using namespace profile;
 using testing_support::readFile;
@@ -13,6 +14,19 @@ using testing_support::writeFile;
 
 TEST(IniValues, EscapesNonPrintableBytesAndPercentInUpperCaseHex) {
     EXPECT_EQ(escapeIniValue("100% sure\r\nnext\t\x7f\xe9"), "100%25 sure%0D%0Anext%09%7F%E9");
+    // Every byte value at every place of a value longer than the eight bytes read at a time.
+    for (int byte = 0; byte < 256; ++byte)
+        for (std::size_t at = 0; at < 19; ++at) {
+            std::string value(19, 'a');
+            value[at] = static_cast<char>(byte);
+            const bool escaped = byte == '%' || byte < 0x20 || byte > 0x7E;
+            char hex[4];
+            std::snprintf(hex, sizeof hex, "%%%02X", byte);
+            const std::string expected = std::string(at, 'a') +
+                                         (escaped ? hex : value.substr(at, 1)) +
+                                         std::string(18 - at, 'a');
+            ASSERT_EQ(escapeIniValue(value), expected) << "byte " << byte << " at " << at;
+        }
     EXPECT_EQ(unescapeIniValue("%41%4a%zz%4"), "AJ%zz%4");
 }
 
