@@ -265,7 +265,8 @@ std::string CMessageLog::formatPrefix(const char* file, unsigned line, std::time
             };
             thread_local std::array<Position, 64> positions;
             Position& position =
-                positions[(reinterpret_cast<std::uintptr_t>(file) / 8 + line * 31u) % 64];
+                positions[(reinterpret_cast<std::uintptr_t>(file) / 8 + std::uintptr_t{line} * 31) %
+                          64];
             if (position.line != line || position.file != file) {
                 std::string base, extension;
                 splitSourcePath(file, base, extension);

@@ -990,6 +990,13 @@ void refresh(CachedFile& file, const std::string& path) {
     file.version = g_nextVersion++;
 }
 
+// Creating and renaming files take the directory's lock in the kernel, where a second thread
+// spins while the first holds it: the process's own threads wait for each other here instead.
+std::mutex& directoryChanges() {
+    static std::mutex mutex;
+    return mutex;
+}
+
 // Streams the document (or its text, when already made) to a temporary file beside path and
 // renames it over path, unless the file already holds exactly that text. On failure the reason
 // is in error.
@@ -997,7 +1004,11 @@ bool writeAtomically(const std::string& path, const Document& document, const st
                      std::size_t oldHash, std::size_t oldSize, TextHasher& written, bool& unchanged,
                      std::string& error) {
     std::string pattern = path + ".tmp-XXXXXX";
-    int descriptor = ::mkstemp(pattern.data());
+    int descriptor;
+    {
+        std::lock_guard directory(directoryChanges());
+        descriptor = ::mkstemp(pattern.data());
+    }
     if (descriptor < 0) {
         error = "Can't create a temporary file beside " + path + ": " + std::strerror(errno);
         return false;
@@ -1022,7 +1033,12 @@ bool writeAtomically(const std::string& path, const Document& document, const st
         ::unlink(pattern.c_str());
         return true;
     }
-    if (::close(descriptor) != 0 || ::rename(pattern.c_str(), path.c_str()) != 0) {
+    bool replaced = ::close(descriptor) == 0;
+    if (replaced) {
+        std::lock_guard directory(directoryChanges());
+        replaced = ::rename(pattern.c_str(), path.c_str()) == 0;
+    }
+    if (!replaced) {
         error = "Can't replace " + path + ": " + std::strerror(errno);
         ::unlink(pattern.c_str());
         return false;
