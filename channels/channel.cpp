@@ -68,9 +68,7 @@ void Channel::save() {
     m_state.save(file);
     if (!batch.commit())
         throw Exception(profile::lastWriteError());
-    m_state.feedSaved(file);
-    if (!keepsFiles())
-        m_state.dropKeptCopy();
+    m_state.feedSaved(file, keepsFiles());
     m_savedRevision = saving;
     m_savedStamp = profile::fileStamp(file);
 }

@@ -174,9 +174,17 @@ void ChannelState::offerKeptCopy(const std::string& file) const {
     threadSafety::ScopedLock lock(m_lock);
     profile::reuse(file, m_feedSource);
 }
-void ChannelState::feedSaved(const std::string& file) {
+void ChannelState::feedSaved(const std::string& file, bool keepCopy) {
     threadSafety::ScopedLock lock(m_lock);
-    if (!m_feed)
+    if (!m_feed && !keepCopy) {
+        // The items the file holds were counted when it was loaded; its text may go.
+        if (!m_storedItemCount) {
+            profile::ReadFromSnapshot asSaved(file, profile::snapshot(file));
+            m_storedItemCount = Feed::storedItemCount(file, kFeedSection);
+        }
+        m_feedSource.reset();
+        profile::forget(file);
+    } else if (!m_feed)
         m_feedSource = profile::snapshot(file);
     else if (m_savedGeneration == m_feedGeneration) {
         m_feedOnFile = true; // unless another feed came in after the save wrote this one

@@ -60,8 +60,9 @@ public:
     // Before a save: when the feed is not in memory and the file no longer holds the text it
     // was loaded from, reads the feed from the kept copy so that the save writes it back.
     void keepFeedThroughSave(const std::string& file);
-    // After a save: the file now holds the feed.
-    void feedSaved(const std::string& file);
+    // After a save: the file now holds the feed. Unless keepCopy, nothing of the file's text is
+    // kept: a feed not in memory is then read from the file when next used.
+    void feedSaved(const std::string& file, bool keepCopy = true);
     // Lets go of the file's text kept at load, keeping only the stored item count: the feed is
     // then read from the file as it is when first used (for channels that are never saved).
     void dropKeptCopy();

@@ -58,25 +58,31 @@ std::string_view trimmedView(std::string_view text) {
     return text;
 }
 
-// A hash of a text that can be fed in pieces, eight bytes at a time.
+// A hash of a text that can be fed in pieces: four independent lanes of eight bytes each, so
+// that a long text is hashed at the speed of memory rather than of one multiply after another.
 class TextHasher {
 public:
     void add(const char* data, std::size_t size) {
         m_size += size;
-        while (size > 0 && m_pending > 0) {
-            addByte(*data++);
+        while (size > 0 && m_pending > 0) { // complete a block begun by an earlier piece
+            m_block[m_pending++] = *data++;
             --size;
+            if (m_pending == kBlock) {
+                mixBlock(m_block);
+                m_pending = 0;
+            }
         }
-        for (; size >= 8; data += 8, size -= 8) {
-            std::uint64_t word;
-            std::memcpy(&word, data, 8);
-            mix(word);
-        }
-        while (size-- > 0)
-            addByte(*data++);
+        for (; size >= kBlock; data += kBlock, size -= kBlock)
+            mixBlock(data);
+        std::memcpy(m_block, data, size);
+        m_pending = size;
     }
     std::size_t value() const {
-        std::uint64_t hash = m_hash ^ (m_word * 0xff51afd7ed558ccdull) ^ m_size;
+        std::uint64_t hash = m_size;
+        for (std::uint64_t lane : m_lanes)
+            hash = (hash ^ lane) * 0x9E3779B97F4A7C15ull;
+        for (std::size_t i = 0; i < m_pending; ++i)
+            hash = (hash ^ static_cast<unsigned char>(m_block[i])) * 0x100000001B3ull;
         hash ^= hash >> 33;
         hash *= 0xc4ceb9fe1a85ec53ull;
         hash ^= hash >> 33;
@@ -85,19 +91,20 @@ public:
     std::size_t size() const { return m_size; }
 
 private:
-    void addByte(char c) {
-        m_word |= static_cast<std::uint64_t>(static_cast<unsigned char>(c)) << (8 * m_pending);
-        if (++m_pending == 8)
-            mix(std::exchange(m_word, 0));
+    static constexpr std::size_t kBlock = 32;
+    void mixBlock(const char* block) {
+        for (std::size_t lane = 0; lane < 4; ++lane) {
+            std::uint64_t word;
+            std::memcpy(&word, block + 8 * lane, 8);
+            std::uint64_t& hash = m_lanes[lane];
+            hash = (hash ^ word) * 0x9E3779B97F4A7C15ull;
+            hash ^= hash >> 29;
+        }
     }
-    void mix(std::uint64_t word) {
-        m_pending = 0;
-        m_hash = (m_hash ^ word) * 0x9E3779B97F4A7C15ull;
-        m_hash ^= m_hash >> 29;
-    }
-    std::uint64_t m_hash = 0x243F6A8885A308D3ull;
-    std::uint64_t m_word = 0;
-    int m_pending = 0;
+    std::uint64_t m_lanes[4] = {0x243F6A8885A308D3ull, 0x13198A2E03707344ull, 0xA4093822299F31D0ull,
+                                0x082EFA98EC4E6C89ull};
+    char m_block[kBlock] = {};
+    std::size_t m_pending = 0;
     std::size_t m_size = 0;
 };
 
