@@ -90,14 +90,14 @@ std::string UpdatePrinter::summary() const {
 
 void UpdatePrinter::itemLine(channels::Channel& channel, int index, const char* label,
                              int Block::*count) {
-    const auto item = channel.state().feed().item(static_cast<std::size_t>(index));
+    const std::string title = channel.state().feed().itemTitle(static_cast<std::size_t>(index));
     std::lock_guard guard(m_mutex);
     auto block = m_pending.find(&channel);
     if (block == m_pending.end())
         return;
     ++(block->second.*count);
     ++(count == &Block::newItems ? m_newItems : m_expiredItems);
-    block->second.lines += label + toTerminal(item.title) + "\n";
+    block->second.lines += label + toTerminal(title) + "\n";
 }
 
 std::string UpdatePrinter::heading(const channels::Channel& channel, const Block& block) {

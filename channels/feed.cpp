@@ -87,10 +87,18 @@ FeedItem PackedFeedItems::at(std::size_t index) const {
     return item;
 }
 
-std::string PackedFeedItems::id(std::size_t index) const {
+std::string PackedFeedItems::id(std::size_t index) const { return field(index, &FeedItem::id); }
+
+std::string PackedFeedItems::field(std::size_t index, std::string FeedItem::*field) const {
+    const std::string& bytes = m_storage->bytes;
     std::size_t position = m_storage->starts[index];
-    const std::size_t length = readLength(m_storage->bytes, position); // the first field
-    return m_storage->bytes.substr(position, length);
+    for (const ItemKey& key : kItemKeys) {
+        const std::size_t length = readLength(bytes, position);
+        if (key.field == field)
+            return bytes.substr(position, length);
+        position += length;
+    }
+    return {};
 }
 
 PackedFeedItems::Storage& PackedFeedItems::mutableStorage() {
@@ -292,6 +300,11 @@ std::vector<FeedItem> Feed::items() const {
 std::string Feed::itemId(std::size_t index) const {
     threadSafety::ScopedLock lock(m_lock);
     return index < m_items.size() ? m_items.id(index) : std::string();
+}
+
+std::string Feed::itemTitle(std::size_t index) const {
+    threadSafety::ScopedLock lock(m_lock);
+    return index < m_items.size() ? m_items.field(index, &FeedItem::title) : std::string();
 }
 
 void Feed::appendItem(const FeedItem& item) {

@@ -61,6 +61,8 @@ public:
     std::size_t size() const { return m_storage ? m_storage->starts.size() : 0; }
     FeedItem at(std::size_t index) const;
     std::string id(std::size_t index) const;
+    // One field of the item at index, without unpacking the others.
+    std::string field(std::size_t index, std::string FeedItem::*field) const;
     void push_back(const FeedItem& item);
     void truncate(std::size_t count);
     // Room for items of about this many bytes in all, so that appending moves nothing.
@@ -96,8 +98,9 @@ public:
     // The item at a 0-based index (a copy, taken under the feed's lock).
     FeedItem item(std::size_t index) const;
     std::vector<FeedItem> items() const;
-    // The id of the item at a 0-based index (empty past the end).
+    // The id or title of the item at a 0-based index (empty past the end).
     std::string itemId(std::size_t index) const;
+    std::string itemTitle(std::size_t index) const;
     void appendItem(const FeedItem& item);
     // Keeps the first count items.
     void truncateItems(std::size_t count);

@@ -234,26 +234,27 @@ std::string CMessageLog::formatPrefix(const char* file, unsigned line, std::time
         prefix += buffer;
     }
     if (m_switches.date || m_switches.time) {
-        // The text form of the time changes once a second; it is made once per second.
+        // The fields change once a second; they are made once per second.
         thread_local std::time_t cachedTime = -1;
-        thread_local char text[64];
+        thread_local std::string date, time;
         if (now != cachedTime) {
+            char text[64];
             std::tm local{};
             localtime_r(&now, &local);
             asctime_r(&local, text); // "Wed Nov  5 14:07:09 2003\n"
+            date.assign(1, text[8] == ' ' ? '0' : text[8]);
+            date += text[9];
+            date += misc::lowered(std::string(text + 4, 3));
+            date.append(text + 22, 2);
+            date += ' ';
+            time.assign(text + 11, 8);
+            time += ' ';
             cachedTime = now;
         }
-        if (m_switches.date) {
-            prefix += text[8] == ' ' ? '0' : text[8];
-            prefix += text[9];
-            prefix += misc::lowered(std::string(text + 4, 3));
-            prefix.append(text + 22, 2);
-            prefix += ' ';
-        }
-        if (m_switches.time) {
-            prefix.append(text + 11, 8);
-            prefix += ' ';
-        }
+        if (m_switches.date)
+            prefix += date;
+        if (m_switches.time)
+            prefix += time;
     }
     if (m_switches.sourcePosition) {
         if (file) {
