@@ -6,6 +6,7 @@
 #include "tools/hostAddress.h"
 #include "tools/localFile.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <chrono>
@@ -156,6 +157,14 @@ struct Transfer {
         if (limit != 0 && self->body.size() + bytes > limit) {
             self->tooLarge = true;
             return 0;
+        }
+        if (self->body.empty() && bytes > 0) { // the announced size at once, within the limit
+            curl_off_t announced = -1;
+            if (curl_easy_getinfo(self->handle, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced) ==
+                    CURLE_OK &&
+                announced > 0 && (limit == 0 || static_cast<std::uint64_t>(announced) <= limit))
+                self->body.reserve(std::min<std::uint64_t>(static_cast<std::uint64_t>(announced),
+                                                           std::uint64_t{64} << 20));
         }
         self->body.append(data, bytes);
         return bytes;

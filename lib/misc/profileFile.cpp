@@ -119,22 +119,17 @@ public:
             flush();
     }
     void append(char c) { append(std::string_view(&c, 1)); }
+    // Writes a text made (and hashed, into hasher) by another sink as it is, without copying it.
+    void writeMade(std::string_view text, const TextHasher& hasher) {
+        if (flush() && writeAll(text))
+            m_hasher = hasher;
+    }
     // Writes what is buffered; false (with errno set) when the file could not take it.
     bool flush() {
         if (m_failed || m_descriptor < 0)
             return !m_failed;
-        size_t written = 0;
-        while (written < m_buffer.size()) {
-            ssize_t n = ::write(m_descriptor, m_buffer.data() + written, m_buffer.size() - written);
-            if (n < 0 && errno == EINTR)
-                continue;
-            if (n <= 0) {
-                m_failed = true;
-                m_errno = n < 0 ? errno : EIO;
-                return false;
-            }
-            written += static_cast<size_t>(n);
-        }
+        if (!writeAll(m_buffer))
+            return false;
         m_buffer.clear();
         return true;
     }
@@ -144,6 +139,21 @@ public:
     std::string& text() { return m_buffer; }
 
 private:
+    bool writeAll(std::string_view text) {
+        size_t written = 0;
+        while (written < text.size()) {
+            ssize_t n = ::write(m_descriptor, text.data() + written, text.size() - written);
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n <= 0) {
+                m_failed = true;
+                m_errno = n < 0 ? errno : EIO;
+                return false;
+            }
+            written += static_cast<size_t>(n);
+        }
+        return true;
+    }
     static constexpr std::size_t kFlushSize = 1 << 18;
     int m_descriptor;
     std::string m_buffer;
@@ -1024,7 +1034,7 @@ bool writeAtomically(const std::string& path, const Document& document, const st
     ::fchmod(descriptor, ::stat(path.c_str(), &info) == 0 ? (info.st_mode & 07777) : 0644);
     Sink sink(descriptor);
     if (made)
-        sink.append(*made);
+        sink.writeMade(*made, written); // made and hashed already
     else
         document.serialize(sink);
     if (!sink.flush()) {
@@ -1033,7 +1043,8 @@ bool writeAtomically(const std::string& path, const Document& document, const st
         ::unlink(pattern.c_str());
         return false;
     }
-    written = sink.hasher();
+    if (!made)
+        written = sink.hasher();
     unchanged = oldHash != 0 && sink.hasher().size() == oldSize && sink.hasher().value() == oldHash;
     if (unchanged) { // the file already holds exactly this
         ::close(descriptor);
@@ -1181,6 +1192,7 @@ bool applyAndWrite(const std::string& path, const std::vector<Operation>& operat
         Sink sink;
         file->document->serialize(sink);
         made = std::move(sink.text());
+        written = sink.hasher();
         if (made == *diskText) { // the file already holds exactly this
             file->document->stamp = file->stamp;
             return true;
