@@ -89,6 +89,17 @@ FeedItem PackedFeedItems::at(std::size_t index) const {
 
 std::string PackedFeedItems::id(std::size_t index) const { return field(index, &FeedItem::id); }
 
+void PackedFeedItems::forEachField(std::size_t index,
+                                   const std::function<void(std::string_view)>& function) const {
+    const std::string& bytes = m_storage->bytes;
+    std::size_t position = m_storage->starts[index];
+    for (std::size_t key = 0; key < std::size(kItemKeys); ++key) {
+        const std::size_t length = readLength(bytes, position);
+        function(std::string_view(bytes).substr(position, length));
+        position += length;
+    }
+}
+
 std::string PackedFeedItems::field(std::size_t index, std::string FeedItem::*field) const {
     const std::string& bytes = m_storage->bytes;
     std::size_t position = m_storage->starts[index];
@@ -184,9 +195,10 @@ public:
     }
     void sectionKeys(std::size_t index,
                      std::vector<std::pair<std::string, std::string>>& keys) const override {
-        const FeedItem item = m_items.at(index);
-        for (const ItemKey& key : kItemKeys)
-            keys.emplace_back(key.key, profile::escapeIniValue(item.*key.field));
+        std::size_t field = 0; // the packed fields come in the keys' order
+        m_items.forEachField(index, [&](std::string_view value) {
+            keys.emplace_back(kItemKeys[field++].key, profile::escapeIniValue(value));
+        });
     }
 
 private:

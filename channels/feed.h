@@ -5,9 +5,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <ostream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace channels {
@@ -63,6 +65,9 @@ public:
     std::string id(std::size_t index) const;
     // One field of the item at index, without unpacking the others.
     std::string field(std::size_t index, std::string FeedItem::*field) const;
+    // Each field of the item at index, in the order of the item's keys in a file, as it is kept.
+    void forEachField(std::size_t index,
+                      const std::function<void(std::string_view)>& function) const;
     void push_back(const FeedItem& item);
     void truncate(std::size_t count);
     // Room for items of about this many bytes in all, so that appending moves nothing.

@@ -11,7 +11,7 @@
 
 namespace profile {
 
-std::string escapeIniValue(const std::string& value) {
+std::string escapeIniValue(std::string_view value) {
     // Which bytes are written as escapes: "%" and those that are not printable.
     static const auto needsEscape = [] {
         std::array<bool, 256> table{};
@@ -37,7 +37,7 @@ std::string escapeIniValue(const std::string& value) {
             const auto byte = static_cast<unsigned char>(value[i]);
             if (!needsEscape[byte])
                 continue;
-            out.append(value, runStart, i - runStart);
+            out.append(value.substr(runStart, i - runStart));
             const char escape[3] = {'%', digits[byte >> 4], digits[byte & 0x0F]};
             out.append(escape, 3);
             runStart = i + 1;
@@ -51,7 +51,7 @@ std::string escapeIniValue(const std::string& value) {
             escapeFrom(i, i + 8);
     }
     escapeFrom(i, value.size());
-    out.append(value, runStart, std::string::npos);
+    out.append(value.substr(runStart));
     return out;
 }
 

@@ -4,13 +4,14 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace profile {
 
 // Escapes every byte that is not printable, and every "%", as "%" and two upper-case
 // hexadecimal digits.
-std::string escapeIniValue(const std::string& value);
+std::string escapeIniValue(std::string_view value);
 // Turns every "%" followed by two hexadecimal digits back into that byte.
 std::string unescapeIniValue(const std::string& value);
 
