@@ -178,10 +178,8 @@ void ChannelState::feedSaved(const std::string& file, bool keepCopy) {
     threadSafety::ScopedLock lock(m_lock);
     if (!m_feed && !keepCopy) {
         // The items the file holds were counted when it was loaded; its text may go.
-        if (!m_storedItemCount) {
-            profile::ReadFromSnapshot asSaved(file, profile::snapshot(file));
+        if (!m_storedItemCount)
             m_storedItemCount = Feed::storedItemCount(file, kFeedSection);
-        }
         m_feedSource.reset();
         profile::forget(file);
     } else if (!m_feed)

@@ -836,18 +836,22 @@ namespace {
 
 using Stamp = FileStamp;
 
-Stamp stampOf(const std::string& path) {
+Stamp stampOf(const struct stat& info) {
     Stamp stamp;
-    struct stat info {};
-    if (::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode)) {
-        stamp.exists = true;
-        stamp.device = info.st_dev;
-        stamp.inode = info.st_ino;
-        stamp.size = info.st_size;
-        stamp.modifiedSeconds = info.st_mtim.tv_sec;
-        stamp.modifiedNanoseconds = info.st_mtim.tv_nsec;
-    }
+    stamp.exists = S_ISREG(info.st_mode);
+    stamp.device = info.st_dev;
+    stamp.inode = info.st_ino;
+    stamp.size = info.st_size;
+    stamp.modifiedSeconds = info.st_mtim.tv_sec;
+    stamp.modifiedNanoseconds = info.st_mtim.tv_nsec;
     return stamp;
+}
+
+Stamp stampOf(const std::string& path) {
+    struct stat info {};
+    if (::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode))
+        return stampOf(info);
+    return {};
 }
 
 // A change to a document, kept so that a batch can be replayed on a fresher copy.
@@ -1068,17 +1072,6 @@ bool writeAtomically(const std::string& path, const Document& document, const st
 constexpr std::size_t kInPlaceLimit = std::size_t{8} << 20;
 // The unit a disk writes whole: a crash leaves all of it old or all of it new.
 constexpr std::size_t kSectorSize = 512;
-
-Stamp stampOf(const struct stat& info) {
-    Stamp stamp;
-    stamp.exists = S_ISREG(info.st_mode);
-    stamp.device = info.st_dev;
-    stamp.inode = info.st_ino;
-    stamp.size = info.st_size;
-    stamp.modifiedSeconds = info.st_mtim.tv_sec;
-    stamp.modifiedNanoseconds = info.st_mtim.tv_nsec;
-    return stamp;
-}
 
 // Writes only the bytes that differ when the new text has the old one's size and they all lie
 // in one sector of the file (a fetch that changed only a time or a validator): a crash then
