@@ -39,6 +39,8 @@ enum class Kind : unsigned char {
     EntryAuthorName,
     EntryPublished,
     EntryUpdated,
+    MediaContainer, // Media RSS's group or content in an entry
+    EntryMediaTitle,
     Inside,
 };
 
@@ -91,9 +93,24 @@ constexpr Rule kRules[] = {
     {Kind::EntryAuthor, "name", Kind::EntryAuthorName},
 };
 
+// Media RSS elements read in an entry: its title stands in for a missing Atom title, as video
+// sites put it there, at the entry's level or inside a group or content element.
+constexpr Rule kMediaRules[] = {
+    {Kind::Entry, "title", Kind::EntryMediaTitle},
+    {Kind::Entry, "group", Kind::MediaContainer},
+    {Kind::Entry, "content", Kind::MediaContainer},
+    {Kind::MediaContainer, "title", Kind::EntryMediaTitle},
+    {Kind::MediaContainer, "content", Kind::MediaContainer},
+};
+
+bool isMediaNamespace(std::string_view uri) {
+    return uri == "http://search.yahoo.com/mrss/" || uri == "http://search.yahoo.com/mrss";
+}
+
 // Every element of a feed goes through here: names compare by length first.
-Kind kindOf(Kind parent, std::string_view localName) {
-    for (const Rule& rule : kRules)
+template <std::size_t N>
+Kind kindOf(const Rule (&rules)[N], Kind parent, std::string_view localName) {
+    for (const Rule& rule : rules)
         if (rule.parent == parent && rule.name == localName)
             return rule.kind;
     return Kind::Other;
@@ -173,7 +190,7 @@ struct Namespace {
 // The entry being collected, and the link it will keep.
 struct Entry {
     CollectedItem item;
-    std::string published, updated;
+    std::string published, updated, mediaTitle;
     int linkRank = -1; // of the link taken (see takeLink)
 };
 
@@ -188,7 +205,7 @@ void clearEntry(Entry& entry) {
     CollectedItem& item = entry.item;
     for (std::string* field :
          {&item.guid, &item.link, &item.title, &item.description, &item.source, &item.author,
-          &item.comments, &item.pubDate, &entry.published, &entry.updated})
+          &item.comments, &item.pubDate, &entry.published, &entry.updated, &entry.mediaTitle})
         field->clear();
     entry.linkRank = -1;
 }
@@ -342,9 +359,10 @@ Kind AtomXmlParser::classify(Kind parent, const char* name, std::size_t depth) {
         m_atomNamespace = namespaceOf(split.prefix);
         return m_isAtom ? Kind::Feed : Kind::Other;
     }
-    if (namespaceOf(split.prefix) != m_atomNamespace)
-        return Kind::Other;
-    return kindOf(parent, split.local);
+    const std::string& uri = namespaceOf(split.prefix);
+    if (uri == m_atomNamespace)
+        return kindOf(kRules, parent, split.local);
+    return isMediaNamespace(uri) ? kindOf(kMediaRules, parent, split.local) : Kind::Other;
 }
 
 void AtomXmlParser::traceStart(const char* name, const char** attributes) {
@@ -453,6 +471,8 @@ void AtomXmlParser::end(Kind kind) {
         return leaf(m_entry.published);
     case Kind::EntryUpdated:
         return leaf(m_entry.updated);
+    case Kind::EntryMediaTitle:
+        return leaf(m_entry.mediaTitle);
     default:
         return;
     }
@@ -561,6 +581,8 @@ void AtomXmlParser::endEntry() {
         return abort(tooManyItemsMessage(m_options->itemLimit));
     CollectedItem& item = m_entry.item;
     item.pubDate = m_entry.published.empty() ? m_entry.updated : m_entry.published;
+    if (item.title.empty())
+        item.title.swap(m_entry.mediaTitle);
     if (item.author.empty())
         item.author = m_fields.author;
     saveCollectedItem(*m_feed, item, m_fields.link, m_maxItems, m_parseLog, m_saved);

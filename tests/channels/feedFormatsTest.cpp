@@ -72,6 +72,9 @@ const char* const kAtom = R"(<?xml version="1.0" encoding="utf-8"?>
     <source><title>Source title is not the entry's</title></source>
   </entry>
   <entry><title>No id, no link</title></entry>
+  <entry><id>urn:four</id>
+    <media:group><media:content url="/v.mp4"><media:title> Video title </media:title></media:content></media:group>
+  </entry>
 </feed>)";
 
 } // namespace
@@ -83,7 +86,7 @@ TEST(AtomFeeds, EntriesBecomeItemsThroughTheSharedSteps) {
     EXPECT_EQ(channel.channelDescription, "All of it");
     EXPECT_EQ(channel.channelHomeUrl, "http://blog.example/home/");
     EXPECT_EQ(channel.lastBuildDateString, "2024-05-01T10:00:00Z");
-    ASSERT_EQ(feed->itemCount(), 3u);
+    ASSERT_EQ(feed->itemCount(), 4u);
     // The xhtml title keeps its mark-up (escaped text stays escaped and is then decoded like
     // any RSS title); the text/html alternate link wins over the PDF one and the enclosure.
     EXPECT_EQ(feed->items()[0],
@@ -97,6 +100,8 @@ TEST(AtomFeeds, EntriesBecomeItemsThroughTheSharedSteps) {
                                      "Feed Author", "2024-04-03T00:00:00Z"));
     EXPECT_EQ(feed->items()[2], item("http://blog.example/home/", "No id, no link",
                                      "http://blog.example/home/", "", "Feed Author"));
+    // Without an Atom title, a Media RSS title stands in (the first entry's did not).
+    EXPECT_EQ(feed->items()[3].title, "Video title");
 }
 
 TEST(AtomFeeds, ArePlainlyRefusedWhileTheOptionIsOff) {

@@ -40,9 +40,6 @@ KNOWN = {
         "the reference takes an enclosure's text as the link",
     "feedparser/sanitize__entry_title_crazy.xml":
         "the reference cleans scripts out of HTML titles; the engine keeps titles as written",
-    "newsboat/atom10_2.xml":
-        "the reference takes media:title for entries without a title; the engine reads Atom's "
-        "own elements and makes a title",
 }
 
 
