@@ -200,6 +200,15 @@ public:
             keys.emplace_back(kItemKeys[field++].key, profile::escapeIniValue(value));
         });
     }
+    void appendKeyLines(std::size_t index, std::string& out) const override {
+        std::size_t field = 0;
+        m_items.forEachField(index, [&](std::string_view value) {
+            out += kItemKeys[field++].key;
+            out += '=';
+            profile::appendEscapedIniValue(out, value);
+            out += '\n';
+        });
+    }
 
 private:
     std::string m_section;

@@ -217,21 +217,48 @@ void CMessageLog::unlock() {
     }
 }
 
+namespace {
+
+// value in decimal, with leading zeros up to width digits (more digits when it needs them).
+void appendZeroPadded(std::string& out, unsigned long value, std::size_t width) {
+    char digits[24];
+    std::size_t count = 0;
+    do {
+        digits[count++] = static_cast<char>('0' + value % 10);
+        value /= 10;
+    } while (value != 0);
+    if (count < width)
+        out.append(width - count, '0');
+    while (count > 0)
+        out += digits[--count];
+}
+
+} // namespace
+
 std::string CMessageLog::formatPrefix(const char* file, unsigned line, std::time_t now) const {
     std::string prefix;
-    char buffer[128];
+    appendPrefix(prefix, file, line, now);
+    return prefix;
+}
+
+void CMessageLog::appendPrefix(std::string& prefix, const char* file, unsigned line,
+                               std::time_t now) const {
     if (m_switches.sourceNumber) {
         if (t_currentSource) {
-            std::snprintf(buffer, sizeof buffer, "[%03d] ", t_currentSource->number);
-            prefix += buffer;
+            prefix += '[';
+            const long number = t_currentSource->number;
+            if (number < 0)
+                prefix += '-';
+            appendZeroPadded(prefix, static_cast<unsigned long>(number < 0 ? -number : number),
+                             number < 0 ? 2 : 3);
+            prefix += "] ";
         } else {
             prefix += "      ";
         }
     }
     if (m_switches.sequenceNumber) {
-        std::snprintf(buffer, sizeof buffer, "%06lu ",
-                      static_cast<unsigned long>(m_sequenceNumber));
-        prefix += buffer;
+        appendZeroPadded(prefix, m_sequenceNumber, 6);
+        prefix += ' ';
     }
     if (m_switches.date || m_switches.time) {
         // The fields change once a second; they are made once per second.
@@ -257,35 +284,38 @@ std::string CMessageLog::formatPrefix(const char* file, unsigned line, std::time
             prefix += time;
     }
     if (m_switches.sourcePosition) {
-        if (file) {
-            // The same call sites log again and again: their fields are kept, a few per thread.
-            struct Position {
-                std::string file;
-                unsigned line = 0;
-                std::string text;
-            };
-            thread_local std::array<Position, 64> positions;
-            Position& position =
-                positions[(reinterpret_cast<std::uintptr_t>(file) / 8 + std::uintptr_t{line} * 31) %
-                          64];
-            if (position.line != line || position.file != file) {
-                std::string base, extension;
-                splitSourcePath(file, base, extension);
-                std::snprintf(buffer, sizeof buffer, "%8s%-4s:%06lu", base.c_str(),
-                              extension.c_str(), static_cast<unsigned long>(line));
-                position = Position{file, line, misc::lowered(buffer)};
-            }
-            prefix += position.text;
-        } else {
-            prefix += "         ???:   ???";
-        }
+        appendSourcePosition(prefix, file, line);
         prefix += ' ';
     }
     if (m_switches.sequenceNumber || m_switches.date || m_switches.time ||
         m_switches.sourcePosition)
         prefix += "| ";
     prefix.append(static_cast<size_t>(std::max(0, m_depth * m_step)), ' ');
-    return prefix;
+}
+
+void CMessageLog::appendSourcePosition(std::string& prefix, const char* file, unsigned line) {
+    if (!file) {
+        prefix += "         ???:   ???";
+        return;
+    }
+    // The same call sites log again and again: their fields are kept, a few per thread.
+    struct Position {
+        std::string file;
+        unsigned line = 0;
+        std::string text;
+    };
+    thread_local std::array<Position, 64> positions;
+    Position& position =
+        positions[(reinterpret_cast<std::uintptr_t>(file) / 8 + std::uintptr_t{line} * 31) % 64];
+    if (position.line != line || position.file != file) {
+        char buffer[128];
+        std::string base, extension;
+        splitSourcePath(file, base, extension);
+        std::snprintf(buffer, sizeof buffer, "%8s%-4s:%06lu", base.c_str(), extension.c_str(),
+                      static_cast<unsigned long>(line));
+        position = Position{file, line, misc::lowered(buffer)};
+    }
+    prefix += position.text;
 }
 
 void CMessageLog::rollOverIfNeeded(std::size_t incoming) {
@@ -298,7 +328,7 @@ void CMessageLog::rollOverIfNeeded(std::size_t incoming) {
     m_fileSize = 0;
 }
 
-void CMessageLog::writeFormatted(const std::string& text) {
+void CMessageLog::writeFormatted(std::string_view text) {
     std::lock_guard guard(m_fileMutex);
     rollOverIfNeeded(text.size());
     if (m_file) {
@@ -313,17 +343,24 @@ void CMessageLog::writeFormatted(const std::string& text) {
         *m_mirror << text << std::flush;
 }
 
-void CMessageLog::writeLine(const char* file, unsigned line, const std::string& text,
+void CMessageLog::writeLine(const char* file, unsigned line, std::string_view text,
                             const MsgGroup* group) {
     if ((group && !group->isEnabled()) || !isWriting())
         return;
     lock();
+    writeLineLocked(file, line, text);
+    unlock();
+}
+
+// The line is made in a buffer of the thread's that keeps its capacity from line to line.
+void CMessageLog::writeLineLocked(const char* file, unsigned line, std::string_view text) {
     ++m_sequenceNumber;
-    std::string formatted = formatPrefix(file, line, std::time(nullptr));
+    thread_local std::string formatted;
+    formatted.clear();
+    appendPrefix(formatted, file, line, std::time(nullptr));
     formatted += text;
     formatted += '\n';
     writeFormatted(formatted);
-    unlock();
 }
 
 void CMessageLog::writeBytes(const char* file, unsigned line, const void* data, std::size_t size,
@@ -340,19 +377,85 @@ void CMessageLog::writeReport(const std::string& report) {
     }
 }
 
+namespace {
+
+// A line's text as it is inserted: a string that keeps its capacity from line to line.
+class LineBuffer : public std::streambuf {
+public:
+    std::string text;
+
+protected:
+    int_type overflow(int_type character) override {
+        if (!traits_type::eq_int_type(character, traits_type::eof()))
+            text += traits_type::to_char_type(character);
+        return traits_type::not_eof(character);
+    }
+    std::streamsize xsputn(const char* data, std::streamsize count) override {
+        text.append(data, static_cast<std::size_t>(count));
+        return count;
+    }
+};
+
+// Set when the thread's line stream is gone (the thread is ending): lines logged by the
+// destructors that run after it make streams of their own.
+thread_local bool t_lineStreamGone = false;
+
+// A stream over a line buffer, made once per thread (a stream costs more to make than a
+// whole line to write) and handed to one line at a time.
+struct LineStream {
+    LineBuffer buffer;
+    std::ostream stream{&buffer};
+    std::ios_base::fmtflags flags = stream.flags();
+    bool inUse = false;
+
+    LineStream() = default;
+    ~LineStream() { t_lineStreamGone = true; }
+    LineStream(const LineStream&) = delete;
+    LineStream& operator=(const LineStream&) = delete;
+
+    // As a new stream would be: empty, in good state, with the default formatting.
+    std::ostream& take() {
+        inUse = true;
+        buffer.text.clear();
+        stream.clear();
+        stream.flags(flags);
+        stream.precision(6);
+        stream.width(0);
+        stream.fill(' ');
+        return stream;
+    }
+};
+
+thread_local LineStream t_lineStream;
+
+} // namespace
+
 LogLine::LogLine(const MsgGroup& group, const char* file, unsigned line)
     : m_file(file), m_line(line) {
     if (!group.isEnabled() || !CMessageLog::instance().isWriting())
         return;
     CMessageLog::instance().lock();
-    m_text.emplace();
+    // A line made while another is being made on the same thread (a value whose insertion
+    // logs) has a stream of its own.
+    if (t_lineStreamGone || t_lineStream.inUse) {
+        m_own = std::make_unique<std::ostringstream>();
+        m_stream = m_own.get();
+    } else {
+        m_stream = &t_lineStream.take();
+    }
 }
 
 LogLine::~LogLine() {
-    if (!m_text)
+    if (!m_stream)
         return;
-    CMessageLog::instance().writeLine(m_file, m_line, m_text->str());
-    CMessageLog::instance().unlock();
+    CMessageLog& log = CMessageLog::instance();
+    if (m_own) {
+        log.writeLineLocked(m_file, m_line, m_own->str());
+    } else {
+        log.writeLineLocked(m_file, m_line, t_lineStream.buffer.text);
+        t_lineStream.inUse = false;
+    }
+    log.unlock();
 }
 
 CMessageLogStreamBuf::~CMessageLogStreamBuf() { sync(); }

@@ -11,11 +11,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
-#include <optional>
+#include <memory>
 #include <ostream>
 #include <sstream>
 #include <streambuf>
 #include <string>
+#include <string_view>
 #include <thread>
 
 namespace msglog {
@@ -74,7 +75,7 @@ public:
     void unlock();
 
     // Writes one line with its prefix, when the group (if any) is enabled.
-    void writeLine(const char* file, unsigned line, const std::string& text,
+    void writeLine(const char* file, unsigned line, std::string_view text,
                    const MsgGroup* group = nullptr);
     // Writes binary data, printable bytes as they are and others as "<%02x>".
     void writeBytes(const char* file, unsigned line, const void* data, std::size_t size,
@@ -82,6 +83,7 @@ public:
 
     // The prefix for a line from file:line written at the given time.
     std::string formatPrefix(const char* file, unsigned line, std::time_t now) const;
+    void appendPrefix(std::string& out, const char* file, unsigned line, std::time_t now) const;
     std::uint32_t sequenceNumber() const { return m_sequenceNumber; }
 
     // Writes already formatted report lines without taking the log's lock (used while the
@@ -89,10 +91,14 @@ public:
     void writeReport(const std::string& report);
 
 private:
+    friend class LogLine;
     using Clock = std::chrono::steady_clock;
 
     CMessageLog();
-    void writeFormatted(const std::string& text);
+    static void appendSourcePosition(std::string& out, const char* file, unsigned line);
+    // Writes one line; the caller holds the log's lock.
+    void writeLineLocked(const char* file, unsigned line, std::string_view text);
+    void writeFormatted(std::string_view text);
     void rollOverIfNeeded(std::size_t incoming);
     void noteHeldBack();
     void startFlusher();
@@ -157,15 +163,17 @@ public:
     ~LogLine();
     LogLine(const LogLine&) = delete;
     LogLine& operator=(const LogLine&) = delete;
-    explicit operator bool() const { return m_text.has_value(); }
+    explicit operator bool() const { return m_stream != nullptr; }
     // Only when enabled.
-    std::ostream& stream() { return *m_text; }
+    std::ostream& stream() { return *m_stream; }
 
 private:
     const char* m_file;
     unsigned m_line;
-    // Made only for an enabled group: a stream costs more than the whole disabled call.
-    std::optional<std::ostringstream> m_text;
+    // Only for an enabled group: the thread's line stream, or one of its own when the
+    // thread's is taken by a line still being made.
+    std::ostream* m_stream = nullptr;
+    std::unique_ptr<std::ostringstream> m_own;
 };
 
 // Characters inserted through this buffer reach the log, one line per line break.

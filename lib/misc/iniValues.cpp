@@ -12,6 +12,13 @@
 namespace profile {
 
 std::string escapeIniValue(std::string_view value) {
+    std::string out;
+    out.reserve(value.size() + 8);
+    appendEscapedIniValue(out, value);
+    return out;
+}
+
+void appendEscapedIniValue(std::string& out, std::string_view value) {
     // Which bytes are written as escapes: "%" and those that are not printable.
     static const auto needsEscape = [] {
         std::array<bool, 256> table{};
@@ -29,8 +36,6 @@ std::string escapeIniValue(std::string_view value) {
         const std::uint64_t isPercent = (percent - ones) & ~percent;
         return ((below | above | isPercent) & highs) != 0;
     };
-    std::string out;
-    out.reserve(value.size() + 8);
     size_t runStart = 0;
     const auto escapeFrom = [&](size_t begin, size_t end) {
         for (size_t i = begin; i < end; ++i) {
@@ -52,7 +57,6 @@ std::string escapeIniValue(std::string_view value) {
     }
     escapeFrom(i, value.size());
     out.append(value.substr(runStart));
-    return out;
 }
 
 std::string unescapeIniValue(const std::string& value) { return misc::percentDecoded(value); }

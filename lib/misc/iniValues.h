@@ -12,6 +12,8 @@ namespace profile {
 // Escapes every byte that is not printable, and every "%", as "%" and two upper-case
 // hexadecimal digits.
 std::string escapeIniValue(std::string_view value);
+// The same, added to the end of out.
+void appendEscapedIniValue(std::string& out, std::string_view value);
 // Turns every "%" followed by two hexadecimal digits back into that byte.
 std::string unescapeIniValue(const std::string& value);
 

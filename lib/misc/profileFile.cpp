@@ -547,16 +547,12 @@ std::vector<std::string> Document::keys(std::string_view section) const {
 }
 
 void Document::serialize(Sink& sink) const {
-    std::vector<std::pair<std::string, std::string>> keys;
+    // A source's sections are made one at a time in here and go to the sink whole.
+    std::string lines;
     const auto writeKeys = [&](const SectionSource& source, size_t index) {
-        keys.clear();
-        source.sectionKeys(index, keys);
-        for (const auto& [key, value] : keys) {
-            sink.append(key);
-            sink.append('=');
-            sink.append(value);
-            sink.append('\n');
-        }
+        source.appendKeyLines(index, lines);
+        sink.append(lines);
+        lines.clear();
     };
     for (const Section& section : m_sections) {
         if (section.deleted)
@@ -564,7 +560,9 @@ void Document::serialize(Sink& sink) const {
         if (section.source >= 0) {
             const SectionSource& source = *m_sources[static_cast<size_t>(section.source)];
             for (size_t i = section.item; i < source.sectionCount(); ++i) {
-                sink.append("[" + source.sectionName(i) + "]\n");
+                lines += '[';
+                lines += source.sectionName(i);
+                lines += "]\n";
                 writeKeys(source, i);
             }
             continue;
@@ -1310,6 +1308,17 @@ std::size_t countNumberedSections(const std::string& path, const std::string& pr
                 return count;
         }
     });
+}
+
+void SectionSource::appendKeyLines(std::size_t index, std::string& out) const {
+    std::vector<std::pair<std::string, std::string>> keys;
+    sectionKeys(index, keys);
+    for (const auto& [key, value] : keys) {
+        out += key;
+        out += '=';
+        out += value;
+        out += '\n';
+    }
 }
 
 bool appendSections(const std::string& path, std::shared_ptr<const SectionSource> source) {

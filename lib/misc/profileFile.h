@@ -67,6 +67,9 @@ public:
     // The keys and raw values of a section, in file order.
     virtual void sectionKeys(std::size_t index,
                              std::vector<std::pair<std::string, std::string>>& keys) const = 0;
+    // The section's key lines ("key=raw value" and a line break each) added to out; a source
+    // may write them without making the pairs of sectionKeys.
+    virtual void appendKeyLines(std::size_t index, std::string& out) const;
 };
 // Writes every key of every section of the source, as writeValue would one by one; when the
 // file holds none of those sections yet, they are written out from the source itself.

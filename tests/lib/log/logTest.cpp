@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <iomanip>
 #include <sstream>
 #include <thread>
 
@@ -74,6 +75,10 @@ TEST_F(LogTest, PrefixFieldsFollowTheirSwitches) {
     LogSource source{7};
     CMessageLog::setCurrentSource(&source);
     EXPECT_EQ(log().formatPrefix("x.cpp", 1, when), "[007] ");
+    source.number = 1234;
+    EXPECT_EQ(log().formatPrefix("x.cpp", 1, when), "[1234] ");
+    source.number = -5;
+    EXPECT_EQ(log().formatPrefix("x.cpp", 1, when), "[-05] ");
 
     LogSwitches timeOnly{false, false, true, false, false};
     log().setSwitches(timeOnly);
@@ -111,6 +116,29 @@ TEST_F(LogTest, LinesGoToTheFileWithIndentationAndDisabledGroupsAreSilent) {
                      "b",
                      4);
     EXPECT_EQ(contents(), "Headline 42\n  - ID: abc\na<01><ff>b\n");
+}
+
+namespace {
+
+// A value whose insertion into a line logs a line of its own.
+struct Chatty {
+    MsgGroup* group;
+};
+
+std::ostream& operator<<(std::ostream& out, const Chatty& chatty) {
+    PELSU_LOG(*chatty.group, "inner " << std::hex << 255);
+    return out << "chatty";
+}
+
+} // namespace
+
+TEST_F(LogTest, EachLineStartsAsAFreshStreamEvenWhenLinesNest) {
+    log().setSwitches(LogSwitches{false, false, false, false, false});
+    MsgGroup& on = registerMsgGroup("LogTestNested");
+    PELSU_LOG(on, "hex " << std::hex << std::setw(4) << std::setfill('.') << 255);
+    PELSU_LOG(on, "outer " << Chatty{&on} << ' ' << 255 << ' ' << 1.0 / 3);
+    PELSU_LOG(on, "after " << 255);
+    EXPECT_EQ(contents(), "hex ..ff\ninner ff\nouter chatty 255 0.333333\nafter 255\n");
 }
 
 TEST_F(LogTest, StreamBufferAdapterWritesOneLinePerLineBreak) {
