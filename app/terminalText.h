@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 namespace app {
 
@@ -10,5 +11,7 @@ std::string toUtf8(const std::string& latin1);
 // The same for text a feed chose: its control characters (C0, DEL, C1) are written as
 // "\xNN", so that a feed can't move the cursor or forge lines of output.
 std::string toTerminal(const std::string& latin1);
+// The same, added to the end of out.
+void appendTerminal(std::string& out, std::string_view latin1);
 
 } // namespace app

@@ -97,7 +97,10 @@ void UpdatePrinter::itemLine(channels::Channel& channel, int index, const char* 
         return;
     ++(block->second.*count);
     ++(count == &Block::newItems ? m_newItems : m_expiredItems);
-    block->second.lines += label + toTerminal(title) + "\n";
+    std::string& lines = block->second.lines;
+    lines += label;
+    appendTerminal(lines, title);
+    lines += '\n';
 }
 
 std::string UpdatePrinter::heading(const channels::Channel& channel, const Block& block) {
