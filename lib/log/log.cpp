@@ -21,6 +21,8 @@ namespace {
 // Lines wait for the log to be quiet this long, but never longer than the hold-back limit.
 constexpr std::chrono::milliseconds kQuietMoment{200};
 constexpr std::chrono::milliseconds kLongestHoldBack{1000};
+// Lines held back reach the file in writes of up to this many bytes.
+constexpr std::size_t kFileBuffer = std::size_t{64} << 10;
 
 thread_local const LogSource* t_currentSource = nullptr;
 std::atomic<ReportHandler> g_reportHandler{nullptr};
@@ -68,6 +70,7 @@ bool CMessageLog::open(const std::string& path, std::string* error) {
                 *error = "Can't open the log file " + path + ": " + std::strerror(errno);
             return false;
         }
+        std::setvbuf(m_file, nullptr, _IOFBF, kFileBuffer);
         m_path = path;
         m_writing = true;
         std::error_code ignored;
@@ -325,6 +328,8 @@ void CMessageLog::rollOverIfNeeded(std::size_t incoming) {
     std::error_code ignored;
     std::filesystem::rename(m_path, m_path + ".old", ignored);
     m_file = std::fopen(m_path.c_str(), "ab");
+    if (m_file)
+        std::setvbuf(m_file, nullptr, _IOFBF, kFileBuffer);
     m_fileSize = 0;
 }
 

@@ -975,20 +975,36 @@ std::shared_ptr<CachedFile> cachedFile(const std::string& path) {
     return file;
 }
 
-// Reads a file into text; returns 0, or the errno of a file that could not be opened.
-int readWholeFile(const std::string& path, std::string& text) {
-    FILE* file = std::fopen(path.c_str(), "rb");
-    if (!file)
+// Reads a file into text, straight from the descriptor into the string, and gives the stamp
+// of the very file read; returns 0, or the errno of a file that could not be opened or read.
+int readWholeFile(const std::string& path, std::string& text, Stamp& stamp) {
+    const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (descriptor < 0)
         return errno;
     struct stat info {};
-    if (::fstat(::fileno(file), &info) == 0 && info.st_size > 0)
-        text.reserve(static_cast<size_t>(info.st_size));
-    char buffer[65536];
-    size_t count;
-    while ((count = std::fread(buffer, 1, sizeof buffer, file)) > 0)
-        text.append(buffer, count);
-    std::fclose(file);
-    return 0;
+    if (::fstat(descriptor, &info) == 0)
+        stamp = stampOf(info);
+    // One byte more than the file's size, so that the read that finds its end is the second.
+    text.resize(std::max<std::size_t>(info.st_size > 0 ? static_cast<std::size_t>(info.st_size) + 1
+                                                         : 0,
+                                      4096));
+    std::size_t length = 0;
+    int error = 0;
+    for (;;) {
+        if (length == text.size())
+            text.resize(text.size() * 2);
+        const ssize_t count = ::read(descriptor, text.data() + length, text.size() - length);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0) {
+            error = count < 0 ? errno : 0;
+            break;
+        }
+        length += static_cast<std::size_t>(count);
+    }
+    text.resize(length);
+    ::close(descriptor);
+    return error;
 }
 
 // Brings the parsed copy up to date with the disk; called with the file's mutex held.
@@ -997,7 +1013,7 @@ void refresh(CachedFile& file, const std::string& path) {
     if (file.valid && file.document && current == file.stamp)
         return;
     auto text = std::make_shared<std::string>();
-    file.readError = current.exists ? readWholeFile(path, *text) : 0;
+    file.readError = current.exists ? readWholeFile(path, *text, current) : 0;
     TextHasher hasher;
     hasher.add(text->data(), text->size());
     file.document = std::make_shared<Document>();
