@@ -985,9 +985,8 @@ int readWholeFile(const std::string& path, std::string& text, Stamp& stamp) {
     if (::fstat(descriptor, &info) == 0)
         stamp = stampOf(info);
     // One byte more than the file's size, so that the read that finds its end is the second.
-    text.resize(std::max<std::size_t>(info.st_size > 0 ? static_cast<std::size_t>(info.st_size) + 1
-                                                         : 0,
-                                      4096));
+    const std::size_t size = info.st_size > 0 ? static_cast<std::size_t>(info.st_size) : 0;
+    text.resize(std::max<std::size_t>(size + 1, 4096));
     std::size_t length = 0;
     int error = 0;
     for (;;) {
