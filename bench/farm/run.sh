@@ -7,7 +7,10 @@
 #     atomically per feed, nothing else;
 # and pelsu's wall and CPU time (user+sys) as ratios to both. Last, pelsu-cli list over the
 # same channels. Each line gives wall seconds, CPU seconds and peak resident memory.
-# Usage: bench/farm/run.sh [COUNT]   (default 1000). Needs root for nginx on port 80.
+# Usage: bench/farm/run.sh [COUNT] [ROUNDS]   (defaults 1000 and 0). Needs root for nginx on
+# port 80. With ROUNDS, the first fetch is then measured again ROUNDS times for pelsu and the
+# floor in turn, each from a fresh state, and the medians are given: on a loaded machine or a
+# file system whose cost of creating files swings, one pass of either says little.
 # PELSU_CLI=path measures that pelsu-cli instead of the one this tree builds.
 set -euo pipefail
 here="$(cd "$(dirname "$0")" && pwd)"
@@ -15,6 +18,7 @@ root="$(cd "$here/../.." && pwd)"
 source "$root/scripts/common.sh"
 ensure_packages "${PELSU_PACKAGES[@]}" nginx-light newsboat time
 count="${1:-1000}"
+rounds="${2:-0}"
 host=127.0.0.77
 work="$(mktemp -d /tmp/pelsu-farm-XXXXXX)"
 chmod 755 "$work" # nginx's workers read the feeds as another user
@@ -99,3 +103,26 @@ pass "(b) all unchanged"
 python3 "$here/makeFarm.py" "$work/feeds" --count "$count" --change 10 >/dev/null
 pass "(c) one in ten changed"
 measure pelsu "list" "$cli" --home "$work/home" list
+
+# median: the middle of the numbers on standard input (the mean of the two middle ones).
+median() { sort -g | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
+
+if ((rounds > 0)); then
+    : >"$work/rounds"
+    for ((round = 1; round <= rounds; round++)); do
+        rm -rf "$work/round-home" "$work/round-floor"
+        mkdir -p "$work/round-floor"
+        "$cli" --home "$work/round-home" import-opml "$work/farm.opml" >/dev/null
+        "$cli" --home "$work/round-home" remove PelsuNews >/dev/null
+        measure pelsu "(a) round $round" "$cli" --home "$work/round-home" update >/dev/null
+        measure floor "(a) round $round" "$floor" "$work/urls" "$work/round-floor" >/dev/null
+        echo "${wall[pelsu (a) round $round]} ${cpu[pelsu (a) round $round]}" \
+            "${wall[floor (a) round $round]} ${cpu[floor (a) round $round]}" >>"$work/rounds"
+    done
+    column() { awk -v c="$1" '{ print $c }' "$work/rounds" | median; }
+    ratios() { awk -v a="$1" -v b="$2" '$b > 0 { print $a / $b }' "$work/rounds" | median; }
+    printf '(a) first fetch, median of %d rounds: pelsu %s s wall, %s s cpu; floor %s s wall, %s s cpu\n' \
+        "$rounds" "$(column 1)" "$(column 2)" "$(column 3)" "$(column 4)"
+    printf '%-24s pelsu/%-8s wall %6.2fx  cpu %6.2fx  (median of the rounds\x27 ratios)\n' "" floor \
+        "$(ratios 1 3)" "$(ratios 2 4)"
+fi
