@@ -1,8 +1,10 @@
 // The floor of an update pass over the farm: for each address in turn one conditional GET
 // with the validators of the previous pass, and one small state file written atomically
 // (temporary file, then rename). Nothing else is kept, parsed or compared.
+// With --keep-body the state file also holds the document fetched (a 304 keeps the one before):
+// the floor of a reader that stores what it downloads, without reading it.
 //
-// Usage: farmFloor URLS_FILE STATE_DIR   (one address a line; one file per feed in STATE_DIR)
+// Usage: farmFloor [--keep-body] URLS_FILE STATE_DIR   (one address a line; one file per feed)
 
 #include <curl/curl.h>
 
@@ -11,6 +13,7 @@
 #include <ctime>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 #include <sstream>
 #include <string>
 
@@ -64,13 +67,30 @@ std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* user
     return size * count;
 }
 
-std::size_t onBody(char*, std::size_t size, std::size_t count, void* user) {
-    *static_cast<std::size_t*>(user) += size * count;
+struct Body {
+    bool keep = false;
+    std::size_t bytes = 0;
+    std::string text;
+};
+
+std::size_t onBody(char* data, std::size_t size, std::size_t count, void* user) {
+    auto* body = static_cast<Body*>(user);
+    body->bytes += size * count;
+    if (body->keep)
+        body->text.append(data, size * count);
     return size * count;
 }
 
+// The document a previous pass kept: everything after the "body=" line.
+std::string keptBody(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const std::size_t at = text.find("\nbody=\n");
+    return at == std::string::npos ? std::string() : text.substr(at + 7);
+}
+
 // One feed: returns the HTTP status (0 when the transfer failed).
-long updateFeed(CURL* curl, const std::string& url, const std::string& statePath) {
+long updateFeed(CURL* curl, const std::string& url, const std::string& statePath, bool keepBody) {
     const Validators previous = readState(statePath);
     curl_slist* headers = nullptr;
     if (!previous.etag.empty())
@@ -79,21 +99,27 @@ long updateFeed(CURL* curl, const std::string& url, const std::string& statePath
         headers =
             curl_slist_append(headers, ("If-Modified-Since: " + previous.lastModified).c_str());
     Validators fresh;
-    std::size_t bodyBytes = 0;
+    Body body;
+    body.keep = keepBody;
     curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
     curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
     curl_easy_setopt(curl, CURLOPT_HEADERDATA, &fresh);
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &bodyBytes);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &body);
     long status = 0;
     if (curl_easy_perform(curl) == CURLE_OK)
         curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
     curl_slist_free_all(headers);
-    if (status == 304)
+    if (status == 304) {
         fresh = previous;
+        if (keepBody)
+            body.text = keptBody(statePath);
+    }
     std::ostringstream state;
     state << "url=" << url << "\netag=" << fresh.etag << "\nlast-modified=" << fresh.lastModified
-          << "\nstatus=" << status << "\nbytes=" << bodyBytes << "\nfetched=" << std::time(nullptr)
+          << "\nstatus=" << status << "\nbytes=" << body.bytes << "\nfetched=" << std::time(nullptr)
           << '\n';
+    if (keepBody)
+        state << "body=\n" << body.text;
     if (!writeStateAtomically(statePath, state.str()))
         std::cerr << "farmFloor: can't write " << statePath << '\n';
     return status;
@@ -102,10 +128,12 @@ long updateFeed(CURL* curl, const std::string& url, const std::string& statePath
 } // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 3) {
-        std::cerr << "usage: farmFloor URLS_FILE STATE_DIR\n";
+    const bool keepBody = argc == 4 && std::string(argv[1]) == "--keep-body";
+    if (argc != 3 && !keepBody) {
+        std::cerr << "usage: farmFloor [--keep-body] URLS_FILE STATE_DIR\n";
         return 2;
     }
+    argv += keepBody ? 1 : 0;
     curl_global_init(CURL_GLOBAL_DEFAULT);
     CURL* curl = curl_easy_init();
     curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, &onHeader);
@@ -116,7 +144,8 @@ int main(int argc, char** argv) {
     int feeds = 0, failed = 0;
     while (std::getline(urls, url)) {
         const long status = updateFeed(
-            curl, url, std::string(argv[2]) + "/feed" + std::to_string(feeds++) + ".state");
+            curl, url, std::string(argv[2]) + "/feed" + std::to_string(feeds++) + ".state",
+            keepBody);
         failed += status != 200 && status != 304;
     }
     curl_easy_cleanup(curl);
