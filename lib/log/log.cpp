@@ -25,6 +25,14 @@ constexpr std::chrono::milliseconds kLongestHoldBack{1000};
 constexpr std::size_t kFileBuffer = std::size_t{64} << 10;
 
 thread_local const LogSource* t_currentSource = nullptr;
+
+// The log file opened for appending, its lines written in pieces of kFileBuffer.
+std::FILE* openForAppending(const std::string& path) {
+    std::FILE* file = std::fopen(path.c_str(), "ab");
+    if (file)
+        std::setvbuf(file, nullptr, _IOFBF, kFileBuffer);
+    return file;
+}
 std::atomic<ReportHandler> g_reportHandler{nullptr};
 
 // Base name and extension (with its dot) of a path written with either kind of separator.
@@ -64,13 +72,12 @@ bool CMessageLog::open(const std::string& path, std::string* error) {
         std::lock_guard guard(m_fileMutex);
         if (m_file)
             std::fclose(m_file);
-        m_file = std::fopen(path.c_str(), "ab");
+        m_file = openForAppending(path);
         if (!m_file) {
             if (error)
                 *error = "Can't open the log file " + path + ": " + std::strerror(errno);
             return false;
         }
-        std::setvbuf(m_file, nullptr, _IOFBF, kFileBuffer);
         m_path = path;
         m_writing = true;
         std::error_code ignored;
@@ -327,9 +334,7 @@ void CMessageLog::rollOverIfNeeded(std::size_t incoming) {
     std::fclose(m_file);
     std::error_code ignored;
     std::filesystem::rename(m_path, m_path + ".old", ignored);
-    m_file = std::fopen(m_path.c_str(), "ab");
-    if (m_file)
-        std::setvbuf(m_file, nullptr, _IOFBF, kFileBuffer);
+    m_file = openForAppending(m_path);
     m_fileSize = 0;
 }
 
