@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <thread>
 
 using namespace threadSafety;
@@ -67,56 +68,82 @@ TEST(CriticalSection, IsReentrantAndShowsItsState) {
     EXPECT_EQ(section.toString(), "[UNLOCKED]");
 }
 
-TEST(CriticalSection, WithoutTimeoutAHeldLockKeepsOthersWaitingWithoutReport) {
-    TimeoutGuard guard;
-    setDebuggingTimeout(-1.0f);
-    CriticalSection section;
-    std::atomic<bool> entered{false};
-    std::thread waiter;
-    {
-        Holder holder(section);
-        waiter = std::thread([&] {
-            ScopedLock lock(section);
-            entered = true;
-        });
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        EXPECT_FALSE(entered);
-    }
-    waiter.join();
-    EXPECT_TRUE(entered);
-}
-
-TEST(CriticalSection, TimeoutWhileAnotherThreadHoldsTheLockAbortsTheProgram) {
-    auto result = runInChild([] {
-        setDebuggingTimeout(0.3f);
+// With no timeout, or one longer than the lock is held, a waiter waits without a report and
+// then takes the lock.
+TEST(CriticalSection, LockHeldShorterThanTheTimeoutOrWithoutOneIsWaitedForAndTaken) {
+    for (const float timeout : {-1.0f, 5.0f}) {
+        SCOPED_TRACE(timeout);
+        TimeoutGuard guard;
+        setDebuggingTimeout(timeout);
         CriticalSection section;
-        Holder holder(section);
-        enterCriticalSection(section);
-    });
-    EXPECT_EQ(result.status, 1);
-    EXPECT_NE(result.errorOutput.find("PROGRAM ABORT: EnterCriticalSection() timed out.\n"),
-              std::string::npos)
-        << result.errorOutput;
-    EXPECT_NE(result.errorOutput.find("threadSafetyWin32.cpp (line 71)"), std::string::npos)
-        << result.errorOutput;
+        std::atomic<bool> entered{false};
+        std::thread waiter;
+        {
+            Holder holder(section);
+            waiter = std::thread([&] {
+                ScopedLock lock(section);
+                entered = true;
+            });
+            std::this_thread::sleep_for(std::chrono::milliseconds(150));
+            EXPECT_FALSE(entered);
+        }
+        waiter.join();
+        EXPECT_TRUE(entered);
+    }
 }
 
-TEST(CriticalSection, LockHeldShorterThanTheTimeoutIsTaken) {
-    TimeoutGuard guard;
-    setDebuggingTimeout(5.0f);
-    CriticalSection section;
-    std::atomic<bool> entered{false};
-    std::thread waiter;
-    {
-        Holder holder(section);
-        waiter = std::thread([&] {
-            ScopedLock lock(section);
-            entered = true;
-        });
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+namespace {
+
+struct AbortCase {
+    const char* what;
+    std::function<void()> body;
+    std::vector<std::string> reports; // parts of what the child writes to standard error
+};
+
+const std::vector<AbortCase>& abortCases() {
+    static const std::vector<AbortCase> cases = {
+        {"lock held elsewhere",
+         [] {
+             setDebuggingTimeout(0.3f);
+             CriticalSection section;
+             Holder holder(section);
+             enterCriticalSection(section);
+         },
+         {"PROGRAM ABORT: EnterCriticalSection() timed out.\n", "threadSafetyWin32.cpp (line 71)"}},
+        {"endless single wait",
+         [] {
+             setDebuggingTimeout(0.2f);
+             Event event;
+             waitForSingleObject(&event, INFINITE_WAIT);
+         },
+         {"PROGRAM ABORT: WaitForSingleObject() timed out.", "(line 100)"}},
+        {"endless multiple wait",
+         [] {
+             setDebuggingTimeout(0.2f);
+             Event a, b;
+             Waitable* handles[2] = {&a, &b};
+             waitForMultipleObjects(2, handles, true, INFINITE_WAIT);
+         },
+         {"PROGRAM ABORT: WaitForMultipleObjects() timed out."}},
+        {"failed wait",
+         [] { waitForSingleObject(nullptr, 10); },
+         {"WaitForSingleObject() failed ; rc=4294967295"}},
+    };
+    return cases;
+}
+
+} // namespace
+
+// Waits that the debugging timeout bounds, and waits that fail, end the program with a report
+// of what timed out and where.
+TEST(Waits, BoundedLocksAndWaitsAndFailedWaitsAbortWithTheirOwnMessages) {
+    for (const AbortCase& abort : abortCases()) {
+        SCOPED_TRACE(abort.what);
+        const auto result = runInChild(abort.body);
+        EXPECT_EQ(result.status, 1);
+        for (const std::string& report : abort.reports)
+            EXPECT_NE(result.errorOutput.find(report), std::string::npos) << result.errorOutput;
     }
-    waiter.join();
-    EXPECT_TRUE(entered);
 }
 
 TEST(Waits, FiniteWaitTimesOutNormallyEvenWithTheDebuggingTimeout) {
@@ -126,36 +153,6 @@ TEST(Waits, FiniteWaitTimesOutNormallyEvenWithTheDebuggingTimeout) {
     EXPECT_EQ(waitForSingleObject(&event, 100), WAIT_TIMEOUT);
     Waitable* both[2] = {&event, &event};
     EXPECT_EQ(waitForMultipleObjects(2, both, false, 100), WAIT_TIMEOUT);
-}
-
-TEST(Waits, BoundedInfiniteWaitsAbortWithTheirOwnMessages) {
-    auto single = runInChild([] {
-        setDebuggingTimeout(0.2f);
-        Event event;
-        waitForSingleObject(&event, INFINITE_WAIT);
-    });
-    EXPECT_EQ(single.status, 1);
-    EXPECT_NE(single.errorOutput.find("PROGRAM ABORT: WaitForSingleObject() timed out."),
-              std::string::npos);
-    EXPECT_NE(single.errorOutput.find("(line 100)"), std::string::npos);
-
-    auto several = runInChild([] {
-        setDebuggingTimeout(0.2f);
-        Event a, b;
-        Waitable* handles[2] = {&a, &b};
-        waitForMultipleObjects(2, handles, true, INFINITE_WAIT);
-    });
-    EXPECT_EQ(several.status, 1);
-    EXPECT_NE(several.errorOutput.find("PROGRAM ABORT: WaitForMultipleObjects() timed out."),
-              std::string::npos);
-}
-
-TEST(Waits, FailedWaitAbortsWithTheResultCode) {
-    auto result = runInChild([] { waitForSingleObject(nullptr, 10); });
-    EXPECT_EQ(result.status, 1);
-    EXPECT_NE(result.errorOutput.find("WaitForSingleObject() failed ; rc=4294967295"),
-              std::string::npos)
-        << result.errorOutput;
 }
 
 TEST(Waits, EventsWakeWaitersAndAutoResetOnesAreConsumed) {
