@@ -32,7 +32,7 @@ Feed sampleFeed(int items) {
 
 } // namespace
 
-TEST(FeedStore, SaveAndLoadRoundTripTheWholeFeed) {
+TEST(FeedStore, RoundTripsAndAShorterFeedDeletesTheOldItemSectionsAndGapsEndTheList) {
     TempDir dir;
     const std::string file = dir.file("c.rss");
     const Feed feed = sampleFeed(3);
@@ -43,16 +43,9 @@ TEST(FeedStore, SaveAndLoadRoundTripTheWholeFeed) {
     Feed expected = feed;
     expected.channel().channelDisplayName = "padded"; // values are trimmed on reading
     EXPECT_EQ(loaded, expected);
-}
-
-TEST(FeedStore, ShorterFeedDeletesTheOldItemSectionsAndGapsEndTheList) {
-    TempDir dir;
-    const std::string file = dir.file("c.rss");
-    sampleFeed(3).save(file, "Last Feed");
     sampleFeed(1).save(file, "Last Feed");
     EXPECT_FALSE(profile::hasSection(file, "Last Feed (2)"));
     EXPECT_FALSE(profile::hasSection(file, "Last Feed (3)"));
-    Feed loaded;
     loaded.load(file, "Last Feed");
     EXPECT_EQ(loaded.itemCount(), 1u);
 
@@ -143,22 +136,4 @@ TEST(ChannelStore, ConfigKeepsTheCacheCopyAndBoundsTheImageSize) {
     again.load(file);
     EXPECT_EQ(again.rssChannelUrl(), config.rssChannelUrl());
     EXPECT_EQ(again.cache(), config.cache());
-}
-
-TEST(ChannelStore, StateBringsTheLastFeedWithIt) {
-    TempDir dir;
-    const std::string file = dir.file("c.rss");
-    ChannelState state;
-    state.setLastFetchTime(1234);
-    state.setHttpETag("\"e\"");
-    state.replaceFeed(std::make_unique<Feed>(sampleFeed(2)));
-    {
-        profile::WriteBatch batch(file);
-        state.save(file);
-    }
-    ChannelState loaded;
-    loaded.load(file);
-    EXPECT_EQ(loaded.lastFetchTime(), 1234);
-    EXPECT_EQ(loaded.httpETag(), "\"e\"");
-    EXPECT_EQ(loaded.feed().itemCount(), 2u);
 }
