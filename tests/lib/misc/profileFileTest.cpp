@@ -6,6 +6,7 @@
 
 #include <csignal>
 #include <set>
+#include <strings.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -54,7 +55,7 @@ TEST(ProfileFile, HandEditedFileFollowsThePlatformRules) {
     EXPECT_EQ(readIniInt(path, "Config", "Empty", 7), 7);
 }
 
-TEST(ProfileFile, WritesKeepCommentsAndUntouchedLinesAndAddKeysToTheirSection) {
+TEST(ProfileFile, WritesKeepCommentsAndUntouchedLinesAndDeletionsTakeEveryOccurrence) {
     TempDir dir;
     const std::string path = dir.file("keep.ini");
     writeFile(path, "; top comment\n[A]\n  x = 1 ; not a comment\n\n[B]\ny=2\n");
@@ -63,11 +64,6 @@ TEST(ProfileFile, WritesKeepCommentsAndUntouchedLinesAndAddKeysToTheirSection) {
     ASSERT_TRUE(writeValue(path, "C", "w", "5"));
     EXPECT_EQ(readFile(path),
               "; top comment\n[A]\n  x = 1 ; not a comment\nz=3\n\n[B]\ny=4\n[C]\nw=5\n");
-}
-
-TEST(ProfileFile, DeletingASectionRemovesEveryOccurrence) {
-    TempDir dir;
-    const std::string path = dir.file("dup.ini");
     writeFile(path, "[S]\na=1\n[T]\nb=2\n[s]\nc=3\n");
     ASSERT_TRUE(deleteSection(path, "S"));
     EXPECT_EQ(readFile(path), "[T]\nb=2\n");
@@ -91,16 +87,12 @@ TEST(ProfileFile, AnotherProcessChangeIsSeenAtTheNextRead) {
     EXPECT_EQ(readValue(path, "S", "k"), "THEIRS");
 }
 
-TEST(ProfileFile, WriteIntoAMissingDirectoryFailsWithAReason) {
+TEST(ProfileFile, FailedWritesGiveAReasonAndBinaryOrUnreadableFilesAreProblems) {
     TempDir dir;
     const std::string path = dir.file("no/such/dir.ini");
     EXPECT_FALSE(writeValue(path, "S", "k", "v"));
     EXPECT_NE(lastWriteError().find(path), std::string::npos) << lastWriteError();
     EXPECT_FALSE(writeValue(dir.file("x.ini"), "S", "k", "two\nlines"));
-}
-
-TEST(ProfileFile, BinaryOrUnreadableFilesAreReportedAsProblems) {
-    TempDir dir;
     EXPECT_EQ(fileProblem(dir.file("missing.ini")), "");
     writeFile(dir.file("good.ini"), "[S]\nk=v\n");
     EXPECT_EQ(fileProblem(dir.file("good.ini")), "");
@@ -278,11 +270,7 @@ public:
     }
     std::optional<std::size_t> indexOf(std::string_view name) const override {
         for (std::size_t i = 0; i < m_count; ++i)
-            if (name.size() == sectionName(i).size() &&
-                std::equal(name.begin(), name.end(), sectionName(i).begin(), [](char a, char b) {
-                    return std::tolower(static_cast<unsigned char>(a)) ==
-                           std::tolower(static_cast<unsigned char>(b));
-                }))
+            if (::strcasecmp(std::string(name).c_str(), sectionName(i).c_str()) == 0)
                 return i;
         return std::nullopt;
     }
