@@ -34,12 +34,15 @@ std::time_t sampleTime() {
     return std::mktime(&local);
 }
 
-// Opens the log on a fresh file with the given switches; restores the defaults afterwards.
+const LogSwitches kNoPrefix{false, false, false, false, false};
+
+// Opens the log on a fresh file with no line prefix; restores the defaults afterwards.
 class LogTest : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_TRUE(log().open(m_dir.file("test.log")));
         log().setMaxFileSize(0);
+        log().setSwitches(kNoPrefix);
     }
     void TearDown() override {
         log().close();
@@ -68,7 +71,7 @@ TEST_F(LogTest, PrefixWithEverySwitchOnAndNoSource) {
 
 TEST_F(LogTest, PrefixFieldsFollowTheirSwitches) {
     const std::time_t when = sampleTime();
-    LogSwitches only{false, false, false, false, false};
+    LogSwitches only = kNoPrefix;
     only.sourceNumber = true;
     log().setSwitches(only);
     EXPECT_EQ(log().formatPrefix("x.cpp", 1, when), "      ");
@@ -95,13 +98,11 @@ TEST_F(LogTest, PrefixFieldsFollowTheirSwitches) {
     EXPECT_EQ(log().formatPrefix(nullptr, 0, when), "         ???:   ??? | ");
     EXPECT_EQ(log().formatPrefix("/src/Makefile", 3, when), "makefile    :000003 | ");
 
-    LogSwitches none{false, false, false, false, false};
-    log().setSwitches(none);
+    log().setSwitches(kNoPrefix);
     EXPECT_EQ(log().formatPrefix("x.cpp", 1, when), "");
 }
 
 TEST_F(LogTest, LinesGoToTheFileWithIndentationAndDisabledGroupsAreSilent) {
-    log().setSwitches(LogSwitches{false, false, false, false, false});
     MsgGroup& on = registerMsgGroup("LogTestOn");
     MsgGroup& off = registerMsgGroup("LogTestOff");
     off.setEnabled(false);
@@ -133,7 +134,6 @@ std::ostream& operator<<(std::ostream& out, const Chatty& chatty) {
 } // namespace
 
 TEST_F(LogTest, EachLineStartsAsAFreshStreamEvenWhenLinesNest) {
-    log().setSwitches(LogSwitches{false, false, false, false, false});
     MsgGroup& on = registerMsgGroup("LogTestNested");
     PELSU_LOG(on, "hex " << std::hex << std::setw(4) << std::setfill('.') << 255);
     PELSU_LOG(on, "outer " << Chatty{&on} << ' ' << 255 << ' ' << 1.0 / 3);
@@ -142,7 +142,6 @@ TEST_F(LogTest, EachLineStartsAsAFreshStreamEvenWhenLinesNest) {
 }
 
 TEST_F(LogTest, StreamBufferAdapterWritesOneLinePerLineBreak) {
-    log().setSwitches(LogSwitches{false, false, false, false, false});
     {
         CMessageLogStreamBuf buffer(nullptr, __FILE__, __LINE__);
         std::ostream out(&buffer);
@@ -152,7 +151,6 @@ TEST_F(LogTest, StreamBufferAdapterWritesOneLinePerLineBreak) {
 }
 
 TEST_F(LogTest, GroupsAreSwitchedFromTheDebugFileWhileRunning) {
-    log().setSwitches(LogSwitches{false, false, false, false, false});
     MsgGroup& group = registerMsgGroup("LogTestSwitched");
     const std::string debugIni = m_dir.file("debug.ini");
     writeFile(debugIni, "[MessageGroups]\nLogTestSwitched=0\n");
@@ -175,7 +173,6 @@ TEST_F(LogTest, GroupsAreSwitchedFromTheDebugFileWhileRunning) {
 }
 
 TEST_F(LogTest, BlocksFromSeveralThreadsStayTogether) {
-    log().setSwitches(LogSwitches{false, false, false, false, false});
     MsgGroup& group = registerMsgGroup("LogTestThreads");
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
@@ -199,7 +196,6 @@ TEST_F(LogTest, BlocksFromSeveralThreadsStayTogether) {
 }
 
 TEST_F(LogTest, FileRollsOverToOneOldFileAtItsSizeLimit) {
-    log().setSwitches(LogSwitches{false, false, false, false, false});
     log().setMaxFileSize(1000);
     for (int i = 0; i < 300; ++i)
         log().writeLine(nullptr, 0, "line number " + std::to_string(i));
@@ -212,7 +208,6 @@ TEST_F(LogTest, FileRollsOverToOneOldFileAtItsSizeLimit) {
 // another thread keeps switching groups: the calls never wait for the lock, and the lines of
 // a group switched back and forth come out whole.
 TEST_F(LogTest, CallsInGroupsThatAreOffNeitherWaitNorRace) {
-    log().setSwitches(LogSwitches{false, false, false, false, false});
     MsgGroup& quiet = registerMsgGroup("LogTestQuiet");
     MsgGroup& flipped = registerMsgGroup("LogTestFlipped");
     quiet.setEnabled(false); // and the switcher's settings keep it off
@@ -288,7 +283,7 @@ TEST(LogFile, LinesWrittenASecondBeforeAKillAreInTheFile) {
     if (child.pid == 0) {
         ::close(ready[0]);
         MsgGroup& group = registerMsgGroup("LogTestKilled");
-        CMessageLog::instance().setSwitches(LogSwitches{false, false, false, false, false});
+        CMessageLog::instance().setSwitches(kNoPrefix);
         CMessageLog::instance().open(path);
         for (int i = 0; i < 20; ++i)
             PELSU_LOG(group, "batch line " << i);
