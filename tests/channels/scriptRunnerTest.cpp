@@ -87,11 +87,16 @@ private:
 
 } // namespace
 
-TEST(ScriptRunner, CommandLinesFollowTheFileTypeTable) {
+// The file-type table gives the command; every path in it stays one argument, however it is
+// quoted in the table and whatever blanks or quotes the path holds.
+TEST(ScriptRunner, CommandLinesFollowTheFileTypeTableAndEveryPathStaysOneArgument) {
     const ScriptSettingsOverride changed([&](ScriptSettings& settings) {
         settings.fileTypeCommands[".py"] = "/opt/py/python \"%1\" %*";
         settings.fileTypeCommands[".pl"] = "perl";
         settings.fileTypeCommands[".x"] = "";
+        settings.fileTypeCommands[".py3"] = "python3 %1 %*";
+        settings.fileTypeCommands[".sh"] = "sh '%1' %*";
+        settings.fileTypeCommands[".rb"] = "ruby -w";
     });
     EXPECT_EQ(buildScriptCommandLine("/s/news.py", "/tmp/cfg"),
               "/opt/py/python \"/s/news.py\" /tmp/cfg");
@@ -104,24 +109,17 @@ TEST(ScriptRunner, CommandLinesFollowTheFileTypeTable) {
               "No application is registered for this file type: .zz");
     EXPECT_EQ(splitCommandLine("a \"b c\" 'd e' f\\ g \"h\\\"i\""),
               (std::vector<std::string>{"a", "b c", "d e", "f g", "h\"i"}));
-}
 
-TEST(ScriptRunner, EveryPathInACommandLineStaysOneArgument) {
-    const ScriptSettingsOverride changed([&](ScriptSettings& settings) {
-        settings.fileTypeCommands[".py"] = "python3 %1 %*";
-        settings.fileTypeCommands[".pl"] = "perl \"%1\" %*";
-        settings.fileTypeCommands[".sh"] = "sh '%1' %*";
-        settings.fileTypeCommands[".rb"] = "ruby -w";
-    });
     const std::string config = "/tmp/t m p/cfg";
     const auto arguments = [&](const std::string& scriptPath) {
         return splitCommandLine(buildScriptCommandLine(scriptPath, config));
     };
     using Args = std::vector<std::string>;
-    EXPECT_EQ(arguments("/a b/x.py"), (Args{"python3", "/a b/x.py", config}));
-    EXPECT_EQ(arguments("/a \"b\"\\/x.pl"), (Args{"perl", "/a \"b\"\\/x.pl", config}));
+    EXPECT_EQ(arguments("/a b/x.py3"), (Args{"python3", "/a b/x.py3", config}));
+    EXPECT_EQ(arguments("/a \"b\"\\/x.py"), (Args{"/opt/py/python", "/a \"b\"\\/x.py", config}));
     EXPECT_EQ(arguments("/it's here/x.sh"), (Args{"sh", "/it's here/x.sh", config}));
     EXPECT_EQ(arguments("/a b/x.rb"), (Args{"ruby", "-w", "/a b/x.rb", config}));
+    EXPECT_EQ(arguments("/a b/x.pl"), (Args{"perl", "/a b/x.pl", config}));
     EXPECT_EQ(arguments("/a b/Main.class"), (Args{"java", "-cp", "/a b", "Main", config}));
 }
 
