@@ -43,23 +43,27 @@ protected:
         profile::writeIniString(channelFile, "Config", "ScriptFilename", m_dir.file("news.sh"));
         profile::writeIniString(channelFile, "ChannelParameters", "Topic", "science");
     }
-    std::vector<std::string> update(const std::string& scriptText,
-                                    const std::string& downloadUrl = "") {
+    // Writes the script and the DownloadUrl parameter.
+    void prepare(const std::string& scriptText, const std::string& downloadUrl = "") {
         writeFile(m_dir.file("news.sh"), scriptText);
         ::chmod(m_dir.file("news.sh").c_str(), 0755);
         profile::writeIniString(m_dir.file("Channels/plug.plugin"), "ChannelParameters",
                                 "DownloadUrl", downloadUrl);
+    }
+    // One update of the channel by a manager of its own; the lines it raised.
+    std::vector<std::string> update(const std::string& scriptText) {
+        prepare(scriptText);
         ChannelManagerOptions options;
         options.scriptTimeoutSeconds = 1;
         ChannelManager manager(m_dir.file("Channels"), options);
-        Collector collector;
-        manager.addListener(&collector);
+        manager.addListener(&m_collector);
         manager.loadChannels();
         manager.updateChannel(*manager.findChannel("plug"), true);
         manager.stop();
-        manager.removeListener(&collector);
-        return collector.lines;
+        manager.removeListener(&m_collector);
+        return std::exchange(m_collector.lines, {});
     }
+    Collector m_collector;
     TempDir m_dir;
 };
 
@@ -105,29 +109,25 @@ TEST_F(PluginChannelTest, DownloadIsHandedToTheScriptA304SkipsItAndOtherStatuses
     const std::string script =
         "file=$(sed -n 's/^DownloadUrlFile=//p' \"$1\")\n"
         "echo \"<rss><channel><item><guid>$(cat \"$file\")</guid></item></channel></rss>\"\n";
-    const std::string url = "http://127.0.0.2:" + std::to_string(server.port()) + "/data";
+    const std::string url = server.url("/data");
+    prepare(script, url);
     ChannelManagerOptions options;
     options.net.honourUrlPort = true;
-    writeFile(m_dir.file("news.sh"), script);
-    ::chmod(m_dir.file("news.sh").c_str(), 0755);
-    profile::writeIniString(m_dir.file("Channels/plug.plugin"), "ChannelParameters", "DownloadUrl",
-                            url);
     ChannelManager manager(m_dir.file("Channels"), options);
-    Collector collector;
-    manager.addListener(&collector);
+    manager.addListener(&m_collector);
     manager.loadChannels();
     Channel& channel = *manager.findChannel("plug");
     manager.updateChannel(channel, true);
-    EXPECT_EQ(collector.lines, (std::vector<std::string>{"new downloaded-item"}));
-    collector.lines.clear();
+    EXPECT_EQ(m_collector.lines, (std::vector<std::string>{"new downloaded-item"}));
+    m_collector.lines.clear();
     channel.state().feed().setFeedTime(1); // no longer a first fetch: the request is conditional
     manager.updateChannel(channel, true);
-    EXPECT_TRUE(collector.lines.empty()) << collector.lines.front();
+    EXPECT_TRUE(m_collector.lines.empty()) << m_collector.lines.front();
     profile::writeIniString(m_dir.file("Channels/plug.plugin"), "ChannelParameters", "DownloadUrl",
                             url + "/gone");
     manager.updateChannel(channel, true);
-    EXPECT_EQ(collector.lines, (std::vector<std::string>{"Can't update the feed. Feed update "
-                                                         "error: HTTP 404 Not Found"}));
+    EXPECT_EQ(m_collector.lines, (std::vector<std::string>{"Can't update the feed. Feed update "
+                                                           "error: HTTP 404 Not Found"}));
     manager.stop();
-    manager.removeListener(&collector);
+    manager.removeListener(&m_collector);
 }
