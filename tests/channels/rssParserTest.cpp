@@ -89,8 +89,13 @@ TEST(RssParser, Rss1ItemsAreSiblingsOfTheChannelAndNamesIgnoreCase) {
     expected.channel().channelHomeUrl = "http://one/";
     expected.appendItem(item("http://one/a", "A", "http://one/a"));
     EXPECT_EQ(*feed, expected);
-    // A lower-case root is accepted too.
-    EXPECT_EQ(parse("<rss><channel><item><guid>x</guid></item></channel></rss>")->itemCount(), 1u);
+    // A lower-case root is accepted too; an image's title and link are not the channel's.
+    const auto image = parse("<rss><channel><title>Real</title><image><title>Logo</title>"
+                             "<link>http://logo/</link></image><item><guid>g</guid></item>"
+                             "</channel></rss>");
+    EXPECT_EQ(image->itemCount(), 1u);
+    EXPECT_EQ(image->channel().channelDisplayName, "Real");
+    EXPECT_EQ(image->channel().channelHomeUrl, "");
 }
 
 TEST(RssParser, ItemLimitKeepsTheFirstItemsInDocumentOrder) {
@@ -120,21 +125,6 @@ TEST(RssParser, TitlesAreMadeFromDescriptions) {
                             "&lt;b&gt;Bold&lt;/b&gt; news</description></item></channel></rss>");
     EXPECT_EQ(feed->item(0).title, "Bold  news");
     EXPECT_EQ(feed->item(0).description, "<b>Bold</b> news");
-}
-
-TEST(RssParser, CleanUpDecodesOneLevelOfEntitiesLeniently) {
-    const auto feed = parse("<rss><channel><item><guid>g</guid><title>A &amp;lt; B &amp;copy; "
-                            "C &amp;amplifier</title></item></channel></rss>");
-    EXPECT_EQ(feed->item(0).title, "A < B &copy; C &lifier");
-    EXPECT_EQ(cleanFeedText("  line one\r\nline two  "), "line one  line two");
-}
-
-TEST(RssParser, ImageTitleDoesNotChangeTheChannelTitle) {
-    const auto feed = parse("<rss><channel><title>Real</title><image><title>Logo</title>"
-                            "<link>http://logo/</link></image><item><guid>g</guid></item>"
-                            "</channel></rss>");
-    EXPECT_EQ(feed->channel().channelDisplayName, "Real");
-    EXPECT_EQ(feed->channel().channelHomeUrl, "");
 }
 
 TEST(RssParser, LeadingBinaryBytesAreSkippedOnTheRetryWhenAllowed) {
@@ -228,7 +218,7 @@ TEST(RssParser, FeedsBeyondTheItemAndNestingLimitsAreRefusedWithTheirMessages) {
     EXPECT_EQ(parse(feedOf(5, 50), 0, limits)->itemCount(), 6u);
 }
 
-TEST(RssParser, CleanUpTrimsBeforeDecodingAndBlanksEveryLineBreak) {
+TEST(RssParser, CleanUpTrimsBeforeDecodingOneLevelAndBlanksEveryLineBreak) {
     // An encoded blank at either end survives the trim; line breaks inside entity names stop
     // them matching, whichever order the steps run in.
     EXPECT_EQ(cleanFeedText(" \t&nbsp;A\r\n&amp;B&nbsp; \n"), " A  &B ");
@@ -236,10 +226,14 @@ TEST(RssParser, CleanUpTrimsBeforeDecodingAndBlanksEveryLineBreak) {
     const std::string xs(100, 'x');
     const std::string ys(100, 'y');
     EXPECT_EQ(cleanFeedText(xs + "&lt;" + ys + "\n&amp"), xs + "<" + ys + " &");
-    // A carriage return can only come from a character reference.
+    EXPECT_EQ(cleanFeedText("  line one\r\nline two  "), "line one  line two");
+    // A carriage return can only come from a character reference; one level of entities is
+    // decoded, leniently.
     const auto feed = parse("<rss><channel><item><guid>g</guid><title>A&#13;B&#10;C</title>"
-                            "</item></channel></rss>");
+                            "</item><item><guid>h</guid><title>A &amp;lt; B &amp;copy; "
+                            "C &amp;amplifier</title></item></channel></rss>");
     EXPECT_EQ(feed->item(0).title, "A B C");
+    EXPECT_EQ(feed->item(1).title, "A < B &copy; C &lifier");
 }
 
 TEST(RssParser, OneParserReadsFeedsInTurnWithoutCarryingFieldsOver) {

@@ -58,15 +58,6 @@ TEST(ExpatParser, TextIsLatin1WithAQuestionMarkPerUtf16Unit) {
     EXPECT_EQ(out, "\xA0\xFF?");
 }
 
-TEST(ExpatParser, TextIsKeptUntilTheNextStartTag) {
-    Recorder parser;
-    const std::string xml = "<root><x><title>a</title>tail</x></root>";
-    parser.parse(xml.data(), xml.size());
-    EXPECT_EQ(parser.seen[0], "hook title");
-    // The parent's text at its end is its last child's text plus its own trailing text.
-    EXPECT_EQ(parser.characterData(), "atail");
-}
-
 TEST(ExpatParser, FailuresCarryCodeLineAndColumnAfterEarlierHandlersRan) {
     Recorder parser;
     const std::string xml = "<root>\n<title>ok</title>\n  <a></b></root>";
@@ -151,7 +142,8 @@ const expat::ElementHandler Dispatcher::kTable[] = {
     {expat::kEndOfTable, nullptr, nullptr},
 };
 
-// Moves the text of each LEAF into its field; PARENT and ROOT read the text at their end.
+// Moves the text of each LEAF into its field; PARENT and ROOT read the text at their end, which
+// is the text since the last start tag: the last child's text and the parent's own after it.
 class Mover : public expat::Parser {
 public:
     Mover() : expat::Parser(kTable) {}
