@@ -12,7 +12,7 @@
 
 using namespace app;
 using testing_support::Gate;
-using testing_support::readFile;
+using testing_support::logTexts;
 using testing_support::TempDir;
 namespace fs = std::filesystem;
 
@@ -76,16 +76,6 @@ Application::Options optionsFor(const TempDir& home) {
 // The user directory of a home, created as a first start creates it.
 std::string userDirOf(const TempDir& home) {
     return findEnvironment(home.path().string(), programDir()).paths.userDir;
-}
-
-// The texts of the log's lines (after " | "), in order.
-std::vector<std::string> logTexts(const std::string& logFile) {
-    std::vector<std::string> texts;
-    std::istringstream lines(readFile(logFile));
-    for (std::string line; std::getline(lines, line);)
-        if (const auto bar = line.find(" | "); bar != std::string::npos)
-            texts.push_back(line.substr(bar + 3));
-    return texts;
 }
 
 const std::vector<std::string> kShutdownLines = {
@@ -153,18 +143,6 @@ TEST(Application, ASecondStartShowsTheRunningOneAndGoesNoFurther) {
               Application::StartResult::HandedToRunningInstance);
     EXPECT_TRUE(firstFrontEnd.shown.wait());
     EXPECT_TRUE(secondFrontEnd.calls().empty());
-
-    // pelsu-cli run does not raise a window: it says that Pelsu runs.
-    Application third;
-    Application::Options options = optionsFor(home);
-    options.showRunningInstance = false;
-    try {
-        third.start(secondFrontEnd, options);
-        ADD_FAILURE() << "a second run started";
-    } catch (const StartupError& refused) {
-        EXPECT_NE(std::string(refused.what()).find("Pelsu is already running"), std::string::npos)
-            << refused.what();
-    }
 }
 
 TEST(Application, AllowMultipleInstancesLetsBothRunAndNeitherServesTheOther) {

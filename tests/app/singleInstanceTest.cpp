@@ -49,33 +49,27 @@ int waitForStop(std::stop_token stop) {
 
 } // namespace
 
-TEST(SingleInstance, OneHolderAtATimeAndTheLockGoesWithItsHolder) {
-    TempDir dir;
-    const std::string userDir = dir.path().string();
-    auto first = SingleInstance::tryLock(userDir);
-    ASSERT_TRUE(first);
-    EXPECT_FALSE(SingleInstance::tryLock(userDir));
-    first->serve([] {}, noCommands);
-    EXPECT_EQ(fs::status(SingleInstance::socketPath(userDir)).permissions() & fs::perms::all,
-              fs::perms::owner_read | fs::perms::owner_write);
-    first.reset();
-    EXPECT_FALSE(fs::exists(SingleInstance::socketPath(userDir)));
-    EXPECT_FALSE(sendShowYourself(userDir)) << "nobody serves any more";
-    EXPECT_TRUE(SingleInstance::tryLock(userDir));
-}
-
-TEST(SingleInstance, AUserDirectoryTooDeepForASocketAddressIsServedAllTheSame) {
+// A user directory too deep for a socket address is served all the same.
+TEST(SingleInstance, OneHolderAtATimeServesAndTheLockGoesWithItsHolder) {
     TempDir dir;
     const fs::path deep = dir.path() / std::string(60, 'd') / std::string(60, 'e');
     fs::create_directories(deep);
-    Gate shown;
-    auto running = SingleInstance::tryLock(deep.string());
-    ASSERT_TRUE(running);
-    running->serve([&] { shown.open(); }, noCommands);
-    EXPECT_TRUE(sendShowYourself(deep.string()));
-    EXPECT_TRUE(shown.wait());
-    running.reset();
-    EXPECT_FALSE(fs::exists(SingleInstance::socketPath(deep.string())));
+    for (const std::string& userDir : {dir.path().string(), deep.string()}) {
+        SCOPED_TRACE(userDir);
+        Gate shown;
+        auto first = SingleInstance::tryLock(userDir);
+        ASSERT_TRUE(first);
+        EXPECT_FALSE(SingleInstance::tryLock(userDir));
+        first->serve([&] { shown.open(); }, noCommands);
+        EXPECT_EQ(fs::status(SingleInstance::socketPath(userDir)).permissions() & fs::perms::all,
+                  fs::perms::owner_read | fs::perms::owner_write);
+        EXPECT_TRUE(sendShowYourself(userDir));
+        EXPECT_TRUE(shown.wait());
+        first.reset();
+        EXPECT_FALSE(fs::exists(SingleInstance::socketPath(userDir)));
+        EXPECT_FALSE(sendShowYourself(userDir)) << "nobody serves any more";
+        EXPECT_TRUE(SingleInstance::tryLock(userDir));
+    }
 }
 
 TEST(SingleInstance, ASecondStartShowsTheRunningInstanceOrIsRefused) {

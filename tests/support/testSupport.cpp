@@ -15,6 +15,25 @@ namespace testing_support {
 
 std::filesystem::path binaryDir() { return PELSU_BINARY_DIR; }
 
+std::string pelsuCli() { return (binaryDir() / "cli" / "pelsu-cli").string(); }
+
+std::string rssFeed(const std::string& ids, const std::string& itemTitle) {
+    std::string text = "<rss><channel><title>T " + ids + "</title><link>http://t/</link>";
+    for (char id : ids)
+        text += std::string("<item><guid>") + id + "</guid><title>" + itemTitle + " " + id +
+                "</title></item>";
+    return text + "</channel></rss>";
+}
+
+std::vector<std::string> logTexts(const std::string& logFile) {
+    std::vector<std::string> texts;
+    std::istringstream lines(readFile(logFile));
+    for (std::string line; std::getline(lines, line);)
+        if (const auto bar = line.find(" | "); bar != std::string::npos)
+            texts.push_back(line.substr(bar + 3));
+    return texts;
+}
+
 TempDir::TempDir() {
     std::string pattern = (std::filesystem::temp_directory_path() / "pelsu-test-XXXXXX").string();
     if (!::mkdtemp(pattern.data()))

@@ -7,6 +7,7 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <vector>
 
 namespace testing_support {
 
@@ -31,6 +32,14 @@ void writeFile(const std::string& path, const std::string& text);
 std::filesystem::path sourceDir();
 // The build directory (for the programs under test, such as pelsu-cli).
 std::filesystem::path binaryDir();
+// The pelsu-cli program of the build.
+std::string pelsuCli();
+
+// An RSS feed titled "T <ids>" with one item per character of ids, guid the character and
+// title "<itemTitle> <character>".
+std::string rssFeed(const std::string& ids, const std::string& itemTitle = "Item");
+// The texts of a log file's lines (what follows " | "), in order.
+std::vector<std::string> logTexts(const std::string& logFile);
 
 // Runs body in a forked child; returns its exit status (or 128 + signal) and what it wrote to
 // standard error.
@@ -78,6 +87,7 @@ public:
     LoopbackPort(const LoopbackPort&) = delete;
     LoopbackPort& operator=(const LoopbackPort&) = delete;
     int port() const { return m_port; }
+    int fd() const { return m_fd; }
 
 private:
     int m_fd = -1;

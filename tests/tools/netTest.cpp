@@ -41,62 +41,89 @@ struct Result {
     std::string body;
 };
 
-Result fetch(InternetSession& session, const std::string& url, std::string* lastModified,
-             std::string* etag, bool force = false) {
+Result fetch(InternetSession& session, const std::string& url, std::string* lastModified = nullptr,
+             std::string* etag = nullptr, bool force = false) {
     Result result;
     readUrl(session, url, lastModified, etag, force, &result.status, &result.text, result.body);
     return result;
 }
 
-std::string failureOf(InternetSession& session, const std::string& url) {
+std::string failureOf(InternetSession& session, const std::string& url,
+                      const tools::DownloadRules& rules = {}) {
     try {
-        fetch(session, url, nullptr, nullptr);
+        std::string body;
+        readUrl(session, url, nullptr, nullptr, false, nullptr, nullptr, body, rules);
     } catch (const tools::Exception& failure) {
         return failure.what();
     }
     return "no failure";
 }
 
-// A server that answers conditional requests and records the validators it was sent.
+// A server that answers conditional requests and records the headers it was last sent.
 class ConditionalServer {
 public:
     ConditionalServer() {
         m_server.server().Get("/feed", [this](const httplib::Request& req, httplib::Response& res) {
             std::lock_guard guard(m_mutex);
-            m_sentSince = req.get_header_value("If-Modified-Since");
-            m_sentMatch = req.get_header_value("If-None-Match");
-            m_sentPragma = req.get_header_value("Pragma");
-            if (m_sentMatch == "\"v1\"" || m_sentSince == "Mon, 01 Jan 2024 00:00:00 GMT") {
+            m_sent = req.headers;
+            if (req.get_header_value("If-None-Match") == "\"v1\"" ||
+                req.get_header_value("If-Modified-Since") == "Mon, 01 Jan 2024 00:00:00 GMT") {
                 res.status = 304;
                 return;
             }
             res.set_header("Last-Modified", "Mon, 01 Jan 2024 00:00:00 GMT");
-            if (m_withETag)
+            if (withETag)
                 res.set_header("ETag", "\"v1\"");
             res.set_content("<rss/>", "application/rss+xml");
         });
         m_server.start();
     }
     std::string url() const { return m_server.url("/feed"); }
-    void setWithETag(bool with) { m_withETag = with; }
-    std::string sentSince() {
+    // The value of a header of the last request ("" when it had none).
+    std::string sent(const std::string& name) {
         std::lock_guard guard(m_mutex);
-        return m_sentSince;
+        const auto found = m_sent.find(name);
+        return found == m_sent.end() ? "" : found->second;
     }
-    std::string sentMatch() {
-        std::lock_guard guard(m_mutex);
-        return m_sentMatch;
-    }
-    std::string sentPragma() {
-        std::lock_guard guard(m_mutex);
-        return m_sentPragma;
-    }
+    std::atomic<bool> withETag{true};
 
 private:
     TestHttpServer m_server;
     std::mutex m_mutex;
-    std::string m_sentSince, m_sentMatch, m_sentPragma;
-    std::atomic<bool> m_withETag{true};
+    httplib::Headers m_sent;
+};
+
+// A plain server: /feed, a page that is missing, a redirect to a large body, numbered feeds.
+class ReadUrlServer : public ::testing::Test {
+protected:
+    void SetUp() override {
+        auto& server = m_server.server();
+        server.Get("/feed", [](const httplib::Request&, httplib::Response& res) {
+            res.set_content("<rss/>", "text/xml");
+        });
+        server.Get("/missing", [](const httplib::Request&, httplib::Response& res) {
+            res.status = 404;
+            res.set_content("no such page", "text/plain");
+        });
+        server.Get("/old", [](const httplib::Request&, httplib::Response& res) {
+            res.set_redirect("/new");
+        });
+        server.Get("/new", [this](const httplib::Request& req, httplib::Response& res) {
+            m_askedForGzip =
+                req.get_header_value("Accept-Encoding").find("gzip") != std::string::npos;
+            res.set_header("ETag", "\"new\"");
+            res.set_content(std::string(20000, 'x'), "text/xml");
+        });
+        server.Get(R"(/f/(\d+))", [](const httplib::Request& req, httplib::Response& res) {
+            res.set_content("feed " + req.matches[1].str(), "text/plain");
+        });
+        ASSERT_TRUE(m_server.start());
+    }
+    std::string url(const std::string& path) const { return m_server.url(path); }
+
+    TestHttpServer m_server;
+    std::atomic<bool> m_askedForGzip{false};
+    InternetSession m_session{"pelsu-test", honouringPort()};
 };
 
 } // namespace
@@ -114,8 +141,8 @@ TEST(ReadUrl, ConditionalRequestsCarryAndReturnTheValidators) {
 
     // Both validators go out; a 304 keeps them and has an empty body.
     Result second = fetch(session, server.url(), &lastModified, &etag);
-    EXPECT_EQ(server.sentSince(), "Mon, 01 Jan 2024 00:00:00 GMT");
-    EXPECT_EQ(server.sentMatch(), "\"v1\"");
+    EXPECT_EQ(server.sent("If-Modified-Since"), "Mon, 01 Jan 2024 00:00:00 GMT");
+    EXPECT_EQ(server.sent("If-None-Match"), "\"v1\"");
     EXPECT_EQ(second.status, 304);
     EXPECT_EQ(second.text, "Not Modified");
     EXPECT_EQ(second.body, "");
@@ -124,33 +151,61 @@ TEST(ReadUrl, ConditionalRequestsCarryAndReturnTheValidators) {
 
     // A forced download sends neither and asks caches to reload.
     Result forced = fetch(session, server.url(), &lastModified, &etag, true);
-    EXPECT_EQ(server.sentSince(), "");
-    EXPECT_EQ(server.sentMatch(), "");
-    EXPECT_EQ(server.sentPragma(), "no-cache");
+    EXPECT_EQ(server.sent("If-Modified-Since"), "");
+    EXPECT_EQ(server.sent("If-None-Match"), "");
+    EXPECT_EQ(server.sent("Pragma"), "no-cache");
     EXPECT_EQ(forced.status, 200);
 
     // A 200 without an ETag empties the stored one.
-    server.setWithETag(false);
+    server.withETag = false;
     etag = "\"old\"";
     lastModified.clear();
     EXPECT_EQ(fetch(session, server.url(), &lastModified, &etag).status, 200);
     EXPECT_EQ(etag, "");
 }
 
-TEST(ReadUrl, ErrorStatusesAreResultsWithTheServersPage) {
-    TestHttpServer server;
-    server.server().Get("/missing", [](const httplib::Request&, httplib::Response& res) {
-        res.status = 404;
-        res.set_content("no such page", "text/plain");
-    });
-    ASSERT_TRUE(server.start());
-    InternetSession session("pelsu-test", honouringPort());
+TEST_F(ReadUrlServer, ErrorStatusesAreResultsWithTheServersPage) {
     std::string etag = "\"keep\"";
-    Result result = fetch(session, server.url("/missing"), nullptr, &etag);
+    Result result = fetch(m_session, url("/missing"), nullptr, &etag);
     EXPECT_EQ(result.status, 404);
     EXPECT_EQ(result.text, "Not Found");
     EXPECT_EQ(result.body, "no such page");
     EXPECT_EQ(etag, "\"keep\"");
+}
+
+TEST_F(ReadUrlServer, RedirectsAreFollowedAndCompressedBodiesDecoded) {
+    std::string etag;
+    Result result = fetch(m_session, url("/old"), nullptr, &etag);
+    EXPECT_EQ(result.status, 200);
+    EXPECT_EQ(result.body, std::string(20000, 'x'));
+    EXPECT_EQ(etag, "\"new\"") << "the validators are those of the final response";
+    EXPECT_TRUE(m_askedForGzip);
+}
+
+TEST_F(ReadUrlServer, AddressesWithoutASchemeAreRefusedAndOtherSchemesGoAsHttp) {
+    const std::string hostAndPort = "127.0.0.1:" + std::to_string(m_server.port());
+    EXPECT_EQ(failureOf(m_session, hostAndPort + "/feed"),
+              "Can't parse URL: " + hostAndPort + "/feed");
+    EXPECT_EQ(failureOf(m_session, "feeds.example.org/rss"),
+              "Can't parse URL: feeds.example.org/rss");
+    EXPECT_EQ(fetch(m_session, "ftp://" + hostAndPort + "/feed").body, "<rss/>");
+    EXPECT_EQ(fetch(m_session, "FEED://" + hostAndPort + "/feed").body, "<rss/>");
+}
+
+TEST_F(ReadUrlServer, ManyThreadsShareOneSession) {
+    std::vector<std::thread> threads;
+    std::atomic<int> good{0};
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 25; ++i) {
+                const std::string n = std::to_string(t * 100 + i);
+                if (fetch(m_session, url("/f/" + n)).body == "feed " + n)
+                    ++good;
+            }
+        });
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(good, 100);
 }
 
 TEST(ReadUrl, ByDefaultEveryRequestGoesToPortEightyAsPlainHttp) {
@@ -161,29 +216,8 @@ TEST(ReadUrl, ByDefaultEveryRequestGoesToPortEightyAsPlainHttp) {
     if (!server.start(80))
         GTEST_SKIP() << "binding 127.0.0.93:80 was refused (the test needs root)";
     InternetSession session("pelsu-test");
-    EXPECT_EQ(fetch(session, "http://127.0.0.93:8080/feed", nullptr, nullptr).body, "from port 80");
-    EXPECT_EQ(fetch(session, "https://127.0.0.93/feed", nullptr, nullptr).body, "from port 80");
-}
-
-TEST(ReadUrl, RedirectsAreFollowedAndCompressedBodiesDecoded) {
-    TestHttpServer server;
-    std::atomic<bool> askedForGzip{false};
-    const std::string text(20000, 'x');
-    server.server().Get(
-        "/old", [](const httplib::Request&, httplib::Response& res) { res.set_redirect("/new"); });
-    server.server().Get("/new", [&](const httplib::Request& req, httplib::Response& res) {
-        askedForGzip = req.get_header_value("Accept-Encoding").find("gzip") != std::string::npos;
-        res.set_header("ETag", "\"new\"");
-        res.set_content(text, "text/xml");
-    });
-    ASSERT_TRUE(server.start());
-    InternetSession session("pelsu-test", honouringPort());
-    std::string etag;
-    Result result = fetch(session, server.url("/old"), nullptr, &etag);
-    EXPECT_EQ(result.status, 200);
-    EXPECT_EQ(result.body, text);
-    EXPECT_EQ(etag, "\"new\"") << "the validators are those of the final response";
-    EXPECT_TRUE(askedForGzip);
+    EXPECT_EQ(fetch(session, "http://127.0.0.93:8080/feed").body, "from port 80");
+    EXPECT_EQ(fetch(session, "https://127.0.0.93/feed").body, "from port 80");
 }
 
 TEST(ReadUrl, LimitsEndStalledAndOversizedDownloads) {
@@ -259,11 +293,11 @@ TEST(ReadUrl, LocalFilesReadAsOkAndOnlyRegularFilesWithinTheLimit) {
     EXPECT_EQ(plain.text, "OK");
     EXPECT_EQ(plain.body, "<rss>local</rss>");
     EXPECT_EQ(etag, "\"untouched\"");
-    EXPECT_EQ(fetch(session, "file://" + file, nullptr, nullptr).body, "<rss>local</rss>");
-    EXPECT_EQ(fetch(session, "file:" + dir.file("feed%20with%20blank.xml"), nullptr, nullptr).body,
+    EXPECT_EQ(fetch(session, "file://" + file).body, "<rss>local</rss>");
+    EXPECT_EQ(fetch(session, "file:" + dir.file("feed%20with%20blank.xml")).body,
               "<rss>local</rss>");
     std::filesystem::create_symlink(file, dir.file("link.xml"));
-    EXPECT_EQ(fetch(session, dir.file("link.xml"), nullptr, nullptr).body, "<rss>local</rss>");
+    EXPECT_EQ(fetch(session, dir.file("link.xml")).body, "<rss>local</rss>");
     EXPECT_EQ(failureOf(session, "file://" + dir.file("missing.xml")),
               "Can't open file: " + dir.file("missing.xml"));
     // A directory named by a file: address can't be opened; a plain path naming one is no
@@ -289,35 +323,11 @@ TEST(ReadUrl, LocalFilesReadAsOkAndOnlyRegularFilesWithinTheLimit) {
               "The download is larger than the limit of 10 bytes: " + file);
 }
 
-TEST(ReadUrl, AddressesWithoutASchemeAreRefusedAndOtherSchemesGoAsHttp) {
-    TestHttpServer server;
-    server.server().Get("/feed", [](const httplib::Request&, httplib::Response& res) {
-        res.set_content("<rss/>", "text/xml");
-    });
-    ASSERT_TRUE(server.start());
-    InternetSession session("pelsu-test", honouringPort());
-    const std::string port = std::to_string(server.port());
-    EXPECT_EQ(failureOf(session, "127.0.0.1:" + port + "/feed"),
-              "Can't parse URL: 127.0.0.1:" + port + "/feed");
-    EXPECT_EQ(failureOf(session, "feeds.example.org/rss"),
-              "Can't parse URL: feeds.example.org/rss");
-    EXPECT_EQ(fetch(session, "ftp://127.0.0.1:" + port + "/feed", nullptr, nullptr).body, "<rss/>");
-    EXPECT_EQ(fetch(session, "FEED://127.0.0.1:" + port + "/feed", nullptr, nullptr).body,
-              "<rss/>");
-}
-
 TEST(ReadUrl, AReplyThatIsNotHttpIsABrokenResponse) {
     // A server of another protocol: it greets and hangs up.
-    const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), length), 0);
-    ASSERT_EQ(::listen(listener, 4), 0);
-    ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
-    std::thread greeter([listener] {
-        const int client = ::accept(listener, nullptr, nullptr);
+    const testing_support::LoopbackPort listener(true);
+    std::thread greeter([&listener] {
+        const int client = ::accept(listener.fd(), nullptr, nullptr);
         const char greeting[] = "SSH-2.0-OpenSSH_9.2\r\nProtocol mismatch.\r\n";
         if (client >= 0) {
             (void)::write(client, greeting, sizeof greeting - 1);
@@ -329,10 +339,9 @@ TEST(ReadUrl, AReplyThatIsNotHttpIsABrokenResponse) {
         }
     });
     InternetSession session("pelsu-test", honouringPort());
-    const std::string url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/";
+    const std::string url = "http://127.0.0.1:" + std::to_string(listener.port()) + "/";
     EXPECT_EQ(failureOf(session, url), "Can't read the HTTP response: " + url);
     greeter.join();
-    ::close(listener);
 }
 
 TEST(ReadUrl, AWholeTransferTimeLimitEndsATrickle) {
@@ -382,21 +391,14 @@ TEST(ReadUrl, DownloadsForWebPagesNeverConnectToThisComputer) {
     tools::DownloadRules forWebPage;
     forWebPage.remoteOnly = true;
     const auto failure = [&](const std::string& url) {
-        try {
-            std::string body;
-            readUrl(session, url, nullptr, nullptr, false, nullptr, nullptr, body, forWebPage);
-        } catch (const tools::Exception& e) {
-            return std::string(e.what());
-        }
-        return std::string("no failure");
+        return failureOf(session, url, forWebPage);
     };
     std::string body;
     readUrl(session, elsewhere.url("/feed"), nullptr, nullptr, false, nullptr, nullptr, body,
             forWebPage);
     EXPECT_EQ(body, "<rss/>");
     // The redirect is followed for the user's own channels, never for a web page's.
-    readUrl(session, elsewhere.url("/moved"), nullptr, nullptr, false, nullptr, nullptr, body);
-    EXPECT_EQ(body, "secret");
+    EXPECT_EQ(fetch(session, elsewhere.url("/moved")).body, "secret");
     EXPECT_EQ(hits.exchange(0), 1);
     EXPECT_EQ(failure(elsewhere.url("/moved")),
               "A channel that a web page added may not fetch from this computer (127.0.0.1): " +
@@ -449,30 +451,8 @@ TEST(ReadUrl, SimplePathReportsOkAndLeavesTheValidatorsAlone) {
     EXPECT_EQ(result.status, 200);
     EXPECT_EQ(result.text, "OK");
     EXPECT_EQ(result.body, "<rss/>");
-    EXPECT_EQ(server.sentMatch(), "") << "the simple path sends no validators";
+    EXPECT_EQ(server.sent("If-None-Match"), "") << "the simple path sends no validators";
     EXPECT_EQ(etag, "\"v1\"");
-}
-
-TEST(ReadUrl, ManyThreadsShareOneSession) {
-    TestHttpServer server;
-    server.server().Get(R"(/f/(\d+))", [](const httplib::Request& req, httplib::Response& res) {
-        res.set_content("feed " + req.matches[1].str(), "text/plain");
-    });
-    ASSERT_TRUE(server.start());
-    InternetSession session("pelsu-test", honouringPort());
-    std::vector<std::thread> threads;
-    std::atomic<int> good{0};
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < 25; ++i) {
-                const std::string n = std::to_string(t * 100 + i);
-                if (fetch(session, server.url("/f/" + n), nullptr, nullptr).body == "feed " + n)
-                    ++good;
-            }
-        });
-    for (auto& thread : threads)
-        thread.join();
-    EXPECT_EQ(good, 100);
 }
 
 TEST(LastSystemErrorText, GivesTheErrorsTextOrItsNumber) {
