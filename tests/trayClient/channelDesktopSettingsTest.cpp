@@ -1,3 +1,5 @@
+// A channel's desktop settings on disk: every key, the numbered viewed list and its log lines,
+// the table that marks and saves them, a corrupt file kept aside, and channel names.
 #include "trayClient/channelDesktopSettings.h"
 
 #include "lib/misc/iniValues.h"
@@ -66,24 +68,18 @@ TEST_F(DesktopSettingsTest, EveryKeyRoundTripsAndAnyNonZeroFlagIsTrue) {
 }
 
 TEST_F(DesktopSettingsTest, AGapOrAnEmptyValueEndsTheViewedList) {
-    ChannelDesktopSettings settings;
-    ASSERT_TRUE(settings.load(file("[ViewedFeedItems]\nViewedFeedItemId-1=a\n"
-                                   "ViewedFeedItemId-3=c\n"),
-                              "News"));
-    EXPECT_EQ(settings.viewedItems, (std::set<std::string>{"a"}));
-
-    ASSERT_TRUE(settings.load(file("[ViewedFeedItems]\nViewedFeedItemId-1=a\n"
-                                   "ViewedFeedItemId-2=b\nViewedFeedItemId-4=d\n"),
-                              "News"));
-    EXPECT_EQ(settings.viewedItems, (std::set<std::string>{"a", "b"}));
-
-    ASSERT_TRUE(settings.load(file("[ViewedFeedItems]\nViewedFeedItemId-1=\n"
-                                   "ViewedFeedItemId-2=b\nViewedFeedItemId-3=c\n"),
-                              "News"));
-    EXPECT_TRUE(settings.viewedItems.empty());
-    // Leading zeros are not the plain number.
-    ASSERT_TRUE(settings.load(file("[ViewedFeedItems]\nViewedFeedItemId-01=a\n"), "News"));
-    EXPECT_TRUE(settings.viewedItems.empty());
+    const std::pair<const char*, std::set<std::string>> cases[] = {
+        {"ViewedFeedItemId-1=a\nViewedFeedItemId-3=c\n", {"a"}},
+        {"ViewedFeedItemId-1=a\nViewedFeedItemId-2=b\nViewedFeedItemId-4=d\n", {"a", "b"}},
+        {"ViewedFeedItemId-1=\nViewedFeedItemId-2=b\nViewedFeedItemId-3=c\n", {}},
+        {"ViewedFeedItemId-01=a\n", {}}, // leading zeros are not the plain number
+    };
+    for (const auto& [keys, expected] : cases) {
+        SCOPED_TRACE(keys);
+        ChannelDesktopSettings settings;
+        ASSERT_TRUE(settings.load(file(std::string("[ViewedFeedItems]\n") + keys), "News"));
+        EXPECT_EQ(settings.viewedItems, expected);
+    }
 }
 
 TEST_F(DesktopSettingsTest, SaveNumbersWithoutGapsAndRemovesKeysOfALongerList) {

@@ -14,7 +14,6 @@
 #include "trayClient/webPane.h"
 
 #include <QCoreApplication>
-#include <QDesktopServices>
 #include <QKeyEvent>
 #include <QLabel>
 #include <QResizeEvent>
@@ -26,6 +25,7 @@
 #include <filesystem>
 
 using namespace trayClient;
+using client_testing::UrlCatcher;
 using client_testing::waitFor;
 using testing_support::readFile;
 using testing_support::TempDir;
@@ -45,27 +45,6 @@ constexpr bool kAddressSanitizer = false;
 #else
 constexpr bool kAddressSanitizer = false;
 #endif
-
-// Takes the links the window opens instead of a browser.
-class UrlCatcher : public QObject {
-    Q_OBJECT
-public:
-    UrlCatcher() {
-        for (const QString& scheme : m_schemes)
-            QDesktopServices::setUrlHandler(scheme, this, "open");
-    }
-    ~UrlCatcher() override {
-        for (const QString& scheme : m_schemes)
-            QDesktopServices::unsetUrlHandler(scheme);
-    }
-    QStringList urls;
-
-public slots:
-    void open(const QUrl& url) { urls << url.toString(); }
-
-private:
-    QStringList m_schemes{"http", "https", "ftp", "file"};
-};
 
 struct Item {
     std::string id, title, link, date;
@@ -378,5 +357,3 @@ int main(int argc, char** argv) {
     CWebPane::prepareEngineEnvironment();
     return client_testing::runClientTests(argc, argv);
 }
-
-#include "channelFrameTest.moc"

@@ -66,23 +66,6 @@ TEST(MainFrame, LinesFromTheWorkerReachTheirPanesAndEachPaneKeepsOnlyItsNewest) 
     EXPECT_TRUE(errors[1].endsWith("error 5 second part"));
 }
 
-TEST(MainFrame, TheEndOfAnUpdateReturnsOnceTheUiThreadHandledIt) {
-    CMainFrame frame;
-    frame.attach();
-    QStringList ended;
-    QObject::connect(&frame, &CMainFrame::channelUpdateEnded,
-                     [&](const QString& id) { ended << id; });
-    std::atomic<bool> returned{false};
-    std::thread worker([&] {
-        frame.endChannelUpdate("news");
-        returned = true;
-    });
-    ASSERT_TRUE(waitFor([&] { return returned.load(); }));
-    worker.join();
-    EXPECT_EQ(ended, QStringList{"news"});
-    EXPECT_EQ(frame.channelUpdatesSeen(), 1);
-}
-
 TEST(MainFrame, DetachingReleasesAWaitingWorkerAndLaterCallsReturnAtOnce) {
     CMainFrame frame;
     frame.attach();

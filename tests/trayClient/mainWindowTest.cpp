@@ -35,21 +35,13 @@
 #include <thread>
 
 namespace fs = std::filesystem;
+using client_testing::storyFeed;
 using client_testing::waitFor;
 using testing_support::TempDir;
 using testing_support::writeFile;
 using namespace trayClient;
 
 namespace {
-
-std::string rss(const std::string& title, const std::vector<std::string>& ids) {
-    std::string text = "<?xml version=\"1.0\"?><rss version=\"2.0\"><channel><title>" + title +
-                       "</title><link>http://example.com/</link><description>d</description>";
-    for (const auto& id : ids)
-        text += "<item><title>Story " + id + "</title><link>http://example.com/" + id +
-                "</link><guid>http://example.com/" + id + "</guid></item>";
-    return text + "</channel></rss>";
-}
 
 // Options whose channel colours can't be mistaken for the defaults: red for channels that
 // update automatically, blue for the others.
@@ -87,7 +79,7 @@ class MainWindowTest : public ::testing::Test {
 protected:
     MainWindowTest() {
         m_web.server().Get("/news", [this](const httplib::Request&, httplib::Response& answer) {
-            answer.set_content(rss("Local news", m_items), "application/rss+xml");
+            answer.set_content(storyFeed("Local news", m_items), "application/rss+xml");
         });
         EXPECT_TRUE(m_web.start());
         fs::create_directories(m_channelsDir);
@@ -218,7 +210,7 @@ TEST_F(MainWindowTest, AFailingChannelIsMarkedWithItsErrorUntilAnUpdateSucceeds)
         << brief.toStdString();
     EXPECT_TRUE(centre.channelToolTip("broken").contains("missing.xml"));
 
-    writeFile(m_dir.file("missing.xml"), rss("Found", {"x"}));
+    writeFile(m_dir.file("missing.xml"), storyFeed("Found", {"x"}));
     update();
     EXPECT_TRUE(row("broken")->icon(0).isNull());
     EXPECT_TRUE(row("broken")->toolTip(0).isEmpty());

@@ -1,3 +1,5 @@
+// The notification queue: its order (errors first, then animating channels' news), its limit,
+// the requests dropped when their turn comes, consolidation, what clicks do, and the log lines.
 #include "trayClient/notificationRequest.h"
 
 #include "lib/misc/profileFile.h"
@@ -104,17 +106,6 @@ TEST_F(QueueTest, AtTheLimitANewRequestIsDiscardedAndTheWaitingOnesStay) {
     }
 }
 
-TEST_F(QueueTest, AnErrorQueuedAfterTenNewItemsIsShownFirst) {
-    for (int n = 0; n < 10; ++n)
-        m_queue.queue(item("a", std::to_string(n)));
-    m_queue.queue(error("late"));
-    const auto texts = shown();
-    ASSERT_EQ(texts.size(), 11u);
-    EXPECT_EQ(texts[0], "[ErrorNotificationRequest:Channel c:late]");
-    for (int n = 0; n < 10; ++n)
-        EXPECT_EQ(texts[static_cast<std::size_t>(n) + 1], itemText("a", std::to_string(n)));
-}
-
 TEST_F(QueueTest, AnAnimatingChannelsRequestJumpsAFullQueue) {
     m_settings.change("loud", [](ChannelDesktopSettings& s) { s.animateOnNewItem = true; });
     m_queue.setMaxLength(2);
@@ -126,26 +117,22 @@ TEST_F(QueueTest, AnAnimatingChannelsRequestJumpsAFullQueue) {
                                                  itemText("a", "1"), itemText("a", "2")}));
 }
 
-TEST_F(QueueTest, AnItemViewedBeforeItsTurnIsNeverShown) {
+// An item viewed meanwhile, and the news of a channel whose notifications were turned off,
+// are dropped when their turn comes; the channel's errors are still shown.
+TEST_F(QueueTest, RequestsNoLongerWantedAreDroppedWhenTheirTurnComes) {
     m_queue.queue(item("a", "1"));
     m_queue.queue(item("a", "2"));
-    m_settings.markViewed("a", "1");
-    EXPECT_EQ(shown(), std::vector<std::string>{itemText("a", "2")});
-    EXPECT_EQ(m_log.linesStartingWith({"Feed item has already been viewed"}),
-              std::vector<std::string>{
-                  "Feed item has already been viewed - abandoning processing: feedItemId=1"});
-}
-
-TEST_F(QueueTest, AChannelWithNotificationsOffShowsNoNewItemsButItsErrors) {
-    m_settings.change("c", [](ChannelDesktopSettings& s) { s.notifyOnNewItem = false; });
     m_queue.queue(item("c", "1"));
     m_queue.queue(error("still shown"));
-    m_queue.queue(item("b", "1"));
+    m_settings.markViewed("a", "1");
+    m_settings.change("c", [](ChannelDesktopSettings& s) { s.notifyOnNewItem = false; });
     EXPECT_EQ(shown(), (std::vector<std::string>{"[ErrorNotificationRequest:Channel c:still shown]",
-                                                 itemText("b", "1")}));
-    EXPECT_EQ(m_log.linesStartingWith({"Notification balloons"}),
-              std::vector<std::string>{
-                  "Notification balloons have been disabled - abandoning processing."});
+                                                 itemText("a", "2")}));
+    EXPECT_EQ(
+        m_log.linesStartingWith({"Feed item has already been viewed", "Notification balloons"}),
+        (std::vector<std::string>{
+            "Feed item has already been viewed - abandoning processing: feedItemId=1",
+            "Notification balloons have been disabled - abandoning processing."}));
 }
 
 TEST_F(QueueTest, AConsolidatingChannelsItemsMergeWhileOtherChannelsStayApart) {

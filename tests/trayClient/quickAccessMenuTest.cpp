@@ -11,26 +11,12 @@
 #include "trayClient/notificationPresenter.h"
 
 #include <QAction>
-#include <QDesktopServices>
-#include <QUrl>
 
 #include <gtest/gtest.h>
 
 using namespace trayClient;
 
 namespace {
-
-// Takes the links the menu opens instead of a browser.
-class UrlCatcher : public QObject {
-    Q_OBJECT
-public:
-    UrlCatcher() { QDesktopServices::setUrlHandler("http", this, "open"); }
-    ~UrlCatcher() override { QDesktopServices::unsetUrlHandler("http"); }
-    QStringList urls;
-
-public slots:
-    void open(const QUrl& url) { urls << url.toString(); }
-};
 
 QStringList texts(const QMenu& menu) {
     QStringList result;
@@ -78,7 +64,7 @@ protected:
     channels::ChannelManager manager{dir.path().string(), {}};
     ChannelDesktopSettingsTable settings{dir.path().string()};
     CNotificationActions actions{settings, nullptr};
-    UrlCatcher browser;
+    client_testing::UrlCatcher browser;
 };
 
 } // namespace
@@ -166,5 +152,3 @@ TEST_F(QuickAccessMenuTest, CommandsReachTheClient) {
 }
 
 int main(int argc, char** argv) { return client_testing::runClientTests(argc, argv); }
-
-#include "quickAccessMenuTest.moc"

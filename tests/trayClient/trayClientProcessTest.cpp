@@ -3,6 +3,7 @@
 // exit status 1.
 #include "app/startup.h"
 #include "tests/support/testSupport.h"
+#include "tests/trayClient/support/clientTestSupport.h"
 
 #include <gtest/gtest.h>
 
@@ -10,7 +11,6 @@
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
-#include <fstream>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <thread>
@@ -24,20 +24,6 @@ using testing_support::writeFile;
 extern char** environ;
 
 namespace {
-
-const char* const kShutdownLines[] = {
-    "ExitInstance() called.",
-    "Un-installing the mouse hook.",
-    "Stopping the local port listeners.",
-    "Cleaning up ChannelDesktopSettings table.",
-    "Un-installing ourself as an event handler.",
-    "Stopping the local channel manager.",
-    "Deleting the local channel manager.",
-    "Destroying the MMF handle.",
-    "Unloading the RichEdit DLL.",
-    "Shutting down BCG.",
-    "Unloading BlackBox.",
-};
 
 // A pelsu process with the given environment changes; its standard error goes to a file.
 class ClientProcess {
@@ -144,7 +130,7 @@ protected:
     void expectShutdownLinesInOrder() {
         std::string text = log();
         std::size_t at = 0;
-        for (const char* line : kShutdownLines) {
+        for (const std::string& line : client_testing::kShutdownLines) {
             std::size_t found = text.find(line, at);
             ASSERT_NE(found, std::string::npos) << "missing after position " << at << ": " << line;
             at = found;
@@ -157,39 +143,29 @@ protected:
 
 } // namespace
 
-TEST_F(ClientProcessTest, SigtermEndsItWithTheElevenShutdownLinesAndStatusZero) {
-    auto client = launch(home.file("stderr"));
-    ASSERT_TRUE(waitForLog("The tray icon is shown.")) << readFile(home.file("stderr"));
-    client->signal(SIGTERM);
-    EXPECT_EQ(client->wait(), 0);
-    expectShutdownLinesInOrder();
+TEST_F(ClientProcessTest, SigtermAndSigintEndItWithTheElevenShutdownLinesAndStatusZero) {
+    for (int number : {SIGTERM, SIGINT}) {
+        SCOPED_TRACE(number);
+        fs::remove_all(userDir / "Logs");
+        auto client = launch(home.file("stderr"));
+        ASSERT_TRUE(waitForLog("The tray icon is shown.")) << readFile(home.file("stderr"));
+        client->signal(number);
+        EXPECT_EQ(client->wait(), 0);
+        expectShutdownLinesInOrder();
+    }
 }
 
-TEST_F(ClientProcessTest, SigintEndsItTheSameWay) {
-    auto client = launch(home.file("stderr"));
-    ASSERT_TRUE(waitForLog("The tray icon is shown."));
-    client->signal(SIGINT);
-    EXPECT_EQ(client->wait(), 0);
-    expectShutdownLinesInOrder();
-}
-
-TEST_F(ClientProcessTest, ASecondStartRaisesTheFirstAndExitsZero) {
+// A second start hands over to the first and exits 0: without arguments it raises the main
+// window; with a feed's address (from a browser) the running one opens its wizard with it, and
+// still ends cleanly with the wizard open.
+TEST_F(ClientProcessTest, ASecondStartHandsOverToTheFirstAndExitsZero) {
     auto first = launch(home.file("stderr1"));
     ASSERT_TRUE(waitForLog("The tray icon is shown."));
     auto second = launch(home.file("stderr2"));
     EXPECT_EQ(second->wait(), 0) << readFile(home.file("stderr2"));
     EXPECT_TRUE(waitForLog("Another start asked for the main window."));
-    first->signal(SIGTERM);
-    EXPECT_EQ(first->wait(), 0);
-}
-
-// A browser hands a feed's address to a new start; the running one opens its wizard with it,
-// and still ends cleanly with the wizard open.
-TEST_F(ClientProcessTest, ASecondStartWithAnAddressOpensTheWizardInTheFirst) {
-    auto first = launch(home.file("stderr1"));
-    ASSERT_TRUE(waitForLog("The tray icon is shown."));
-    auto second = launch(home.file("stderr2"), "feed:https://example.org/news.xml");
-    EXPECT_EQ(second->wait(), 0) << readFile(home.file("stderr2"));
+    auto third = launch(home.file("stderr3"), "feed:https://example.org/news.xml");
+    EXPECT_EQ(third->wait(), 0) << readFile(home.file("stderr3"));
     EXPECT_TRUE(waitForLog("The new-channel wizard was asked for: https://example.org/news.xml"));
     first->signal(SIGTERM);
     EXPECT_EQ(first->wait(), 0);

@@ -14,21 +14,21 @@
 #include "trayClient/trayIcon.h"
 
 #include <QCoreApplication>
-#include <QDesktopServices>
 #include <QMessageBox>
 #include <QTimer>
-#include <QUrl>
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <future>
 #include <sstream>
 #include <thread>
 
 namespace fs = std::filesystem;
 using client_testing::FakeNotificationServer;
+using client_testing::kShutdownLines;
+using client_testing::storyFeed;
+using client_testing::UrlCatcher;
 using client_testing::waitFor;
 using testing_support::readFile;
 using testing_support::TempDir;
@@ -36,29 +36,6 @@ using testing_support::writeFile;
 using trayClient::CTrayClientApp;
 
 namespace {
-
-const std::vector<std::string> kShutdownLines = {
-    "ExitInstance() called.",
-    "Un-installing the mouse hook.",
-    "Stopping the local port listeners.",
-    "Cleaning up ChannelDesktopSettings table.",
-    "Un-installing ourself as an event handler.",
-    "Stopping the local channel manager.",
-    "Deleting the local channel manager.",
-    "Destroying the MMF handle.",
-    "Unloading the RichEdit DLL.",
-    "Shutting down BCG.",
-    "Unloading BlackBox.",
-};
-
-std::string feed(const std::vector<std::string>& ids) {
-    std::string text = "<?xml version=\"1.0\"?><rss version=\"2.0\"><channel><title>Local "
-                       "news</title><link>http://example.com/</link><description>d</description>";
-    for (const auto& id : ids)
-        text += "<item><title>Story " + id + "</title><link>http://example.com/" + id +
-                "</link><guid>http://example.com/" + id + "</guid></item>";
-    return text + "</channel></rss>";
-}
 
 // Waits without running the event loop, as the UI thread does while it shuts down.
 bool waitWithoutEvents(const std::function<bool()>& condition) {
@@ -94,16 +71,6 @@ showUntil(FakeNotificationServer& server,
 bool isPluginError(const FakeNotificationServer::Notification& shown) {
     return shown.summary.startsWith("Plugin ");
 }
-
-class UrlCatcher : public QObject {
-    Q_OBJECT
-public:
-    UrlCatcher() { QDesktopServices::setUrlHandler("http", this, "open"); }
-    ~UrlCatcher() override { QDesktopServices::unsetUrlHandler("http"); }
-    QStringList urls;
-public slots:
-    void open(const QUrl& url) { urls << url.toString(); }
-};
 
 // A user directory made beforehand (so no default channel), with its options and channels.
 class ClientFixture : public ::testing::Test {
@@ -164,7 +131,7 @@ TEST_F(ClientFixture, GreetsThroughTheNotificationServerAndLogsTheElevenShutdown
 
 TEST_F(ClientFixture, EachNewItemIsNotifiedInTurnAndAClickOpensItsLink) {
     TempDir feeds;
-    writeFile(feeds.file("local.xml"), feed({"a", "b"}));
+    writeFile(feeds.file("local.xml"), storyFeed("Local news", {"a", "b"}));
     addChannel("Local", feeds.file("local.xml"));
     FakeNotificationServer server;
     UrlCatcher browser;
@@ -208,7 +175,7 @@ TEST_F(ClientFixture, EachNewItemIsNotifiedInTurnAndAClickOpensItsLink) {
 
 TEST_F(ClientFixture, ShutDownReleasesAWorkerThatWaitsForTheUiAtTheEndOfItsUpdate) {
     TempDir feeds;
-    writeFile(feeds.file("local.xml"), feed({"c"}));
+    writeFile(feeds.file("local.xml"), storyFeed("Local news", {"c"}));
     addChannel("Local", feeds.file("local.xml"));
     ASSERT_TRUE(start());
     // The UI thread runs no events from here on, so the worker stays in the hand-off.
@@ -227,7 +194,7 @@ TEST_F(ClientFixture, ShutDownDuringADownloadWaitsForTheUpdateAndKeepsIt) {
     web.server().Get("/feed", [&](const httplib::Request&, httplib::Response& response) {
         requested.open();
         release.wait(std::chrono::seconds(20));
-        response.set_content(feed({"d", "e"}), "application/rss+xml");
+        response.set_content(storyFeed("Local news", {"d", "e"}), "application/rss+xml");
     });
     ASSERT_TRUE(web.start());
     // Addresses of 127.0.0.1 are the program's own plugin server; "localhost" is not.
@@ -293,5 +260,3 @@ TEST_F(ClientFixture, ShutDownReleasesAListenerWaitingForTheUsersAnswerToASubscr
 }
 
 int main(int argc, char** argv) { return client_testing::runClientTests(argc, argv); }
-
-#include "trayClientTest.moc"

@@ -6,6 +6,7 @@
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDeadlineTimer>
+#include <QDesktopServices>
 #include <QThread>
 
 #include <gtest/gtest.h>
@@ -127,6 +128,43 @@ bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds l
     }
     return true;
 }
+
+namespace {
+const QStringList kCaughtSchemes{"http", "https", "ftp", "file"};
+} // namespace
+
+UrlCatcher::UrlCatcher() {
+    for (const QString& scheme : kCaughtSchemes)
+        QDesktopServices::setUrlHandler(scheme, this, "open");
+}
+
+UrlCatcher::~UrlCatcher() {
+    for (const QString& scheme : kCaughtSchemes)
+        QDesktopServices::unsetUrlHandler(scheme);
+}
+
+std::string storyFeed(const std::string& title, const std::vector<std::string>& ids) {
+    std::string text = "<?xml version=\"1.0\"?><rss version=\"2.0\"><channel><title>" + title +
+                       "</title><link>http://example.com/</link><description>d</description>";
+    for (const auto& id : ids)
+        text += "<item><title>Story " + id + "</title><link>http://example.com/" + id +
+                "</link><guid>http://example.com/" + id + "</guid></item>";
+    return text + "</channel></rss>";
+}
+
+const std::vector<std::string> kShutdownLines = {
+    "ExitInstance() called.",
+    "Un-installing the mouse hook.",
+    "Stopping the local port listeners.",
+    "Cleaning up ChannelDesktopSettings table.",
+    "Un-installing ourself as an event handler.",
+    "Stopping the local channel manager.",
+    "Deleting the local channel manager.",
+    "Destroying the MMF handle.",
+    "Unloading the RichEdit DLL.",
+    "Shutting down BCG.",
+    "Unloading BlackBox.",
+};
 
 FakeNotificationServer::FakeNotificationServer() {
     static int counter = 0;

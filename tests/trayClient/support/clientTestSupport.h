@@ -1,10 +1,12 @@
 // What the desktop client's tests share: a session bus of their own, a notification server of
-// their own on it, and waits that keep the Qt event loop running.
+// their own on it, waits that keep the Qt event loop running, a catcher for the links the
+// client opens, a small feed and the shut-down's log lines.
 #pragma once
 
 #include <QObject>
 #include <QString>
 #include <QStringList>
+#include <QUrl>
 #include <QVariantMap>
 
 #include <chrono>
@@ -26,6 +28,25 @@ QString busAddress();
 // Runs the event loop until the condition holds or the limit passes; returns the condition.
 bool waitFor(const std::function<bool()>& condition,
              std::chrono::milliseconds limit = std::chrono::seconds(10));
+
+// Takes the links the client opens (web, ftp and local files) instead of the desktop's opener.
+class UrlCatcher : public QObject {
+    Q_OBJECT
+public:
+    UrlCatcher();
+    ~UrlCatcher() override;
+    QStringList urls;
+
+public slots:
+    void open(const QUrl& url) { urls << url.toString(); }
+};
+
+// An RSS feed titled title whose items "Story <id>" link to and are known by
+// http://example.com/<id>.
+std::string storyFeed(const std::string& title, const std::vector<std::string>& ids);
+
+// The client's shut-down steps as its log writes them, in their order.
+extern const std::vector<std::string> kShutdownLines;
 
 // A notification server that records what it is asked to show. It owns
 // org.freedesktop.Notifications on the private bus from construction to destruction, over a
