@@ -36,12 +36,9 @@ public:
 // The user sees the texts of the steps that have their own ("Can't create a new directory for
 // user:", "Couldn't load the global options."); any other failure is an initialization failure.
 StartupError stepFailed(const std::exception& failure) {
-    const std::string text = failure.what();
-    for (const char* own :
-         {"Can't create a new directory for user:", "Couldn't load the global options."})
-        if (text.rfind(own, 0) == 0)
-            return StartupError(text);
-    return StartupError("Initialization failed.\n\n" + text);
+    if (const auto* own = dynamic_cast<const StartupError*>(&failure))
+        return *own;
+    return StartupError(std::string("Initialization failed.\n\n") + failure.what());
 }
 
 int localHour() {
@@ -103,7 +100,7 @@ bool Application::Impl::takeUserDirectory(const Options& options) {
         instance = std::move(claim.instance);
         return !claim.shownOther;
     } catch (const std::exception& failure) {
-        throw StartupError(failure.what());
+        throw stepFailed(failure);
     }
 }
 

@@ -17,13 +17,6 @@ namespace app {
 
 class SingleInstance;
 
-// A start-up step failed: the message is the one the user sees (for example "Couldn't load
-// the global options.\n\n" and the reason, or "Initialization failed.\n\n" and the reason).
-class StartupError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
-
 // What a front end adds to start-up and shut-down. Every hook runs on the thread that calls
 // Application::start or Application::shutDown, except showMainWindow (see there). The commands
 // that pelsu-cli hands over run on threads of the single instance, on the manager, without a

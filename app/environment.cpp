@@ -3,6 +3,8 @@
 #include "channels/appPluginManager.h"
 #include "channels/exception.h"
 #include "channels/internal/scriptRunner.h"
+#include "lib/misc/iniValues.h"
+#include "tools/net.h"
 
 #include <filesystem>
 
@@ -45,7 +47,12 @@ void openEnvironment(Environment& environment) {
     std::string problem;
     if (!environment.options.load(environment.paths.configFile, environment.paths.globalIniFile,
                                   &problem))
-        throw channels::Exception("Couldn't load the global options.\n\n" + problem);
+        throw StartupError("Couldn't load the global options.\n\n" + problem);
+    // The simple fetch path is chosen by the debugging switch or by the same key among the
+    // global options.
+    if (profile::readIniInt(environment.paths.configFile, "Global Options", "DisableHttpHeaders",
+                            0) != 0)
+        tools::setUseHttpHeaders(false);
     channels::ScriptSettings scripts = channels::scriptSettings();
     scripts.appServerPort = environment.options.appServerPortNo;
     scripts.appPluginServerPort = environment.options.appPluginServerPortNo;

@@ -23,8 +23,8 @@ struct Environment {
 // Throws channels::Exception with a message for the user.
 Environment findEnvironment(const std::string& home, const std::string& programDir = "");
 // The steps after the single-instance check: the debug settings, the message log, the global
-// options and the script settings. Throws channels::Exception with a message for the user
-// ("Couldn't load the global options.\n\n" and the reason).
+// options and the script settings. Throws StartupError with a message for the user
+// ("Couldn't load the global options.\n\n" and the reason) or channels::Exception.
 void openEnvironment(Environment& environment);
 // All of the above, and the published system values.
 Environment startEnvironment(const std::string& home);

@@ -148,8 +148,11 @@ const char* const kScriptFileTypesSection = "Script File Types";
 const char* const kAssociationsSection = "Scripting File Associations";
 
 void loadScriptFileTypes(GlobalOptions& options, const std::string& globalIniFile) {
-    options.scriptFileTypes.clear();
-    for (const std::string& name : profile::listIniKeys(globalIniFile, kScriptFileTypesSection))
+    const std::vector<std::string> names =
+        profile::listIniKeys(globalIniFile, kScriptFileTypesSection);
+    if (!names.empty()) // else the built-in list stands
+        options.scriptFileTypes.clear();
+    for (const std::string& name : names)
         options.scriptFileTypes.emplace_back(
             name, profile::readIniString(globalIniFile, kScriptFileTypesSection, name));
     for (const std::string& extension : profile::listIniKeys(globalIniFile, kAssociationsSection)) {

@@ -102,8 +102,12 @@ public:
     // File extension (with its dot) to command template ("%1" the script, "%*" its
     // arguments), from global.ini; always holds ".class".
     std::map<std::string, std::string> scriptFileTypeCommands{{".class", "java %1 %*"}};
-    // The named file types and their extensions, from global.ini.
-    std::vector<std::pair<std::string, std::string>> scriptFileTypes;
+    // The named file types and their extensions, from global.ini; the built-in list when it
+    // names none.
+    std::vector<std::pair<std::string, std::string>> scriptFileTypes = {{"Executables", ".exe"},
+                                                                        {"Python scripts", ".py"},
+                                                                        {"Perl scripts", ".pl"},
+                                                                        {"Java scripts", ".class"}};
 
     // Reads every key (missing ones keep their defaults). Returns false only when a file
     // exists but can't be read, with the reason in problem when one is given.

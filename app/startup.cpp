@@ -126,8 +126,8 @@ bool prepareUserDirectory(const AppPaths& paths) {
         fs::create_directories(paths.channelsDir);
         fs::create_directories(paths.logsDir);
     } catch (const std::exception& failure) {
-        throw Exception("Can't create a new directory for user: " + paths.userName + " (" +
-                        failure.what() + ")");
+        throw StartupError("Can't create a new directory for user: " + paths.userName,
+                           failure.what());
     }
     return isNew;
 }

@@ -3,9 +3,24 @@
 // the published system values.
 #pragma once
 
+#include <stdexcept>
 #include <string>
 
 namespace app {
+
+// A start-up step failed. The message is the one the user is told, exactly (for example
+// "Couldn't load the global options.\n\n" and the reason, or "Initialization failed.\n\n" and
+// the reason); detail, when not empty, says more (the system's reason) where the user can
+// look it up without changing the message.
+class StartupError : public std::runtime_error {
+public:
+    explicit StartupError(const std::string& message, std::string detail = {})
+        : std::runtime_error(message), m_detail(std::move(detail)) {}
+    const std::string& detail() const noexcept { return m_detail; }
+
+private:
+    std::string m_detail;
+};
 
 // Where everything lives.
 struct AppPaths {

@@ -118,11 +118,18 @@ void AppPluginManager::loadPluginFile(const std::string& path, const std::string
         replaced = std::move(slot); // a later file with the same id replaces the earlier
         slot = std::move(plugin);
     } catch (const std::exception& failure) {
-        PELSU_LOG(pluginLoadGroup(), "Plugin didn't load: " << failure.what());
-        const std::string message = "Can't load the plugin " + name + ": " + failure.what();
-        AppPluginErrorEvent event(std::time(nullptr), plugin.get(), message);
-        raise(event);
+        reportLoadFailure(name, plugin.get(), failure.what());
+    } catch (...) { // a library plugin may throw anything: the scan goes on all the same
+        reportLoadFailure(name, plugin.get(), "unknown error");
     }
+}
+
+void AppPluginManager::reportLoadFailure(const std::string& name, AppPlugin* plugin,
+                                         const std::string& reason) {
+    PELSU_LOG(pluginLoadGroup(), "Plugin didn't load: " << reason);
+    AppPluginErrorEvent event(std::time(nullptr), plugin,
+                              "Can't load the plugin " + name + ": " + reason);
+    raise(event);
 }
 
 AppPlugin* AppPluginManager::findAppPlugin(const std::string& id) const {

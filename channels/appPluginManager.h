@@ -55,6 +55,8 @@ protected:
 
 private:
     void loadPluginFile(const std::string& path, const std::string& name);
+    // Logs "Plugin didn't load:" and raises the plugin error event.
+    void reportLoadFailure(const std::string& name, AppPlugin* plugin, const std::string& reason);
     // True the first time a directory (by device and inode) is met in this load.
     bool firstVisit(const std::string& dir);
 

@@ -16,12 +16,17 @@ Channel::~Channel() = default;
 
 void Channel::changeLoopbackPort(int, int) {}
 
-std::string Channel::name() const {
+std::string Channel::ownName() const {
     std::string name = config().preferredChannelDisplayName();
     if (name.empty() && state().isFeedLoaded())
         name = state().feed().channel().channelDisplayName;
     if (name.empty())
         name = config().cache().channelDisplayName;
+    return name;
+}
+
+std::string Channel::name() const {
+    std::string name = ownName();
     return name.empty() ? "<Unknown>" : name;
 }
 

@@ -48,6 +48,8 @@ public:
     // The display name: the user's name for the channel, else the feed's title, else
     // "<Unknown>".
     std::string name() const;
+    // The same name, empty when the channel has none.
+    std::string ownName() const;
     // <channels directory>/<id><extension>.
     std::string fileName() const;
     // The path of the channel's log file for a suffix such as ".parse".

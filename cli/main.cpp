@@ -1,5 +1,6 @@
 // pelsu-cli: the headless front end of the Pelsu channel engine.
 
+#include "app/startup.h"
 #include "cli/commands.h"
 #include "cli/engine.h"
 
@@ -66,6 +67,12 @@ int main(int argc, char** argv) {
             std::cerr << "pelsu-cli " << command.name << ": " << mistake.what() << "\n"
                       << "usage: pelsu-cli " << command.name << ' ' << command.usage << '\n';
             return cli::kExitUsage;
+        } catch (const app::StartupError& failure) {
+            // The step's own message, then the system's reason on a line of its own.
+            std::cerr << "pelsu-cli: " << cli::toUtf8(failure.what()) << '\n';
+            if (!failure.detail().empty())
+                std::cerr << "pelsu-cli: " << cli::toUtf8(failure.detail()) << '\n';
+            return cli::kExitFailure;
         } catch (const std::exception& failure) {
             std::cerr << "pelsu-cli: " << cli::toUtf8(failure.what()) << '\n';
             return cli::kExitFailure;

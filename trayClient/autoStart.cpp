@@ -31,13 +31,14 @@ std::string execArgument(const std::string& argument) {
     return quoted + "\"";
 }
 
-std::string failure(const char* what, bool enable, const std::string& path,
-                    const std::string& reason) {
+// The user's message keeps the program's own words (the entry stands where the run key of
+// other systems does); which file and why go with it apart.
+AutoStartProblem failure(const char* what, bool enable, const std::string& path,
+                         const std::string& reason) {
     std::ostringstream message;
-    message << "Couldn't " << what << " to " << (enable ? "enable" : "disable")
-            << " auto-start.\n\n"
-            << path << ": " << reason << kAdvice;
-    return message.str();
+    message << "Couldn't " << what << " the registry to " << (enable ? "enable" : "disable")
+            << " auto-start." << kAdvice;
+    return {message.str(), path + ": " + reason};
 }
 
 } // namespace
@@ -65,18 +66,19 @@ std::string autostartEntry(const std::string& program, const std::vector<std::st
            "X-GNOME-Autostart-enabled=true\n";
 }
 
-std::string applyAutoStart(bool enable, const std::string& directory, const std::string& program,
-                           const std::vector<std::string>& arguments) {
+AutoStartProblem applyAutoStart(bool enable, const std::string& directory,
+                                const std::string& program,
+                                const std::vector<std::string>& arguments) {
     fs::path file = fs::path(directory) / kEntryName;
     std::error_code error;
     if (!enable) {
         if (!fs::remove(file, error) && error)
-            return failure("remove the autostart entry", false, file.string(), error.message());
-        return "";
+            return failure("update", false, file.string(), error.message());
+        return {};
     }
     fs::create_directories(directory, error);
     if (error)
-        return failure("open the autostart folder", true, directory, error.message());
+        return failure("open", true, directory, error.message());
     // Written beside the entry and renamed over it, so the desktop never reads half an entry.
     fs::path temporary = file;
     temporary += ".new";
@@ -87,16 +89,16 @@ std::string applyAutoStart(bool enable, const std::string& directory, const std:
         if (!out) {
             std::string reason = std::strerror(errno);
             fs::remove(temporary, error);
-            return failure("update the autostart entry", true, file.string(), reason);
+            return failure("update", true, file.string(), reason);
         }
     }
     fs::rename(temporary, file, error);
     if (error) {
         std::string reason = error.message();
         fs::remove(temporary, error);
-        return failure("update the autostart entry", true, file.string(), reason);
+        return failure("update", true, file.string(), reason);
     }
-    return "";
+    return {};
 }
 
 } // namespace trayClient

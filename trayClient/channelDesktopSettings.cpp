@@ -147,7 +147,7 @@ std::vector<ChannelRef> channelsInDirectory(const std::string& channelsDir) {
         if (name.empty())
             name = profile::readIniString(file, "Last Feed", "ChannelDisplayName");
         const std::string id = entry.path().stem().string();
-        channels.push_back({id, name.empty() ? id : name});
+        channels.push_back({id, name});
     }
     std::sort(channels.begin(), channels.end(),
               [](const ChannelRef& a, const ChannelRef& b) { return a.id < b.id; });

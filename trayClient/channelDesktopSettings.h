@@ -69,7 +69,7 @@ struct ChannelRef {
 };
 
 // The channels whose files lie in a channels directory (".rss" and ".plugin"), in id order,
-// each named as the channel's configuration names it (else by its id).
+// each named as the channel's configuration names it (empty when it names none).
 std::vector<ChannelRef> channelsInDirectory(const std::string& channelsDir);
 
 // The ids of the items in a channel's current feed (taken under the feed's lock): what a save

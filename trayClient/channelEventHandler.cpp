@@ -58,14 +58,12 @@ ChannelEventHandler::ChannelEventHandler(ClientWindow& window, NotificationReque
       m_clock(clock ? std::move(clock) : Clock([] { return std::time(nullptr); })) {}
 
 void ChannelEventHandler::handleEvent(channels::Event& event) {
-    if (!m_delivering.load())
-        return;
     {
         msglog::LogBlock block;
         PELSU_LOG(eventsGroup(), "Channel event received: " << event.text());
-        // Checked before anything is handed over: events during start-up or shut-down are
-        // dropped, not queued for a window that is not there.
-        if (!m_window.present()) {
+        // Checked before anything is handed over: events during start-up or shut-down (once
+        // delivering stopped) are dropped, not queued for a window that is not there.
+        if (!m_delivering.load() || !m_window.present()) {
             PELSU_LOG(eventsGroup(), "- Main window is not present - ignoring the event!");
             return;
         }
@@ -80,7 +78,7 @@ ActivityRecord ChannelEventHandler::record(std::string text, ActivityRecord::Kin
 void ChannelEventHandler::onBeginChannelUpdate(channels::BeginChannelUpdateEvent& event) {
     channels::Channel* channel = event.channel();
     if (channel) {
-        m_settings.setChannelName(channel->id(), channel->name());
+        m_settings.setChannelName(channel->id(), channel->ownName());
         std::lock_guard guard(m_runsMutex);
         m_runs[channel->id()].itemsChanged = false;
     }
@@ -98,7 +96,7 @@ void ChannelEventHandler::onEndChannelUpdate(channels::EndChannelUpdateEvent& ev
     if (channel) {
         std::string lastError;
         // A first update is what gives a channel its name: the saves below log it.
-        m_settings.setChannelName(channelId, channel->name());
+        m_settings.setChannelName(channelId, channel->ownName());
         {
             std::lock_guard guard(m_runsMutex);
             ChannelRun& run = m_runs[channelId];

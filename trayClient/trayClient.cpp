@@ -102,18 +102,28 @@ void CTrayClientApp::onTerminationSignal() {
     leaveEventLoop();
 }
 
-void CTrayClientApp::tell(const std::string& message, bool fatal) {
+void CTrayClientApp::tell(const std::string& message, bool fatal, const std::string& detail) {
     std::cerr << "pelsu: " << message << std::endl;
+    if (!detail.empty())
+        std::cerr << "pelsu: " << detail << std::endl;
     if (!m_options.hasDisplay)
         return;
+    // The message stays the step's own words; the system's reason is a click away.
+    const auto fill = [&](QMessageBox& box) {
+        if (!detail.empty())
+            box.setDetailedText(QString::fromLatin1(detail.c_str()));
+    };
+    const QString text = QString::fromLatin1(message.c_str());
     if (fatal) {
-        QMessageBox::critical(nullptr, "Pelsu", QString::fromLatin1(message.c_str()));
+        QMessageBox box(QMessageBox::Critical, "Pelsu", text);
+        fill(box);
+        box.exec();
         return;
     }
     // Problems that don't stop start-up don't hold it up either.
-    auto* box =
-        new QMessageBox(QMessageBox::Warning, "Pelsu", QString::fromLatin1(message.c_str()));
+    auto* box = new QMessageBox(QMessageBox::Warning, "Pelsu", text);
     box->setAttribute(Qt::WA_DeleteOnClose);
+    fill(*box);
     box->show();
 }
 
@@ -132,7 +142,7 @@ bool CTrayClientApp::start(const Options& options, int& status) {
             return false;
         }
     } catch (const app::StartupError& error) {
-        tell(error.what(), true);
+        tell(error.what(), true, error.detail());
         status = 1;
         return false;
     }
@@ -177,11 +187,11 @@ void CTrayClientApp::createMainFrame(app::Environment& environment) {
 }
 
 void CTrayClientApp::applyAutoStart(const app::Environment& environment) {
-    std::string problem =
+    const AutoStartProblem problem =
         trayClient::applyAutoStart(environment.options.autoStartApp, autostartDirectory(),
                                    m_options.program, m_options.arguments);
-    if (!problem.empty())
-        reportStartupProblem(problem);
+    if (!problem.message.empty())
+        tell(problem.message, false, problem.detail);
 }
 
 void CTrayClientApp::loadChannelDesktopSettings(app::Environment& environment) {
@@ -190,11 +200,13 @@ void CTrayClientApp::loadChannelDesktopSettings(app::Environment& environment) {
         *m_settings, environment.options.maxNotificationQueueLength);
     std::vector<ChannelRef> channels = channelsInDirectory(environment.paths.channelsDir);
     for (const auto& failure : m_settings->loadAll(channels)) {
-        std::string message = "Can't load the channel desktop settings for " +
-                              failure.channel.name + "\n\n" + failure.reason;
+        std::string detail = failure.reason;
         if (!failure.keptAs.empty())
-            message += "\n\nThe file was kept as " + failure.keptAs + ".";
-        reportStartupProblem(message);
+            detail += "\n\nThe file was kept as " + failure.keptAs + ".";
+        const ChannelRef& channel = failure.channel;
+        tell("Can't load the channel desktop settings for " +
+                 (channel.name.empty() ? channel.id : channel.name),
+             false, detail);
     }
 }
 

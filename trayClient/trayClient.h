@@ -101,7 +101,7 @@ signals:
     void globalOptionsRequested();
 
 private:
-    void tell(const std::string& message, bool fatal);
+    void tell(const std::string& message, bool fatal, const std::string& detail = {});
     void applyAutoStart(const app::Environment& environment);
     void onTerminationSignal();
     void connectTrayMenu();

@@ -47,6 +47,16 @@ TEST(GlobalOptions, ScriptFileTypesComeFromTheProgramsGlobalIni) {
     EXPECT_EQ(options.scriptFileTypeCommands.at(".rb"), "ruby");
     EXPECT_EQ(options.scriptFileTypeCommands.at(".class"), "java %1 %*");
     ASSERT_EQ(options.scriptFileTypes.size(), 1u);
+
+    // A global.ini that names no file types leaves the built-in list.
+    writeFile(dir.file("global.ini"), "[Scripting File Associations]\n.py=python3 %1 %*\n");
+    GlobalOptions builtIn;
+    ASSERT_TRUE(builtIn.load(dir.file("config.ini"), dir.file("global.ini")));
+    const std::vector<std::pair<std::string, std::string>> expected = {{"Executables", ".exe"},
+                                                                       {"Python scripts", ".py"},
+                                                                       {"Perl scripts", ".pl"},
+                                                                       {"Java scripts", ".class"}};
+    EXPECT_EQ(builtIn.scriptFileTypes, expected);
 }
 
 TEST(GlobalOptions, SavedScriptFileTypesReplaceTheOldRowsAndKeepTheRestOfGlobalIni) {

@@ -1,8 +1,11 @@
 #include "app/startup.h"
+#include "app/environment.h"
 #include "channels/exception.h"
+#include "lib/log/log.h"
 #include "lib/misc/iniValues.h"
 #include "lib/misc/systemValues.h"
 #include "tests/support/testSupport.h"
+#include "tools/net.h"
 
 #include <gtest/gtest.h>
 
@@ -46,10 +49,10 @@ TEST(Startup, UserDirectoryThatCannotBeCreatedIsReportedWithTheUserName) {
     try {
         prepareUserDirectory(paths);
         FAIL() << "expected a failure";
-    } catch (const Exception& failure) {
-        EXPECT_EQ(
-            std::string(failure.what()).rfind("Can't create a new directory for user: bob", 0), 0u)
-            << failure.what();
+    } catch (const app::StartupError& failure) {
+        // The message is exactly the step's own; the system's reason goes with it apart.
+        EXPECT_STREQ(failure.what(), "Can't create a new directory for user: bob");
+        EXPECT_NE(failure.detail().find("Not a directory"), std::string::npos) << failure.detail();
     }
 }
 
@@ -72,6 +75,25 @@ TEST(Startup, UserDebugSettingsWinOverTheProgramOnes) {
     EXPECT_EQ(readDebugInt(paths, "A", 0), 1);
     EXPECT_EQ(readDebugInt(paths, "B", 0), 3);
     EXPECT_EQ(readDebugInt(paths, "C", 9), 9);
+}
+
+// "DisableHttpHeaders" chooses the simple fetch path from the user's debug.ini or among the
+// global options; without it the header-aware path stands.
+TEST(Startup, DisableHttpHeadersComesFromTheDebugFileOrTheGlobalOptions) {
+    for (const char* where : {"", "debug.ini", "config.ini"}) {
+        SCOPED_TRACE(where);
+        TempDir home;
+        Environment environment = findEnvironment(home.path().string(), programDir());
+        const std::string file = environment.paths.userDir + "/" + where;
+        if (std::string(where) == "debug.ini")
+            writeFile(file, "[Debug]\nDisableHttpHeaders=1\n");
+        else if (*where)
+            writeFile(file, "[Global Options]\nDisableHttpHeaders=1\n");
+        openEnvironment(environment);
+        EXPECT_EQ(tools::useHttpHeaders(), !*where);
+        msglog::CMessageLog::instance().close();
+    }
+    tools::setUseHttpHeaders(true);
 }
 
 TEST(Startup, PublishesTheSystemValues) {

@@ -18,17 +18,18 @@ using trayClient::autostartEntry;
 TEST(AutoStart, EnablingWritesTheEntryAndDisablingRemovesIt) {
     TempDir dir;
     std::string autostart = dir.file("config/autostart");
-    ASSERT_EQ(applyAutoStart(true, autostart, "/opt/pelsu/bin/pelsu", {}), "");
+    ASSERT_EQ(applyAutoStart(true, autostart, "/opt/pelsu/bin/pelsu", {}).message, "");
     std::string entry = readFile(autostart + "/pelsu.desktop");
     EXPECT_NE(entry.find("[Desktop Entry]\n"), std::string::npos);
     EXPECT_NE(entry.find("\nExec=\"/opt/pelsu/bin/pelsu\"\n"), std::string::npos);
     EXPECT_NE(entry.find("\nType=Application\n"), std::string::npos);
 
-    EXPECT_EQ(applyAutoStart(false, autostart, "/opt/pelsu/bin/pelsu", {}), "");
+    EXPECT_EQ(applyAutoStart(false, autostart, "/opt/pelsu/bin/pelsu", {}).message, "");
     EXPECT_FALSE(fs::exists(autostart + "/pelsu.desktop"));
     // Disabling what is not there is no failure.
-    EXPECT_EQ(applyAutoStart(false, autostart, "/opt/pelsu/bin/pelsu", {}), "");
-    EXPECT_EQ(applyAutoStart(false, dir.file("never/made"), "/opt/pelsu/bin/pelsu", {}), "");
+    EXPECT_EQ(applyAutoStart(false, autostart, "/opt/pelsu/bin/pelsu", {}).message, "");
+    EXPECT_EQ(applyAutoStart(false, dir.file("never/made"), "/opt/pelsu/bin/pelsu", {}).message,
+              "");
 }
 
 TEST(AutoStart, ExecQuotesArgumentsAndEscapesWhatTheDesktopWouldExpand) {
@@ -43,31 +44,31 @@ TEST(AutoStart, ExecQuotesArgumentsAndEscapesWhatTheDesktopWouldExpand) {
 TEST(AutoStart, EnablingReplacesAnOlderEntry) {
     TempDir dir;
     writeFile(dir.file("pelsu.desktop"), "[Desktop Entry]\nExec=/old/pelsu\n");
-    ASSERT_EQ(applyAutoStart(true, dir.path().string(), "/new/pelsu", {"--home", "/h"}), "");
+    ASSERT_EQ(applyAutoStart(true, dir.path().string(), "/new/pelsu", {"--home", "/h"}).message,
+              "");
     std::string entry = readFile(dir.file("pelsu.desktop"));
     EXPECT_EQ(entry.find("/old/pelsu"), std::string::npos);
     EXPECT_NE(entry.find("Exec=\"/new/pelsu\" \"--home\" \"/h\"\n"), std::string::npos);
     EXPECT_FALSE(fs::exists(dir.file("pelsu.desktop.new")));
 }
 
-TEST(AutoStart, FailuresNameTheStepTheFileAndTheReason) {
+TEST(AutoStart, FailuresSayWhatCouldNotBeDoneAndKeepTheFileAndReasonApart) {
     TempDir dir;
     // A file where the autostart folder should be.
     writeFile(dir.file("blocked"), "");
-    std::string message = applyAutoStart(true, dir.file("blocked/autostart"), "/p/pelsu", {});
-    EXPECT_EQ(message.rfind("Couldn't open the autostart folder to enable auto-start.\n\n", 0), 0u)
-        << message;
-    EXPECT_NE(message.find(dir.file("blocked/autostart")), std::string::npos);
-    EXPECT_NE(message.find("\n\nPlease contact your system administrator."), std::string::npos);
+    auto problem = applyAutoStart(true, dir.file("blocked/autostart"), "/p/pelsu", {});
+    EXPECT_EQ(problem.message, "Couldn't open the registry to enable auto-start.\n\n"
+                               "Please contact your system administrator.");
+    EXPECT_EQ(problem.detail.rfind(dir.file("blocked/autostart") + ": ", 0), 0u) << problem.detail;
 
     // A directory where the entry should be: it can be neither replaced nor removed.
     fs::create_directories(dir.file("taken/pelsu.desktop/inside"));
-    message = applyAutoStart(true, dir.file("taken"), "/p/pelsu", {});
-    EXPECT_EQ(message.rfind("Couldn't update the autostart entry to enable auto-start.\n\n", 0), 0u)
-        << message;
-    message = applyAutoStart(false, dir.file("taken"), "/p/pelsu", {});
-    EXPECT_EQ(message.rfind("Couldn't remove the autostart entry to disable auto-start.\n\n", 0),
-              0u)
-        << message;
+    problem = applyAutoStart(true, dir.file("taken"), "/p/pelsu", {});
+    EXPECT_EQ(problem.message, "Couldn't update the registry to enable auto-start.\n\n"
+                               "Please contact your system administrator.");
+    problem = applyAutoStart(false, dir.file("taken"), "/p/pelsu", {});
+    EXPECT_EQ(problem.message, "Couldn't update the registry to disable auto-start.\n\n"
+                               "Please contact your system administrator.");
+    EXPECT_NE(problem.detail.find("pelsu.desktop: "), std::string::npos) << problem.detail;
     EXPECT_TRUE(fs::exists(dir.file("taken/pelsu.desktop/inside")));
 }
