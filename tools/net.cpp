@@ -140,6 +140,7 @@ struct Transfer {
     bool haveETag = false;
     bool tooLarge = false;
     bool aborted = false;
+    bool simple = false;        // the simple path: its failures all read "Can't open the URL: "
     std::string refusedAddress; // a connection to this computer that the rules refused
 
     Transfer(InternetSession& s, std::string u, std::string& b, const DownloadRules& r)
@@ -319,10 +320,10 @@ void perform(Transfer& transfer, const std::string& failedText) {
                         std::to_string(transfer.session.options().maxBodyBytes) + " bytes: " + url);
     switch (rc) {
     case CURLE_URL_MALFORMAT:
-        throw Exception("Can't parse URL: " + url);
+        throw Exception((transfer.simple ? failedText : "Can't parse URL: ") + url);
     case CURLE_UNSUPPORTED_PROTOCOL: // a reply that is not HTTP, or a redirect elsewhere
     case CURLE_WEIRD_SERVER_REPLY:
-        throw Exception("Can't read the HTTP response: " + url);
+        throw Exception((transfer.simple ? failedText : "Can't read the HTTP response: ") + url);
     case CURLE_OPERATION_TIMEDOUT:
         throw Exception("The download timed out: " + url);
     case CURLE_RECV_ERROR:
@@ -383,10 +384,22 @@ bool readLocally(InternetSession& session, const std::string& url, long* statusC
 
 // Gives the transfer a handle from the session's pool; throws noHandleText and the URL when
 // there is none.
-void openTransfer(Transfer& transfer, bool forceDownload, const std::string& noHandleText) {
+// The host and the path of an address, as a request names them.
+std::pair<std::string, std::string> hostAndPath(const std::string& url) {
+    const std::size_t separator = url.find("://");
+    const std::size_t hostStart = separator == std::string::npos ? 0 : separator + 3;
+    const std::size_t pathStart = std::min(url.find('/', hostStart), url.size());
+    return {url.substr(hostStart, pathStart - hostStart), url.substr(pathStart)};
+}
+
+void openTransfer(Transfer& transfer, bool forceDownload) {
     transfer.handle = transfer.session.impl().acquire();
-    if (!transfer.handle)
-        throw Exception(noHandleText + transfer.url);
+    if (!transfer.handle) {
+        if (transfer.simple)
+            throw Exception("Can't open the URL: " + transfer.url);
+        const auto [host, path] = hostAndPath(transfer.url);
+        throw Exception("Can't open request: host=" + host + " ; urlPath=" + path);
+    }
     setUp(transfer, forceDownload);
 }
 
@@ -397,7 +410,10 @@ void readWithHeaders(InternetSession& session, const std::string& url, std::stri
     if (readLocally(session, url, statusCode, statusText, body, rules))
         return;
     Transfer transfer(session, url, body, rules);
-    openTransfer(transfer, forceDownload, "Can't open request: host= ; urlPath=");
+    // There is no connection to make to no host at all.
+    if (const auto [host, path] = hostAndPath(url); host.empty() && !schemeOf(url).empty())
+        throw Exception("Can't open an session with host: " + host);
+    openTransfer(transfer, forceDownload);
     if (forceDownload) {
         PELSU_LOG(headersGroup(), "ForceDownload is requested - skipping HTTP headers.");
     } else {
@@ -430,7 +446,12 @@ void readSimple(InternetSession& session, const std::string& url, bool forceDown
     if (readLocally(session, url, nullptr, nullptr, body, rules))
         return;
     Transfer transfer(session, url, body, rules);
-    openTransfer(transfer, forceDownload, "Can't open the URL: ");
+    transfer.simple = true;
+    try {
+        openTransfer(transfer, forceDownload);
+    } catch (const Exception&) { // an address that can't be split is one that can't be opened
+        throw Exception("Can't open the URL: " + url);
+    }
     perform(transfer, "Can't open the URL: ");
     PELSU_LOG(downloadsGroup(), "Received file OK: #bytes=" << body.size());
 }

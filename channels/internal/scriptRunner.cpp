@@ -214,7 +214,10 @@ std::string buildScriptCommandLine(const std::string& scriptFilename,
     }
     CommandValue scriptArgument = plainValue(scriptFilename);
     if (::strcasecmp(extension.c_str(), ".class") == 0) {
-        const std::string directory = script.parent_path().string();
+        // The script's directory as a path splits it: with its closing separator.
+        std::string directory = script.parent_path().string();
+        if (directory.empty() || directory.back() != '/')
+            directory += '/';
         const std::string name = script.stem().string();
         scriptArgument = {"-cp " + directory + " " + name,
                           "-cp " + quotedArgument(directory) + " " + quotedArgument(name)};

@@ -102,7 +102,7 @@ TEST(ScriptRunner, CommandLinesFollowTheFileTypeTableAndEveryPathStaysOneArgumen
               "/opt/py/python \"/s/news.py\" /tmp/cfg");
     EXPECT_EQ(buildScriptCommandLine("/s/a.pl", "/tmp/cfg"), "perl /s/a.pl /tmp/cfg");
     EXPECT_EQ(buildScriptCommandLine("/s/dir/Main.CLASS", "/tmp/cfg"),
-              "java -cp /s/dir Main /tmp/cfg");
+              "java -cp /s/dir/ Main /tmp/cfg");
     EXPECT_EQ(failureOf([] { buildScriptCommandLine("/s/a.x", "c"); }),
               "This file type has no 'shell/open' command specified: .x");
     EXPECT_EQ(failureOf([] { buildScriptCommandLine("/nonexistent/a.zz", "c"); }),
@@ -120,7 +120,7 @@ TEST(ScriptRunner, CommandLinesFollowTheFileTypeTableAndEveryPathStaysOneArgumen
     EXPECT_EQ(arguments("/it's here/x.sh"), (Args{"sh", "/it's here/x.sh", config}));
     EXPECT_EQ(arguments("/a b/x.rb"), (Args{"ruby", "-w", "/a b/x.rb", config}));
     EXPECT_EQ(arguments("/a b/x.pl"), (Args{"perl", "/a b/x.pl", config}));
-    EXPECT_EQ(arguments("/a b/Main.class"), (Args{"java", "-cp", "/a b", "Main", config}));
+    EXPECT_EQ(arguments("/a b/Main.class"), (Args{"java", "-cp", "/a b/", "Main", config}));
 }
 
 TEST(ScriptRunner, ConfigurationFileCarriesSystemValuesAndParameters) {

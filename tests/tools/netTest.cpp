@@ -188,6 +188,12 @@ TEST_F(ReadUrlServer, AddressesWithoutASchemeAreRefusedAndOtherSchemesGoAsHttp) 
               "Can't parse URL: " + hostAndPort + "/feed");
     EXPECT_EQ(failureOf(m_session, "feeds.example.org/rss"),
               "Can't parse URL: feeds.example.org/rss");
+    EXPECT_EQ(failureOf(m_session, "http:///rss"), "Can't open an session with host: ");
+    // The simple path has one text for every address it can't open.
+    tools::setUseHttpHeaders(false);
+    const std::string simpleFailure = failureOf(m_session, "feeds.example.org/rss");
+    tools::setUseHttpHeaders(true);
+    EXPECT_EQ(simpleFailure, "Can't open the URL: feeds.example.org/rss");
     EXPECT_EQ(fetch(m_session, "ftp://" + hostAndPort + "/feed").body, "<rss/>");
     EXPECT_EQ(fetch(m_session, "FEED://" + hostAndPort + "/feed").body, "<rss/>");
 }
