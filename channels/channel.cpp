@@ -144,7 +144,7 @@ bool Channel::forceDownload(bool firstFetch) const {
 }
 
 bool Channel::logChannelProcessing() const {
-    return (m_manager && m_manager->options().logChannelProcessing) ||
+    return (m_manager && m_manager->logsChannelProcessing()) ||
            channelParameterFlag("LogChannelProcessing", false);
 }
 

@@ -33,7 +33,10 @@ void lowerCurrentThreadPriority() {
 ChannelManager::ChannelManager(std::string channelsDir, ChannelManagerOptions options, Clock clock)
     : m_channelsDir(std::move(channelsDir)), m_options(std::move(options)),
       m_clock(clock ? std::move(clock) : Clock([] { return std::time(nullptr); })),
-      m_appPluginServerPort(m_options.appPluginServerPort) {
+      m_appPluginServerPort(m_options.appPluginServerPort),
+      m_disableInternet(m_options.disableInternet),
+      m_scriptTimeoutSeconds(m_options.scriptTimeoutSeconds),
+      m_logChannelProcessing(m_options.logChannelProcessing) {
     setFeedFormats(m_options.feedFormats);
     PELSU_LOG(channelManagerGroup(), "Channel Manager created: " << m_channelsDir);
 }
@@ -41,6 +44,13 @@ ChannelManager::ChannelManager(std::string channelsDir, ChannelManagerOptions op
 void ChannelManager::setFeedFormats(FeedFormats formats) {
     m_feedFormats =
         (formats.atom ? 1u : 0u) | (formats.json ? 2u : 0u) | (formats.convertEncodings ? 4u : 0u);
+}
+
+void ChannelManager::setLiveOptions(bool disableInternet, int scriptTimeoutSeconds,
+                                    bool logChannelProcessing) {
+    m_disableInternet = disableInternet;
+    m_scriptTimeoutSeconds = scriptTimeoutSeconds;
+    m_logChannelProcessing = logChannelProcessing;
 }
 
 FeedFormats ChannelManager::feedFormats() const {
@@ -293,7 +303,7 @@ std::vector<Channel*> ChannelManager::channels() const {
 void ChannelManager::download(const std::string& url, std::string& lastModified, std::string& etag,
                               bool forceDownload, long& statusCode, std::string& statusText,
                               std::string& body, const tools::DownloadRules& rules) {
-    if (m_options.disableInternet)
+    if (internetDisabled())
         throw Exception("Internet access has been disabled.");
     tools::InternetSession* session = nullptr;
     {

@@ -96,6 +96,12 @@ public:
     // also while the worker runs.
     void setFeedFormats(FeedFormats formats);
     FeedFormats feedFormats() const;
+    // "DisableInternet", "ScriptTimeout" and "LogChannelProcessing" as the user changes them:
+    // the next download, script run or parse uses them, also while the worker runs.
+    void setLiveOptions(bool disableInternet, int scriptTimeoutSeconds, bool logChannelProcessing);
+    bool internetDisabled() const { return m_disableInternet.load(); }
+    int scriptTimeoutSeconds() const { return m_scriptTimeoutSeconds.load(); }
+    bool logsChannelProcessing() const { return m_logChannelProcessing.load(); }
 
     // One pass of the worker over the due and requested channels, on the calling thread
     // (the worker calls it every second; tests call it directly with their clock).
@@ -142,6 +148,9 @@ private:
     // Read by the worker for loopback feeds while the user moves the server.
     std::atomic<int> m_appPluginServerPort;
     std::atomic<unsigned> m_feedFormats; // FeedFormats as bits, read by the worker
+    std::atomic<bool> m_disableInternet;
+    std::atomic<int> m_scriptTimeoutSeconds;
+    std::atomic<bool> m_logChannelProcessing;
 };
 
 } // namespace channels

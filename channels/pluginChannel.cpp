@@ -122,7 +122,7 @@ void PluginChannel::fetch(std::string& text, bool firstFetch, bool& unchanged) {
     const std::string scriptDir = std::filesystem::path(script).parent_path().string();
     // A script that fails leaves its error page in the output: that page is the feed text,
     // and the parser judges it like any other.
-    runScript(commandLine, scriptDir, output, manager()->options().scriptTimeoutSeconds);
+    runScript(commandLine, scriptDir, output, manager()->scriptTimeoutSeconds());
     text = output.read();
     unchanged = false;
 }

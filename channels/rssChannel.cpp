@@ -38,7 +38,7 @@ void RssChannel::fetch(std::string& text, bool firstFetch, bool& unchanged) {
     ChannelManager* owner = manager();
     if (!owner)
         throw Exception("The channel has no manager.");
-    if (owner->options().disableInternet)
+    if (owner->internetDisabled())
         throw Exception("Internet access has been disabled.");
     std::string url = m_config.rssChannelUrl();
     std::string lastModified = state().httpLastModified();

@@ -107,7 +107,11 @@ void CClientDialogs::globalOptions() {
     if (dialog.exec() != QDialog::Accepted)
         return;
     m_mainFrame.applyOptions(m_environment.options);
-    m_manager.setFeedFormats(m_environment.options.feedFormats());
+    const app::GlobalOptions& options = m_environment.options;
+    m_manager.setFeedFormats(options.feedFormats());
+    m_manager.setLiveOptions(options.disableInternet, options.scriptTimeout,
+                             options.logChannelProcessing);
+    channels::AppPluginManager::instance().setScriptTimeout(options.scriptTimeout);
     emit optionsChanged();
 }
 

@@ -131,7 +131,8 @@ QWidget* CGlobalOptionsDialog::makePage(int page) {
             kind == OptionPage::Listeners
                 ? tr("Changes on this page take effect the next time Pelsu starts.")
                 : tr("Changes on this page take effect the next time Pelsu starts, except the "
-                     "feed formats, which the next update reads."),
+                     "script time-out, the detailed channel log, working offline and the feed "
+                     "formats, which the next update uses."),
             widget);
         note->setObjectName("restartNote");
         note->setWordWrap(true);

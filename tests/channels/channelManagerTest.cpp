@@ -344,8 +344,8 @@ TEST_F(EngineTest, CorruptChannelFileGivesOneErrorAndTheOthersLoad) {
     EXPECT_EQ(m.findChannel("broken"), nullptr);
 }
 
-TEST_F(EngineTest, DisabledInternetFailsEveryDownload) {
-    addChannelFile("n", "/some/feed.xml");
+TEST_F(EngineTest, DisabledInternetFailsEveryDownloadFromTheNextOneOn) {
+    addChannelFile("n", feedFile("feed.xml", rss({"a"})));
     ChannelManagerOptions options;
     options.disableInternet = true;
     auto& m = manager(options);
@@ -353,6 +353,12 @@ TEST_F(EngineTest, DisabledInternetFailsEveryDownload) {
     auto events = m_recorder.take();
     ASSERT_EQ(events.size(), 3u);
     EXPECT_EQ(events[1], "error Can't update the feed. Internet access has been disabled.");
+    // The user works online again: the next update fetches.
+    m.setLiveOptions(false, 15, false);
+    ASSERT_TRUE(m.requestUpdate("n"));
+    m.runUpdatePass();
+    EXPECT_EQ(m_recorder.take(),
+              (std::vector<std::string>{"begin n explicit", "new 0 a", "end n ok"}));
 }
 
 TEST_F(EngineTest, WorkerServesRequestsFromManyThreadsAndStopsSavingEverything) {
