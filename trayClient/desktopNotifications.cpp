@@ -61,7 +61,8 @@ bool CDesktopNotifications::isServiceAvailable() const {
 }
 
 unsigned CDesktopNotifications::notify(const QString& summary, const QString& body,
-                                       const QImage& image, int timeoutMs) {
+                                       const QImage& image, int timeoutMs,
+                                       std::optional<QPoint> at) {
     unsigned ticket = m_nextTicket++;
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (!bus.isConnected()) {
@@ -76,6 +77,10 @@ unsigned CDesktopNotifications::notify(const QString& summary, const QString& bo
     hints.insert("desktop-entry", QString("pelsu"));
     if (!image.isNull())
         hints.insert("image-data", QVariant::fromValue(NotificationImage{image}));
+    if (at) {
+        hints.insert("x", at->x());
+        hints.insert("y", at->y());
+    }
     call << QString("Pelsu") << 0u << QString() << summary << body << QStringList{"default", "Open"}
          << hints << timeoutMs;
     // Never a blocking call: a server that hangs must not freeze the UI thread.

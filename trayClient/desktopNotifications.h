@@ -5,8 +5,11 @@
 
 #include <QImage>
 #include <QObject>
+#include <QPoint>
 #include <QString>
 #include <QStringList>
+
+#include <optional>
 
 class QDBusPendingCallWatcher;
 
@@ -23,8 +26,10 @@ public:
     // Asks the server to show a notification with the image (when not null); the answer
     // comes as shown(ticket, id) or failed(ticket, reason). Returns the ticket that names this
     // call in those signals.
-    unsigned notify(const QString& summary, const QString& body, const QImage& image,
-                    int timeoutMs);
+    // When a point is given, the server is asked to show it there (the "x" and "y" hints,
+    // which servers may ignore).
+    unsigned notify(const QString& summary, const QString& body, const QImage& image, int timeoutMs,
+                    std::optional<QPoint> at = std::nullopt);
     // Asks the server what it can do; the answer comes as capabilities(), with answered false
     // (and no capabilities) when no server answered.
     void queryCapabilities();

@@ -9,6 +9,8 @@
 #include "trayClient/trayIcon.h"
 
 #include <QDesktopServices>
+#include <QGuiApplication>
+#include <QScreen>
 #include <QUrl>
 
 namespace trayClient {
@@ -31,6 +33,19 @@ bool isNewItem(const NotificationRequest& request) {
 QString fromLatin1(const std::string& text) { return QString::fromLatin1(text.c_str()); }
 
 } // namespace
+
+std::optional<QPoint> balloonCorner(int position) {
+    const QScreen* screen = QGuiApplication::primaryScreen();
+    if (!screen || position < 0 || position > 3)
+        return std::nullopt;
+    // Inside the work area, clear of the panels, a little way in from the corner.
+    constexpr int kInset = 16;
+    const QRect area = screen->availableGeometry();
+    const bool right = position == 1 || position == 3;
+    const bool bottom = position >= 2;
+    return QPoint(right ? area.right() - kInset : area.left() + kInset,
+                  bottom ? area.bottom() - kInset : area.top() + kInset);
+}
 
 CNotificationActions::CNotificationActions(ChannelDesktopSettingsTable& settings,
                                            CMainFrame* mainFrame)
@@ -134,7 +149,8 @@ void CNotificationPresenter::show(std::unique_ptr<NotificationRequest> request) 
     if (m_markup)
         body = body.toHtmlEscaped();
     int timeoutMs = m_options.notificationBalloonDisplayTime * 1000;
-    m_ticket = m_notifications->notify(fromLatin1(m_current->title()), body, m_image, timeoutMs);
+    m_ticket = m_notifications->notify(fromLatin1(m_current->title()), body, m_image, timeoutMs,
+                                       balloonCorner(m_options.notificationBalloonPosition));
     react(*m_current);
 }
 

@@ -9,10 +9,12 @@
 
 #include <QImage>
 #include <QObject>
+#include <QPoint>
 #include <QStringList>
 #include <QTimer>
 
 #include <memory>
+#include <optional>
 
 namespace app {
 class GlobalOptions;
@@ -42,6 +44,10 @@ private:
     ChannelDesktopSettingsTable& m_settings;
     CMainFrame* m_mainFrame;
 };
+
+// Where on the primary screen's work area a notification of "NotificationBalloonPosition" goes:
+// 0 top left, 1 top right, 2 bottom left, 3 bottom right; none without a screen.
+std::optional<QPoint> balloonCorner(int position);
 
 class CNotificationPresenter : public QObject {
     Q_OBJECT

@@ -10,6 +10,9 @@
 #include "trayClient/mainFrame.h"
 #include "trayClient/trayIcon.h"
 
+#include <QGuiApplication>
+#include <QScreen>
+
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -84,6 +87,16 @@ TEST_F(NotificationPresenterTest, ShowsOneNotificationAtATimeInQueueOrder) {
     EXPECT_EQ(first.timeout, 45000);
     EXPECT_TRUE(first.actions.contains("default"));
     EXPECT_TRUE(first.hints.contains("image-data"));
+    // At the chosen corner of the work area (the default: bottom right).
+    const std::optional<QPoint> corner = balloonCorner(options.notificationBalloonPosition);
+    ASSERT_TRUE(corner);
+    EXPECT_EQ(first.hints.value("x").toInt(), corner->x());
+    EXPECT_EQ(first.hints.value("y").toInt(), corner->y());
+    const QRect area = QGuiApplication::primaryScreen()->availableGeometry();
+    EXPECT_LT(balloonCorner(0)->x(), area.center().x());
+    EXPECT_LT(balloonCorner(1)->y(), area.center().y());
+    EXPECT_GT(corner->x(), area.center().x());
+    EXPECT_GT(corner->y(), area.center().y());
 
     server.expire(first.id);
     ASSERT_TRUE(waitFor([&] { return server.notifications().size() == 2; }));
