@@ -8,6 +8,7 @@
 #include <ctime>
 #include <filesystem>
 #include <iostream>
+#include <tuple>
 
 namespace app {
 
@@ -56,6 +57,7 @@ struct Application::Impl {
     std::unique_ptr<SingleInstance> instance;
     std::unique_ptr<channels::ChannelManager> manager;
     std::unique_ptr<LocalPortListeners> listeners;
+    LocalPortListenerOptions listening; // what the listeners were started with
     bool handlerInstalled = false;
     bool started = false;
     bool shutDown = false;
@@ -148,7 +150,8 @@ void Application::Impl::startChannels(const Options& options) {
         return;
     listeners =
         std::make_unique<LocalPortListeners>(*manager, plugins, frontEnd->subscriptionApprover());
-    for (const std::string& problem : listeners->start(listenerOptions(environment.options)))
+    listening = listenerOptions(environment.options);
+    for (const std::string& problem : listeners->start(listening))
         frontEnd->reportStartupProblem(problem);
 }
 
@@ -283,6 +286,23 @@ Environment& Application::environment() { return m_impl->environment; }
 channels::ChannelManager& Application::manager() { return *m_impl->manager; }
 
 LocalPortListeners* Application::listeners() { return m_impl->listeners.get(); }
+
+std::vector<std::string> Application::applyListenerOptions() {
+    Impl& impl = *m_impl;
+    if (!impl.listeners)
+        return {};
+    const LocalPortListenerOptions wanted = listenerOptions(impl.environment.options);
+    const auto settings = [](const LocalPortListenerOptions& o) {
+        return std::tie(o.appServerPort, o.appPluginServerPort, o.amphetaDesk, o.radioUserland,
+                        o.headlineViewer, o.amphetaDeskPort, o.radioUserlandPort,
+                        o.headlineViewerPort, o.maxWebSubscriptionsPerMinute);
+    };
+    if (settings(wanted) == settings(impl.listening))
+        return {};
+    impl.listeners->stop();
+    impl.listening = wanted;
+    return impl.listeners->start(wanted);
+}
 
 const std::vector<std::string>& Application::saveErrors() const { return m_impl->saveErrors; }
 

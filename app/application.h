@@ -108,6 +108,11 @@ public:
     // was only asked to show itself).
     int handedOverStatus() const;
     LocalPortListeners* listeners(); // null when they were not started
+    // After the user changed the options: when they ask for other listeners or ports than
+    // those running, the listeners start again on the new ones, and moving the app-plugin
+    // server re-points the channels it serves. Returns the messages of listeners that could
+    // not start.
+    std::vector<std::string> applyListenerOptions();
 
     // The greeting of the welcome notification for the given local hour (0-23): "Ohayo
     // gozaimasu" from 4 to 11, "Konnichiwa" from 12 to 17, "Kombanwa" from 18 to 3.

@@ -124,15 +124,13 @@ CGlobalOptionsDialog::~CGlobalOptionsDialog() = default;
 QWidget* CGlobalOptionsDialog::makePage(int page) {
     auto* widget = new QWidget;
     auto* layout = new QVBoxLayout(widget);
-    // The listeners and the engine take these when the program starts.
+    // The engine takes most of these when the program starts.
     const auto kind = static_cast<OptionPage>(page);
-    if (kind == OptionPage::Listeners || kind == OptionPage::Scripts) {
+    if (kind == OptionPage::Scripts) {
         auto* note = new QLabel(
-            kind == OptionPage::Listeners
-                ? tr("Changes on this page take effect the next time Pelsu starts.")
-                : tr("Changes on this page take effect the next time Pelsu starts, except the "
-                     "script time-out, the detailed channel log, working offline and the feed "
-                     "formats, which the next update uses."),
+            tr("Changes on this page take effect the next time Pelsu starts, except the script "
+               "time-out, the detailed channel log, working offline and the feed formats, which "
+               "the next update uses."),
             widget);
         note->setObjectName("restartNote");
         note->setWordWrap(true);

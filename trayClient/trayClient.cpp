@@ -283,6 +283,8 @@ void CTrayClientApp::applyChangedOptions() {
     applyAutoStart(*m_environment);
     m_trayIcon->setOneClickMode(options.oneClickMode);
     m_queue->setMaxLength(options.maxNotificationQueueLength);
+    for (const std::string& problem : m_application.applyListenerOptions())
+        tell(problem, false);
 }
 
 void CTrayClientApp::startNewChannelWizard(const QString& address) {

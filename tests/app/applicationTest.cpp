@@ -244,3 +244,42 @@ TEST(Application, CarriesOutHandedOverCommandsOnItsOwnChannels) {
     application.shutDown();
     EXPECT_FALSE(fs::exists(fs::path(userDir) / "Channels" / "f.rss"));
 }
+
+// Ports changed in the options move the listeners at once; moving the app-plugin server
+// re-points the channels it serves, and nothing else.
+TEST(Application, ChangedListenerPortsMoveTheServersAndTheChannelsTheyServe) {
+    TempDir home;
+    const std::string userDir = userDirOf(home);
+    int appPort = 0, pluginPort = 0, movedPort = 0;
+    {
+        testing_support::LoopbackPort a, b, c; // three free ports, free again after this block
+        appPort = a.port();
+        pluginPort = b.port();
+        movedPort = c.port();
+    }
+    testing_support::writeFile(userDir + "/config.ini",
+                               "[Global Options]\nAppServerPortNo=" + std::to_string(appPort) +
+                                   "\nAppPluginServerPortNo=" + std::to_string(pluginPort) + "\n");
+    const std::string served = userDir + "/Channels/served.rss";
+    const std::string other = userDir + "/Channels/other.rss";
+    const std::string loopback = "http://127.0.0.1:";
+    testing_support::writeFile(served, "[Config]\nRssChannelUrl=" + loopback +
+                                           std::to_string(pluginPort) + "/plugin/feed\n");
+    testing_support::writeFile(other, "[Config]\nRssChannelUrl=http://example.org/feed\n");
+    RecordingFrontEnd frontEnd;
+    Application application;
+    Application::Options options = optionsFor(home);
+    options.startListeners = true;
+    ASSERT_EQ(application.start(frontEnd, options), Application::StartResult::Started);
+    ASSERT_EQ(application.listeners()->port("app-plugin server"), pluginPort);
+
+    EXPECT_TRUE(application.applyListenerOptions().empty()) << "nothing changed";
+    application.environment().options.appPluginServerPortNo = movedPort;
+    EXPECT_TRUE(application.applyListenerOptions().empty());
+    EXPECT_EQ(application.listeners()->port("app-plugin server"), movedPort);
+    EXPECT_EQ(application.listeners()->port("app server"), appPort);
+    EXPECT_EQ(profile::readIniString(served, "Config", "RssChannelUrl"),
+              loopback + std::to_string(movedPort) + "/plugin/feed");
+    EXPECT_EQ(profile::readIniString(other, "Config", "RssChannelUrl"), "http://example.org/feed");
+    application.shutDown();
+}

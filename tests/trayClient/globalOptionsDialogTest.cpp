@@ -196,16 +196,16 @@ TEST_F(GlobalOptionsDialogTest, TheTwoLocalServersCantShareAPort) {
     EXPECT_NE(dialog.result(), QDialog::Accepted);
     EXPECT_TRUE(dialog.errorText().contains("different ports"));
     EXPECT_FALSE(std::filesystem::exists(config()));
-    // Ports, like the rest of that page, are taken at start: the page says so.
+    // Most of the engine's page is taken at start, and the page says so; the listeners move.
     auto restartNote = [&](const char* key) -> QLabel* {
         for (QWidget* up = dialog.editorFor(key); up; up = up->parentWidget())
             if (auto* note = up->findChild<QLabel*>("restartNote", Qt::FindDirectChildrenOnly))
                 return note;
         return nullptr;
     };
-    ASSERT_NE(restartNote("AppServerPortNo"), nullptr);
-    EXPECT_TRUE(restartNote("AppServerPortNo")->text().contains("next time Pelsu starts"));
-    EXPECT_NE(restartNote("ScriptTimeout"), nullptr);
+    EXPECT_EQ(restartNote("AppServerPortNo"), nullptr) << "the listeners move at once";
+    ASSERT_NE(restartNote("ScriptTimeout"), nullptr);
+    EXPECT_TRUE(restartNote("ScriptTimeout")->text().contains("next time Pelsu starts"));
     EXPECT_EQ(restartNote("MdiTabs"), nullptr);
 }
 
