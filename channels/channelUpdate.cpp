@@ -78,7 +78,8 @@ void ChannelManager::workerLoop() {
     int rc = 0;
     while (threadSafety::waitForSingleObject(&m_stopEvent, 1000) != threadSafety::WAIT_OBJECT_0)
         runUpdatePass();
-    PELSU_LOG(channelManagerActivityGroup(), "Channel manager worker thread ending: rc=" << rc);
+    if (!m_forcedStop) // a worker given up on ends without a trace, as a killed thread would
+        PELSU_LOG(channelManagerActivityGroup(), "Channel manager worker thread ending: rc=" << rc);
     msglog::CMessageLog::setCurrentSource(nullptr);
 }
 
@@ -137,11 +138,15 @@ void ChannelManager::updateChannel(Channel& channel, bool isExplicit) {
     try {
         updateFeed(channel);
     } catch (const std::exception& failure) {
+        if (m_forcedStop)
+            return; // given up on: its aborted fetch is no failure of the channel's
         success = false;
         PELSU_LOG(group, "Exception caught: " << failure.what());
         ChannelErrorEvent error(now(), &channel, "Can't update the feed.", failure.what());
         raiseEvent(error);
     }
+    if (m_forcedStop)
+        return;
     PELSU_LOG(group, "Raising the EndChannelUpdate event.");
     EndChannelUpdateEvent end(now(), &channel, success, isExplicit);
     raiseEvent(end);

@@ -1,6 +1,7 @@
 #include "channels/channelManager.h"
 #include "channels/exception.h"
 #include "channels/rssChannel.h"
+#include "lib/log/log.h"
 #include "lib/misc/iniValues.h"
 #include "lib/misc/profileFile.h"
 #include "lib/misc/threadSafetyWin32.h"
@@ -398,6 +399,8 @@ TEST_F(EngineTest, StopForcesAWorkerStuckOnAServerThatNeverAnswers) {
     options.net.lowSpeedTimeSeconds = 0; // no time limit: only the forced stop ends it
     addChannelFile("hang", server.url("/hang"));
     m_stopWaitMs = 1500;
+    const std::string logFile = m_dir.file("pelsu.log");
+    ASSERT_TRUE(msglog::CMessageLog::instance().open(logFile));
     auto& m = manager(options);
     m.start("agent");
     ASSERT_TRUE(arrived.wait()) << "the worker is in the fetch";
@@ -413,6 +416,18 @@ TEST_F(EngineTest, StopForcesAWorkerStuckOnAServerThatNeverAnswers) {
     EXPECT_TRUE(std::none_of(events.begin(), events.end(), [](const std::string& e) {
         return e.rfind("end ", 0) == 0;
     })) << "nothing after the forced stop reaches a listener";
+    // Nor the log: the worker that was given up on leaves no line after the stop's.
+    msglog::CMessageLog::instance().close();
+    const std::vector<std::string> logged = testing_support::logTexts(logFile);
+    const auto killing = std::find_if(logged.begin(), logged.end(), [](const std::string& t) {
+        return t.rfind("Couldn't stop the worker thread", 0) == 0;
+    });
+    ASSERT_NE(killing, logged.end());
+    for (auto line = killing; line != logged.end(); ++line)
+        EXPECT_TRUE(line->find("EndChannelUpdate") == std::string::npos &&
+                    line->find("worker thread ending") == std::string::npos &&
+                    line->find("Exception caught") == std::string::npos)
+            << *line;
     // The channel was saved by the stop, with the fetch time it had reached.
     profile::clearCache();
     EXPECT_EQ(profile::readIniInt(m_channelsDir + "/hang.rss", "State", "LastFetchTime", 0),
