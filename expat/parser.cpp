@@ -6,6 +6,7 @@
 #include <expat.h>
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cctype>
 #include <cstring>
@@ -129,9 +130,18 @@ std::size_t convertNonAscii(const unsigned char* bytes, std::size_t i, std::size
     return i + static_cast<std::size_t>(extra) + 1;
 }
 
-// The C library's case folding for the calling thread's locale, the table strcasecmp folds
-// with: names compare exactly as strcasecmp compares them, without a call per character.
-const std::int32_t* caseFolding() { return *__ctype_tolower_loc(); }
+// Element names fold as in the "C" locale, whatever locale the process runs in: under a
+// Turkish one the C library folds "I" to another letter than "i", and "ITEM" would no longer
+// be "item". A table, so that a name costs no call per character.
+const std::int32_t* caseFolding() {
+    static const std::array<std::int32_t, 256> table = [] {
+        std::array<std::int32_t, 256> folded{};
+        for (int c = 0; c < 256; ++c)
+            folded[static_cast<std::size_t>(c)] = c >= 'A' && c <= 'Z' ? c + ('a' - 'A') : c;
+        return folded;
+    }();
+    return table.data();
+}
 
 bool equalIgnoringCase(const std::int32_t* fold, const char* a, const char* b) {
     for (;; ++a, ++b) {

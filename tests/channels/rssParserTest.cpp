@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <clocale>
+#include <cstdlib>
 #include <filesystem>
 
 using namespace channels;
@@ -96,6 +98,24 @@ TEST(RssParser, Rss1ItemsAreSiblingsOfTheChannelAndNamesIgnoreCase) {
     EXPECT_EQ(image->itemCount(), 1u);
     EXPECT_EQ(image->channel().channelDisplayName, "Real");
     EXPECT_EQ(image->channel().channelHomeUrl, "");
+}
+
+// Names fold as ASCII whatever the process's locale: a Turkish one folds "I" to a dotless i.
+TEST(RssParser, NamesIgnoreCaseTheSameWayInATurkishLocale) {
+    TempDir dir;
+    const std::string command =
+        "localedef -i tr_TR -f ISO-8859-9 " + dir.file("tr_TR.ISO-8859-9") + " >/dev/null 2>&1";
+    ::setenv("LOCPATH", dir.path().c_str(), 1);
+    const bool turkish = std::system(command.c_str()) == 0 &&
+                         std::setlocale(LC_CTYPE, "tr_TR.ISO-8859-9") != nullptr;
+    ::unsetenv("LOCPATH");
+    if (!turkish)
+        GTEST_SKIP() << "no Turkish locale can be made here";
+    const auto feed = parse("<rss><channel><item><title>T</title><link>http://l/</link>"
+                            "</item></channel></rss>");
+    std::setlocale(LC_CTYPE, "C");
+    ASSERT_EQ(feed->itemCount(), 1u);
+    EXPECT_EQ(feed->item(0).title, "T");
 }
 
 TEST(RssParser, ItemLimitKeepsTheFirstItemsInDocumentOrder) {
