@@ -398,7 +398,9 @@ std::string makeTitle(const std::string& description, const std::string& default
             (isSpace(text[i - 1]) || std::ispunct(static_cast<unsigned char>(text[i - 1]))))
             ++words;
         if (words > 19) {
-            title = misc::trimmed(title) + " ...";
+            // After the text copied so far, the blank before the 21st word included: only the
+            // ends are trimmed below.
+            title += " ...";
             break;
         }
         const bool endsHere = i + 1 == text.size() || isSpace(text[i + 1]);

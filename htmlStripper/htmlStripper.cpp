@@ -57,6 +57,16 @@ std::string decodeEntities(const std::string& text) {
     return out;
 }
 
+namespace {
+
+// Latin-1's printable characters: all but the control characters (below 32, 127 and the C1
+// range 128-159), so that accented letters stay letters.
+bool isPrintableLatin1(unsigned char c) {
+    return c >= 0x20 && c != 0x7F && (c < 0x80 || c >= 0xA0);
+}
+
+} // namespace
+
 std::string stripMarkup(const std::string& text) {
     std::string out;
     out.reserve(text.size());
@@ -78,7 +88,7 @@ std::string stripMarkup(const std::string& text) {
             inTag = false;
             out += ' ';
         } else if (!inTag) {
-            out += std::isprint(static_cast<unsigned char>(c)) ? c : ' ';
+            out += isPrintableLatin1(static_cast<unsigned char>(c)) ? c : ' ';
         }
     }
     return decodeEntities(out);

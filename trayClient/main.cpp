@@ -5,6 +5,7 @@
 
 #include <QApplication>
 
+#include <clocale>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
@@ -84,6 +85,11 @@ int main(int argc, char** argv) {
         std::cerr << "pelsu: running as root: web pages are shown without the browser engine's "
                      "sandbox.\n";
     QApplication application(argc, argv);
+    // The toolkit took the user's locale; the engine's text rules (names and entities that
+    // ignore case, extensions, schemes) fold letters as in the "C" locale, as in pelsu-cli,
+    // whatever the language (a Turkish locale folds "I" to a dotless i).
+    if (!std::setlocale(LC_CTYPE, "C.UTF-8"))
+        std::setlocale(LC_CTYPE, "C");
     QApplication::setApplicationName("Pelsu");
     QApplication::setApplicationVersion(kVersion);
 

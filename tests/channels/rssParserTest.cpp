@@ -138,8 +138,17 @@ TEST(RssParser, TitlesAreMadeFromDescriptions) {
     std::string thirty;
     for (int i = 1; i <= 30; ++i)
         thirty += "w" + std::to_string(i) + " ";
+    // The blank before the 21st word was copied when " ..." is added.
     EXPECT_EQ(makeTitle(thirty, "l"), "w1 w2 w3 w4 w5 w6 w7 w8 w9 w10 w11 w12 w13 w14 w15 w16 w17 "
-                                      "w18 w19 w20 ...");
+                                      "w18 w19 w20  ...");
+    // Control characters become blanks; Latin-1's accented letters and signs are kept.
+    EXPECT_EQ(makeTitle("na\xEF"
+                        "ve\tcaf\xE9 \xAB"
+                        "bon\xBB\x85!",
+                        "l"),
+              "na\xEF"
+              "ve caf\xE9 \xAB"
+              "bon\xBB !");
     EXPECT_EQ(makeTitle("<img src=\"x\">", "http://link"), "http://link");
     const auto feed = parse("<rss><channel><item><link>http://l/</link><description>"
                             "&lt;b&gt;Bold&lt;/b&gt; news</description></item></channel></rss>");
