@@ -12,6 +12,7 @@
 
 using namespace app;
 using testing_support::Gate;
+using testing_support::kShutdownLines;
 using testing_support::logTexts;
 using testing_support::TempDir;
 namespace fs = std::filesystem;
@@ -77,20 +78,6 @@ Application::Options optionsFor(const TempDir& home) {
 std::string userDirOf(const TempDir& home) {
     return findEnvironment(home.path().string(), programDir()).paths.userDir;
 }
-
-const std::vector<std::string> kShutdownLines = {
-    "ExitInstance() called.",
-    "Un-installing the mouse hook.",
-    "Stopping the local port listeners.",
-    "Cleaning up ChannelDesktopSettings table.",
-    "Un-installing ourself as an event handler.",
-    "Stopping the local channel manager.",
-    "Deleting the local channel manager.",
-    "Destroying the MMF handle.",
-    "Unloading the RichEdit DLL.",
-    "Shutting down BCG.",
-    "Unloading BlackBox.",
-};
 
 } // namespace
 

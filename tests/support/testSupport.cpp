@@ -180,4 +180,18 @@ RawConnection::Answer httpGet(int port, const std::string& target, const std::st
     return connection.readAnswer();
 }
 
+const std::vector<std::string> kShutdownLines = {
+    "ExitInstance() called.",
+    "Un-installing the mouse hook.",
+    "Stopping the local port listeners.",
+    "Cleaning up ChannelDesktopSettings table.",
+    "Un-installing ourself as an event handler.",
+    "Stopping the local channel manager.",
+    "Deleting the local channel manager.",
+    "Destroying the MMF handle.",
+    "Unloading the RichEdit DLL.",
+    "Shutting down BCG.",
+    "Unloading BlackBox.",
+};
+
 } // namespace testing_support

@@ -120,4 +120,7 @@ private:
 // A GET over a new connection with the Host "127.0.0.1:port" (or the one given).
 RawConnection::Answer httpGet(int port, const std::string& target, const std::string& host = "");
 
+// The shut-down steps as the log writes them, in their order.
+extern const std::vector<std::string> kShutdownLines;
+
 } // namespace testing_support

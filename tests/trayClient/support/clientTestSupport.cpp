@@ -152,20 +152,6 @@ std::string storyFeed(const std::string& title, const std::vector<std::string>& 
     return text + "</channel></rss>";
 }
 
-const std::vector<std::string> kShutdownLines = {
-    "ExitInstance() called.",
-    "Un-installing the mouse hook.",
-    "Stopping the local port listeners.",
-    "Cleaning up ChannelDesktopSettings table.",
-    "Un-installing ourself as an event handler.",
-    "Stopping the local channel manager.",
-    "Deleting the local channel manager.",
-    "Destroying the MMF handle.",
-    "Unloading the RichEdit DLL.",
-    "Shutting down BCG.",
-    "Unloading BlackBox.",
-};
-
 FakeNotificationServer::FakeNotificationServer() {
     static int counter = 0;
     m_connectionName = QString("fakeNotificationServer%1").arg(++counter);

@@ -3,6 +3,8 @@
 // client opens, a small feed and the shut-down's log lines.
 #pragma once
 
+#include "tests/support/testSupport.h"
+
 #include <QObject>
 #include <QString>
 #include <QStringList>
@@ -45,8 +47,7 @@ public slots:
 // http://example.com/<id>.
 std::string storyFeed(const std::string& title, const std::vector<std::string>& ids);
 
-// The client's shut-down steps as its log writes them, in their order.
-extern const std::vector<std::string> kShutdownLines;
+using testing_support::kShutdownLines;
 
 // A notification server that records what it is asked to show. It owns
 // org.freedesktop.Notifications on the private bus from construction to destruction, over a
