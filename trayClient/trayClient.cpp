@@ -361,6 +361,8 @@ void CTrayClientApp::showMainWindow() {
 
 void CTrayClientApp::cleanUpDesktopSettings() {
     try {
+        // The channels' windows go while their channels, the manager and the table exist.
+        closeChildWindows();
         // The worker runs until the manager stops: from here on its events are ignored and
         // a worker waiting for the end of its update is released, so the table can go.
         if (m_handler)
@@ -398,13 +400,20 @@ void CTrayClientApp::shutDownToolkit() {
     m_actions.reset();
     if (m_mainFrame) {
         m_mainFrame->hide();
-        // Windows with web pages go while the event loop's objects still exist: the browser
-        // engine tears its pages down through it.
-        m_mainFrame->mdiArea()->closeAllSubWindows();
-        for (QMdiSubWindow* window : m_mainFrame->mdiArea()->subWindowList())
-            delete window;
-        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        closeChildWindows();
     }
+}
+
+void CTrayClientApp::closeChildWindows() {
+    if (!m_mainFrame)
+        return;
+    // Windows with web pages go while the event loop's objects still exist: the browser
+    // engine tears its pages down through it. Windows closed earlier and still waiting to be
+    // deleted go too: a channel's window reaches its channel and the manager as it goes.
+    m_mainFrame->mdiArea()->closeAllSubWindows();
+    for (QMdiSubWindow* window : m_mainFrame->mdiArea()->subWindowList())
+        delete window;
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
 }
 
 } // namespace trayClient

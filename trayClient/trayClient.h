@@ -108,6 +108,8 @@ private:
     void showUnviewedCount();
     void connectDialogs();
     void applyChangedOptions();
+    // Closes and deletes the main window's child windows (channels, plugins).
+    void closeChildWindows();
 
     app::Application m_application;
     Options m_options;

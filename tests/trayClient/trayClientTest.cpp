@@ -14,6 +14,8 @@
 #include "trayClient/trayIcon.h"
 
 #include <QCoreApplication>
+#include <QMdiArea>
+#include <QMdiSubWindow>
 #include <QMessageBox>
 #include <QTimer>
 
@@ -126,6 +128,23 @@ TEST_F(ClientFixture, GreetsThroughTheNotificationServerAndLogsTheElevenShutdown
     EXPECT_TRUE(welcome->body.endsWith(" has started."));
     EXPECT_EQ(welcome->timeout, 60000);
     client.shutDown();
+    EXPECT_EQ(shutdownLines(), kShutdownLines);
+}
+
+// A channel's window reaches its channel and the manager as it goes: open windows, and one
+// closed but not yet deleted, go before the manager does (the sanitizers see it otherwise).
+TEST_F(ClientFixture, ShutDownClosesTheChannelsWindowsWhileTheirChannelsExist) {
+    TempDir feeds;
+    writeFile(feeds.file("local.xml"), storyFeed("Local news", {"a"}));
+    addChannel("Local", feeds.file("local.xml"));
+    addChannel("Other", feeds.file("local.xml"));
+    ASSERT_TRUE(start(false));
+    ASSERT_NE(client.mainFrame()->openChannelWindow("Local"), nullptr);
+    QMdiSubWindow* closing = client.mainFrame()->openChannelWindow("Other");
+    ASSERT_NE(closing, nullptr);
+    closing->close(); // its deletion waits for the event loop, which won't run again
+    client.shutDown();
+    EXPECT_TRUE(client.mainFrame()->mdiArea()->subWindowList().isEmpty());
     EXPECT_EQ(shutdownLines(), kShutdownLines);
 }
 
