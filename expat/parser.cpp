@@ -262,7 +262,6 @@ void Parser::parse(const char* data, std::size_t length) {
     if (!handle)
         throw Exception("XML parse failed (1:L0/C0): out of memory");
     m_handle = handle;
-    m_fold = caseFolding();
     if (m_foldedNames.size() != m_names.size() || m_foldedFor != m_fold) {
         m_foldedNames.resize(m_names.size());
         for (std::size_t k = 0; k < m_names.size(); ++k)

@@ -30,6 +30,12 @@ std::size_t matchEntity(std::string_view rest, char& character) {
     return 0;
 }
 
+// Latin-1's printable characters: all but the control characters (below 32, 127 and the C1
+// range 128-159), so that accented letters stay letters.
+bool isPrintableLatin1(unsigned char c) {
+    return c >= 0x20 && c != 0x7F && (c < 0x80 || c >= 0xA0);
+}
+
 } // namespace
 
 void appendDecodedEntities(std::string& out, std::string_view text) {
@@ -56,16 +62,6 @@ std::string decodeEntities(const std::string& text) {
     appendDecodedEntities(out, text);
     return out;
 }
-
-namespace {
-
-// Latin-1's printable characters: all but the control characters (below 32, 127 and the C1
-// range 128-159), so that accented letters stay letters.
-bool isPrintableLatin1(unsigned char c) {
-    return c >= 0x20 && c != 0x7F && (c < 0x80 || c >= 0xA0);
-}
-
-} // namespace
 
 std::string stripMarkup(const std::string& text) {
     std::string out;

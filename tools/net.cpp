@@ -396,9 +396,7 @@ std::pair<std::string, std::string> hostAndPath(const std::string& url) {
 
 void openTransfer(Transfer& transfer, bool forceDownload) {
     transfer.handle = transfer.session.impl().acquire();
-    if (!transfer.handle) {
-        if (transfer.simple)
-            throw Exception("Can't open the URL: " + transfer.url);
+    if (!transfer.handle) { // the simple path turns this into its own text
         const auto [host, path] = hostAndPath(transfer.url);
         throw Exception("Can't open request: host=" + host + " ; urlPath=" + path);
     }
