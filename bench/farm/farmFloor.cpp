@@ -3,10 +3,14 @@
 // (temporary file, then rename). Nothing else is kept, parsed or compared.
 // With --keep-body the state file also holds the document fetched (a 304 keeps the one before):
 // the floor of a reader that stores what it downloads, without reading it.
+// With --parse as well, each document fetched also goes through expat with no handlers: the
+// floor of a reader that reads what it stores with expat and does nothing with what it finds.
 //
-// Usage: farmFloor [--keep-body] URLS_FILE STATE_DIR   (one address a line; one file per feed)
+// Usage: farmFloor [--keep-body [--parse]] URLS_FILE STATE_DIR
+//        (one address a line; one file per feed)
 
 #include <curl/curl.h>
+#include <expat.h>
 
 #include <cctype>
 #include <cstdio>
@@ -89,8 +93,23 @@ std::string keptBody(const std::string& path) {
     return at == std::string::npos ? std::string() : text.substr(at + 7);
 }
 
+// Expat over the whole document with no handlers; false when it is not well-formed.
+bool parseBare(const std::string& text) {
+    XML_Parser parser = XML_ParserCreate(nullptr);
+    const bool parsed =
+        XML_Parse(parser, text.data(), static_cast<int>(text.size()), 1) == XML_STATUS_OK;
+    XML_ParserFree(parser);
+    return parsed;
+}
+
+struct Mode {
+    bool keepBody = false;
+    bool parse = false;
+};
+
 // One feed: returns the HTTP status (0 when the transfer failed).
-long updateFeed(CURL* curl, const std::string& url, const std::string& statePath, bool keepBody) {
+long updateFeed(CURL* curl, const std::string& url, const std::string& statePath, Mode mode) {
+    const bool keepBody = mode.keepBody;
     const Validators previous = readState(statePath);
     curl_slist* headers = nullptr;
     if (!previous.etag.empty())
@@ -114,6 +133,8 @@ long updateFeed(CURL* curl, const std::string& url, const std::string& statePath
         if (keepBody)
             body.text = keptBody(statePath);
     }
+    if (mode.parse && status == 200 && !parseBare(body.text))
+        std::cerr << "farmFloor: " << url << " is not well-formed\n";
     std::ostringstream state;
     state << "url=" << url << "\netag=" << fresh.etag << "\nlast-modified=" << fresh.lastModified
           << "\nstatus=" << status << "\nbytes=" << body.bytes << "\nfetched=" << std::time(nullptr)
@@ -128,12 +149,14 @@ long updateFeed(CURL* curl, const std::string& url, const std::string& statePath
 } // namespace
 
 int main(int argc, char** argv) {
-    const bool keepBody = argc == 4 && std::string(argv[1]) == "--keep-body";
-    if (argc != 3 && !keepBody) {
-        std::cerr << "usage: farmFloor [--keep-body] URLS_FILE STATE_DIR\n";
+    Mode mode;
+    mode.keepBody = argc >= 4 && std::string(argv[1]) == "--keep-body";
+    mode.parse = mode.keepBody && argc == 5 && std::string(argv[2]) == "--parse";
+    if (argc != 3 + static_cast<int>(mode.keepBody) + static_cast<int>(mode.parse)) {
+        std::cerr << "usage: farmFloor [--keep-body [--parse]] URLS_FILE STATE_DIR\n";
         return 2;
     }
-    argv += keepBody ? 1 : 0;
+    argv += static_cast<int>(mode.keepBody) + static_cast<int>(mode.parse);
     curl_global_init(CURL_GLOBAL_DEFAULT);
     CURL* curl = curl_easy_init();
     curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, &onHeader);
@@ -144,8 +167,7 @@ int main(int argc, char** argv) {
     int feeds = 0, failed = 0;
     while (std::getline(urls, url)) {
         const long status = updateFeed(
-            curl, url, std::string(argv[2]) + "/feed" + std::to_string(feeds++) + ".state",
-            keepBody);
+            curl, url, std::string(argv[2]) + "/feed" + std::to_string(feeds++) + ".state", mode);
         failed += status != 200 && status != 304;
     }
     curl_easy_cleanup(curl);

@@ -12,7 +12,9 @@
 # floor in turn, each from a fresh state, and the medians are given: on a loaded machine or a
 # file system whose cost of creating files swings, one pass of either says little. Beside them
 # the floor that keeps each document it fetched (farmFloor --keep-body), replacing a file that
-# exists as pelsu replaces the channel's file.
+# exists as pelsu replaces the channel's file, and the floor that also runs each document through
+# expat with no handlers (farmFloor --keep-body --parse): the least a reader that parses what
+# it fetches with expat can do.
 # PELSU_CLI=path measures that pelsu-cli instead of the one this tree builds.
 set -euo pipefail
 here="$(cd "$(dirname "$0")" && pwd)"
@@ -28,7 +30,7 @@ cli="${PELSU_CLI:-$root/build/cli/pelsu-cli}" # PELSU_CLI measures another build
 cmake -S "$root" -B "$root/build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 ninja -C "$root/build" -j"$(nproc)" pelsu-cli >/dev/null
 floor="$work/farmFloor"
-g++ -std=c++20 -O2 -Wall -Wextra -o "$floor" "$here/farmFloor.cpp" -lcurl
+g++ -std=c++20 -O2 -Wall -Wextra -o "$floor" "$here/farmFloor.cpp" -lcurl -lexpat
 mkdir -p "$work/floor"
 
 python3 "$here/makeFarm.py" "$work/feeds" --count "$count"
@@ -117,25 +119,33 @@ if ((rounds > 0)); then
         # New directories each round, none deleted meanwhile: on a file system without a
         # journal, files created soon after others were deleted cost more.
         home="$work/round-home-$round" state="$work/round-floor-$round"
-        kept="$work/round-kept-$round"
-        mkdir -p "$state" "$kept"
-        for ((i = 0; i < count; i++)); do : >"$kept/feed$i.state"; done
+        kept="$work/round-kept-$round" parsed="$work/round-parsed-$round"
+        mkdir -p "$state" "$kept" "$parsed"
+        for ((i = 0; i < count; i++)); do : >"$kept/feed$i.state"; : >"$parsed/feed$i.state"; done
         "$cli" --home "$home" import-opml "$work/farm.opml" >/dev/null
         "$cli" --home "$home" remove PelsuNews >/dev/null
         measure pelsu "(a) round $round" "$cli" --home "$home" update >/dev/null
         measure floor "(a) round $round" "$floor" "$work/urls" "$state" >/dev/null
         measure kept "(a) round $round" "$floor" --keep-body "$work/urls" "$kept" >/dev/null
+        measure parsed "(a) round $round" "$floor" --keep-body --parse "$work/urls" "$parsed" \
+            >/dev/null
         echo "${wall[pelsu (a) round $round]} ${cpu[pelsu (a) round $round]}" \
             "${wall[floor (a) round $round]} ${cpu[floor (a) round $round]}" \
-            "${wall[kept (a) round $round]} ${cpu[kept (a) round $round]}" >>"$work/rounds"
+            "${wall[kept (a) round $round]} ${cpu[kept (a) round $round]}" \
+            "${wall[parsed (a) round $round]} ${cpu[parsed (a) round $round]}" >>"$work/rounds"
     done
     column() { awk -v c="$1" '{ print $c }' "$work/rounds" | median; }
     ratios() { awk -v a="$1" -v b="$2" '$b > 0 { print $a / $b }' "$work/rounds" | median; }
     printf '(a) first fetch, median of %d rounds (wall s, cpu s): pelsu %s %s; floor %s %s;' \
         "$rounds" "$(column 1)" "$(column 2)" "$(column 3)" "$(column 4)"
-    printf ' floor keeping the documents %s %s\n' "$(column 5)" "$(column 6)"
+    printf ' floor keeping the documents %s %s; and parsing them %s %s\n' "$(column 5)" \
+        "$(column 6)" "$(column 7)" "$(column 8)"
     printf '%-24s pelsu/%-8s wall %6.2fx  cpu %6.2fx  (median of the rounds\x27 ratios)\n' "" floor \
         "$(ratios 1 3)" "$(ratios 2 4)"
     printf '%-24s pelsu/%-8s wall %6.2fx  cpu %6.2fx  (floor keeping the documents)\n' "" kept \
         "$(ratios 1 5)" "$(ratios 2 6)"
+    printf '%-24s pelsu/%-8s wall %6.2fx  cpu %6.2fx  (floor keeping and parsing them)\n' "" \
+        parsed "$(ratios 1 7)" "$(ratios 2 8)"
+    printf '%-24s parsed/%-7s wall %6.2fx  cpu %6.2fx  (what parsing alone adds to the floor)\n' \
+        "" floor "$(ratios 7 3)" "$(ratios 8 4)"
 fi
