@@ -103,6 +103,9 @@ constexpr Rule kMediaRules[] = {
     {Kind::MediaContainer, "content", Kind::MediaContainer},
 };
 
+// The namespaces whose elements the reader knows.
+enum class ElementSpace : unsigned char { Atom, Media, Other };
+
 bool isMediaNamespace(std::string_view uri) {
     return uri == "http://search.yahoo.com/mrss/" || uri == "http://search.yahoo.com/mrss";
 }
@@ -274,6 +277,12 @@ private:
     std::string m_atomNamespace; // the root's
     std::vector<Kind> m_kinds;   // of the open elements
     std::vector<Namespace> m_namespaces;
+    // The namespace last looked up for an element, by its prefix: valid while m_namespaces
+    // is as it was then (m_namespacesChanged counts its changes).
+    std::size_t m_namespacesChanged = 0;
+    std::size_t m_lookedUpAt = ~std::size_t{0};
+    std::string m_lookedUpPrefix;
+    ElementSpace m_lookedUpSpace = ElementSpace::Other;
     std::vector<std::pair<std::size_t, std::string>> m_bases; // xml:base by depth, resolved
     // The text construct being copied: its depth (0: none), whether it is XHTML, the depth of
     // the XHTML container div that is left out (0: none), the copy of what is inside it up to
@@ -300,6 +309,7 @@ bool AtomXmlParser::read(Feed& feed, const std::string& text, int maxItems,
     m_atomNamespace.clear();
     m_kinds.clear();
     m_namespaces.clear();
+    ++m_namespacesChanged;
     m_bases.clear();
     m_textDepth = 0;
     m_text.clear();
@@ -320,18 +330,20 @@ Attributes AtomXmlParser::scanAttributes(const char** attributes, std::size_t de
         const char* name = at[0];
         if (!std::strchr("xtmrh", name[0])) // none of the names below
             continue;
-        if (std::strncmp(name, "xmlns", 5) == 0 && (name[5] == '\0' || name[5] == ':'))
+        if (std::strncmp(name, "xmlns", 5) == 0 && (name[5] == '\0' || name[5] == ':')) {
             m_namespaces.push_back({depth, name[5] ? name + 6 : "", at[1]});
-        else if (std::strcmp(name, "xml:base") == 0)
+            ++m_namespacesChanged;
+        } else if (std::strcmp(name, "xml:base") == 0) {
             found.base = at[1];
-        else if (std::strcmp(name, "type") == 0)
+        } else if (std::strcmp(name, "type") == 0) {
             found.type = at[1];
-        else if (std::strcmp(name, "mode") == 0)
+        } else if (std::strcmp(name, "mode") == 0) {
             found.mode = at[1];
-        else if (std::strcmp(name, "rel") == 0)
+        } else if (std::strcmp(name, "rel") == 0) {
             found.rel = at[1];
-        else if (std::strcmp(name, "href") == 0)
+        } else if (std::strcmp(name, "href") == 0) {
             found.href = at[1];
+        }
     }
     if (found.base)
         m_bases.emplace_back(depth, tools::resolveAddress(currentBase(), found.base));
@@ -359,10 +371,22 @@ Kind AtomXmlParser::classify(Kind parent, const char* name, std::size_t depth) {
         m_atomNamespace = namespaceOf(split.prefix);
         return m_isAtom ? Kind::Feed : Kind::Other;
     }
-    const std::string& uri = namespaceOf(split.prefix);
-    if (uri == m_atomNamespace)
+    if (m_lookedUpAt != m_namespacesChanged || split.prefix != m_lookedUpPrefix) {
+        const std::string& uri = namespaceOf(split.prefix);
+        m_lookedUpSpace = uri == m_atomNamespace  ? ElementSpace::Atom
+                          : isMediaNamespace(uri) ? ElementSpace::Media
+                                                  : ElementSpace::Other;
+        m_lookedUpPrefix.assign(split.prefix);
+        m_lookedUpAt = m_namespacesChanged;
+    }
+    switch (m_lookedUpSpace) {
+    case ElementSpace::Atom:
         return kindOf(kRules, parent, split.local);
-    return isMediaNamespace(uri) ? kindOf(kMediaRules, parent, split.local) : Kind::Other;
+    case ElementSpace::Media:
+        return kindOf(kMediaRules, parent, split.local);
+    default:
+        return Kind::Other;
+    }
 }
 
 void AtomXmlParser::traceStart(const char* name, const char** attributes) {
@@ -409,8 +433,10 @@ void AtomXmlParser::onEndElement(const char* name) {
 }
 
 void AtomXmlParser::leaveScopes(std::size_t depth) {
-    while (!m_namespaces.empty() && m_namespaces.back().depth == depth)
+    while (!m_namespaces.empty() && m_namespaces.back().depth == depth) {
         m_namespaces.pop_back();
+        ++m_namespacesChanged;
+    }
     if (!m_bases.empty() && m_bases.back().first == depth)
         m_bases.pop_back();
 }
