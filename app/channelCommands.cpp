@@ -144,7 +144,7 @@ void updateHere(ChannelCommandContext& context, const std::vector<channels::Chan
     for (auto& worker : workers)
         worker.join();
     // The final save belongs to the outcome: a channel that can't be saved has failed.
-    context.manager.stop();
+    context.manager.stop(channels::ChannelManager::SaveAtStop::Changed);
 }
 
 int runUpdate(ChannelCommandContext& context) {

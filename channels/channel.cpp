@@ -76,6 +76,7 @@ void Channel::save() {
     m_state.feedSaved(file, keepsFiles());
     m_savedRevision = saving;
     m_savedStamp = profile::fileStamp(file);
+    m_savedThisRun = true;
 }
 
 std::uint64_t Channel::revision() const {
@@ -86,6 +87,11 @@ bool Channel::needsSave() const {
     threadSafety::ScopedLock lock(m_lock);
     return !m_removed &&
            (revision() != m_savedRevision || !(profile::fileStamp(fileName()) == m_savedStamp));
+}
+
+bool Channel::savedThisRun() const {
+    threadSafety::ScopedLock lock(m_lock);
+    return m_savedThisRun;
 }
 
 void Channel::releaseFeed() {

@@ -63,6 +63,9 @@ public:
     // saved, or its file no longer is the one then read or written (another program replaced
     // or removed it). A failed save leaves the channel in need of one.
     bool needsSave() const;
+    // Whether this process has written the channel's file: until then the file may lack keys
+    // or hold values a save would write otherwise (made by hand, or by an older version).
+    bool savedThisRun() const;
     // Drops the feed from memory (it was saved); it is read from the file when next used.
     void releaseFeed();
 
@@ -112,6 +115,7 @@ private:
     std::uint64_t revision() const;
     std::uint64_t m_savedRevision = 0; // the revision the file holds
     profile::FileStamp m_savedStamp;   // the file as last loaded or saved
+    bool m_savedThisRun = false;
 };
 
 } // namespace channels

@@ -198,7 +198,7 @@ std::vector<std::shared_ptr<Channel>> ChannelManager::takeChannels() {
     return taken;
 }
 
-void ChannelManager::stop() {
+void ChannelManager::stop(SaveAtStop which) {
     if (m_worker.joinable()) {
         PELSU_LOG(channelManagerGroup(), "Stopping the channel manager worker thread.");
         m_stopEvent.set();
@@ -223,7 +223,8 @@ void ChannelManager::stop() {
     PELSU_LOG(channelManagerGroup(), "Saving channels.");
     for (Channel* channel : channels()) { // a copy: no channel is locked under the table's lock
         try {
-            if (channel->needsSave()) // unchanged channels are on disk as they are
+            if (channel->needsSave() ||
+                (which == SaveAtStop::Every && !channel->savedThisRun()))
                 channel->save();
         } catch (const std::exception& failure) {
             PELSU_LOG(channelManagerGroup(),

@@ -59,10 +59,13 @@ public:
     bool loadChannels();
     // Opens the Internet session and starts the worker. Throws channels::Exception.
     void start(const std::string& userAgent);
-    // Stops the worker (forcing it after the wait), saves the channels that need it (see
-    // Channel::needsSave) and drops every channel, closes the session. Safe to call when not
-    // started.
-    void stop();
+    // Which channels stop() saves: every one (those this process saved and left unchanged
+    // since are skipped, as their files already hold what a save would write), or only those
+    // changed since they were loaded or saved (for commands that touch a few channels).
+    enum class SaveAtStop { Every, Changed };
+    // Stops the worker (forcing it after the wait), saves the channels, drops every channel
+    // and closes the session. Safe to call when not started.
+    void stop(SaveAtStop which = SaveAtStop::Every);
     bool isRunning() const;
     // Drops every channel without saving it (for callers that only read); not while running.
     void discardChannels();

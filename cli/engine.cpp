@@ -44,7 +44,7 @@ Engine::Engine(app::Environment environment) : m_environment(std::move(environme
 
 Engine::~Engine() {
     if (m_saveOnExit)
-        m_manager->stop();
+        m_manager->stop(channels::ChannelManager::SaveAtStop::Changed);
     else
         m_manager->discardChannels();
 }

@@ -165,7 +165,7 @@ TEST_F(SaveTest, FileEditedByHandBetweenLoadAndSaveEndsAsAWholeSaveLeavesIt) {
     EXPECT_NE(text.find("[Notes]\nSeen=1\n"), std::string::npos);
 }
 
-TEST_F(SaveTest, ShutDownWritesOnlyChangedChannelsAndRetriesAFailedSave) {
+TEST_F(SaveTest, StopsWriteWhatASaveWouldChangeAndRetryAFailedSave) {
     restart();
     updateBoth();
     auto& m = restart();
@@ -174,7 +174,7 @@ TEST_F(SaveTest, ShutDownWritesOnlyChangedChannelsAndRetriesAFailedSave) {
     m.findChannel("full")->config().setPreferredChannelDisplayName("Mine");
     EXPECT_FALSE(m.findChannel("fast")->needsSave());
     EXPECT_TRUE(m.findChannel("full")->needsSave());
-    m.stop();
+    m.stop(ChannelManager::SaveAtStop::Changed); // as a command that touched a few channels
     EXPECT_EQ(inode("fast"), fastBefore) << "an unchanged channel is not written";
     EXPECT_NE(inode("full"), fullBefore);
     EXPECT_EQ(profile::readIniString(file("full"), "Config", "PreferredChannelDisplayName"),
@@ -191,6 +191,14 @@ TEST_F(SaveTest, ShutDownWritesOnlyChangedChannelsAndRetriesAFailedSave) {
     again.stop();
     EXPECT_EQ(profile::readIniString(file("full"), "Config", "PreferredChannelDisplayName"),
               "Later");
+
+    // The program's own stop also saves the channels it has not saved, so that a file made by
+    // hand ends as a save writes it (a file that already is so is left as it is).
+    profile::writeIniString(file("hand"), "Config", "RssChannelUrl", m_server.url());
+    restart().stop();
+    const std::string hand = readFile(file("hand"));
+    for (const char* section : {"[Cache]", "[Config]", "[Settings]", "[State]"})
+        EXPECT_NE(hand.find(section), std::string::npos) << section << " in\n" << hand;
 }
 
 TEST_F(SaveTest, SummaryPageIsMadeOnlyWhileSomethingShowsIt) {
