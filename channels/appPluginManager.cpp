@@ -8,6 +8,7 @@
 #include "channels/scriptAppPlugin.h"
 #include "lib/log/log.h"
 #include "lib/misc/iniValues.h"
+#include "lib/misc/text.h"
 
 #include <atomic>
 #include <ctime>
@@ -89,7 +90,7 @@ void AppPluginManager::doLoadAppPlugins(const std::string& dir) {
             doLoadAppPlugins(path);
             continue;
         }
-        if (::strcasecmp(entry.path().extension().string().c_str(), ".plugin") != 0) {
+        if (::strcasecmp(misc::fileExtension(name).c_str(), ".plugin") != 0) {
             PELSU_LOG(group, "This is not a .plugin file - skipping it.");
             continue;
         }
@@ -105,7 +106,7 @@ void AppPluginManager::loadPluginFile(const std::string& path, const std::string
         if (value.empty())
             throw Exception("Missing 'Plugin' parameter: " + path);
         PELSU_LOG(pluginLoadGroup(), "Loading the plugin: pluginFilename=" << name);
-        const std::string extension = fs::path(value).extension().string();
+        const std::string extension = misc::fileExtension(value);
         if (::strcasecmp(extension.c_str(), ".dll") == 0 ||
             ::strcasecmp(extension.c_str(), ".so") == 0)
             plugin = std::make_unique<DllAppPlugin>(this);

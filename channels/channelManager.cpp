@@ -38,7 +38,8 @@ ChannelManager::ChannelManager(std::string channelsDir, ChannelManagerOptions op
       m_scriptTimeoutSeconds(m_options.scriptTimeoutSeconds),
       m_logChannelProcessing(m_options.logChannelProcessing) {
     setFeedFormats(m_options.feedFormats);
-    PELSU_LOG(channelManagerGroup(), "Channel Manager created: " << m_channelsDir);
+    PELSU_LOG(channelManagerGroup(), "Channel Manager created:");
+    PELSU_LOG(channelManagerGroup(), "- channelsDir=" << m_channelsDir);
 }
 
 void ChannelManager::setFeedFormats(FeedFormats formats) {
@@ -60,7 +61,8 @@ FeedFormats ChannelManager::feedFormats() const {
 
 ChannelManager::~ChannelManager() {
     stop();
-    PELSU_LOG(channelManagerGroup(), "Channel Manager destroyed: " << m_channelsDir);
+    PELSU_LOG(channelManagerGroup(), "Channel Manager destroyed:");
+    PELSU_LOG(channelManagerGroup(), "- channelsDir=" << m_channelsDir);
 }
 
 std::unique_ptr<Channel> ChannelManager::makeChannel(const std::string& id,
@@ -223,8 +225,7 @@ void ChannelManager::stop(SaveAtStop which) {
     PELSU_LOG(channelManagerGroup(), "Saving channels.");
     for (Channel* channel : channels()) { // a copy: no channel is locked under the table's lock
         try {
-            if (channel->needsSave() ||
-                (which == SaveAtStop::Every && !channel->savedThisRun()))
+            if (channel->needsSave() || (which == SaveAtStop::Every && !channel->savedThisRun()))
                 channel->save();
         } catch (const std::exception& failure) {
             PELSU_LOG(channelManagerGroup(),

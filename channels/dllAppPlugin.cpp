@@ -71,13 +71,13 @@ DllAppPlugin::~DllAppPlugin() {
         ::dlclose(m_library);
 }
 
-// A page or response that a library handed over: copied, then given back to the library.
+// A page or response that a library handed over: copied, then given back to the library,
+// null included (a library's free accepts what its own calls may leave null).
 std::string DllAppPlugin::takeBuffer(char* buffer, std::int32_t length) const {
     std::string copy;
     if (buffer && length > 0)
         copy.assign(buffer, static_cast<std::size_t>(length));
-    if (buffer)
-        m_info->plugin_free(buffer);
+    m_info->plugin_free(buffer);
     return copy;
 }
 

@@ -119,7 +119,7 @@ void PluginChannel::fetch(std::string& text, bool firstFetch, bool& unchanged) {
         PELSU_LOG(scriptPluginsGroup(), "--- END CONFIG FILE ---");
     }
     tools::TempFile output;
-    const std::string scriptDir = std::filesystem::path(script).parent_path().string();
+    const std::string scriptDir = scriptDirectory(script);
     // A script that fails leaves its error page in the output: that page is the feed text,
     // and the parser judges it like any other.
     runScript(commandLine, scriptDir, output, manager()->scriptTimeoutSeconds());

@@ -48,7 +48,7 @@ void ScriptAppPlugin::GenerateMainPage() {
     auto config =
         buildScriptConfigFile("GenerateMainPage", m_pluginParamDefs, m_pluginParamValues, nullptr);
     const std::string commandLine = commandLineFor(config->path());
-    const std::string directory = std::filesystem::path(m_scriptFilename).parent_path().string();
+    const std::string directory = scriptDirectory(m_scriptFilename);
     runScript(commandLine, directory, m_mainPage, m_manager->getScriptTimeout());
 }
 
@@ -76,7 +76,7 @@ void ScriptAppPlugin::ProcessRequest(const std::string& pluginRequest,
         profile::writeIniString(config->path(), kSystemSection, "ParamString", paramString);
     }
     const std::string commandLine = commandLineFor(config->path());
-    const std::string directory = std::filesystem::path(m_scriptFilename).parent_path().string();
+    const std::string directory = scriptDirectory(m_scriptFilename);
     runScript(commandLine, directory, output, m_manager->getScriptTimeout());
     if (response.empty())
         response = output.read(); // no second copy of a large answer

@@ -12,6 +12,7 @@
 #include "tools/net.h"
 
 #include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -88,8 +89,19 @@ std::string valueFor(const CommandValue& value, char quote) {
     return out;
 }
 
-// Replaces "%1" and "%2" the way the platform's message formatting does, quoting each value
-// for its place in the template, so that a path with blanks stays one argument.
+// The end of an insert's "!format!" that starts at text[at], or at itself without one.
+std::size_t afterInsertFormat(const std::string& text, std::size_t at) {
+    if (at >= text.size() || text[at] != '!')
+        return at;
+    const std::size_t close = text.find('!', at + 1);
+    return close == std::string::npos ? at : close + 1;
+}
+
+// Expands the template the way the platform's message formatting does: "%1" and "%2" (with an
+// optional "!format!") become the values, quoted for their place in the template so that a
+// path with blanks stays one argument; "%0" ends the text, "%n" is a line break, "%r" a
+// carriage return, "%t" a tab, and "%" before any other character but a digit stands for
+// that character ("%%", "%*", "%.", "%!", "% ").
 std::string expandArguments(const std::string& text, const CommandValue& first,
                             const CommandValue& second) {
     std::string out;
@@ -99,8 +111,25 @@ std::string expandArguments(const std::string& text, const CommandValue& first,
         const bool hasNext = i + 1 < text.size();
         if (c == '%' && hasNext && (text[i + 1] == '1' || text[i + 1] == '2')) {
             out += valueFor(text[++i] == '1' ? first : second, quote);
+            i = afterInsertFormat(text, i + 1) - 1;
             continue;
         }
+        if (c == '%' && hasNext && !std::isdigit(static_cast<unsigned char>(text[i + 1]))) {
+            const char escaped = text[++i];
+            if (escaped == 'n')
+                out += "\r\n";
+            else if (escaped == 'r' || escaped == 't')
+                out += escaped == 'r' ? '\r' : '\t';
+            else
+                out += escaped;
+            if (quote == 0 && (escaped == '"' || escaped == '\''))
+                quote = escaped;
+            else if (escaped == quote)
+                quote = 0;
+            continue;
+        }
+        if (c == '%' && hasNext && text[i + 1] == '0')
+            break;
         out += c;
         if (c == '\\' && hasNext &&
             (quote == 0 || (quote == '"' && (text[i + 1] == '"' || text[i + 1] == '\\'))))
@@ -193,10 +222,17 @@ buildScriptConfigFileForChannel(const std::string& command, const ParamDefTable&
     return file;
 }
 
+std::string scriptDirectory(const std::string& scriptFilename) {
+    std::string directory = std::filesystem::path(scriptFilename).parent_path().string();
+    if (directory.empty() || directory.back() != '/')
+        directory += '/';
+    return directory;
+}
+
 std::string buildScriptCommandLine(const std::string& scriptFilename,
                                    const std::string& configFilename) {
     const std::filesystem::path script(scriptFilename);
-    const std::string extension = script.extension().string();
+    const std::string extension = misc::fileExtension(scriptFilename);
     std::string commandTemplate;
     {
         const ScriptSettings settings = scriptSettings();
@@ -214,10 +250,7 @@ std::string buildScriptCommandLine(const std::string& scriptFilename,
     }
     CommandValue scriptArgument = plainValue(scriptFilename);
     if (::strcasecmp(extension.c_str(), ".class") == 0) {
-        // The script's directory as a path splits it: with its closing separator.
-        std::string directory = script.parent_path().string();
-        if (directory.empty() || directory.back() != '/')
-            directory += '/';
+        const std::string directory = scriptDirectory(scriptFilename);
         const std::string name = script.stem().string();
         scriptArgument = {"-cp " + directory + " " + name,
                           "-cp " + quotedArgument(directory) + " " + quotedArgument(name)};

@@ -49,6 +49,10 @@ buildScriptConfigFileForChannel(const std::string& command, const ParamDefTable&
 // The command line that runs the script with the configuration file; every path in it stays
 // one argument (quoted when it holds blanks or quotes). Throws channels::Exception when no
 // program is known for the script's file type.
+// A script's drive and directory: the folder that holds it, with its closing separator (the
+// working directory of the script's process).
+std::string scriptDirectory(const std::string& scriptFilename);
+
 std::string buildScriptCommandLine(const std::string& scriptFilename,
                                    const std::string& configFilename);
 

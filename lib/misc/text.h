@@ -52,4 +52,14 @@ inline std::string percentDecoded(const std::string& text) {
     return out;
 }
 
+// A file name's extension as a path splits it: from the last "." of the last component to its
+// end, the dot included, even when the name starts with it (".plugin", ".py"); "" without one.
+inline std::string fileExtension(const std::string& path) {
+    const std::size_t slash = path.find_last_of("/\\");
+    const std::size_t dot = path.rfind('.');
+    return dot == std::string::npos || (slash != std::string::npos && dot < slash)
+               ? std::string()
+               : path.substr(dot);
+}
+
 } // namespace misc

@@ -197,6 +197,9 @@ TEST_F(AppPluginTest, EveryLoadFaultIsAnEventAndTheOthersLoad) {
     writeFile(m_dir.file("good.plugin"), "[Config]\nPlugin=ok.sh\nAppPluginId=good one\n");
     writeFile(m_dir.file("readme.txt"), "not a plugin");
     script("ok.sh", "echo ok\n");
+    // Names that start with their extension's dot have that extension.
+    writeFile(m_dir.file(".plugin"), "[Config]\nPlugin=.sh\nAppPluginId=dotted\n");
+    script(".sh", "echo ok\n");
     m_manager.loadAppPlugins();
     std::vector<std::string> messages = m_errors.messages;
     std::sort(messages.begin(), messages.end());
@@ -211,6 +214,7 @@ TEST_F(AppPluginTest, EveryLoadFaultIsAnEventAndTheOthersLoad) {
     EXPECT_EQ(messages[3], "Can't load the plugin noplugin.plugin: Missing 'Plugin' parameter: " +
                                m_dir.file("noplugin.plugin"));
     EXPECT_NE(m_manager.findAppPlugin("good_one"), nullptr);
+    EXPECT_NE(m_manager.findAppPlugin("dotted"), nullptr);
     // The event names the plugin only when a plugin object was made.
     std::vector<std::string> texts = m_errors.texts;
     std::sort(texts.begin(), texts.end());

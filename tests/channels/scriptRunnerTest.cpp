@@ -97,12 +97,19 @@ TEST(ScriptRunner, CommandLinesFollowTheFileTypeTableAndEveryPathStaysOneArgumen
         settings.fileTypeCommands[".py3"] = "python3 %1 %*";
         settings.fileTypeCommands[".sh"] = "sh '%1' %*";
         settings.fileTypeCommands[".rb"] = "ruby -w";
+        settings.fileTypeCommands[".t1"] = "echo \"%1\" %* %*";
+        settings.fileTypeCommands[".t2"] = "run 100%% %1!s! %*";
+        settings.fileTypeCommands[".t3"] = "run %1%0tail %*";
     });
     EXPECT_EQ(buildScriptCommandLine("/s/news.py", "/tmp/cfg"),
               "/opt/py/python \"/s/news.py\" /tmp/cfg");
     EXPECT_EQ(buildScriptCommandLine("/s/a.pl", "/tmp/cfg"), "perl /s/a.pl /tmp/cfg");
     EXPECT_EQ(buildScriptCommandLine("/s/dir/Main.CLASS", "/tmp/cfg"),
               "java -cp /s/dir/ Main /tmp/cfg");
+    // The template expands as the platform's message formatting expands it.
+    EXPECT_EQ(buildScriptCommandLine("/s/a.t1", "c"), "echo \"/s/a.t1\" c *");
+    EXPECT_EQ(buildScriptCommandLine("/s/a.t2", "c"), "run 100% /s/a.t2 c");
+    EXPECT_EQ(buildScriptCommandLine("/s/a.t3", "c"), "run /s/a.t3");
     EXPECT_EQ(failureOf([] { buildScriptCommandLine("/s/a.x", "c"); }),
               "This file type has no 'shell/open' command specified: .x");
     EXPECT_EQ(failureOf([] { buildScriptCommandLine("/nonexistent/a.zz", "c"); }),
