@@ -116,7 +116,7 @@ void Application::Impl::openTheRest(const Options& options) {
     try {
         frontEnd->createMainFrame(environment);
     } catch (const std::exception& failure) {
-        PELSU_LOG(shutdownGroup(), "- Exception caught: " << failure.what());
+        PELSU_LOG_DETAIL(shutdownGroup(), "- Exception caught: " << failure.what());
         throw StartupError("Can't load the main frame window.");
     }
     publishSystemValues(environment.paths, PELSU_VERSION);
@@ -206,7 +206,7 @@ void Application::Impl::stopPartialStart() noexcept {
             channels::AppPluginManager::instance().setChannelManager(nullptr);
         }
     } catch (const std::exception& failure) {
-        PELSU_LOG(shutdownGroup(), "- Exception caught: " << failure.what());
+        PELSU_LOG_DETAIL(shutdownGroup(), "- Exception caught: " << failure.what());
     }
     listeners.reset();
     manager.reset();
@@ -246,7 +246,7 @@ void Application::shutDown() {
         try {
             action();
         } catch (const std::exception& failure) {
-            PELSU_LOG(shutdownGroup(), "- Exception caught: " << failure.what());
+            PELSU_LOG_DETAIL(shutdownGroup(), "- Exception caught: " << failure.what());
         }
     };
     step("ExitInstance() called.", [] {});

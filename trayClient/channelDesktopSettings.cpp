@@ -109,7 +109,7 @@ bool ChannelDesktopSettings::load(const std::string& file, const std::string& ch
             break;
         viewedItems.insert(std::move(id));
     }
-    PELSU_LOG(viewedGroup(), "- # viewed feed items: " << viewedItems.size());
+    PELSU_LOG_DETAIL(viewedGroup(), "- # viewed feed items: " << viewedItems.size());
     return true;
 }
 
@@ -127,7 +127,7 @@ bool ChannelDesktopSettings::save(const std::string& file, const std::string& ch
     std::size_t number = 0;
     for (const std::string& id : viewedItems)
         profile::writeIniString(file, kViewedSection, viewedKey(++number), id);
-    PELSU_LOG(viewedGroup(), "- # viewed feed items: " << viewedItems.size());
+    PELSU_LOG_DETAIL(viewedGroup(), "- # viewed feed items: " << viewedItems.size());
     if (batch.commit())
         return true;
     if (problem)

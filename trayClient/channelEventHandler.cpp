@@ -44,8 +44,8 @@ channels::FeedItem itemOf(const channels::FeedItemEvent& event) {
 void logItem(const char* headline, const std::string& channelName, const channels::FeedItem& item) {
     msglog::LogBlock block;
     PELSU_LOG(eventsGroup(), headline << " " << channelName);
-    PELSU_LOG(eventsGroup(), "- ID: " << item.id);
-    PELSU_LOG(eventsGroup(), "- URL: " << item.url);
+    PELSU_LOG_DETAIL(eventsGroup(), "- ID: " << item.id);
+    PELSU_LOG_DETAIL(eventsGroup(), "- URL: " << item.url);
 }
 
 } // namespace
@@ -64,7 +64,7 @@ void ChannelEventHandler::handleEvent(channels::Event& event) {
         // Checked before anything is handed over: events during start-up or shut-down (once
         // delivering stopped) are dropped, not queued for a window that is not there.
         if (!m_delivering.load() || !m_window.present()) {
-            PELSU_LOG(eventsGroup(), "- Main window is not present - ignoring the event!");
+            PELSU_LOG_DETAIL(eventsGroup(), "- Main window is not present - ignoring the event!");
             return;
         }
     }
@@ -146,8 +146,8 @@ void ChannelEventHandler::countFailedUpdate(const std::string& channelId,
         run.failing = true;
         lastError = run.lastError;
     }
-    PELSU_LOG(eventsGroup(), "- Consecutive update errors reached the maximum: channel="
-                                 << channelName << " ; errors=" << failedUpdates);
+    PELSU_LOG_DETAIL(eventsGroup(), "- Consecutive update errors reached the maximum: channel="
+                                        << channelName << " ; errors=" << failedUpdates);
     std::string message = lastError.empty() ? "The update failed." : lastError;
     message += " (" + std::to_string(failedUpdates) + " failed updates in a row)";
     m_queue.queue(std::make_unique<ErrorNotificationRequest>("Channel " + channelName,

@@ -57,7 +57,7 @@ void CNotificationActions::openUrl(const std::string& url) {
     QUrl address(fromLatin1(url), QUrl::TolerantMode);
     const QString scheme = address.scheme().toLower();
     if (!address.isValid() || (scheme != "http" && scheme != "https" && scheme != "ftp")) {
-        PELSU_LOG(queueGroup(), "- Not a web address - not opened: " << url);
+        PELSU_LOG_DETAIL(queueGroup(), "- Not a web address - not opened: " << url);
         return;
     }
     QDesktopServices::openUrl(address);

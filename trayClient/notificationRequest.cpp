@@ -148,11 +148,11 @@ void NotificationRequestQueue::queue(std::unique_ptr<NotificationRequest> reques
         return;
     if (animate) {
         // The channel's news jumps the queue, whatever its length.
-        PELSU_LOG(queueGroup(), "- AnimateOnNewItem is set: queued at the front.");
+        PELSU_LOG_DETAIL(queueGroup(), "- AnimateOnNewItem is set: queued at the front.");
         m_mainQueue.push_front(std::move(request));
     } else if (m_maxLength > 0 && m_mainQueue.size() >= static_cast<std::size_t>(m_maxLength)) {
-        PELSU_LOG(queueGroup(),
-                  "- The queue is full - discarding the request: maxLength=" << m_maxLength);
+        PELSU_LOG_DETAIL(queueGroup(),
+                         "- The queue is full - discarding the request: maxLength=" << m_maxLength);
     } else {
         m_mainQueue.push_back(std::move(request));
     }
@@ -171,8 +171,8 @@ bool NotificationRequestQueue::mergeLocked(std::unique_ptr<NotificationRequest>&
         items.push_back(std::move(item));
     auto merged = std::make_unique<ConsolidatedNewFeedItemsNotificationRequest>(
         channelId, channelNameOf(*request), std::move(items));
-    PELSU_LOG(queueGroup(),
-              "- Merged with the channel's waiting request: items=" << merged->items().size());
+    PELSU_LOG_DETAIL(queueGroup(), "- Merged with the channel's waiting request: items="
+                                       << merged->items().size());
     if (toFront) {
         m_mainQueue.erase(waiting);
         m_mainQueue.push_front(std::move(merged));

@@ -376,7 +376,7 @@ void CTrayClientApp::cleanUpDesktopSettings() {
         if (m_settings)
             m_settings->cleanUp();
     } catch (const std::exception& error) {
-        PELSU_LOG(shutdownGroup(), "- Exception caught: " << error.what());
+        PELSU_LOG_DETAIL(shutdownGroup(), "- Exception caught: " << error.what());
     }
 }
 

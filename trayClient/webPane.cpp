@@ -76,7 +76,7 @@ void CWebPane::setLoopbackPorts(QList<int> ports) { m_loopbackPorts = std::move(
 
 void CWebPane::showUrl(const QUrl& url) {
     if (follow(url, false) == Route::Refused)
-        PELSU_LOG(g_webGroup, "- Not shown: " << latin1(url));
+        PELSU_LOG_DETAIL(g_webGroup, "- Not shown: " << latin1(url));
 }
 
 void CWebPane::showFile(const QString& path) {
@@ -146,7 +146,7 @@ bool CWebPane::acceptNavigation(const QUrl& url, bool isMainFrame, bool linkClic
     if (route == Route::Browser && isMainFrame)
         follow(url, linkClicked);
     else
-        PELSU_LOG(g_webGroup, "- Not shown: " << latin1(url));
+        PELSU_LOG_DETAIL(g_webGroup, "- Not shown: " << latin1(url));
     return false;
 }
 

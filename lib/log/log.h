@@ -220,6 +220,15 @@ std::string dumpBytes(const void* data, std::size_t size);
             pelsuLogLine_.stream() << text; /* NOLINT(bugprone-macro-parentheses) */               \
     } while (0)
 
+// A "- " detail line under the headline just written, indented one step. The log's lock is
+// held for the line, so no other thread's line is indented with it.
+#define PELSU_LOG_DETAIL(group, text)                                                              \
+    do {                                                                                           \
+        ::msglog::LogBlock pelsuDetailBlock_;                                                      \
+        ::msglog::LogIndent pelsuDetailIndent_;                                                    \
+        PELSU_LOG(group, text);                                                                    \
+    } while (0)
+
 #define PELSU_ASSERT(expression, message)                                                          \
     do {                                                                                           \
         if (!(expression))                                                                         \

@@ -107,14 +107,15 @@ TEST(Application, StartsStepByStepAndShutsDownWithTheElevenLinesInOrder) {
         (std::vector<std::string>{"uninstallMouseHook", "cleanUpDesktopSettings",
                                   "uninstallEventHandler", "unloadRichText", "shutDownToolkit"}));
 
-    // The eleven lines in order, the failed step's exception right after its line.
+    // The eleven lines in order, the failed step's exception right after its line, indented
+    // as a detail line.
     std::vector<std::string> logged;
     for (const std::string& text : logTexts(logFile))
         if (std::find(kShutdownLines.begin(), kShutdownLines.end(), text) != kShutdownLines.end() ||
-            text.rfind("- Exception caught:", 0) == 0)
+            text.rfind("  - Exception caught:", 0) == 0)
             logged.push_back(text);
     std::vector<std::string> expected = kShutdownLines;
-    expected.insert(expected.begin() + 4, "- Exception caught: the table is gone");
+    expected.insert(expected.begin() + 4, "  - Exception caught: the table is gone");
     EXPECT_EQ(logged, expected);
 
     EXPECT_TRUE(SingleInstance::tryLock(userDir)) << "shut-down releases the user directory";
