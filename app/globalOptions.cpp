@@ -39,7 +39,6 @@ const Option kOptions[] = {
     {"StartMinimized", &G::startMinimized},
     {"DisableAllAnimation", &G::disableAllAnimation},
     {"DisableAllSound", &G::disableAllSound},
-    {"NoWelcomeNotification", &G::noWelcomeNotification},
     {"MaxNotificationQueueLength", &G::maxNotificationQueueLength},
     {"MaxConsecutiveChannelUpdateErrors", &G::maxConsecutiveChannelUpdateErrors},
     {"PlaySoundOnError", &G::playSoundOnError},
@@ -84,6 +83,7 @@ const Option kOptions[] = {
     {"ErrorLogFontSize", &G::errorLogFontSize, 8, 50},
     {"ErrorLogFgdCol", &G::errorLogFgdCol, 0, 0, true},
     {"ErrorLogBgdCol", &G::errorLogBgdCol, 0, 0, true},
+    {"NoWelcomeNotification", &G::noWelcomeNotification},
     // The engine's switches and the download limits.
     {"DisableInternet", &G::disableInternet},
     {"LogChannelProcessing", &G::logChannelProcessing},

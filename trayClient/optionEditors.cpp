@@ -12,6 +12,7 @@
 #include <QPainter>
 #include <QPixmap>
 #include <QSpinBox>
+#include <limits>
 
 namespace trayClient {
 
@@ -22,6 +23,8 @@ using K = EditorKind;
 using P = OptionPage;
 
 const char* const kNoLimit = "No limit";
+// The top of a plain integer option's editor: stored values are shown and kept as they are.
+constexpr int kAnyInt = std::numeric_limits<int>::max();
 const char* const kWindows = "Windows";
 const char* const kStartUp = "Start-up";
 const char* const kLogPanes = "Log panes";
@@ -66,21 +69,21 @@ const OptionEditorRow kSpecs[] = {
     {"HideInTaskbar", K::Flag, &G::hideInTaskbar, P::General, kStartUp,
      "Keep the main window off the task bar"},
     {"MaxActivityLogMsgs", K::Number, &G::maxActivityLogMsgs, P::General, kLogPanes,
-     "Lines kept in the activity log", 0, 1000000},
+     "Lines kept in the activity log", 0, kAnyInt},
     {"MaxErrorLogMsgs", K::Number, &G::maxErrorLogMsgs, P::General, kLogPanes,
-     "Lines kept in the error log", 0, 1000000},
+     "Lines kept in the error log", 0, kAnyInt},
     // Notifications and sounds.
     {"NotificationBalloonDisplayTime", K::Number, &G::notificationBalloonDisplayTime,
      P::Notifications, kNotifications, "Show each notification for (seconds)", 1, 1800},
     {"NotificationBalloonPosition", K::Choice, &G::notificationBalloonPosition, P::Notifications,
      kNotifications, "Screen corner", 0, 3, "Top left|Top right|Bottom left|Bottom right"},
     {"MaxNotificationQueueLength", K::Number, &G::maxNotificationQueueLength, P::Notifications,
-     kNotifications, "Longest notification queue", -1, 100000, kNoLimit},
+     kNotifications, "Longest notification queue", -1, kAnyInt, kNoLimit},
     {"NoWelcomeNotification", K::Flag, &G::noWelcomeNotification, P::Notifications, kNotifications,
      "No welcome notification at start-up"},
     {"MaxConsecutiveChannelUpdateErrors", K::Number, &G::maxConsecutiveChannelUpdateErrors,
      P::Notifications, kNotifications, "Failed updates in a row before a channel is reported", 0,
-     1000},
+     kAnyInt},
     {"DisableAllSound", K::Flag, &G::disableAllSound, P::Notifications, kSounds,
      "Turn off all sounds"},
     {"PlaySoundOnError", K::Flag, &G::playSoundOnError, P::Notifications, kSounds,

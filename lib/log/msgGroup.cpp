@@ -1,5 +1,6 @@
 #include "lib/log/msgGroup.h"
 
+#include "lib/misc/iniValues.h"
 #include "lib/misc/profileFile.h"
 #include "lib/misc/text.h"
 
@@ -61,8 +62,10 @@ std::string readSettings(const std::vector<std::string>& files,
     for (const std::string& file : files) {
         for (const std::string& key : profile::listKeys(file, kSettingsSection)) {
             std::string value = profile::readValue(file, kSettingsSection, key).value_or("");
-            settings[misc::lowered(key)] = !value.empty() && value != "0";
             signature += file + '\n' + key + '=' + value + '\n';
+            // Read as every integer setting is: an empty value leaves the group as it was.
+            if (!misc::trimmed(value).empty())
+                settings[misc::lowered(key)] = profile::parseIniInt(value) != 0;
         }
     }
     return signature;

@@ -159,6 +159,13 @@ TEST_F(LogTest, GroupsAreSwitchedFromTheDebugFileWhileRunning) {
     writeFile(debugIni, "[MessageGroups]\n*=0\nlogtestswitched=1\n");
     pollMsgGroupSettings();
     PELSU_LOG(group, "shown");
+    // Values read as other integer settings: "00" is off, an empty one leaves the default.
+    writeFile(debugIni, "[MessageGroups]\nlogtestswitched=00\n");
+    pollMsgGroupSettings();
+    EXPECT_FALSE(group.isEnabled());
+    writeFile(debugIni, "[MessageGroups]\nlogtestswitched=\n");
+    pollMsgGroupSettings();
+    EXPECT_TRUE(group.isEnabled());
     EXPECT_FALSE(findMsgGroup("LogTestOn") && findMsgGroup("LogTestOn")->isEnabled());
 
     // Nobody polls now: the watching thread notices the change by itself.
