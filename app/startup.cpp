@@ -8,9 +8,11 @@
 #include "lib/misc/threadSafetyWin32.h"
 #include "tools/net.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <pwd.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -110,18 +112,33 @@ bool prepareUserDirectory(const AppPaths& paths) {
     const bool isNew = !fs::exists(paths.userDir, error);
     try {
         if (isNew) {
-            // Built beside the final place and renamed, so that a failure leaves no half user.
-            const fs::path staging = paths.userDir + ".new";
-            fs::remove_all(staging);
-            fs::create_directories(staging / "Channels");
-            fs::create_directories(staging / "Logs");
-            AppPaths staged = buildAppPaths(paths.programDir, paths.dataRoot, paths.userName);
-            staged.userDir = staging.string();
-            staged.channelsDir = (staging / "Channels").string();
-            copyResource(staged, kTemplateName);
-            copyResource(staged, kBackgroundName);
-            createDefaultChannel(staged);
-            fs::rename(staging, paths.userDir);
+            // Built beside the final place under a name no user can have and no other start
+            // uses, then renamed: a failure leaves no half user, and of two first starts at
+            // once the second finds the first one's directory in place and takes it.
+            const fs::path users = fs::path(paths.userDir).parent_path();
+            fs::create_directories(users);
+            std::string pattern = (users / ".new-XXXXXX").string();
+            if (!::mkdtemp(pattern.data()))
+                throw std::system_error(errno, std::generic_category(),
+                                        "can't create a directory in " + users.string());
+            const fs::path staging = pattern;
+            try {
+                fs::create_directories(staging / "Channels");
+                fs::create_directories(staging / "Logs");
+                AppPaths staged = buildAppPaths(paths.programDir, paths.dataRoot, paths.userName);
+                staged.userDir = staging.string();
+                staged.channelsDir = (staging / "Channels").string();
+                copyResource(staged, kTemplateName);
+                copyResource(staged, kBackgroundName);
+                createDefaultChannel(staged);
+                fs::rename(staging, paths.userDir, error);
+                if (error && !fs::is_directory(paths.userDir))
+                    throw fs::filesystem_error("cannot rename", staging, paths.userDir, error);
+            } catch (...) {
+                fs::remove_all(staging, error);
+                throw;
+            }
+            fs::remove_all(staging, error); // left when another start's directory came first
         }
         fs::create_directories(paths.channelsDir);
         fs::create_directories(paths.logsDir);

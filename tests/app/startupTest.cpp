@@ -9,7 +9,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <filesystem>
+#include <thread>
+#include <vector>
 
 using namespace app;
 using namespace channels;
@@ -40,6 +44,32 @@ TEST(Startup, NewUserGetsTheFirstRunContentsAndTheOfflineNewsChannel) {
     fs::remove(channel);
     EXPECT_FALSE(prepareUserDirectory(paths));
     EXPECT_FALSE(fs::exists(channel));
+}
+
+TEST(Startup, FirstStartsAtOnceAllSucceedAndLeaveOtherUsersAlone) {
+    TempDir home;
+    const AppPaths paths = buildAppPaths(programDir(), home.path().string(), "carol");
+    const AppPaths other = buildAppPaths(programDir(), home.path().string(), "carol.new");
+    prepareUserDirectory(other);
+    std::atomic<int> failures{0};
+    std::vector<std::thread> starts;
+    for (int i = 0; i < 4; ++i)
+        starts.emplace_back([&] {
+            try {
+                prepareUserDirectory(paths);
+            } catch (const std::exception&) {
+                ++failures;
+            }
+        });
+    for (auto& start : starts)
+        start.join();
+    EXPECT_EQ(failures, 0);
+    std::vector<std::string> users;
+    for (const auto& entry : fs::directory_iterator(fs::path(paths.userDir).parent_path()))
+        users.push_back(entry.path().filename().string());
+    std::sort(users.begin(), users.end());
+    EXPECT_EQ(users, (std::vector<std::string>{"carol", "carol.new"}));
+    EXPECT_TRUE(fs::exists(fs::path(paths.channelsDir) / "PelsuNews.rss"));
 }
 
 TEST(Startup, UserDirectoryThatCannotBeCreatedIsReportedWithTheUserName) {
