@@ -1,5 +1,6 @@
 // pelsu: the desktop client of the Pelsu channel engine, in the notification area.
 
+#include "trayClient/reportBox.h"
 #include "trayClient/trayClient.h"
 #include "trayClient/webPane.h"
 
@@ -90,6 +91,8 @@ int main(int argc, char** argv) {
     // whatever the language (a Turkish locale folds "I" to a dotless i).
     if (!std::setlocale(LC_CTYPE, "C.UTF-8"))
         std::setlocale(LC_CTYPE, "C");
+    // A fatal or assertion report is shown to the user too, not only written to the log.
+    trayClient::installReportBox();
     QApplication::setApplicationName("Pelsu");
     QApplication::setApplicationVersion(kVersion);
 

@@ -14,6 +14,7 @@
 #include "trayClient/channelDesktopSettings.h"
 #include "trayClient/controlCenter.h"
 #include "trayClient/notificationRequest.h"
+#include "trayClient/reportBox.h"
 #include "trayClient/uiStyle.h"
 
 #include <QAbstractButton>
@@ -31,6 +32,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
 #include <thread>
 
@@ -147,6 +149,40 @@ protected:
 };
 
 } // namespace
+
+// A fatal or assertion report from another thread is shown by the interface thread in a box
+// owned by no window while the reporting thread waits for it to close; when the interface
+// thread does not take it in time, the reporter goes on without waiting for the box.
+TEST(ReportBox, OtherThreadsHandTheirReportsToTheInterfaceThread) {
+    std::atomic<bool> returned{false};
+    // The box runs its own event loop: a timer in it reads the box and clicks OK.
+    QStringList shown;
+    QTimer closer;
+    QObject::connect(&closer, &QTimer::timeout, [&] {
+        if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget())) {
+            shown << box->windowTitle() + "|" + box->text() + "|" + QString::number(box->icon()) +
+                         "|" + QString::number(box->parentWidget() != nullptr) + "|" +
+                         QString::number(returned.load());
+            box->button(QMessageBox::Ok)->click();
+        }
+    });
+    closer.start(20);
+    std::thread reporter([&] {
+        showReportBox("PROGRAM ASSERTION ERROR", "the report");
+        returned = true;
+    });
+    EXPECT_TRUE(waitFor([&] { return returned.load(); }, std::chrono::seconds(10)));
+    reporter.join();
+    EXPECT_EQ(shown,
+              QStringList{
+                  QString("PROGRAM ASSERTION ERROR|the report|%1|0|0").arg(QMessageBox::Warning)});
+
+    std::thread stuck([] { showReportBox("PROGRAM ABORT", "late", 1); });
+    stuck.join(); // this thread runs no events meanwhile
+    EXPECT_TRUE(waitFor([&] { return shown.size() == 2; }, std::chrono::seconds(10)))
+        << "the box comes once the interface thread is free";
+    EXPECT_TRUE(shown.value(1).startsWith("PROGRAM ABORT|late|"));
+}
 
 TEST(UiStyle, ColourReferencesKeepRedInTheLowByte) {
     EXPECT_EQ(fromColourRef(0x0000FF), QColor(255, 0, 0));
