@@ -233,13 +233,32 @@ struct Transfer {
 
 // The address as it is requested: every scheme but https (with the port honoured) is fetched
 // as plain HTTP. An address that can't be split into scheme, host and path is refused.
+// The address as it goes on the request line: blanks, control characters and bytes beyond
+// ASCII, which an address may hold as the user typed it, are sent escaped ("%20").
+std::string escapedForRequest(const std::string& url) {
+    static const char kHex[] = "0123456789ABCDEF";
+    std::string out;
+    out.reserve(url.size());
+    for (const char c : url) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte <= 0x20 || byte >= 0x7f) {
+            out += '%';
+            out += kHex[byte >> 4];
+            out += kHex[byte & 0x0f];
+        } else {
+            out += c;
+        }
+    }
+    return out;
+}
+
 std::string requestAddress(const std::string& url, const NetOptions& options) {
     const std::string scheme = schemeOf(url);
     if (scheme.empty())
         throw Exception("Can't parse URL: " + url);
     if (scheme == "http" || (scheme == "https" && options.honourUrlPort))
-        return url;
-    return "http" + url.substr(scheme.size());
+        return escapedForRequest(url);
+    return "http" + escapedForRequest(url.substr(scheme.size()));
 }
 
 void setUp(Transfer& transfer, bool forceDownload) {

@@ -114,6 +114,9 @@ protected:
             res.set_header("ETag", "\"new\"");
             res.set_content(std::string(20000, 'x'), "text/xml");
         });
+        server.Get("/with blanks", [](const httplib::Request&, httplib::Response& res) {
+            res.set_content("<rss/>", "text/xml");
+        });
         server.Get(R"(/f/(\d+))", [](const httplib::Request& req, httplib::Response& res) {
             res.set_content("feed " + req.matches[1].str(), "text/plain");
         });
@@ -196,6 +199,8 @@ TEST_F(ReadUrlServer, AddressesWithoutASchemeAreRefusedAndOtherSchemesGoAsHttp) 
     EXPECT_EQ(simpleFailure, "Can't open the URL: feeds.example.org/rss");
     EXPECT_EQ(fetch(m_session, "ftp://" + hostAndPort + "/feed").body, "<rss/>");
     EXPECT_EQ(fetch(m_session, "FEED://" + hostAndPort + "/feed").body, "<rss/>");
+    // Blanks as typed go escaped on the request line.
+    EXPECT_EQ(fetch(m_session, url("/with blanks")).body, "<rss/>");
 }
 
 TEST_F(ReadUrlServer, ManyThreadsShareOneSession) {
