@@ -313,6 +313,31 @@ void setUp(Transfer& transfer, bool forceDownload) {
 
 // Runs the transfer; throws the message of a failure. failedText is the message of a
 // failure to reach the server.
+void storeValidator(std::string* target, bool present, const std::string& value, const char* tag,
+                    const char* missing) {
+    if (!target)
+        return;
+    if (!present) {
+        PELSU_LOG(headersGroup(), missing);
+        target->clear();
+        return;
+    }
+    PELSU_LOG(headersGroup(), "Found HTTP tag: " << tag << "='" << value << "'");
+    *target = value;
+}
+
+// The response's status line, and for a 200 its validators (stored where given), as they are
+// logged once the headers are in.
+void reportResponse(Transfer& transfer, long code, std::string* lastModified, std::string* etag) {
+    PELSU_LOG(downloadsGroup(), "HTTP response: " << code << " " << transfer.reasonPhrase());
+    if (code != 200)
+        return;
+    storeValidator(lastModified, transfer.haveLastModified, transfer.lastModified, "LastModified",
+                   "No LastModified HTTP tag was returned.");
+    storeValidator(etag, transfer.haveETag, transfer.etag, "ETag",
+                   "No ETag HTTP tag was returned.");
+}
+
 void perform(Transfer& transfer, const std::string& failedText) {
     if (transfer.headers)
         curl_easy_setopt(transfer.handle, CURLOPT_HTTPHEADER, transfer.headers);
@@ -351,8 +376,16 @@ void perform(Transfer& transfer, const std::string& failedText) {
     case CURLE_PARTIAL_FILE:
     case CURLE_BAD_CONTENT_ENCODING:
     case CURLE_WRITE_ERROR:
-        if (!transfer.statusLine.empty())
+        if (!transfer.statusLine.empty()) {
+            // The headers came: they are logged as for a whole response before the body fails.
+            long code = 0;
+            if (!transfer.simple &&
+                curl_easy_getinfo(transfer.handle, CURLINFO_RESPONSE_CODE, &code) == CURLE_OK) {
+                std::string lastModified, etag; // not kept: the download failed
+                reportResponse(transfer, code, &lastModified, &etag);
+            }
             throw Exception("Can't read the URL: " + url);
+        }
         break;
     default:
         break;
@@ -369,19 +402,6 @@ void addValidator(Transfer& transfer, const std::string* value, const char* head
     const std::string line = std::string(header) + *value;
     PELSU_LOG(headersGroup(), "Setting HTTP header: " << line);
     transfer.headers = curl_slist_append(transfer.headers, line.c_str());
-}
-
-void storeValidator(std::string* target, bool present, const std::string& value, const char* tag,
-                    const char* missing) {
-    if (!target)
-        return;
-    if (!present) {
-        PELSU_LOG(headersGroup(), missing);
-        target->clear();
-        return;
-    }
-    PELSU_LOG(headersGroup(), "Found HTTP tag: " << tag << "='" << value << "'");
-    *target = value;
 }
 
 // A channel that a web page added reaches only http and https addresses on other computers.
@@ -449,13 +469,7 @@ void readWithHeaders(InternetSession& session, const std::string& url, std::stri
         *statusCode = code;
     if (statusText)
         *statusText = text;
-    PELSU_LOG(downloadsGroup(), "HTTP response: " << code << " " << text);
-    if (code == 200) {
-        storeValidator(lastModified, transfer.haveLastModified, transfer.lastModified,
-                       "LastModified", "No LastModified HTTP tag was returned.");
-        storeValidator(etag, transfer.haveETag, transfer.etag, "ETag",
-                       "No ETag HTTP tag was returned.");
-    }
+    reportResponse(transfer, code, lastModified, etag);
     PELSU_LOG(downloadsGroup(), "Received file OK: #bytes=" << body.size());
 }
 

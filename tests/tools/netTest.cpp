@@ -1,4 +1,5 @@
 #include "tools/net.h"
+#include "tests/support/logCapture.h"
 #include "tests/support/testHttpServer.h"
 #include "tests/support/testSupport.h"
 #include "tools/exception.h"
@@ -353,6 +354,27 @@ TEST(ReadUrl, AReplyThatIsNotHttpIsABrokenResponse) {
     const std::string url = "http://127.0.0.1:" + std::to_string(listener.port()) + "/";
     EXPECT_EQ(failureOf(session, url), "Can't read the HTTP response: " + url);
     greeter.join();
+}
+
+TEST(ReadUrl, ABodyCutShortFailsAfterTheResponseIsLogged) {
+    const testing_support::LoopbackPort listener(true);
+    std::thread server([&listener] {
+        const int client = ::accept(listener.fd(), nullptr, nullptr);
+        const char reply[] = "HTTP/1.1 200 OK\r\nETag: \"e1\"\r\nContent-Length: 1000\r\n\r\nshort";
+        if (client >= 0) {
+            char request[4096];
+            (void)::read(client, request, sizeof request);
+            (void)::write(client, reply, sizeof reply - 1);
+            ::close(client);
+        }
+    });
+    testing_support::LogCapture log;
+    InternetSession session("pelsu-test", honouringPort());
+    const std::string url = "http://127.0.0.1:" + std::to_string(listener.port()) + "/";
+    EXPECT_EQ(failureOf(session, url), "Can't read the URL: " + url);
+    server.join();
+    EXPECT_EQ(log.linesStartingWith({"HTTP response", "Found HTTP tag"}),
+              (std::vector<std::string>{"HTTP response: 200 OK", "Found HTTP tag: ETag='\"e1\"'"}));
 }
 
 TEST(ReadUrl, AWholeTransferTimeLimitEndsATrickle) {

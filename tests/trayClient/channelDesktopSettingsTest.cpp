@@ -4,8 +4,8 @@
 
 #include "lib/misc/iniValues.h"
 #include "lib/misc/profileFile.h"
+#include "tests/support/logCapture.h"
 #include "tests/support/testSupport.h"
-#include "tests/trayClient/logCapture.h"
 
 #include <gtest/gtest.h>
 

@@ -4,8 +4,8 @@
 #include "channels/channelManager.h"
 #include "lib/misc/iniValues.h"
 #include "lib/misc/profileFile.h"
+#include "tests/support/logCapture.h"
 #include "tests/support/testSupport.h"
-#include "tests/trayClient/logCapture.h"
 #include "trayClient/channelDesktopSettings.h"
 #include "trayClient/notificationRequest.h"
 

@@ -3,8 +3,8 @@
 #include "trayClient/notificationRequest.h"
 
 #include "lib/misc/profileFile.h"
+#include "tests/support/logCapture.h"
 #include "tests/support/testSupport.h"
-#include "tests/trayClient/logCapture.h"
 #include "trayClient/channelDesktopSettings.h"
 
 #include <gtest/gtest.h>

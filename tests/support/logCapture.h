@@ -1,5 +1,5 @@
 // Collects the message log's lines, without their prefixes, while it lives (for the tests of
-// the client's log lines).
+// log lines).
 #pragma once
 
 #include "lib/log/log.h"
