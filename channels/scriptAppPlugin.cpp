@@ -9,8 +9,6 @@
 #include "lib/misc/iniValues.h"
 #include "lib/misc/profileFile.h"
 
-#include <filesystem>
-
 namespace channels {
 
 namespace {

@@ -46,13 +46,13 @@ buildScriptConfigFileForChannel(const std::string& command, const ParamDefTable&
                                 const ParamDefTable& channelParamDefs,
                                 const ParamValues& channelParamValues, const Channel* channel);
 
-// The command line that runs the script with the configuration file; every path in it stays
-// one argument (quoted when it holds blanks or quotes). Throws channels::Exception when no
-// program is known for the script's file type.
 // A script's drive and directory: the folder that holds it, with its closing separator (the
 // working directory of the script's process).
 std::string scriptDirectory(const std::string& scriptFilename);
 
+// The command line that runs the script with the configuration file; every path in it stays
+// one argument (quoted when it holds blanks or quotes). Throws channels::Exception when no
+// program is known for the script's file type.
 std::string buildScriptCommandLine(const std::string& scriptFilename,
                                    const std::string& configFilename);
 
