@@ -91,7 +91,13 @@ void DllAppPlugin::GenerateMainPage() {
     // static empty string, which is not its allocator's to free.
     if (!page || length <= 0)
         throw Exception("The plugin returned an empty main page.");
-    const std::string copy = takeBuffer(page, length);
+    // The page goes back to the library once its file is written (or could not be).
+    struct GiveBack {
+        const DllAppPlugin& plugin;
+        char* page;
+        ~GiveBack() { plugin.m_info->plugin_free(page); }
+    } giveBack{*this, page};
+    const std::string copy(page, static_cast<std::size_t>(length));
     threadSafety::ScopedLock lock(m_lock);
     std::ofstream& out = m_mainPage.reopen(true);
     if (!out)

@@ -89,7 +89,8 @@ private:
             (this->*(*fields)).clear();
     }
     bool parentIsRssRoot() const { return isParent("RSS") || isParent("RDF:RDF"); }
-    void startRss() { m_isRss = true; }
+    // Only the document's root marks it as a feed: an "rss" element inside a page is not one.
+    void startRss() { m_isRss = m_isRss || tagStack().size() == 1; }
     void startChannel();
     void endChannel();
     void startItem();

@@ -347,11 +347,12 @@ void perform(Transfer& transfer, const std::string& failedText) {
     const CURLcode rc = curl_easy_perform(transfer.handle);
     if (rc == CURLE_OK)
         return;
-    PELSU_LOG(downloadsGroup(), "- Transfer failed: " << (*error ? error : curl_easy_strerror(rc)));
     const std::string& url = transfer.url;
-    const long maxSeconds = transfer.session.options().maxTransferSeconds;
+    // Aborted when a stop gave up waiting for the worker: a worker ended that way says nothing.
     if (transfer.aborted)
         throw Exception("The download was aborted: " + url);
+    PELSU_LOG(downloadsGroup(), "- Transfer failed: " << (*error ? error : curl_easy_strerror(rc)));
+    const long maxSeconds = transfer.session.options().maxTransferSeconds;
     if (!transfer.refusedAddress.empty() && rc == CURLE_COULDNT_CONNECT)
         throw Exception("A channel that a web page added may not fetch from this computer (" +
                         transfer.refusedAddress + "): " + url);

@@ -214,21 +214,23 @@ ChannelDesktopSettings ChannelDesktopSettingsTable::get(const std::string& chann
     return entry == m_entries.end() ? ChannelDesktopSettings{} : entry->second.settings;
 }
 
-ChannelDesktopSettingsTable::Entry&
+ChannelDesktopSettingsTable::Entry*
 ChannelDesktopSettingsTable::entryLocked(const std::string& channelId) {
-    return m_entries[channelId];
+    return m_cleanedUp ? nullptr : &m_entries[channelId];
 }
 
 void ChannelDesktopSettingsTable::change(const std::string& channelId,
                                          const std::function<void(ChannelDesktopSettings&)>& edit) {
     threadSafety::ScopedLock lock(m_lock);
-    edit(entryLocked(channelId).settings);
+    if (Entry* entry = entryLocked(channelId))
+        edit(entry->settings);
 }
 
 void ChannelDesktopSettingsTable::setChannelName(const std::string& channelId,
                                                  const std::string& name) {
     threadSafety::ScopedLock lock(m_lock);
-    entryLocked(channelId).name = name;
+    if (Entry* entry = entryLocked(channelId))
+        entry->name = name;
 }
 
 std::string ChannelDesktopSettingsTable::channelName(const std::string& channelId) const {
@@ -241,7 +243,8 @@ bool ChannelDesktopSettingsTable::markViewed(const std::string& channelId,
                                              const std::string& feedItemId) {
     PELSU_LOG(viewedGroup(), "Marking feed item as viewed: " << feedItemId);
     threadSafety::ScopedLock lock(m_lock);
-    return entryLocked(channelId).settings.viewedItems.insert(feedItemId).second;
+    auto entry = m_entries.find(channelId);
+    return entry != m_entries.end() && entry->second.settings.viewedItems.insert(feedItemId).second;
 }
 
 bool ChannelDesktopSettingsTable::hasViewed(const std::string& channelId,
@@ -263,9 +266,10 @@ void ChannelDesktopSettingsTable::clearViewed(const std::string& channelId) {
     std::string name;
     {
         threadSafety::ScopedLock lock(m_lock);
-        Entry& entry = entryLocked(channelId);
-        name = entry.name;
-        entry.settings.viewedItems.clear();
+        if (auto entry = m_entries.find(channelId); entry != m_entries.end()) {
+            name = entry->second.name;
+            entry->second.settings.viewedItems.clear();
+        }
     }
     PELSU_LOG(viewedGroup(), "Clearing viewed feed item list for " << displayName(name));
 }
@@ -276,7 +280,10 @@ bool ChannelDesktopSettingsTable::save(const std::string& channelId,
     std::shared_ptr<std::mutex> saveMutex;
     {
         threadSafety::ScopedLock lock(m_lock);
-        saveMutex = entryLocked(channelId).saveMutex;
+        auto entry = m_entries.find(channelId);
+        if (entry == m_entries.end())
+            return true; // removed, or after the clean-up: no record to write
+        saveMutex = entry->second.saveMutex;
     }
     // Saves of one channel run one at a time, and each copies the record only once the one
     // before it has written: the last save to finish always writes the newest record.
@@ -323,6 +330,7 @@ void ChannelDesktopSettingsTable::forget(const std::string& channelId) {
 void ChannelDesktopSettingsTable::cleanUp() {
     threadSafety::ScopedLock lock(m_lock);
     m_entries.clear();
+    m_cleanedUp = true;
 }
 
 } // namespace trayClient

@@ -104,8 +104,8 @@ public:
     bool contains(const std::string& channelId) const;
     // A copy of the record (defaults for an unknown channel).
     ChannelDesktopSettings get(const std::string& channelId) const;
-    // Changes one record under the table's lock (creating it with defaults when unknown).
-    // The function must not call back into the table.
+    // Changes one record under the table's lock (creating it with defaults when unknown,
+    // until the clean-up). The function must not call back into the table.
     void change(const std::string& channelId,
                 const std::function<void(ChannelDesktopSettings&)>& edit);
     // The name used in the record's log lines; events keep it current.
@@ -113,7 +113,7 @@ public:
     std::string channelName(const std::string& channelId) const;
 
     // Adds the item to the viewed set ("Marking feed item as viewed:"); false when it was
-    // already there.
+    // already there or the channel has no record (removed meanwhile).
     bool markViewed(const std::string& channelId, const std::string& feedItemId);
     // Whether the user has viewed the item ("Checking if feed item has been viewed for").
     bool hasViewed(const std::string& channelId, const std::string& feedItemId) const;
@@ -122,14 +122,15 @@ public:
 
     // Writes the record to its file, atomically. When itemsInFeed is given, viewed ids that
     // are not among them are dropped first (in memory too), so the list does not grow
-    // forever. Returns false, with the reason in problem, when the file can't be written.
+    // forever. Returns false, with the reason in problem, when the file can't be written; a
+    // channel without a record (removed, or after the clean-up) writes nothing.
     bool save(const std::string& channelId,
               const std::optional<std::vector<std::string>>& itemsInFeed = std::nullopt,
               std::string* problem = nullptr);
     // Forgets a removed channel and deletes its file.
     void forget(const std::string& channelId);
     // Empties the table at shut-down ("Cleaning up ChannelDesktopSettings table." is the
-    // caller's line); every record was saved when it changed.
+    // caller's line); every record was saved when it changed. Nothing makes records after it.
     void cleanUp();
 
 private:
@@ -139,11 +140,14 @@ private:
         // Held while the record is written, so that saves of one channel run one at a time.
         std::shared_ptr<std::mutex> saveMutex = std::make_shared<std::mutex>();
     };
-    Entry& entryLocked(const std::string& channelId);
+    // The channel's record, made with defaults when unknown unless the table was cleaned up
+    // (then null).
+    Entry* entryLocked(const std::string& channelId);
 
     std::string m_directory;
     mutable threadSafety::CriticalSection m_lock{"ChannelDesktopSettingsTable"};
     std::map<std::string, Entry> m_entries;
+    bool m_cleanedUp = false;
 };
 
 } // namespace trayClient

@@ -95,8 +95,10 @@ void ChannelEventHandler::onEndChannelUpdate(channels::EndChannelUpdateEvent& ev
     bool itemsChanged = false;
     if (channel) {
         std::string lastError;
-        // A first update is what gives a channel its name: the saves below log it.
-        m_settings.setChannelName(channelId, channel->ownName());
+        // A first update is what gives a channel its name: the saves below log it. A channel
+        // removed meanwhile gets no record back.
+        if (!channel->isRemoved())
+            m_settings.setChannelName(channelId, channel->ownName());
         {
             std::lock_guard guard(m_runsMutex);
             ChannelRun& run = m_runs[channelId];

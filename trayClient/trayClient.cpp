@@ -205,7 +205,7 @@ void CTrayClientApp::loadChannelDesktopSettings(app::Environment& environment) {
             detail += "\n\nThe file was kept as " + failure.keptAs + ".";
         const ChannelRef& channel = failure.channel;
         tell("Can't load the channel desktop settings for " +
-                 (channel.name.empty() ? channel.id : channel.name),
+                 (channel.name.empty() ? std::string("<Unspecified channel>") : channel.name),
              false, detail);
     }
 }

@@ -528,15 +528,11 @@ std::string dumpBytes(const void* data, std::size_t size) {
 void setReportHandler(ReportHandler handler) { g_reportHandler = handler; }
 
 void programAbort(const char* message, const char* function, const char* file, unsigned line) {
-    static std::atomic<unsigned long> reportingThread{0};
-    unsigned long expected = 0;
-    const unsigned long self = threadSafety::currentThreadId();
-    if (!reportingThread.compare_exchange_strong(expected, self)) {
-        if (expected == self)
-            return; // raised again while the first report is being shown
-        for (;;)    // the reporting thread ends the process
-            std::this_thread::sleep_for(std::chrono::seconds(1));
-    }
+    // The first report ends the process once it is shown; one raised meanwhile, by the
+    // reporting thread (from within its report box) or by any other, returns at once.
+    static std::atomic<bool> reporting{false};
+    if (reporting.exchange(true))
+        return;
     const std::string report = formatAbortReport(message, function, file, line);
     std::fputs(report.c_str(), stderr);
     std::fflush(stderr);

@@ -173,6 +173,9 @@ void enterCriticalSection(CriticalSection& section) {
         elapsed = tickCount() - start;
     }
     reportFatal("EnterCriticalSection() timed out.", nullptr, __FILE__, kEnterTimedOutLine);
+    // Back here only when another report is already ending the process: the caller still
+    // gets the lock it asked for, or waits for it, as a lock without a time-out would.
+    section.enterBlocking();
 }
 
 void leaveCriticalSection(CriticalSection& section) {

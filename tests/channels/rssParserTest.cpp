@@ -174,6 +174,8 @@ TEST(RssParser, LeadingBinaryBytesAreSkippedOnTheRetryWhenAllowed) {
 TEST(RssParser, FailuresCarryTheirMessages) {
     EXPECT_EQ(failureOf(""), "Empty RSS feed.");
     EXPECT_EQ(failureOf("<feed><entry/></feed>"), "Not an RSS feed.");
+    EXPECT_EQ(failureOf("<html><rss><channel><item><guid>g</guid></item></channel></rss></html>"),
+              "Not an RSS feed.");
     EXPECT_EQ(failureOf("<rss><channel><title>x</title></channel></rss>"),
               "The channel returned no items.");
     ParseOptions allowEmpty;

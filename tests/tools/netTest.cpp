@@ -281,6 +281,7 @@ TEST(ReadUrl, AnotherThreadCanAbortADownloadInProgress) {
     NetOptions options = honouringPort();
     options.lowSpeedTimeSeconds = 0;
     InternetSession session("pelsu-test", options);
+    testing_support::LogCapture log;
     std::thread aborter([&] {
         while (!inHandler)
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -290,6 +291,8 @@ TEST(ReadUrl, AnotherThreadCanAbortADownloadInProgress) {
     EXPECT_EQ(failureOf(session, server.url("/slow")),
               "The download was aborted: " + server.url("/slow"));
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    // A stop that gives up on a worker aborts its transfer: the worker says no more.
+    EXPECT_EQ(log.linesStartingWith({"- Transfer failed"}), std::vector<std::string>{});
     aborter.join();
     release = true;
 }

@@ -131,6 +131,7 @@ TEST_F(DesktopSettingsTest, TableMarksOnceAndLogsEachOperation) {
 
 TEST_F(DesktopSettingsTest, SavingDropsViewedIdsThatLeftTheFeed) {
     ChannelDesktopSettingsTable table(m_dir.path().string());
+    table.loadAll({{"news", "News"}});
     for (const char* id : {"a", "b", "c"})
         table.markViewed("news", id);
     ASSERT_TRUE(table.save("news", std::vector<std::string>{"b", "c", "d"}));
@@ -144,6 +145,25 @@ TEST_F(DesktopSettingsTest, SavingDropsViewedIdsThatLeftTheFeed) {
     table.markViewed("news", "z");
     ASSERT_TRUE(table.save("news"));
     EXPECT_EQ(table.get("news").viewedItems, (std::set<std::string>{"b", "c", "z"}));
+}
+
+// A click on a removed channel's notification, or an update ending during the shut-down,
+// must not write a record of defaults over a file.
+TEST_F(DesktopSettingsTest, ChannelsWithoutARecordWriteNothing) {
+    ChannelDesktopSettingsTable table(m_dir.path().string());
+    table.loadAll({{"news", "News"}});
+    table.forget("news");
+    EXPECT_FALSE(table.markViewed("news", "a"));
+    EXPECT_TRUE(table.save("news"));
+    EXPECT_FALSE(std::filesystem::exists(table.fileFor("news")));
+
+    table.loadAll({{"news", "News"}});
+    table.cleanUp();
+    table.setChannelName("news", "News");
+    table.change("news", [](ChannelDesktopSettings& s) { s.lastNewItemTime = 5; });
+    EXPECT_TRUE(table.save("news"));
+    EXPECT_FALSE(table.contains("news"));
+    EXPECT_FALSE(std::filesystem::exists(table.fileFor("news")));
 }
 
 TEST_F(DesktopSettingsTest, CorruptFileLoadsAsDefaultsIsKeptAsideAndOthersAreUntouched) {

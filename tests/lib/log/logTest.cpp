@@ -336,7 +336,8 @@ TEST(ProgramAbort, ReportsOnceToStandardErrorAndTheLogAndExitsWithOne) {
         CMessageLog::instance().open(logPath);
         setReportHandler([](const std::string& title, const std::string&) {
             std::fprintf(stderr, "[dialog %s]\n", title.c_str());
-            programAbort("second", nullptr, nullptr, 0); // returns at once
+            programAbort("second", nullptr, nullptr, 0); // returns at once, on any thread
+            std::thread([] { programAbort("third", nullptr, nullptr, 0); }).join();
         });
         programAbort("first failure", "doWork", "/src/x.cpp", 12);
         std::fprintf(stderr, "still running\n");
