@@ -15,7 +15,7 @@ using testing_support::writeFile;
 using trayClient::applyAutoStart;
 using trayClient::autostartEntry;
 
-TEST(AutoStart, EnablingWritesTheEntryAndDisablingRemovesIt) {
+TEST(AutoStart, EnablingWritesOrReplacesTheEntryAndDisablingRemovesIt) {
     TempDir dir;
     std::string autostart = dir.file("config/autostart");
     ASSERT_EQ(applyAutoStart(true, autostart, "/opt/pelsu/bin/pelsu", {}).message, "");
@@ -24,12 +24,17 @@ TEST(AutoStart, EnablingWritesTheEntryAndDisablingRemovesIt) {
     EXPECT_NE(entry.find("\nExec=\"/opt/pelsu/bin/pelsu\"\n"), std::string::npos);
     EXPECT_NE(entry.find("\nType=Application\n"), std::string::npos);
 
-    EXPECT_EQ(applyAutoStart(false, autostart, "/opt/pelsu/bin/pelsu", {}).message, "");
+    ASSERT_EQ(applyAutoStart(true, autostart, "/new/pelsu", {"--home", "/h"}).message, "");
+    entry = readFile(autostart + "/pelsu.desktop");
+    EXPECT_EQ(entry.find("/opt/pelsu"), std::string::npos);
+    EXPECT_NE(entry.find("Exec=\"/new/pelsu\" \"--home\" \"/h\"\n"), std::string::npos);
+    EXPECT_FALSE(fs::exists(autostart + "/pelsu.desktop.new"));
+
+    EXPECT_EQ(applyAutoStart(false, autostart, "/new/pelsu", {}).message, "");
     EXPECT_FALSE(fs::exists(autostart + "/pelsu.desktop"));
     // Disabling what is not there is no failure.
-    EXPECT_EQ(applyAutoStart(false, autostart, "/opt/pelsu/bin/pelsu", {}).message, "");
-    EXPECT_EQ(applyAutoStart(false, dir.file("never/made"), "/opt/pelsu/bin/pelsu", {}).message,
-              "");
+    EXPECT_EQ(applyAutoStart(false, autostart, "/new/pelsu", {}).message, "");
+    EXPECT_EQ(applyAutoStart(false, dir.file("never/made"), "/new/pelsu", {}).message, "");
 }
 
 TEST(AutoStart, ExecQuotesArgumentsAndEscapesWhatTheDesktopWouldExpand) {
@@ -39,17 +44,6 @@ TEST(AutoStart, ExecQuotesArgumentsAndEscapesWhatTheDesktopWouldExpand) {
                          "\"/data/100%% \\\"news\\\" \\$HOME \\`x\\` back\\\\slash\"\n"),
               std::string::npos)
         << entry;
-}
-
-TEST(AutoStart, EnablingReplacesAnOlderEntry) {
-    TempDir dir;
-    writeFile(dir.file("pelsu.desktop"), "[Desktop Entry]\nExec=/old/pelsu\n");
-    ASSERT_EQ(applyAutoStart(true, dir.path().string(), "/new/pelsu", {"--home", "/h"}).message,
-              "");
-    std::string entry = readFile(dir.file("pelsu.desktop"));
-    EXPECT_EQ(entry.find("/old/pelsu"), std::string::npos);
-    EXPECT_NE(entry.find("Exec=\"/new/pelsu\" \"--home\" \"/h\"\n"), std::string::npos);
-    EXPECT_FALSE(fs::exists(dir.file("pelsu.desktop.new")));
 }
 
 TEST(AutoStart, FailuresSayWhatCouldNotBeDoneAndKeepTheFileAndReasonApart) {

@@ -160,7 +160,7 @@ protected:
 
 } // namespace
 
-TEST_F(EventHandlerTest, AnUpdateLogsItsItemsHandsOverItsLinesAndQueuesARequestPerNewItem) {
+TEST_F(EventHandlerTest, AnUpdateLogsNewAndExpiredItemsHandsOverItsLinesAndQueuesRequests) {
     update();
     EXPECT_EQ(m_window.take(), (std::vector<std::string>{
                                    "activity progress Getting the latest feed from News",
@@ -195,10 +195,8 @@ TEST_F(EventHandlerTest, AnUpdateLogsItsItemsHandsOverItsLinesAndQueuesARequestP
     EXPECT_EQ(
         profile::readIniInt(m_settings.fileFor("news"), "Desktop Settings", "LastNewItemTime", 0),
         m_now.load());
-}
 
-TEST_F(EventHandlerTest, ExpiredItemsAreLoggedAndTheirViewedIdsDropped) {
-    update();
+    // Expired items are logged and their viewed ids dropped.
     m_settings.markViewed("news", "a");
     m_settings.markViewed("news", "b");
     writeFile(m_feed, rss({"b", "c"}));

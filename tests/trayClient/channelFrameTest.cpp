@@ -296,9 +296,8 @@ TEST(WebPane, OwnLoopbackPagesAndTheProgramsFileStayInsideOtherSitesGoToTheBrows
     for (const char* url : {"javascript:alert(1)", "data:text/html,<b>x</b>", "ftp://example.org/",
                             "mailto:a@example.org", "about:config", "http:///nohost"})
         EXPECT_EQ(route(url), Route::Refused) << url;
-}
 
-TEST(WebPane, AddressesOfOtherSitesOpenInTheBrowserWithoutStartingTheEngine) {
+    // Shown in a pane, another site's address opens in the browser without starting the engine.
     UrlCatcher browser;
     CWebPane pane({2605});
     pane.showUrl(QUrl("https://example.org/"));

@@ -1,7 +1,8 @@
 // The main window over a real channel manager: the channel tree after updates from a loopback
 // server (names, unviewed counts, colours, the failing mark), the delete command with its
-// question, the channel windows in the MDI area, the layout kept across two windows, and the
-// commands' keys and accessible names.
+// question, the channel windows in the MDI area, the layout kept across two windows, the
+// commands' keys and accessible names; and the worker's hand-offs: lines arrive by queued calls
+// and the panes keep only the newest, and detaching at shut-down releases a waiting worker.
 #include "trayClient/mainFrame.h"
 
 #include "channels/channel.h"
@@ -39,6 +40,7 @@
 namespace fs = std::filesystem;
 using client_testing::storyFeed;
 using client_testing::waitFor;
+using client_testing::waitWithoutEvents;
 using testing_support::TempDir;
 using testing_support::writeFile;
 using namespace trayClient;
@@ -398,6 +400,56 @@ TEST(MainWindow, TheOptionsChooseTabbedChildrenAndKeepTheWindowOffTheTaskBar) {
     EXPECT_EQ(frame.mdiArea()->viewMode(), QMdiArea::SubWindowView);
     EXPECT_FALSE(frame.windowFlags().testFlag(Qt::Tool));
     EXPECT_TRUE(frame.isVisible());
+}
+
+TEST(MainFrame, LinesFromTheWorkerReachTheirPanesAndEachPaneKeepsOnlyItsNewest) {
+    app::GlobalOptions options;
+    options.maxActivityLogMsgs = 3;
+    options.maxErrorLogMsgs = 2;
+    CMainFrame frame(options);
+    frame.attach();
+    auto line = [](const std::string& text) {
+        return ActivityRecord{text, 1700000000, ActivityRecord::Kind::Progress};
+    };
+    std::thread worker([&] {
+        for (int i = 1; i <= 10; ++i)
+            frame.postActivityLine(line("activity " + std::to_string(i)));
+        for (int i = 1; i <= 5; ++i)
+            frame.postErrorLine(line("error " + std::to_string(i) + "\nsecond part"));
+    });
+    worker.join();
+    ASSERT_TRUE(waitFor([&] {
+        return !frame.errorLines().isEmpty() && frame.errorLines().last().contains("error 5");
+    }));
+    QStringList activity = frame.activityLines();
+    ASSERT_EQ(activity.size(), 3);
+    EXPECT_TRUE(activity[0].endsWith("activity 8"));
+    EXPECT_TRUE(activity[2].endsWith("activity 10"));
+    QStringList errors = frame.errorLines();
+    ASSERT_EQ(errors.size(), 2);
+    // A line with a line break stays one line of the pane.
+    EXPECT_TRUE(errors[1].endsWith("error 5 second part"));
+}
+
+TEST(MainFrame, DetachingReleasesAWaitingWorkerAndLaterCallsReturnAtOnce) {
+    CMainFrame frame;
+    frame.attach();
+    EXPECT_TRUE(frame.present());
+    std::atomic<bool> returned{false};
+    std::thread worker([&] {
+        frame.endChannelUpdate("news");
+        returned = true;
+    });
+    // The UI thread does not run its event loop: it is shutting down.
+    ASSERT_TRUE(waitWithoutEvents([&] { return frame.workersWaiting() == 1; }));
+    frame.detach();
+    worker.join();
+    EXPECT_TRUE(returned);
+    EXPECT_FALSE(frame.present());
+    frame.endChannelUpdate("news");
+    // The released hand-off never runs later either: the queued call finds it closed.
+    QCoreApplication::sendPostedEvents();
+    EXPECT_EQ(frame.channelUpdatesSeen(), 0);
 }
 
 int main(int argc, char** argv) { return client_testing::runClientTests(argc, argv); }

@@ -105,7 +105,7 @@ TEST_F(NewChannelWizard, APageOffersItsFeedsAndFinishingAddsTheChosenOne) {
     EXPECT_NE(channel->state().lastFetchTime(), 0);
 }
 
-TEST_F(NewChannelWizard, AFeedThatFailsShowsTheParserErrorAndGoesNoFurther) {
+TEST_F(NewChannelWizard, AFeedThatFailsGoesNoFurtherNorDoTakenOrInvalidIds) {
     writeFile(m_home.file("broken.xml"), "<rss><channel><title>Broken</title><item>");
     CNewChannelWizard wizard(m_manager, m_settings, m_environment);
     wizard.show();
@@ -119,21 +119,12 @@ TEST_F(NewChannelWizard, AFeedThatFailsShowsTheParserErrorAndGoesNoFurther) {
 
     // Back on the source page with a good feed, the same wizard goes on.
     writeFile(m_home.file("good.xml"), kFeed);
+    writeFile(m_home.file("Channels/good.rss"), "");
     wizard.setAddress(QString::fromStdString(m_home.file("good.xml")));
     EXPECT_EQ(wizard.currentId(), CNewChannelWizard::SourcePageId);
     wizard.next();
     ASSERT_TRUE(waitFor([&] { return !wizard.isPreviewRunning(); }));
     EXPECT_TRUE(nextEnabled(wizard));
-}
-
-TEST_F(NewChannelWizard, TakenOrInvalidIdsKeepFinishBack) {
-    writeFile(m_home.file("Channels/good.rss"), "");
-    writeFile(m_home.file("good.xml"), kFeed);
-    CNewChannelWizard wizard(m_manager, m_settings, m_environment, nullptr,
-                             QString::fromStdString(m_home.file("good.xml")));
-    wizard.show();
-    wizard.next();
-    ASSERT_TRUE(waitFor([&] { return !wizard.isPreviewRunning(); }));
     wizard.next();
     auto* id = child<QLineEdit>(wizard, "channelId");
     EXPECT_NE(id->text(), "good"); // the suggestion avoids the existing file
@@ -172,8 +163,6 @@ TEST_F(NewChannelWizard, APluginChannelTakesItsParametersAndNeedsNoPreview) {
     EXPECT_EQ(profile::readIniString(channel->fileName(), "ChannelParameters", "Folder"), "/srv");
 }
 
-int main(int argc, char** argv) { return client_testing::runClientTests(argc, argv); }
-
 TEST_F(NewChannelWizard, AnAtomFeedOffersToTurnItsOptionOnAndThenPreviews) {
     m_environment.paths.configFile = m_home.file("config.ini");
     writeFile(m_home.file("atom.xml"),
@@ -204,3 +193,5 @@ TEST_F(NewChannelWizard, AnAtomFeedOffersToTurnItsOptionOnAndThenPreviews) {
     EXPECT_TRUE(saved.acceptAtomFeeds);
     EXPECT_FALSE(saved.acceptJsonFeeds);
 }
+
+int main(int argc, char** argv) { return client_testing::runClientTests(argc, argv); }

@@ -84,7 +84,7 @@ TEST_F(QueueTest, RequestsAreShownInOrderAndEveryStepIsLogged) {
     EXPECT_EQ(m_queue.processNext(), nullptr);
 }
 
-TEST_F(QueueTest, AtTheLimitANewRequestIsDiscardedAndTheWaitingOnesStay) {
+TEST_F(QueueTest, AtTheLimitANewRequestIsDiscardedUnlessItsChannelAnimates) {
     m_queue.setMaxLength(2);
     m_queue.queue(item("a", "1"));
     m_queue.queue(item("a", "2"));
@@ -97,6 +97,14 @@ TEST_F(QueueTest, AtTheLimitANewRequestIsDiscardedAndTheWaitingOnesStay) {
     EXPECT_EQ(shown(), (std::vector<std::string>{"[ErrorNotificationRequest:Channel c:errors have "
                                                  "no limit]",
                                                  itemText("a", "1"), itemText("a", "2")}));
+    // An animating channel's request jumps a full queue.
+    m_settings.change("loud", [](ChannelDesktopSettings& s) { s.animateOnNewItem = true; });
+    for (const char* id : {"1", "2"})
+        m_queue.queue(item("a", id));
+    m_queue.queue(item("loud", "x"));
+    m_queue.queue(item("loud", "y"));
+    EXPECT_EQ(shown(), (std::vector<std::string>{itemText("loud", "y"), itemText("loud", "x"),
+                                                 itemText("a", "1"), itemText("a", "2")}));
     // -1 and 0 mean no limit.
     for (int unlimited : {-1, 0}) {
         m_queue.setMaxLength(unlimited);
@@ -106,17 +114,6 @@ TEST_F(QueueTest, AtTheLimitANewRequestIsDiscardedAndTheWaitingOnesStay) {
     }
 }
 
-TEST_F(QueueTest, AnAnimatingChannelsRequestJumpsAFullQueue) {
-    m_settings.change("loud", [](ChannelDesktopSettings& s) { s.animateOnNewItem = true; });
-    m_queue.setMaxLength(2);
-    m_queue.queue(item("a", "1"));
-    m_queue.queue(item("a", "2"));
-    m_queue.queue(item("loud", "x"));
-    m_queue.queue(item("loud", "y"));
-    EXPECT_EQ(shown(), (std::vector<std::string>{itemText("loud", "y"), itemText("loud", "x"),
-                                                 itemText("a", "1"), itemText("a", "2")}));
-}
-
 // An item viewed meanwhile, and the news of a channel whose notifications were turned off,
 // are dropped when their turn comes; the channel's errors are still shown.
 TEST_F(QueueTest, RequestsNoLongerWantedAreDroppedWhenTheirTurnComes) {
@@ -124,6 +121,7 @@ TEST_F(QueueTest, RequestsNoLongerWantedAreDroppedWhenTheirTurnComes) {
     m_queue.queue(item("a", "2"));
     m_queue.queue(item("c", "1"));
     m_queue.queue(error("still shown"));
+    m_settings.loadAll({{"a", "A"}});
     m_settings.markViewed("a", "1");
     m_settings.change("c", [](ChannelDesktopSettings& s) { s.notifyOnNewItem = false; });
     EXPECT_EQ(shown(), (std::vector<std::string>{"[ErrorNotificationRequest:Channel c:still shown]",
@@ -154,20 +152,17 @@ TEST_F(QueueTest, AConsolidatingChannelsItemsMergeWhileOtherChannelsStayApart) {
     EXPECT_EQ(first->body(), "Title 1\nTitle 2\nTitle 3");
     EXPECT_EQ(first->channelId(), "c");
     EXPECT_EQ(shown(), std::vector<std::string>{itemText("o", "1")});
-}
 
-TEST_F(QueueTest, ViewedItemsLeaveAConsolidatedRequestAndOneLeftIsShownAlone) {
-    m_settings.change("c", [](ChannelDesktopSettings& s) { s.consolidateMultipleItems = true; });
-    for (const char* id : {"1", "2", "3"})
-        m_queue.queue(item("c", id));
-    m_settings.markViewed("c", "1");
-    m_settings.markViewed("c", "3");
-    EXPECT_EQ(shown(), std::vector<std::string>{itemText("c", "2")});
-
-    for (const char* id : {"4", "5"})
+    // Viewed items leave a consolidated request, and one left is shown alone.
+    for (const char* id : {"4", "5", "6"})
         m_queue.queue(item("c", id));
     m_settings.markViewed("c", "4");
-    m_settings.markViewed("c", "5");
+    m_settings.markViewed("c", "6");
+    EXPECT_EQ(shown(), std::vector<std::string>{itemText("c", "5")});
+    for (const char* id : {"7", "8"})
+        m_queue.queue(item("c", id));
+    m_settings.markViewed("c", "7");
+    m_settings.markViewed("c", "8");
     EXPECT_TRUE(shown().empty());
 }
 

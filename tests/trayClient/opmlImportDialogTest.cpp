@@ -15,7 +15,7 @@ using namespace trayClient;
 using testing_support::TempDir;
 using testing_support::writeFile;
 
-TEST(OpmlImportDialog, ListsEveryFeedAndSubscribesToTheCheckedOnesOnly) {
+TEST(OpmlImportDialog, ListsEveryFeedSubscribesToTheCheckedOnesAndSaysWhyAFileIsUnread) {
     TempDir home;
     channels::ChannelManager manager(home.path().string(), {});
     auto known = std::make_unique<channels::RssChannel>(&manager, "known");
@@ -56,13 +56,9 @@ TEST(OpmlImportDialog, ListsEveryFeedAndSubscribesToTheCheckedOnesOnly) {
     EXPECT_EQ(app::readOpml(exported.toStdString()), app::opmlEntriesOf(manager));
     EXPECT_FALSE(
         exportOpmlToFile(manager, QString::fromStdString(home.file("no/dir/x.opml"))).isEmpty());
-}
 
-TEST(OpmlImportDialog, AFileThatCantBeReadSaysWhyAndImportsNothing) {
-    TempDir home;
-    channels::ChannelManager manager(home.path().string(), {});
+    // A file that can't be read says why and lists nothing.
     writeFile(home.file("bad.opml"), "<opml><body>");
-    const app::Environment environment;
     COpmlImportDialog missing(manager, environment, QString::fromStdString(home.file("none")));
     EXPECT_EQ(missing.loadError(), QString::fromStdString("Can't open file: " + home.file("none")));
     COpmlImportDialog broken(manager, environment, QString::fromStdString(home.file("bad.opml")));

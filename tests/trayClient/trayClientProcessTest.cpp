@@ -25,39 +25,28 @@ extern char** environ;
 
 namespace {
 
-// A pelsu process with the given environment changes; its standard error goes to a file.
+// A pelsu process with the given environment changes (through env(1), which execs it in the
+// same process); its standard error goes to a file.
 class ClientProcess {
 public:
     ClientProcess(const std::vector<std::string>& args, const std::vector<std::string>& setEnv,
                   const std::vector<std::string>& unsetEnv, const std::string& errorFile) {
-        std::vector<std::string> environment;
-        for (char** entry = environ; *entry; ++entry) {
-            std::string variable = *entry;
-            std::string name = variable.substr(0, variable.find('='));
-            bool dropped = std::find(unsetEnv.begin(), unsetEnv.end(), name) != unsetEnv.end();
-            for (const auto& set : setEnv)
-                dropped = dropped || set.substr(0, set.find('=')) == name;
-            if (!dropped)
-                environment.push_back(variable);
-        }
-        environment.insert(environment.end(), setEnv.begin(), setEnv.end());
-        std::string program = (testing_support::binaryDir() / "trayClient" / "pelsu").string();
-        std::vector<char*> argv{program.data()};
-        std::vector<std::string> argsCopy = args;
-        for (auto& arg : argsCopy)
-            argv.push_back(arg.data());
+        std::vector<std::string> command{"env"};
+        for (const std::string& name : unsetEnv)
+            command.insert(command.end(), {"-u", name});
+        command.insert(command.end(), setEnv.begin(), setEnv.end());
+        command.push_back((testing_support::binaryDir() / "trayClient" / "pelsu").string());
+        command.insert(command.end(), args.begin(), args.end());
+        std::vector<char*> argv;
+        for (auto& word : command)
+            argv.push_back(word.data());
         argv.push_back(nullptr);
-        std::vector<char*> envp;
-        for (auto& variable : environment)
-            envp.push_back(variable.data());
-        envp.push_back(nullptr);
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errorFile.c_str(),
                                          O_WRONLY | O_CREAT | O_TRUNC, 0644);
         posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-        EXPECT_EQ(posix_spawn(&m_pid, program.c_str(), &actions, nullptr, argv.data(), envp.data()),
-                  0);
+        EXPECT_EQ(posix_spawnp(&m_pid, "env", &actions, nullptr, argv.data(), environ), 0);
         posix_spawn_file_actions_destroy(&actions);
     }
     ~ClientProcess() {
@@ -128,13 +117,8 @@ protected:
         return false;
     }
     void expectShutdownLinesInOrder() {
-        std::string text = log();
-        std::size_t at = 0;
-        for (const std::string& line : client_testing::kShutdownLines) {
-            std::size_t found = text.find(line, at);
-            ASSERT_NE(found, std::string::npos) << "missing after position " << at << ": " << line;
-            at = found;
-        }
+        EXPECT_EQ(client_testing::shutdownLines((userDir / "Logs" / "pelsu.log").string()),
+                  client_testing::kShutdownLines);
     }
 
     TempDir home;

@@ -23,7 +23,6 @@
 
 #include <filesystem>
 #include <future>
-#include <sstream>
 #include <thread>
 
 namespace fs = std::filesystem;
@@ -32,23 +31,13 @@ using client_testing::kShutdownLines;
 using client_testing::storyFeed;
 using client_testing::UrlCatcher;
 using client_testing::waitFor;
+using client_testing::waitWithoutEvents;
 using testing_support::readFile;
 using testing_support::TempDir;
 using testing_support::writeFile;
 using trayClient::CTrayClientApp;
 
 namespace {
-
-// Waits without running the event loop, as the UI thread does while it shuts down.
-bool waitWithoutEvents(const std::function<bool()>& condition) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
 
 // Takes down whatever the server shows until a notification that matches is on screen; the
 // program directory's plugins may add error notifications of their own on the way.
@@ -99,17 +88,9 @@ protected:
         int status = -1;
         return client.start(options, status);
     }
-    std::string log() const { return readFile((userDir / "Logs" / "pelsu.log").string()); }
-    // The shut-down lines of the log, in their order.
+    std::string logFile() const { return (userDir / "Logs" / "pelsu.log").string(); }
     std::vector<std::string> shutdownLines() const {
-        std::vector<std::string> found;
-        std::istringstream lines(log());
-        for (std::string line; std::getline(lines, line);)
-            for (const auto& expected : kShutdownLines)
-                if (line.size() >= expected.size() &&
-                    line.compare(line.size() - expected.size(), expected.size(), expected) == 0)
-                    found.push_back(expected);
-        return found;
+        return client_testing::shutdownLines(logFile());
     }
 
     TempDir home;
@@ -219,7 +200,7 @@ TEST_F(ClientFixture, ShutDownDuringADownloadWaitsForTheUpdateAndKeepsIt) {
     // Addresses of 127.0.0.1 are the program's own plugin server; "localhost" is not.
     addChannel("Web", "http://localhost:" + std::to_string(web.port()) + "/feed");
     ASSERT_TRUE(start());
-    ASSERT_TRUE(requested.wait()) << log();
+    ASSERT_TRUE(requested.wait()) << readFile(logFile());
     // The download goes on once shut-down has begun: the window has let go of the worker.
     std::thread server([&] {
         waitWithoutEvents([&] { return !client.mainFrame()->present(); });

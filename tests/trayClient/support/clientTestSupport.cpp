@@ -129,6 +129,24 @@ bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds l
     return true;
 }
 
+bool waitWithoutEvents(const std::function<bool()>& condition, std::chrono::milliseconds limit) {
+    QDeadlineTimer deadline(limit.count());
+    while (!condition()) {
+        if (deadline.hasExpired())
+            return false;
+        QThread::msleep(1);
+    }
+    return true;
+}
+
+std::vector<std::string> shutdownLines(const std::string& logFile) {
+    std::vector<std::string> found;
+    for (const std::string& text : testing_support::logTexts(logFile))
+        if (std::find(kShutdownLines.begin(), kShutdownLines.end(), text) != kShutdownLines.end())
+            found.push_back(text);
+    return found;
+}
+
 namespace {
 const QStringList kCaughtSchemes{"http", "https", "ftp", "file"};
 } // namespace

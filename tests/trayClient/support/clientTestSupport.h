@@ -30,6 +30,9 @@ QString busAddress();
 // Runs the event loop until the condition holds or the limit passes; returns the condition.
 bool waitFor(const std::function<bool()>& condition,
              std::chrono::milliseconds limit = std::chrono::seconds(10));
+// Waits as long without running the event loop, as a UI thread busy with shut-down does.
+bool waitWithoutEvents(const std::function<bool()>& condition,
+                       std::chrono::milliseconds limit = std::chrono::seconds(20));
 
 // Takes the links the client opens (web, ftp and local files) instead of the desktop's opener.
 class UrlCatcher : public QObject {
@@ -48,6 +51,8 @@ public slots:
 std::string storyFeed(const std::string& title, const std::vector<std::string>& ids);
 
 using testing_support::kShutdownLines;
+// The lines of the log file that are shut-down steps, in the order written.
+std::vector<std::string> shutdownLines(const std::string& logFile);
 
 // A notification server that records what it is asked to show. It owns
 // org.freedesktop.Notifications on the private bus from construction to destruction, over a
