@@ -151,6 +151,12 @@ protected:
         profile::writeIniString(file, "Config", "RssChannelUrl", url);
         profile::writeIniInt(file, "Settings", "AutoUpdateInterval", interval);
     }
+    // Options that fetch from the test servers' own ports.
+    static ChannelManagerOptions overHttp() {
+        ChannelManagerOptions options;
+        options.net.honourUrlPort = true;
+        return options;
+    }
     std::string feedFile(const std::string& name, const std::string& text) {
         writeFile(m_dir.file(name), text);
         return m_dir.file(name);
@@ -265,13 +271,18 @@ TEST_F(EngineTest, DueTestFollowsTheIntervalAndExplicitRequestsComeFirstAndOnce)
     EXPECT_FALSE(m.requestUpdate("missing"));
 }
 
-TEST_F(EngineTest, FailingChannelReportsItsErrorKeepsItsFeedAndOthersStillUpdate) {
+// An unchanged feed (304) raises no item events but the fetch time moves; a failing channel
+// reports its error, keeps its feed, and the others still update.
+TEST_F(EngineTest, UnchangedAndFailingFeedsKeepTheirItemsAndOthersStillUpdate) {
     TestHttpServer server("127.0.0.2");
     std::atomic<int> mode{0};
-    server.server().Get("/feed", [&](const httplib::Request&, httplib::Response& res) {
-        if (mode == 0)
+    server.server().Get("/feed", [&](const httplib::Request& req, httplib::Response& res) {
+        if (mode == 0 && req.get_header_value("If-None-Match") == "\"v1\"") {
+            res.status = 304;
+        } else if (mode == 0) {
+            res.set_header("ETag", "\"v1\"");
             res.set_content(rss({"x"}), "application/rss+xml");
-        else if (mode == 1) {
+        } else if (mode == 1) {
             res.status = 500;
         } else {
             res.set_content("<html>not a feed", "text/html");
@@ -279,13 +290,20 @@ TEST_F(EngineTest, FailingChannelReportsItsErrorKeepsItsFeedAndOthersStillUpdate
     });
     serveRss(server, "/good", {"g"});
     ASSERT_TRUE(server.start());
-    ChannelManagerOptions options;
-    options.net.honourUrlPort = true;
     addChannelFile("bad", server.url("/feed"));
     addChannelFile("good", server.url("/good"));
-    auto& m = manager(options);
+    auto& m = manager(overHttp());
     m.runUpdatePass();
     m_recorder.take();
+    m_now += 3600;
+    m.runUpdatePass();
+    EXPECT_EQ(m_recorder.take(),
+              (std::vector<std::string>{"begin bad", "end bad ok", "begin good", "end good ok"}));
+    const ChannelState& state = m.findChannel("bad")->state();
+    EXPECT_EQ(state.lastFetchTime(), static_cast<std::int32_t>(m_now.load()));
+    EXPECT_EQ(state.httpETag(), "\"v1\"");
+    EXPECT_TRUE(state.isFeedLoaded()) << "back from the file, not a copy of it";
+    EXPECT_EQ(state.feed().itemId(0), "x");
     for (int failure : {1, 2}) {
         mode = failure;
         m_now += 3600;
@@ -300,49 +318,9 @@ TEST_F(EngineTest, FailingChannelReportsItsErrorKeepsItsFeedAndOthersStillUpdate
             EXPECT_EQ(events[1], "error Can't update the feed. Feed update error: HTTP 500 "
                                  "Internal Server Error");
         }
-        EXPECT_EQ(m.findChannel("bad")->state().feed().itemCount(), 1u);
-        EXPECT_EQ(m.findChannel("bad")->state().lastFetchTime(),
-                  static_cast<std::int32_t>(m_now.load()));
+        EXPECT_EQ(state.feed().itemCount(), 1u);
+        EXPECT_EQ(state.lastFetchTime(), static_cast<std::int32_t>(m_now.load()));
     }
-}
-
-TEST_F(EngineTest, UnchangedFeedRaisesNoItemEventsButTheFetchTimeMoves) {
-    TestHttpServer server("127.0.0.2");
-    server.server().Get("/feed", [&](const httplib::Request& req, httplib::Response& res) {
-        if (req.get_header_value("If-None-Match") == "\"v1\"") {
-            res.status = 304;
-            return;
-        }
-        res.set_header("ETag", "\"v1\"");
-        res.set_content(rss({"a"}), "application/rss+xml");
-    });
-    ASSERT_TRUE(server.start());
-    ChannelManagerOptions options;
-    options.net.honourUrlPort = true;
-    addChannelFile("n", server.url("/feed"));
-    auto& m = manager(options);
-    m.runUpdatePass();
-    m_recorder.take();
-    m_now += 3600;
-    m.runUpdatePass();
-    EXPECT_EQ(m_recorder.take(), (std::vector<std::string>{"begin n", "end n ok"}));
-    const ChannelState& state = m.findChannel("n")->state();
-    EXPECT_EQ(state.lastFetchTime(), static_cast<std::int32_t>(m_now.load()));
-    EXPECT_EQ(state.httpETag(), "\"v1\"");
-    EXPECT_TRUE(state.isFeedLoaded()) << "back from the file, not a copy of it";
-    EXPECT_EQ(state.feed().itemId(0), "a");
-}
-
-TEST_F(EngineTest, CorruptChannelFileGivesOneErrorAndTheOthersLoad) {
-    addChannelFile("good", "/nowhere.xml");
-    writeFile(m_channelsDir + "/broken.rss", std::string("\0\x01\x02garbage", 10));
-    auto& m = manager();
-    auto events = m_recorder.take();
-    ASSERT_EQ(events.size(), 1u);
-    EXPECT_EQ(events[0].rfind("error Can't load channel file \"broken.rss\". ", 0), 0u)
-        << events[0];
-    EXPECT_NE(m.findChannel("good"), nullptr);
-    EXPECT_EQ(m.findChannel("broken"), nullptr);
 }
 
 TEST_F(EngineTest, DisabledInternetFailsEveryDownloadFromTheNextOneOn) {
@@ -394,8 +372,7 @@ TEST_F(EngineTest, StopForcesAWorkerStuckOnAServerThatNeverAnswers) {
         res.set_content(rss({"late"}), "application/rss+xml");
     });
     ASSERT_TRUE(server.start());
-    ChannelManagerOptions options;
-    options.net.honourUrlPort = true;
+    ChannelManagerOptions options = overHttp();
     options.net.lowSpeedTimeSeconds = 0; // no time limit: only the forced stop ends it
     addChannelFile("hang", server.url("/hang"));
     m_stopWaitMs = 1500;
@@ -509,8 +486,7 @@ TEST_F(EngineTest, TrickleAndDroppedConnectionsFailOnlyTheirChannel) {
     ASSERT_TRUE(closer.start());
     const int closedPort = closer.port();
     closer.stop(); // nothing listens there any more: the connection is refused
-    ChannelManagerOptions options;
-    options.net.honourUrlPort = true;
+    ChannelManagerOptions options = overHttp();
     options.net.lowSpeedTimeSeconds = 1;
     addChannelFile("a_trickle", server.url("/trickle"));
     addChannelFile("b_closed", "http://127.0.0.3:" + std::to_string(closedPort) + "/feed");
@@ -562,9 +538,17 @@ TEST_F(EngineTest, ChannelsComeAndGoWhileTheWorkerRunsAndLoopbackPortsMove) {
     EXPECT_TRUE(reader.channels().empty());
 }
 
-TEST_F(EngineTest, DeletingAChannelWhoseFileIsAlreadyGoneFailsAndChangesNothing) {
+// A corrupt file gives one error and the others load; deleting a channel whose file is
+// already gone fails and changes nothing.
+TEST_F(EngineTest, BrokenOrMissingChannelFilesFailAloneAndChangeNothing) {
     addChannelFile("gone", "/nowhere.xml");
+    writeFile(m_channelsDir + "/broken.rss", std::string("\0\x01\x02garbage", 10));
     auto& m = manager();
+    auto events = m_recorder.take();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].rfind("error Can't load channel file \"broken.rss\". ", 0), 0u)
+        << events[0];
+    EXPECT_EQ(m.findChannel("broken"), nullptr);
     const std::string file = m_channelsDir + "/gone.rss";
     fs::remove(file);
     try {
@@ -654,9 +638,7 @@ TEST_F(EngineTest, AChannelThatAWebPageAddedFollowsNoRedirectToThisComputer) {
     addChannelFile("web", elsewhere.url("/feed"));
     profile::writeIniBool(web, "Config", "SubscribedFromWebPage", true);
     addChannelFile("mine", elsewhere.url("/feed"));
-    ChannelManagerOptions options;
-    options.net.honourUrlPort = true;
-    auto& m = manager(options);
+    auto& m = manager(overHttp());
     m.runUpdatePass();
     tools::setRemoteTestPort(0);
     const auto events = m_recorder.take();

@@ -67,10 +67,28 @@ TEST(FeedStore, RoundTripsAndAShorterFeedDeletesTheOldItemSectionsAndGapsEndTheL
     EXPECT_EQ(other.feedTime(), 0);
 }
 
+// The manager's defaults replace the built-in ones while it gives them.
 TEST(ChannelStore, SettingsDefaultsRangesAndTheMinimumInterval) {
+    struct Defaults : DefaultChannelSettingsProvider {
+        bool defaultChannelSettings(bool& autoUpdate, std::int32_t& interval, bool& allowEmpty,
+                                    int& maxItems) const override {
+            autoUpdate = false;
+            interval = 3600;
+            allowEmpty = true;
+            maxItems = 10;
+            return true;
+        }
+    } defaults;
     TempDir dir;
     const std::string file = dir.file("s.rss");
     ChannelSettings settings;
+    ChannelSettings::setDefaultsProvider(&defaults);
+    settings.load(file);
+    ChannelSettings::setDefaultsProvider(nullptr);
+    EXPECT_FALSE(settings.isAutoUpdateEnabled());
+    EXPECT_EQ(settings.autoUpdateInterval(), 3600);
+    EXPECT_TRUE(settings.allowEmptyFeeds());
+    EXPECT_EQ(settings.maxFeedItems(), 10);
     settings.load(file);
     EXPECT_TRUE(settings.isAutoUpdateEnabled());
     EXPECT_EQ(settings.autoUpdateInterval(), 86400);
@@ -93,28 +111,6 @@ TEST(ChannelStore, SettingsDefaultsRangesAndTheMinimumInterval) {
                                    "AllowEmptyFeeds=0\nMaxFeedItems=0\n"),
               std::string::npos)
         << readFile(fresh);
-}
-
-TEST(ChannelStore, ManagerDefaultsReplaceTheBuiltInOnes) {
-    struct Defaults : DefaultChannelSettingsProvider {
-        bool defaultChannelSettings(bool& autoUpdate, std::int32_t& interval, bool& allowEmpty,
-                                    int& maxItems) const override {
-            autoUpdate = false;
-            interval = 3600;
-            allowEmpty = true;
-            maxItems = 10;
-            return true;
-        }
-    } defaults;
-    TempDir dir;
-    ChannelSettings::setDefaultsProvider(&defaults);
-    ChannelSettings settings;
-    settings.load(dir.file("none.rss"));
-    ChannelSettings::setDefaultsProvider(nullptr);
-    EXPECT_FALSE(settings.isAutoUpdateEnabled());
-    EXPECT_EQ(settings.autoUpdateInterval(), 3600);
-    EXPECT_TRUE(settings.allowEmptyFeeds());
-    EXPECT_EQ(settings.maxFeedItems(), 10);
 }
 
 TEST(ChannelStore, ConfigKeepsTheCacheCopyAndBoundsTheImageSize) {

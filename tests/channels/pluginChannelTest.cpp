@@ -74,11 +74,8 @@ const char* const kFeedScript =
 
 } // namespace
 
-TEST_F(PluginChannelTest, ScriptOutputIsTheFeedAndParametersReachTheScript) {
+TEST_F(PluginChannelTest, ScriptOutputIsTheFeedAndFailingScriptsBecomeChannelErrors) {
     EXPECT_EQ(update(kFeedScript), (std::vector<std::string>{"new science"}));
-}
-
-TEST_F(PluginChannelTest, FailingScriptsBecomeChannelErrors) {
     EXPECT_EQ(update("sleep 30\n"),
               (std::vector<std::string>{"Can't update the feed. The script timed out."}));
     // A script that ends by itself with a failure gives its error page as the feed text, and
