@@ -320,9 +320,19 @@ void ChannelManager::download(const std::string& url, std::string& lastModified,
 }
 
 void ChannelManager::changeLoopbackPort(int oldPort, int newPort) {
-    for (Channel* channel : channels())
-        channel->changeLoopbackPort(oldPort, newPort);
     m_appPluginServerPort = newPort;
+    // A channel that can't be saved keeps its new address in memory, and the others move on.
+    for (Channel* channel : channels()) {
+        try {
+            channel->changeLoopbackPort(oldPort, newPort);
+        } catch (const std::exception& failure) {
+            PELSU_LOG(channelManagerGroup(),
+                      "Can't save the channel details for " << channel->name());
+            ChannelErrorEvent event(now(), channel, "Can't save the channel details.",
+                                    failure.what());
+            raiseEvent(event);
+        }
+    }
 }
 
 void ChannelManager::raiseEvent(Event& event) {

@@ -12,6 +12,8 @@
 #include <filesystem>
 #include <map>
 #include <mutex>
+#include <sstream>
+#include <string>
 
 namespace channels {
 
@@ -112,10 +114,12 @@ void PluginChannel::fetch(std::string& text, bool firstFetch, bool& unchanged) {
     }
     const std::string commandLine = buildScriptCommandLine(script, configFile->path());
     PELSU_LOG(scriptPluginsGroup(), "Running plugin script: " << commandLine);
-    if (logChannelProcessing()) {
+    if (logChannelProcessing() && scriptPluginsGroup().isEnabled()) {
         msglog::LogBlock block;
         PELSU_LOG(scriptPluginsGroup(), "--- BEGIN CONFIG FILE ---");
-        msglog::CMessageLog::instance().writeLine(__FILE__, __LINE__, configFile->read());
+        std::istringstream in(configFile->read());
+        for (std::string line; std::getline(in, line);)
+            PELSU_LOG(scriptPluginsGroup(), line);
         PELSU_LOG(scriptPluginsGroup(), "--- END CONFIG FILE ---");
     }
     tools::TempFile output;

@@ -522,11 +522,24 @@ TEST_F(EngineTest, ChannelsComeAndGoWhileTheWorkerRunsAndLoopbackPortsMove) {
     local->config().setRssChannelUrl("http://127.0.0.1:2605/news/feed");
     auto other = std::make_unique<RssChannel>(&m, "other");
     other->config().setRssChannelUrl("http://127.0.0.1:26050/x");
+    auto blocked = std::make_unique<RssChannel>(&m, "blocked");
+    blocked->config().setRssChannelUrl("http://127.0.0.1:2605/blocked");
     m.addChannel(std::move(local));
     m.addChannel(std::move(other));
+    m.addChannel(std::move(blocked));
+    // A channel that can't be saved is reported, and the others still move.
+    fs::remove(m_channelsDir + "/blocked.rss");
+    fs::create_directory(m_channelsDir + "/blocked.rss");
+    m_recorder.take();
     m.changeLoopbackPort(2605, 3000);
     EXPECT_EQ(profile::readIniString(m_channelsDir + "/local.rss", "Config", "RssChannelUrl"),
               "http://127.0.0.1:3000/news/feed");
+    const std::vector<std::string> events = m_recorder.take();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].rfind("error Can't save the channel details. ", 0), 0u) << events[0];
+    fs::remove(m_channelsDir + "/blocked.rss");
+    writeFile(m_channelsDir + "/blocked.rss", "");
+    m.deleteChannel("blocked");
     EXPECT_EQ(dynamic_cast<RssChannel*>(m.findChannel("other"))->config().rssChannelUrl(),
               "http://127.0.0.1:26050/x");
     m.stop();

@@ -1,11 +1,13 @@
 #include "channels/pluginChannel.h"
 #include "channels/channelManager.h"
 #include "lib/misc/iniValues.h"
+#include "tests/support/logCapture.h"
 #include "tests/support/testHttpServer.h"
 #include "tests/support/testSupport.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <sys/stat.h>
 
@@ -55,6 +57,7 @@ protected:
         prepare(scriptText);
         ChannelManagerOptions options;
         options.scriptTimeoutSeconds = 1;
+        options.logChannelProcessing = m_logProcessing;
         ChannelManager manager(m_dir.file("Channels"), options);
         manager.addListener(&m_collector);
         manager.loadChannels();
@@ -65,6 +68,7 @@ protected:
     }
     Collector m_collector;
     TempDir m_dir;
+    bool m_logProcessing = false;
 };
 
 // Prints a feed whose one item is named after the Topic parameter of the configuration file.
@@ -75,7 +79,20 @@ const char* const kFeedScript =
 } // namespace
 
 TEST_F(PluginChannelTest, ScriptOutputIsTheFeedAndFailingScriptsBecomeChannelErrors) {
-    EXPECT_EQ(update(kFeedScript), (std::vector<std::string>{"new science"}));
+    {
+        // With detailed logging the configuration file is logged line by line, between markers.
+        m_logProcessing = true;
+        testing_support::LogCapture log;
+        EXPECT_EQ(update(kFeedScript), (std::vector<std::string>{"new science"}));
+        const std::vector<std::string> lines = log.lines();
+        const auto begin = std::find(lines.begin(), lines.end(), "--- BEGIN CONFIG FILE ---");
+        ASSERT_NE(begin, lines.end());
+        const auto end = std::find(begin, lines.end(), "--- END CONFIG FILE ---");
+        ASSERT_NE(end, lines.end());
+        EXPECT_EQ(*std::next(begin), "[System]");
+        EXPECT_NE(std::find(begin, end, "Topic=science"), end);
+        m_logProcessing = false;
+    }
     EXPECT_EQ(update("sleep 30\n"),
               (std::vector<std::string>{"Can't update the feed. The script timed out."}));
     // A script that ends by itself with a failure gives its error page as the feed text, and
