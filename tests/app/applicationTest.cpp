@@ -4,12 +4,19 @@
 #include "lib/misc/iniValues.h"
 #include "tests/support/testSupport.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <filesystem>
 #include <mutex>
 #include <sstream>
 
+using testing::AnyOf;
+using testing::Each;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+using testing::StrEq;
+using testing::ThrowsMessage;
 using namespace app;
 using testing_support::Gate;
 using testing_support::kShutdownLines;
@@ -98,10 +105,9 @@ TEST(Application, StartsStepByStepAndShutsDownWithTheElevenLinesInOrder) {
     EXPECT_EQ(std::vector<std::string>(calls.begin(), calls.begin() + 4),
               (std::vector<std::string>{"createMainFrame", "loadChannelDesktopSettings",
                                         "installEventHandler", "createTrayIcon"}));
-    EXPECT_TRUE(calls[4] == "welcome: " + Application::greeting(0) + " has started." ||
-                calls[4] == "welcome: " + Application::greeting(8) + " has started." ||
-                calls[4] == "welcome: " + Application::greeting(14) + " has started.")
-        << calls[4];
+    EXPECT_THAT(calls[4], AnyOf("welcome: " + Application::greeting(0) + " has started.",
+                                "welcome: " + Application::greeting(8) + " has started.",
+                                "welcome: " + Application::greeting(14) + " has started."));
     EXPECT_EQ(
         std::vector<std::string>(calls.begin() + 5, calls.end()),
         (std::vector<std::string>{"uninstallMouseHook", "cleanUpDesktopSettings",
@@ -133,10 +139,13 @@ TEST(Application, ASecondStartShowsTheRunningOneAndGoesNoFurther) {
     EXPECT_TRUE(secondFrontEnd.calls().empty());
 }
 
+// Both run, neither serves the other, and neither greets when told not to.
 TEST(Application, AllowMultipleInstancesLetsBothRunAndNeitherServesTheOther) {
     TempDir home;
     const std::string userDir = userDirOf(home);
     testing_support::writeFile(userDir + "/debug.ini", "[Debug]\nAllowMultipleInstances=1\n");
+    testing_support::writeFile(userDir + "/config.ini",
+                               "[Global Options]\nNoWelcomeNotification=1\n");
     RecordingFrontEnd firstFrontEnd, secondFrontEnd;
     Application first, second;
     ASSERT_EQ(first.start(firstFrontEnd, optionsFor(home)), Application::StartResult::Started);
@@ -144,6 +153,7 @@ TEST(Application, AllowMultipleInstancesLetsBothRunAndNeitherServesTheOther) {
     EXPECT_FALSE(fs::exists(SingleInstance::socketPath(userDir)));
     EXPECT_FALSE(sendShowYourself(userDir));
     EXPECT_TRUE(SingleInstance::tryLock(userDir)) << "neither holds the user directory";
+    EXPECT_THAT(firstFrontEnd.calls(), Each(Not(StartsWith("welcome"))));
 }
 
 TEST(Application, AStartThatFailsReleasesTheUserDirectoryAndSaysWhy) {
@@ -155,41 +165,17 @@ TEST(Application, AStartThatFailsReleasesTheUserDirectoryAndSaysWhy) {
         Application application;
         Application::Options options = optionsFor(home);
         options.lockWait = std::chrono::milliseconds(200);
-        try {
-            application.start(frontEnd, options);
-            ADD_FAILURE() << "started on a user directory in use";
-        } catch (const StartupError& busy) {
-            EXPECT_NE(std::string(busy.what())
-                          .find("Another Pelsu process is using the user "
-                                "directory " +
-                                userDir),
-                      std::string::npos)
-                << busy.what();
-        }
+        EXPECT_THAT([&] { application.start(frontEnd, options); },
+                    ThrowsMessage<StartupError>(
+                        HasSubstr("Another Pelsu process is using the user directory " + userDir)));
         EXPECT_TRUE(frontEnd.calls().empty());
     }
     RecordingFrontEnd frontEnd;
     frontEnd.failMainFrame = true;
     Application application;
-    try {
-        application.start(frontEnd, optionsFor(home));
-        ADD_FAILURE() << "started without a main frame";
-    } catch (const StartupError& failed) {
-        EXPECT_EQ(std::string(failed.what()), "Can't load the main frame window.");
-    }
+    EXPECT_THAT([&] { application.start(frontEnd, optionsFor(home)); },
+                ThrowsMessage<StartupError>(StrEq("Can't load the main frame window.")));
     EXPECT_TRUE(SingleInstance::tryLock(userDir));
-}
-
-TEST(Application, NoWelcomeNotificationKeepsTheGreetingBack) {
-    TempDir home;
-    const std::string userDir = userDirOf(home);
-    testing_support::writeFile(userDir + "/config.ini",
-                               "[Global Options]\nNoWelcomeNotification=1\n");
-    RecordingFrontEnd frontEnd;
-    Application application;
-    ASSERT_EQ(application.start(frontEnd, optionsFor(home)), Application::StartResult::Started);
-    for (const std::string& call : frontEnd.calls())
-        EXPECT_EQ(call.rfind("welcome", 0), std::string::npos) << call;
 }
 
 TEST(Application, TheGreetingFollowsTheHour) {
@@ -223,7 +209,7 @@ TEST(Application, CarriesOutHandedOverCommandsOnItsOwnChannels) {
     ASSERT_TRUE(application.manager().findChannel("f"));
     std::string updated;
     EXPECT_EQ(send({"update", "f"}, &updated), 0);
-    EXPECT_NE(updated.find("[1/1] f (F): 1 new, 0 expired"), std::string::npos) << updated;
+    EXPECT_THAT(updated, HasSubstr("[1/1] f (F): 1 new, 0 expired"));
     EXPECT_EQ(application.manager().findChannel("f")->state().itemCount(), 1u);
     EXPECT_EQ(send({"remove", "f"}), 0);
     EXPECT_FALSE(application.manager().findChannel("f"));

@@ -1,9 +1,11 @@
 #include "app/globalOptions.h"
 #include "tests/support/testSupport.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 using app::GlobalOptions;
+using testing::HasSubstr;
+using testing::Not;
 using testing_support::readFile;
 using testing_support::TempDir;
 using testing_support::writeFile;
@@ -26,9 +28,8 @@ TEST(GlobalOptions, BoundsFallBackToDefaultsAndTheColourKeyPairIsKept) {
     options.controlCenterNonAutoUpdateChannelFgdCol = 0x123456;
     ASSERT_TRUE(options.save(config));
     const std::string text = readFile(config);
-    EXPECT_NE(text.find("ControlCenterNonAutoUpdateChannelFgdCol=1193046"), std::string::npos);
-    EXPECT_EQ(text.find("ActivityLogFgdCol"), std::string::npos)
-        << "read-only keys are not written";
+    EXPECT_THAT(text, HasSubstr("ControlCenterNonAutoUpdateChannelFgdCol=1193046"));
+    EXPECT_THAT(text, Not(HasSubstr("ActivityLogFgdCol"))) << "read-only keys are not written";
     GlobalOptions reloaded;
     ASSERT_TRUE(reloaded.load(config, ""));
     EXPECT_EQ(reloaded.notificationBalloonDisplayTime, 1800);
@@ -75,5 +76,5 @@ TEST(GlobalOptions, SavedScriptFileTypesReplaceTheOldRowsAndKeepTheRestOfGlobalI
     EXPECT_EQ(reloaded.scriptFileTypes, options.scriptFileTypes);
     EXPECT_EQ(reloaded.scriptFileTypeCommands.at(".py"), "python3 \"%1\" %*");
     EXPECT_EQ(reloaded.scriptFileTypeCommands.count(".pl"), 0u);
-    EXPECT_NE(readFile(globalIni).find("Keep=1"), std::string::npos);
+    EXPECT_THAT(readFile(globalIni), HasSubstr("Keep=1"));
 }

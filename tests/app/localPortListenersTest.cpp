@@ -5,7 +5,7 @@
 #include "channels/rssChannel.h"
 #include "tests/support/testSupport.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <atomic>
 #include <filesystem>
@@ -17,6 +17,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+using testing::HasSubstr;
+using testing::Not;
 using namespace app;
 using namespace channels;
 using testing_support::httpGet;
@@ -146,7 +148,7 @@ TEST_F(LocalPortListenersTest, EveryFormOfSubscriptionLinkSubscribes) {
     for (const auto& [listener, target] : links) {
         const auto answer = httpGet(port(listener), target);
         EXPECT_EQ(answer.status, 200) << target;
-        EXPECT_NE(answer.body.find("Subscribed to"), std::string::npos) << answer.body;
+        EXPECT_THAT(answer.body, HasSubstr("Subscribed to"));
     }
     auto subscribed = addresses();
     std::sort(subscribed.begin(), subscribed.end());
@@ -170,12 +172,11 @@ TEST_F(LocalPortListenersTest, DuplicatesBadAddressesAndRefusalsSubscribeNothing
     ASSERT_EQ(httpGet(app, "/subscribe?url=http://a.org/rss").status, 200);
     auto answer = httpGet(app, "/subscribe?url=feed://a.org/rss");
     EXPECT_EQ(answer.status, 200);
-    EXPECT_NE(answer.body.find("Already subscribed"), std::string::npos);
-    EXPECT_NE(answer.body.find("a_org_rss"), std::string::npos);
+    EXPECT_THAT(answer.body, AllOf(HasSubstr("Already subscribed"), HasSubstr("a_org_rss")));
 
     answer = httpGet(app, "/subscribe?url=javascript:alert(%22%3Cb%3E%22)");
     EXPECT_EQ(answer.status, 400);
-    EXPECT_EQ(answer.body.find("<b>"), std::string::npos) << "the address is escaped";
+    EXPECT_THAT(answer.body, Not(HasSubstr("<b>"))) << "the address is escaped";
     EXPECT_EQ(httpGet(app, "/subscribe?url=http://127.0.0.1:2605/Lib").status, 400);
 
     // An address made to climb out of the channels directory still gives a plain ID there.
@@ -191,7 +192,7 @@ TEST_F(LocalPortListenersTest, DuplicatesBadAddressesAndRefusalsSubscribeNothing
     m_approver.refusal = "The user said <no>.";
     answer = httpGet(app, "/subscribe?url=http://b.org/rss");
     EXPECT_EQ(answer.status, 403);
-    EXPECT_NE(answer.body.find("The user said &lt;no&gt;."), std::string::npos);
+    EXPECT_THAT(answer.body, HasSubstr("The user said &lt;no&gt;."));
     EXPECT_EQ(m_channels.channels().size(), 2u);
     EXPECT_EQ(m_approver.asked.back(), "http://b.org/rss");
 }
@@ -213,13 +214,12 @@ TEST_F(LocalPortListenersTest, PluginServerRoutesToThePluginsAndExplainsFailures
 
     answer = httpGet(server, "/lib/fail");
     EXPECT_EQ(answer.status, 500);
-    EXPECT_NE(answer.body.find("the request failed"), std::string::npos) << answer.body;
+    EXPECT_THAT(answer.body, HasSubstr("the request failed"));
     answer = httpGet(server, "/<script>/x");
     EXPECT_EQ(answer.status, 404);
-    EXPECT_NE(answer.body.find("&lt;script&gt;"), std::string::npos);
-    EXPECT_EQ(answer.body.find("<script>"), std::string::npos);
+    EXPECT_THAT(answer.body, AllOf(HasSubstr("&lt;script&gt;"), Not(HasSubstr("<script>"))));
     answer = httpGet(server, "/");
-    EXPECT_NE(answer.body.find("href=\"/lib\""), std::string::npos) << "an index of the plugins";
+    EXPECT_THAT(answer.body, HasSubstr("href=\"/lib\"")) << "an index of the plugins";
 }
 
 TEST_F(LocalPortListenersTest, APortInUseIsReportedAndTheRestRun) {
@@ -316,7 +316,7 @@ TEST_F(LocalPortListenersTest, RequestsFromPagesOfOtherSitesAreRefused) {
              "Referer: http://127.0.0.1:" + std::to_string(app) + ".evil.example/\r\n"}) {
         const auto answer = getWithHeaders(app, subscribe, header);
         EXPECT_EQ(answer.status, 403) << header;
-        EXPECT_NE(answer.body.find("another site"), std::string::npos) << answer.body;
+        EXPECT_THAT(answer.body, HasSubstr("another site"));
     }
     EXPECT_EQ(getWithHeaders(amphetaDesk, "/?add_url=http://one.org/rss",
                              "Referer: https://evil.example/\r\n")
@@ -349,7 +349,7 @@ TEST_F(LocalPortListenersTest, WebPagesSubscribeToABoundedNumberOfAddressesAMinu
     EXPECT_EQ(httpGet(amphetaDesk, list(1, 4)).status, 200);
     const auto refused = httpGet(amphetaDesk, list(5, 2));
     EXPECT_EQ(refused.status, 429);
-    EXPECT_NE(refused.body.find("Too many subscriptions"), std::string::npos) << refused.body;
+    EXPECT_THAT(refused.body, HasSubstr("Too many subscriptions"));
     EXPECT_EQ(httpGet(port("app server"), "/subscribe?url=http://feed5.org/rss").status, 200);
     EXPECT_EQ(httpGet(port("app server"), "/subscribe?url=http://feed6.org/rss").status, 429);
     EXPECT_EQ(addresses().size(), 5u);
@@ -381,5 +381,5 @@ TEST_F(LocalPortListenersTest, ChannelsThatWebPagesAddAreMarkedAndOthersFilesSta
     EXPECT_FALSE(mine->config().subscribedFromWebPage());
     reloaded.stop();
     EXPECT_EQ(testing_support::readFile(own), before);
-    EXPECT_EQ(before.find("SubscribedFromWebPage"), std::string::npos);
+    EXPECT_THAT(before, Not(HasSubstr("SubscribedFromWebPage")));
 }

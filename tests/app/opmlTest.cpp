@@ -6,10 +6,11 @@
 #include "channels/rssChannel.h"
 #include "tests/support/testSupport.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 using app::OpmlEntry;
 using app::OpmlOutcome;
+using testing::HasSubstr;
 using testing_support::TempDir;
 
 TEST(Opml, WrittenListsReadBackWithTheirTitlesAndAddresses) {
@@ -17,8 +18,7 @@ TEST(Opml, WrittenListsReadBackWithTheirTitlesAndAddresses) {
         {"Caf\xe9 & \"friends\" <3", "http://example.org/caf\xe9.xml?a=1&b=2", ""},
         {"Plain", "https://example.org/rss", ""}};
     const std::string text = app::writeOpml(entries);
-    EXPECT_NE(text.find("text=\"Caf\xc3\xa9 &amp; &quot;friends&quot; &lt;3\""), std::string::npos)
-        << text;
+    EXPECT_THAT(text, HasSubstr("text=\"Caf\xc3\xa9 &amp; &quot;friends&quot; &lt;3\""));
     EXPECT_EQ(app::parseOpml(text), entries);
 }
 

@@ -2,7 +2,7 @@
 #include "channels/exception.h"
 #include "tests/support/testSupport.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <condition_variable>
 #include <filesystem>
@@ -11,6 +11,7 @@
 #include <sstream>
 
 using namespace app;
+using testing::ThrowsMessage;
 using testing_support::Gate;
 using testing_support::TempDir;
 namespace fs = std::filesystem;
@@ -84,13 +85,9 @@ TEST(SingleInstance, ASecondStartShowsTheRunningInstanceOrIsRefused) {
     EXPECT_FALSE(claim.instance);
     EXPECT_TRUE(claim.shownOther);
     EXPECT_TRUE(shown.wait());
-    try {
-        claimInstance(userDir, false, std::chrono::seconds(5));
-        ADD_FAILURE() << "a second instance that must not show the first starts anyway";
-    } catch (const channels::Exception& refused) {
-        EXPECT_EQ(std::string(refused.what()),
-                  "Pelsu is already running for the user directory " + userDir + ".");
-    }
+    EXPECT_THAT([&] { claimInstance(userDir, false, std::chrono::seconds(5)); },
+                ThrowsMessage<channels::Exception>(
+                    "Pelsu is already running for the user directory " + userDir + "."));
 }
 
 TEST(SingleInstance, AHolderThatDoesNotServeIsWaitedForThenNamed) {
@@ -98,13 +95,10 @@ TEST(SingleInstance, AHolderThatDoesNotServeIsWaitedForThenNamed) {
     const std::string userDir = dir.path().string();
     auto holder = SingleInstance::tryLock(userDir); // a pelsu-cli command running by itself
     ASSERT_TRUE(holder);
-    try {
-        claimInstance(userDir, true, std::chrono::milliseconds(200));
-        ADD_FAILURE() << "started while another process holds the user directory";
-    } catch (const channels::Exception& busy) {
-        EXPECT_EQ(std::string(busy.what()), "Another Pelsu process is using the user directory " +
-                                                userDir + "; try again when it has finished.");
-    }
+    EXPECT_THAT([&] { claimInstance(userDir, true, std::chrono::milliseconds(200)); },
+                ThrowsMessage<channels::Exception>("Another Pelsu process is using the user "
+                                                   "directory " +
+                                                   userDir + "; try again when it has finished."));
     holder.reset();
     EXPECT_TRUE(claimInstance(userDir, true, std::chrono::milliseconds(200)).instance);
 }

@@ -7,7 +7,7 @@
 #include "tests/support/testSupport.h"
 #include "tools/net.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <algorithm>
 #include <atomic>
@@ -15,6 +15,9 @@
 #include <thread>
 #include <vector>
 
+using testing::AnyOf;
+using testing::HasSubstr;
+using testing::Not;
 using namespace app;
 using namespace channels;
 using testing_support::TempDir;
@@ -82,29 +85,24 @@ TEST(Startup, UserDirectoryThatCannotBeCreatedIsReportedWithTheUserName) {
     } catch (const app::StartupError& failure) {
         // The message is exactly the step's own; the system's reason goes with it apart.
         EXPECT_STREQ(failure.what(), "Can't create a new directory for user: bob");
-        EXPECT_NE(failure.detail().find("Not a directory"), std::string::npos) << failure.detail();
+        EXPECT_THAT(failure.detail(), HasSubstr("Not a directory"));
     }
 }
 
-TEST(Startup, UserNameComesFromTheProgramDebugFileUnlessEmpty) {
-    TempDir dir;
-    const std::string debugIni = dir.file("debug.ini");
-    writeFile(debugIni, "[Debug]\nUserName=  tester  \n");
-    EXPECT_EQ(determineUserName(debugIni), "tester");
-    writeFile(debugIni, "[Debug]\nUserName=\n");
-    EXPECT_NE(determineUserName(debugIni), "");
-    EXPECT_NE(determineUserName(debugIni), "tester");
-}
-
-TEST(Startup, UserDebugSettingsWinOverTheProgramOnes) {
+// The user name comes from the program's debug.ini unless empty; the user's own debug.ini wins
+// over the program's for the other settings.
+TEST(Startup, DebugSettingsComeFromTheUserThenTheProgramDebugFile) {
     TempDir dir;
     AppPaths paths = buildAppPaths(dir.path().string(), dir.path().string(), "u");
     fs::create_directories(paths.userDir);
-    writeFile(paths.programDebugFile, "[Debug]\nA=1\nB=2\n");
+    writeFile(paths.programDebugFile, "[Debug]\nUserName=  tester  \nA=1\nB=2\n");
     writeFile(paths.userDebugFile, "[Debug]\nB=3\n");
+    EXPECT_EQ(determineUserName(paths.programDebugFile), "tester");
     EXPECT_EQ(readDebugInt(paths, "A", 0), 1);
     EXPECT_EQ(readDebugInt(paths, "B", 0), 3);
     EXPECT_EQ(readDebugInt(paths, "C", 9), 9);
+    writeFile(paths.programDebugFile, "[Debug]\nUserName=\n");
+    EXPECT_THAT(determineUserName(paths.programDebugFile), Not(AnyOf("", "tester")));
 }
 
 // "DisableHttpHeaders" chooses the simple fetch path from the user's debug.ini or among the

@@ -1,23 +1,20 @@
+#include "tests/cli/cliProcess.h"
 #include "tests/support/testHttpServer.h"
-#include "tests/support/testSupport.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <array>
-#include <chrono>
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <thread>
-#include <unistd.h>
 
+using namespace cli_testing;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
 using testing_support::readFile;
 using testing_support::rssFeed;
-using testing_support::TempDir;
 using testing_support::writeFile;
 namespace fs = std::filesystem;
 
@@ -28,13 +25,12 @@ struct CliRun {
     std::string out; // standard output and error together
 };
 
-// Runs pelsu-cli with the arguments (a shell command line fragment) on the given home, after
-// the prefix (a command that runs pelsu-cli, such as setpriv).
-CliRun cli(const std::string& home, const std::string& arguments, bool mergeErrors = true,
-           const std::string& prefix = "") {
+// Runs pelsu-cli through the shell with the arguments (a command line fragment) on the given
+// home, after the prefix (a command that runs pelsu-cli, such as setpriv).
+CliRun cli(const std::string& home, const std::string& arguments, const std::string& prefix = "") {
     const std::string command = prefix + testing_support::pelsuCli() +
                                 (home.empty() ? "" : " --home '" + home + "'") + " " + arguments +
-                                (mergeErrors ? " 2>&1" : "");
+                                " 2>&1";
     CliRun run;
     FILE* pipe = ::popen(command.c_str(), "r");
     std::array<char, 4096> buffer;
@@ -45,46 +41,6 @@ CliRun cli(const std::string& home, const std::string& arguments, bool mergeErro
     run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     return run;
 }
-
-// The user directory of a home, created by a first run.
-fs::path userDir(const TempDir& home) {
-    if (!fs::exists(home.file("Users"))) {
-        EXPECT_EQ(cli(home.path().string(), "list").status, 0);
-    }
-    return fs::directory_iterator(home.file("Users"))->path();
-}
-
-// pelsu-cli run in the background on a home, stopped by an interrupt.
-class BackgroundRun {
-public:
-    BackgroundRun(const TempDir& home, const std::string& arguments) : m_home(home) {
-        const std::string start = "'" + testing_support::pelsuCli() + "' --home '" +
-                                  home.path().string() + "' run " + arguments + " > '" +
-                                  home.file("run.out") + "' 2>&1 & echo $! > '" + home.file("pid") +
-                                  "'";
-        EXPECT_EQ(std::system(start.c_str()), 0);
-    }
-    ~BackgroundRun() { stop(); }
-    // Waits until the output holds the text (or ten seconds passed); returns the output.
-    std::string waitFor(const std::string& text) const {
-        std::string out;
-        for (int i = 0; i < 100 && out.find(text) == std::string::npos; ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-            out = readFile(m_home.file("run.out"));
-        }
-        return out;
-    }
-    std::string stop() {
-        if (!m_stopped)
-            std::system(("kill -INT " + readFile(m_home.file("pid"))).c_str());
-        m_stopped = true;
-        return waitFor("Updated ");
-    }
-
-private:
-    const TempDir& m_home;
-    bool m_stopped = false;
-};
 
 } // namespace
 
@@ -105,7 +61,7 @@ TEST(PelsuCli, MistakesInTheCommandLineExitWithTwo) {
     for (const auto& [arguments, says] : mistakes) {
         const CliRun run = cli("", arguments);
         EXPECT_EQ(run.status, 2) << arguments;
-        EXPECT_NE(run.out.find(says), std::string::npos) << arguments << ": " << run.out;
+        EXPECT_THAT(run.out, HasSubstr(says)) << arguments << ": " << run.out;
     }
 }
 
@@ -116,26 +72,23 @@ TEST(PelsuCli, ChannelsAreAddedUpdatedShownAndRemoved) {
     ASSERT_EQ(added.status, 0) << added.out;
     CliRun update = cli(home.path(), "update mine");
     EXPECT_EQ(update.status, 0) << update.out;
-    EXPECT_NE(update.out.find("new:     Item 1"), std::string::npos) << update.out;
+    EXPECT_THAT(update.out, HasSubstr("new:     Item 1"));
     writeFile(feeds.file("a.xml"), rssFeed("23"));
     update = cli(home.path(), "update mine");
-    EXPECT_NE(update.out.find("expired: Item 1"), std::string::npos) << update.out;
-    EXPECT_NE(update.out.find("new:     Item 3"), std::string::npos) << update.out;
+    EXPECT_THAT(update.out, AllOf(HasSubstr("expired: Item 1"), HasSubstr("new:     Item 3")));
     const CliRun list = cli(home.path(), "list");
-    EXPECT_NE(list.out.find("mine"), std::string::npos);
-    EXPECT_NE(list.out.find("T 23"), std::string::npos) << list.out;
-    EXPECT_NE(list.out.find("PelsuNews"), std::string::npos) << "the default channel";
+    EXPECT_THAT(list.out, AllOf(HasSubstr("mine"), HasSubstr("T 23")));
+    EXPECT_THAT(list.out, HasSubstr("PelsuNews")) << "the default channel";
     const CliRun show = cli(home.path(), "show mine");
-    EXPECT_NE(show.out.find("[1] Item 2\n"), std::string::npos) << show.out;
+    EXPECT_THAT(show.out, HasSubstr("[1] Item 2\n"));
     EXPECT_EQ(cli(home.path(), "show nobody").status, 1);
     // A channel that fails makes the whole update fail, and the others still update.
     ASSERT_EQ(cli(home.path(), "add '" + feeds.file("missing.xml") + "' --id broken").status, 0);
     update = cli(home.path(), "update");
     EXPECT_EQ(update.status, 1) << update.out;
-    EXPECT_NE(update.out.find("3 channel(s)"), std::string::npos) << update.out;
-    EXPECT_NE(update.out.find("1 failed"), std::string::npos) << update.out;
+    EXPECT_THAT(update.out, AllOf(HasSubstr("3 channel(s)"), HasSubstr("1 failed")));
     EXPECT_EQ(cli(home.path(), "remove broken").status, 0);
-    EXPECT_EQ(cli(home.path(), "list").out.find("broken"), std::string::npos);
+    EXPECT_THAT(cli(home, {"list"}).out, Not(HasSubstr("broken")));
 }
 
 namespace {
@@ -173,40 +126,14 @@ TEST(PelsuCli, SampleFeedsParseAsRecorded) {
     EXPECT_GE(files, 20);
 }
 
-TEST(PelsuCli, OpmlImportFlattensOutlinesSkipsDuplicatesAndExportsBack) {
-    TempDir home, other;
-    writeFile(home.file("list.opml"), R"(<?xml version="1.0"?><opml version="1.0"><body>
-<outline text="Group"><outline text="One" xmlUrl="http://one.example/rss"/>
-<outline text="Deeper"><outline title="Two &amp; more" xmlUrl="http://two.example/feed.xml"/>
-</outline></outline><outline text="One again" xmlUrl="http://one.example/rss"/></body></opml>)");
-    const CliRun imported = cli(home.path(), "import-opml '" + home.file("list.opml") + "'");
-    EXPECT_EQ(imported.status, 0) << imported.out;
-    EXPECT_NE(imported.out.find("Imported 2 channel(s); skipped 1 duplicate(s)."),
-              std::string::npos)
-        << imported.out;
-    const CliRun again = cli(home.path(), "import-opml '" + home.file("list.opml") + "'");
-    EXPECT_NE(again.out.find("Imported 0 channel(s); skipped 3"), std::string::npos) << again.out;
-    writeFile(home.file("bad.opml"), "<opml><body>");
-    EXPECT_EQ(cli(home.path(), "import-opml '" + home.file("bad.opml") + "'").status, 1);
-
-    // Text and addresses come back as they went in, through another home as well; a channel
-    // never updated is named by its address.
-    ASSERT_EQ(cli(home.path(), "add http://never.example/feed.xml --id never").status, 0);
-    ASSERT_EQ(cli(home.path(), "export-opml '" + home.file("out.opml") + "'").status, 0);
-    ASSERT_EQ(cli(other.path(), "import-opml '" + home.file("out.opml") + "'").status, 0);
-    const CliRun exported = cli(other.path(), "export-opml");
-    for (const char* entry :
-         {"title=\"Two &amp; more\" xmlUrl=\"http://two.example/feed.xml\"",
-          "text=\"http://never.example/feed.xml\" title=\"http://never.example/feed.xml\""})
-        EXPECT_NE(exported.out.find(entry), std::string::npos) << entry << "\n" << exported.out;
-    EXPECT_EQ(exported.out.find("Unknown"), std::string::npos) << exported.out;
-}
-
-TEST(PelsuCli, OpmlKeepsTextOutsideAsciiAndRefusesWhatIsNotAFeed) {
+TEST(PelsuCli, OpmlImportFlattensSkipsDuplicatesRefusesWhatIsNotAFeedAndExportsBack) {
     TempDir home, other;
     writeFile(home.file("feed.xml"), rssFeed("a"));
     ASSERT_EQ(::mkfifo(home.file("fifo").c_str(), 0600), 0);
     std::string outlines =
+        R"(<outline text="Group"><outline text="One" xmlUrl="http://one.example/rss"/>
+<outline text="Deeper"><outline title="Two &amp; more" xmlUrl="http://two.example/feed.xml"/>
+</outline></outline><outline text="One again" xmlUrl="http://one.example/rss"/>)"
         "<outline text=\"Caf\xc3\xa9\" xmlUrl=\"http://example.org/caf\xc3\xa9.xml\"/>"
         "<outline text=\"Ftp\" xmlUrl=\"ftp://example.org/rss\"/>";
     for (const std::string& address :
@@ -216,40 +143,50 @@ TEST(PelsuCli, OpmlKeepsTextOutsideAsciiAndRefusesWhatIsNotAFeed) {
     writeFile(home.file("list.opml"), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>"
                                       "<opml version=\"2.0\"><body>" +
                                           outlines + "</body></opml>");
-    const CliRun imported = cli(home.path(), "import-opml '" + home.file("list.opml") + "'");
+    const std::string import = "import-opml '" + home.file("list.opml") + "'";
+    const CliRun imported = cli(home.path(), import);
     EXPECT_EQ(imported.status, 0) << imported.out;
-    EXPECT_NE(imported.out.find("Imported 2 channel(s); skipped 0 duplicate(s); refused 5"),
-              std::string::npos)
-        << imported.out;
+    EXPECT_THAT(imported.out,
+                HasSubstr("Imported 4 channel(s); skipped 1 duplicate(s); refused 5 address(es)."));
     for (const std::string& refused :
          {std::string("refused: /dev/zero: Not a regular file: /dev/zero"),
           std::string("refused: file:///proc/self/environ: Not a regular file: /proc/self/environ"),
           "refused: " + home.file("fifo") + ": Not a regular file: " + home.file("fifo"),
           "refused: " + home.path().string() + ": ",
           std::string("refused: ftp://example.org/rss: ")})
-        EXPECT_NE(imported.out.find(refused), std::string::npos) << refused << "\n" << imported.out;
+        EXPECT_THAT(imported.out, HasSubstr(refused));
+    EXPECT_THAT(cli(home.path(), import).out, HasSubstr("Imported 0 channel(s); skipped 5"));
+    writeFile(home.file("bad.opml"), "<opml><body>");
+    EXPECT_EQ(cli(home.path(), "import-opml '" + home.file("bad.opml") + "'").status, 1);
 
+    // Text and addresses come back as they went in, through another home as well; a channel
+    // never updated is named by its address.
+    ASSERT_EQ(cli(home.path(), "add http://never.example/feed.xml --id never").status, 0);
     ASSERT_EQ(cli(home.path(), "export-opml '" + home.file("out.opml") + "'").status, 0);
-    ASSERT_EQ(cli(other.path(), "import-opml '" + home.file("out.opml") + "'").status, 0);
-    const CliRun again = cli(other.path(), "export-opml");
-    EXPECT_NE(again.out.find("text=\"Caf\xc3\xa9\" title=\"Caf\xc3\xa9\" "
-                             "xmlUrl=\"http://example.org/caf\xc3\xa9.xml\""),
-              std::string::npos)
-        << again.out;
+    const CliRun reimported = cli(other.path(), "import-opml '" + home.file("out.opml") + "'");
+    EXPECT_THAT(reimported.out, HasSubstr("Imported 5 channel(s); skipped 1 duplicate(s).\n"));
+    const CliRun exported = cli(other.path(), "export-opml");
+    for (const char* entry :
+         {"title=\"Two &amp; more\" xmlUrl=\"http://two.example/feed.xml\"",
+          "text=\"http://never.example/feed.xml\" title=\"http://never.example/feed.xml\"",
+          "text=\"Caf\xc3\xa9\" title=\"Caf\xc3\xa9\" "
+          "xmlUrl=\"http://example.org/caf\xc3\xa9.xml\""})
+        EXPECT_THAT(exported.out, HasSubstr(entry));
+    EXPECT_THAT(exported.out, Not(HasSubstr("Unknown")));
 }
 
 TEST(PelsuCli, RunKeepsTheScheduleAndStopsCleanlyOnAnInterrupt) {
     TempDir home;
-    BackgroundRun run(home, "");
+    CliProcess run(home, {"run"});
     // The default channel was never fetched, so the worker's first pass (after a second)
     // updates it.
-    run.waitFor("new:");
-    const std::string out = run.stop();
-    EXPECT_NE(out.find("PelsuNews (Pelsu News): 3 new, 0 expired"), std::string::npos) << out;
-    EXPECT_NE(out.find("Stopping..."), std::string::npos) << out;
-    EXPECT_NE(out.find("Updated 1 channel(s): 3 new item(s)"), std::string::npos) << out;
-    const CliRun list = cli(home.path().string(), "list");
-    EXPECT_NE(list.out.find("Pelsu News"), std::string::npos) << list.out;
+    EXPECT_TRUE(run.waitFor("new:"));
+    run.signal(SIGINT);
+    EXPECT_EQ(run.finish(), 0);
+    EXPECT_THAT(run.output(),
+                AllOf(HasSubstr("PelsuNews (Pelsu News): 3 new, 0 expired"),
+                      HasSubstr("Stopping..."), HasSubstr("Updated 1 channel(s): 3 new item(s)")));
+    EXPECT_THAT(cli(home, {"list"}).out, HasSubstr("Pelsu News"));
 }
 
 TEST(PelsuCli, RunServesPluginsAndTakesSubscriptionsOnlyWhenAllowed) {
@@ -264,54 +201,47 @@ TEST(PelsuCli, RunServesPluginsAndTakesSubscriptionsOnlyWhenAllowed) {
     writeFile(config, "[Global Options]\nAppServerPortNo=" + std::to_string(appPort) +
                           "\nAppPluginServerPortNo=" + std::to_string(pluginPort) + "\n");
     const std::string link = "/subscribe?url=feed://example.org/news.xml";
-    {
-        BackgroundRun run(home, "");
-        run.waitFor("Running with");
+    for (const bool allowed : {false, true}) {
+        SCOPED_TRACE(allowed);
+        CliProcess run(home, allowed ? std::vector<std::string>{"run", "--allow-subscriptions"}
+                                     : std::vector<std::string>{"run"});
+        ASSERT_TRUE(run.waitFor("Running with"));
+        EXPECT_THAT(run.output(), HasSubstr("The app server listens on http://127.0.0.1:" +
+                                            std::to_string(appPort)));
         EXPECT_EQ(testing_support::httpGet(pluginPort, "/Hello").status, 200);
-        const auto refused = testing_support::httpGet(appPort, link);
-        EXPECT_EQ(refused.status, 403);
-        EXPECT_NE(refused.body.find("--allow-subscriptions"), std::string::npos);
-        EXPECT_NE(run.stop().find("Refused a subscription to http://example.org/news.xml"),
-                  std::string::npos);
+        const auto answer = testing_support::httpGet(appPort, link);
+        EXPECT_EQ(answer.status, allowed ? 200 : 403);
+        EXPECT_THAT(answer.body, HasSubstr(allowed ? "example_org_news" : "--allow-subscriptions"));
+        // Refused, it is logged; taken, the worker takes the new channel's first update at once.
+        EXPECT_TRUE(run.waitFor(allowed ? "example_org_news: "
+                                        : "Refused a subscription to http://example.org/news.xml"));
+        run.signal(SIGINT);
+        EXPECT_EQ(run.finish(), 0);
+        EXPECT_EQ(cli(home, {"list"}).out.find("http://example.org/news.xml") != std::string::npos,
+                  allowed);
     }
-    EXPECT_EQ(cli(home.path().string(), "list").out.find("example.org"), std::string::npos);
-    {
-        BackgroundRun run(home, "--allow-subscriptions");
-        const std::string out = run.waitFor("Running with");
-        EXPECT_NE(out.find("The app server listens on http://127.0.0.1:" + std::to_string(appPort)),
-                  std::string::npos)
-            << out;
-        const auto accepted = testing_support::httpGet(appPort, link);
-        EXPECT_EQ(accepted.status, 200);
-        EXPECT_NE(accepted.body.find("example_org_news"), std::string::npos) << accepted.body;
-        // The worker takes the new channel's first update at once.
-        EXPECT_NE(run.waitFor("example_org_news: ").find("example_org_news: "), std::string::npos);
-    }
-    EXPECT_NE(cli(home.path().string(), "list").out.find("http://example.org/news.xml"),
-              std::string::npos);
 }
 
 TEST(PelsuCli, SamplePluginsLoadAndAnswer) {
     TempDir home, folder;
-    const CliRun list = cli(home.path().string(), "plugins");
+    const CliRun list = cli(home.path(), "plugins");
     EXPECT_EQ(list.status, 0) << list.out;
     for (const char* id : {"FolderFeed ", "Hello ", "Statistics "})
-        EXPECT_NE(list.out.find(id), std::string::npos) << list.out;
-    const CliRun greet = cli(home.path().string(), "plugin Hello greet 'who=me'");
-    EXPECT_NE(greet.out.find("You asked for greet with 'who=me'"), std::string::npos) << greet.out;
-    EXPECT_NE(greet.out.find("href=\"http://127.0.0.1:2605/Hello\""), std::string::npos);
-    const CliRun stats = cli(home.path().string(), "plugin Statistics");
-    EXPECT_NE(stats.out.find("<h1>My channels</h1>"), std::string::npos) << stats.out;
-    EXPECT_EQ(cli(home.path().string(), "plugin Nobody").status, 1);
+        EXPECT_THAT(list.out, HasSubstr(id));
+    const CliRun greet = cli(home.path(), "plugin Hello greet 'who=me'");
+    EXPECT_THAT(greet.out, AllOf(HasSubstr("You asked for greet with 'who=me'"),
+                                 HasSubstr("href=\"http://127.0.0.1:2605/Hello\"")));
+    const CliRun stats = cli(home.path(), "plugin Statistics");
+    EXPECT_THAT(stats.out, HasSubstr("<h1>My channels</h1>"));
+    EXPECT_EQ(cli(home.path(), "plugin Nobody").status, 1);
 
     writeFile(folder.file("note <1>.txt"), "x");
-    const CliRun added =
-        cli(home.path().string(), "add --plugin folderFeed/folderFeed.sh --param 'Folder=" +
-                                      folder.path().string() + "' --id files");
+    const CliRun added = cli(home.path(), "add --plugin folderFeed/folderFeed.sh --param 'Folder=" +
+                                              folder.path().string() + "' --id files");
     ASSERT_EQ(added.status, 0) << added.out;
-    const CliRun update = cli(home.path().string(), "update files");
+    const CliRun update = cli(home.path(), "update files");
     EXPECT_EQ(update.status, 0) << update.out;
-    EXPECT_NE(update.out.find("new:     note <1>.txt"), std::string::npos) << update.out;
+    EXPECT_THAT(update.out, HasSubstr("new:     note <1>.txt"));
 }
 
 TEST(PelsuCli, PluginScriptsInFoldersWithBlanksRunWithinTheOutputLimit) {
@@ -320,24 +250,22 @@ TEST(PelsuCli, PluginScriptsInFoldersWithBlanksRunWithinTheOutputLimit) {
     fs::create_directories(scripts.file("my scripts"));
     const std::string script = scripts.file("my scripts/big.sh");
     writeFile(script, "head -c \"$SIZE\" /dev/zero | tr '\\0' x\n");
-    ASSERT_EQ(cli(home.path().string(), "add --plugin '" + script + "' --id big").status, 0);
+    ASSERT_EQ(cli(home.path(), "add --plugin '" + script + "' --id big").status, 0);
     // Within the limit the output reaches the parser (and is no feed); past it the run stops.
-    const CliRun small = cli(home.path().string(), "update big", true, "SIZE=1024 ");
-    EXPECT_NE(small.out.find("XML parse failed"), std::string::npos) << small.out;
-    const CliRun large = cli(home.path().string(), "update big", true, "SIZE=1025 ");
-    EXPECT_NE(large.out.find("The script wrote more than 1 KB of output (the limit set by "
-                             "MaxScriptOutputKB)."),
-              std::string::npos)
-        << large.out;
+    const CliRun small = cli(home.path(), "update big", "SIZE=1024 ");
+    EXPECT_THAT(small.out, HasSubstr("XML parse failed"));
+    const CliRun large = cli(home.path(), "update big", "SIZE=1025 ");
+    EXPECT_THAT(large.out, HasSubstr("The script wrote more than 1 KB of output (the limit set by "
+                                     "MaxScriptOutputKB)."));
 }
 
 TEST(PelsuCli, PageWritesTheSummaryPageThatStays) {
     TempDir home;
-    ASSERT_EQ(cli(home.path().string(), "update PelsuNews").status, 0);
-    const CliRun page = cli(home.path().string(), "page PelsuNews");
+    ASSERT_EQ(cli(home.path(), "update PelsuNews").status, 0);
+    const CliRun page = cli(home.path(), "page PelsuNews");
     ASSERT_EQ(page.status, 0) << page.out;
     const std::string path = page.out.substr(0, page.out.find('\n'));
-    EXPECT_NE(readFile(path).find("Working offline"), std::string::npos) << path;
+    EXPECT_THAT(readFile(path), HasSubstr("Working offline")) << path;
 }
 
 // Two channels update at once: the server answers "alpha" only after "beta" asked for its
@@ -373,12 +301,12 @@ TEST(PelsuCli, UpdateKeepsEachChannelsLinesUnderItsName) {
         }
         ++items;
         const std::string id = line.substr(11, line.find(' ', 11) - 11);
-        EXPECT_NE(heading.find(" " + id + " "), std::string::npos)
+        EXPECT_THAT(heading, HasSubstr(" " + id + " "))
             << "\"" << line << "\" stands under \"" << heading << "\"\n"
             << update.out;
     }
     EXPECT_EQ(items, 5) << update.out;
-    EXPECT_NE(update.out.find("alpha (T 12): 2 new, 0 expired\n"), std::string::npos) << update.out;
+    EXPECT_THAT(update.out, HasSubstr("alpha (T 12): 2 new, 0 expired\n"));
 }
 
 namespace {
@@ -408,21 +336,19 @@ TEST(PelsuCli, ChannelsThatCannotBeSavedOrReadFailTheCommand) {
     PermissionsBack restore{channels};
 
     fs::permissions(channels, fs::perms::owner_write, fs::perm_options::remove);
-    const CliRun update = cli(home.path(), "update", true, withoutPermissionOverride());
+    const CliRun update = cli(home.path(), "update", withoutPermissionOverride());
     EXPECT_EQ(update.status, 1) << update.out;
-    EXPECT_NE(update.out.find("Can't save the channel details."), std::string::npos) << update.out;
-    EXPECT_NE(update.out.find("2 failed (PelsuNews, mine)."), std::string::npos) << update.out;
+    EXPECT_THAT(update.out, AllOf(HasSubstr("Can't save the channel details."),
+                                  HasSubstr("2 failed (PelsuNews, mine).")));
     EXPECT_EQ(readFile((channels / "mine.rss").string()), before);
 
     fs::permissions(channels, fs::perms::owner_write, fs::perm_options::add);
     fs::permissions(channels, fs::perms::owner_read, fs::perm_options::remove);
     for (const char* command : {"list", "update"}) {
-        const CliRun run = cli(home.path(), command, true, withoutPermissionOverride());
+        const CliRun run = cli(home.path(), command, withoutPermissionOverride());
         EXPECT_EQ(run.status, 1) << command << ": " << run.out;
-        EXPECT_NE(run.out.find("Can't read the channels directory. " + channels.string() +
-                               ": Permission denied"),
-                  std::string::npos)
-            << run.out;
+        EXPECT_THAT(run.out, HasSubstr("Can't read the channels directory. " + channels.string() +
+                                       ": Permission denied"));
     }
 }
 
@@ -441,10 +367,10 @@ TEST(PelsuCli, UpdateOnAFullDiskFails) {
                              "' && dd if=/dev/zero of='" + channels.string() +
                              "/filler' bs=4k 2>/dev/null; exec ";
     // The shell's quotes open before pelsu-cli and close after its arguments.
-    const CliRun update = cli(home.path(), "update\"", true, "unshare -m sh -c \"" + fill);
+    const CliRun update = cli(home.path(), "update\"", "unshare -m sh -c \"" + fill);
     EXPECT_EQ(update.status, 1) << update.out;
-    EXPECT_NE(update.out.find("No space left on device"), std::string::npos) << update.out;
-    EXPECT_NE(update.out.find("2 failed (PelsuNews, mine)."), std::string::npos) << update.out;
+    EXPECT_THAT(update.out, AllOf(HasSubstr("No space left on device"),
+                                  HasSubstr("2 failed (PelsuNews, mine).")));
 }
 
 TEST(PelsuCli, LoadingRemovesOldUnfinishedSavesAndSaysWhichFileOfAClashItLeaves) {
@@ -460,11 +386,9 @@ TEST(PelsuCli, LoadingRemovesOldUnfinishedSavesAndSaysWhichFileOfAClashItLeaves)
     const CliRun list = cli(home.path(), "list");
     EXPECT_FALSE(fs::exists(channels / "mine.rss.tmp-Ab12Cd")) << "a killed save's leftover";
     EXPECT_TRUE(fs::exists(channels / "mine.rss.tmp-Xy34Zw")) << "may be a save in progress";
-    EXPECT_NE(list.out.find("Can't load channel file \"twin.plugin\". The channel twin is "
-                            "already loaded from twin.rss"),
-              std::string::npos)
-        << list.out;
-    EXPECT_NE(list.out.find("http://twin.example/"), std::string::npos) << list.out;
+    EXPECT_THAT(list.out, HasSubstr("Can't load channel file \"twin.plugin\". The channel twin is "
+                                    "already loaded from twin.rss"));
+    EXPECT_THAT(list.out, HasSubstr("http://twin.example/"));
     EXPECT_TRUE(fs::exists(channels / "twin.plugin"));
 }
 
@@ -476,13 +400,10 @@ TEST(PelsuCli, FeedTextReachesTheTerminalWithoutControlCharacters) {
               "<link>http://e/&#13;[2] Forged&#10;x</link></item></channel></rss>");
     ASSERT_EQ(cli(home.path(), "add '" + feeds.file("evil.xml") + "' --id evil").status, 0);
     const CliRun update = cli(home.path(), "update evil");
-    EXPECT_NE(update.out.find("  new:     Real\\x9b2J\n"), std::string::npos) << update.out;
+    EXPECT_THAT(update.out, HasSubstr("  new:     Real\\x9b2J\n"));
     const CliRun show = cli(home.path(), "show evil");
-    EXPECT_NE(show.out.find("[1] Real\\x9b2J\n    http://e/\\x0d[2] Forged\\x0ax\n"),
-              std::string::npos)
-        << show.out;
-    EXPECT_EQ(show.out.find('\r'), std::string::npos);
-    EXPECT_EQ(show.out.find("\xc2\x9b"), std::string::npos);
+    EXPECT_THAT(show.out, AllOf(HasSubstr("[1] Real\\x9b2J\n    http://e/\\x0d[2] Forged\\x0ax\n"),
+                                Not(HasSubstr("\r")), Not(HasSubstr("\xc2\x9b"))));
 }
 
 TEST(PelsuCli, GlobalOptionsThatCannotBeReadStopWithTheReason) {
@@ -492,8 +413,6 @@ TEST(PelsuCli, GlobalOptionsThatCannotBeReadStopWithTheReason) {
     fs::create_directory(config);
     const CliRun list = cli(home.path(), "list");
     EXPECT_EQ(list.status, 1);
-    EXPECT_NE(list.out.find("Couldn't load the global options.\n\nNot a regular file: " +
-                            config.string()),
-              std::string::npos)
-        << list.out;
+    EXPECT_THAT(list.out, HasSubstr("Couldn't load the global options.\n\nNot a regular file: " +
+                                    config.string()));
 }

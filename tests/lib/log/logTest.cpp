@@ -2,7 +2,7 @@
 #include "lib/misc/profileFile.h"
 #include "tests/support/testSupport.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <atomic>
 #include <csignal>
@@ -13,6 +13,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+using testing::HasSubstr;
 using namespace msglog;
 using testing_support::readFile;
 using testing_support::runInChild;
@@ -59,47 +60,44 @@ protected:
 
 } // namespace
 
-TEST_F(LogTest, PrefixWithEverySwitchOnAndNoSource) {
+TEST_F(LogTest, PrefixFieldsFollowTheirSwitches) {
+    const std::time_t when = sampleTime();
+    const LogSwitches source{true, false, false, false, false};
+    const LogSwitches position{false, false, false, false, true};
+    LogSource seven{7}, wide{1234}, negative{-5};
+    const struct {
+        LogSwitches switches;
+        LogSource* source;
+        const char* file;
+        unsigned line;
+        std::string prefix;
+    } rows[] = {
+        {source, nullptr, "x.cpp", 1, "      "},
+        {source, &seven, "x.cpp", 1, "[007] "},
+        {source, &wide, "x.cpp", 1, "[1234] "},
+        {source, &negative, "x.cpp", 1, "[-05] "},
+        {{false, false, true, false, false}, nullptr, "x.cpp", 1, "14:07:09 | "},
+        {{false, false, false, true, false}, nullptr, "x.cpp", 1, "05nov03 | "},
+        // A long base name widens the field; the line number is not cut.
+        {position, nullptr, "/src/channels/ChannelManager.CPP", 1234567,
+         "channelmanager.cpp:1234567 | "},
+        {position, nullptr, nullptr, 0, "         ???:   ??? | "},
+        {position, nullptr, "/src/Makefile", 3, "makefile    :000003 | "},
+        {kNoPrefix, nullptr, "x.cpp", 1, ""},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.prefix);
+        CMessageLog::setCurrentSource(row.source);
+        log().setSwitches(row.switches);
+        EXPECT_EQ(log().formatPrefix(row.file, row.line, when), row.prefix);
+    }
+    CMessageLog::setCurrentSource(nullptr);
     log().setSwitches(LogSwitches{});
-    const std::string prefix = log().formatPrefix("c:\\src\\tools\\net.cpp", 42, sampleTime());
     char sequence[16];
     std::snprintf(sequence, sizeof sequence, "%06lu",
                   static_cast<unsigned long>(log().sequenceNumber()));
-    EXPECT_EQ(prefix,
+    EXPECT_EQ(log().formatPrefix("c:\\src\\tools\\net.cpp", 42, when),
               std::string("      ") + sequence + " 05nov03 14:07:09      net.cpp:000042 | ");
-}
-
-TEST_F(LogTest, PrefixFieldsFollowTheirSwitches) {
-    const std::time_t when = sampleTime();
-    LogSwitches only = kNoPrefix;
-    only.sourceNumber = true;
-    log().setSwitches(only);
-    EXPECT_EQ(log().formatPrefix("x.cpp", 1, when), "      ");
-    LogSource source{7};
-    CMessageLog::setCurrentSource(&source);
-    EXPECT_EQ(log().formatPrefix("x.cpp", 1, when), "[007] ");
-    source.number = 1234;
-    EXPECT_EQ(log().formatPrefix("x.cpp", 1, when), "[1234] ");
-    source.number = -5;
-    EXPECT_EQ(log().formatPrefix("x.cpp", 1, when), "[-05] ");
-
-    LogSwitches timeOnly{false, false, true, false, false};
-    log().setSwitches(timeOnly);
-    EXPECT_EQ(log().formatPrefix("x.cpp", 1, when), "14:07:09 | ");
-    LogSwitches dateOnly{false, false, false, true, false};
-    log().setSwitches(dateOnly);
-    EXPECT_EQ(log().formatPrefix("x.cpp", 1, when), "05nov03 | ");
-
-    LogSwitches position{false, false, false, false, true};
-    log().setSwitches(position);
-    EXPECT_EQ(log().formatPrefix("/src/channels/ChannelManager.CPP", 1234567, when),
-              "channelmanager.cpp:1234567 | ")
-        << "a long base name widens the field; the line number is not cut";
-    EXPECT_EQ(log().formatPrefix(nullptr, 0, when), "         ???:   ??? | ");
-    EXPECT_EQ(log().formatPrefix("/src/Makefile", 3, when), "makefile    :000003 | ");
-
-    log().setSwitches(kNoPrefix);
-    EXPECT_EQ(log().formatPrefix("x.cpp", 1, when), "");
 }
 
 TEST_F(LogTest, LinesGoToTheFileWithIndentationAndDisabledGroupsAreSilent) {
@@ -112,11 +110,14 @@ TEST_F(LogTest, LinesGoToTheFileWithIndentationAndDisabledGroupsAreSilent) {
         PELSU_LOG(on, "- ID: abc");
     }
     PELSU_LOG(off, "never");
-    log().writeBytes(nullptr, 0,
-                     "a\x01\xff"
-                     "b",
-                     4);
-    EXPECT_EQ(contents(), "Headline 42\n  - ID: abc\na<01><ff>b\n");
+    log().writeBytes(nullptr, 0, "a\x01\xff\x62", 4); // 0x62 is b
+    {
+        // The stream buffer adapter writes one line per line break, and the rest at the end.
+        CMessageLogStreamBuf buffer(nullptr, __FILE__, __LINE__);
+        std::ostream out(&buffer);
+        out << "first " << 1 << "\nsecond";
+    }
+    EXPECT_EQ(contents(), "Headline 42\n  - ID: abc\na<01><ff>b\nfirst 1\nsecond\n");
 }
 
 namespace {
@@ -139,15 +140,6 @@ TEST_F(LogTest, EachLineStartsAsAFreshStreamEvenWhenLinesNest) {
     PELSU_LOG(on, "outer " << Chatty{&on} << ' ' << 255 << ' ' << 1.0 / 3);
     PELSU_LOG(on, "after " << 255);
     EXPECT_EQ(contents(), "hex ..ff\ninner ff\nouter chatty 255 0.333333\nafter 255\n");
-}
-
-TEST_F(LogTest, StreamBufferAdapterWritesOneLinePerLineBreak) {
-    {
-        CMessageLogStreamBuf buffer(nullptr, __FILE__, __LINE__);
-        std::ostream out(&buffer);
-        out << "first " << 1 << "\nsecond";
-    }
-    EXPECT_EQ(contents(), "first 1\nsecond\n");
 }
 
 TEST_F(LogTest, GroupsAreSwitchedFromTheDebugFileWhileRunning) {
@@ -208,7 +200,7 @@ TEST_F(LogTest, FileRollsOverToOneOldFileAtItsSizeLimit) {
         log().writeLine(nullptr, 0, "line number " + std::to_string(i));
     EXPECT_LE(contents().size(), 1000u);
     EXPECT_LE(readFile(m_dir.file("test.log.old")).size(), 1000u);
-    EXPECT_NE(contents().find("line number 299\n"), std::string::npos);
+    EXPECT_THAT(contents(), HasSubstr("line number 299\n"));
 }
 
 // Many threads call into a group that is off while the log's lock is held elsewhere and
@@ -313,7 +305,7 @@ TEST(LogFile, LinesWrittenASecondBeforeAKillAreInTheFile) {
     ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
     const std::string text = readFile(path);
     for (int i = 0; i < 20; ++i)
-        EXPECT_NE(text.find("batch line " + std::to_string(i) + "\n"), std::string::npos) << i;
+        EXPECT_THAT(text, HasSubstr("batch line " + std::to_string(i) + "\n")) << i;
 }
 
 TEST(LogFile, LinesWrittenJustBeforeTheProcessEndsAreInTheFile) {
@@ -326,7 +318,7 @@ TEST(LogFile, LinesWrittenJustBeforeTheProcessEndsAreInTheFile) {
         std::exit(0);
     });
     EXPECT_EQ(result.status, 0);
-    EXPECT_NE(readFile(path).find("last words\n"), std::string::npos);
+    EXPECT_THAT(readFile(path), HasSubstr("last words\n"));
 }
 
 TEST(ProgramAbort, ReportsOnceToStandardErrorAndTheLogAndExitsWithOne) {
@@ -347,7 +339,7 @@ TEST(ProgramAbort, ReportsOnceToStandardErrorAndTheLogAndExitsWithOne) {
                                   "- FUNCTION: doWork()\n"
                                   "- FILE:     /src/x.cpp (line 12)\n"
                                   "[dialog PROGRAM ABORT]\n");
-    EXPECT_NE(readFile(logPath).find("PROGRAM ABORT: first failure\n"), std::string::npos);
+    EXPECT_THAT(readFile(logPath), HasSubstr("PROGRAM ABORT: first failure\n"));
     EXPECT_EQ(formatAbortReport("m", nullptr, nullptr, 3),
               "PROGRAM ABORT: m\n- FILE:     <unknown> (line 3)\n");
 }
@@ -359,10 +351,8 @@ TEST(ProgramAbort, AssertionFailureReportsAndReturns) {
         std::fprintf(stderr, "went on\n");
     });
     EXPECT_EQ(result.status, 0);
-    EXPECT_NE(result.errorOutput.find("ASSERTION FAILURE: value must be two\n"
-                                      "- EXPRESSION: value == 2\n"
-                                      "- FUNCTION:   operator()()\n"),
-              std::string::npos)
-        << result.errorOutput;
-    EXPECT_NE(result.errorOutput.find("went on\n"), std::string::npos);
+    EXPECT_THAT(result.errorOutput, HasSubstr("ASSERTION FAILURE: value must be two\n"
+                                              "- EXPRESSION: value == 2\n"
+                                              "- FUNCTION:   operator()()\n"));
+    EXPECT_THAT(result.errorOutput, HasSubstr("went on\n"));
 }

@@ -2,13 +2,14 @@
 #include "lib/misc/threadSafetyWin32.h"
 #include "tests/support/testSupport.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <atomic>
 #include <chrono>
 #include <functional>
 #include <thread>
 
+using testing::HasSubstr;
 using namespace threadSafety;
 using testing_support::runInChild;
 
@@ -46,7 +47,7 @@ private:
 
 } // namespace
 
-TEST(DebuggingTimeout, OnlyPositiveSettingsAreTaken) {
+TEST(DebuggingTimeout, OnlyPositiveSettingsAreTakenAndFiniteWaitsStillTimeOut) {
     TimeoutGuard guard;
     setDebuggingTimeout(-1.0f);
     applyDebuggingTimeoutSetting(0);
@@ -55,6 +56,12 @@ TEST(DebuggingTimeout, OnlyPositiveSettingsAreTaken) {
     EXPECT_FLOAT_EQ(debuggingTimeout(), -1.0f);
     applyDebuggingTimeoutSetting(5);
     EXPECT_FLOAT_EQ(debuggingTimeout(), 5.0f);
+    // A finite wait times out as usual, even past the debugging timeout.
+    setDebuggingTimeout(0.05f);
+    Event event;
+    EXPECT_EQ(waitForSingleObject(&event, 100), WAIT_TIMEOUT);
+    Waitable* both[2] = {&event, &event};
+    EXPECT_EQ(waitForMultipleObjects(2, both, false, 100), WAIT_TIMEOUT);
 }
 
 TEST(CriticalSection, IsReentrantAndShowsItsState) {
@@ -142,17 +149,8 @@ TEST(Waits, BoundedLocksAndWaitsAndFailedWaitsAbortWithTheirOwnMessages) {
         const auto result = runInChild(abort.body);
         EXPECT_EQ(result.status, 1);
         for (const std::string& report : abort.reports)
-            EXPECT_NE(result.errorOutput.find(report), std::string::npos) << result.errorOutput;
+            EXPECT_THAT(result.errorOutput, HasSubstr(report));
     }
-}
-
-TEST(Waits, FiniteWaitTimesOutNormallyEvenWithTheDebuggingTimeout) {
-    TimeoutGuard guard;
-    setDebuggingTimeout(0.05f);
-    Event event;
-    EXPECT_EQ(waitForSingleObject(&event, 100), WAIT_TIMEOUT);
-    Waitable* both[2] = {&event, &event};
-    EXPECT_EQ(waitForMultipleObjects(2, both, false, 100), WAIT_TIMEOUT);
 }
 
 TEST(Waits, EventsWakeWaitersAndAutoResetOnesAreConsumed) {
@@ -183,8 +181,7 @@ TEST(LockListing, ShowsHoldersUnderTheExclusiveHeading) {
     const std::string listing = listLocks();
     char holder[32];
     std::snprintf(holder, sizeof holder, "<%08lx>", currentThreadId());
-    EXPECT_NE(listing.find(std::string("- ") + holder + " listed lock"), std::string::npos)
-        << listing;
+    EXPECT_THAT(listing, HasSubstr(std::string("- ") + holder + " listed lock"));
 }
 
 TEST(LockOrder, ALockTakenUnderOneOfAHigherRankIsReported) {
