@@ -26,6 +26,8 @@ const msglog::MsgGroupRegistration g_headers("HttpHeaders");
 
 std::atomic<bool> g_useHttpHeaders{true};
 constexpr long kReadStep = 65536;
+// A validator is read into a buffer of this size, its end included: a longer one is missing.
+constexpr std::size_t kMaxValidatorBytes = 1024;
 
 // libcurl is set up once for the process, before any thread uses it.
 struct CurlGlobal {
@@ -192,13 +194,20 @@ struct Transfer {
         size_t start = colon + 1;
         while (start < line.size() && (line[start] == ' ' || line[start] == '\t'))
             ++start;
-        if (name == "last-modified") {
-            self->lastModified = line.substr(start);
-            self->haveLastModified = true;
-        } else if (name == "etag") {
-            self->etag = line.substr(start);
-            self->haveETag = true;
-        }
+        // The first of repeated headers counts, and one that does not fit the validator's
+        // buffer counts as missing.
+        const auto take = [&](std::string& value, bool& have) {
+            if (have)
+                return;
+            have = true;
+            value = line.substr(start);
+            if (value.size() >= kMaxValidatorBytes)
+                value.clear();
+        };
+        if (name == "last-modified")
+            take(self->lastModified, self->haveLastModified);
+        else if (name == "etag")
+            take(self->etag, self->haveETag);
         return size * count;
     }
 
@@ -305,6 +314,7 @@ void setUp(Transfer& transfer, bool forceDownload) {
     curl_easy_setopt(h, CURLOPT_NOPROGRESS, 0L);
     curl_easy_setopt(h, CURLOPT_XFERINFOFUNCTION, &Transfer::onProgress);
     curl_easy_setopt(h, CURLOPT_XFERINFODATA, &transfer);
+    transfer.headers = curl_slist_append(transfer.headers, "Accept:"); // no accept types
     if (forceDownload) {
         transfer.headers = curl_slist_append(transfer.headers, "Cache-Control: no-cache");
         transfer.headers = curl_slist_append(transfer.headers, "Pragma: no-cache");
@@ -351,7 +361,16 @@ void perform(Transfer& transfer, const std::string& failedText) {
     // Aborted when a stop gave up waiting for the worker: a worker ended that way says nothing.
     if (transfer.aborted)
         throw Exception("The download was aborted: " + url);
-    PELSU_LOG(downloadsGroup(), "- Transfer failed: " << (*error ? error : curl_easy_strerror(rc)));
+    const auto logFailure = [&] {
+        PELSU_LOG(downloadsGroup(),
+                  "- Transfer failed: " << (*error ? error : curl_easy_strerror(rc)));
+    };
+    // A body that fails after the headers came is logged after them (below).
+    const bool afterHeaders = !transfer.statusLine.empty() &&
+                              (rc == CURLE_RECV_ERROR || rc == CURLE_PARTIAL_FILE ||
+                               rc == CURLE_BAD_CONTENT_ENCODING || rc == CURLE_WRITE_ERROR);
+    if (!afterHeaders)
+        logFailure();
     const long maxSeconds = transfer.session.options().maxTransferSeconds;
     if (!transfer.refusedAddress.empty() && rc == CURLE_COULDNT_CONNECT)
         throw Exception("A channel that a web page added may not fetch from this computer (" +
@@ -385,6 +404,7 @@ void perform(Transfer& transfer, const std::string& failedText) {
                 std::string lastModified, etag; // not kept: the download failed
                 reportResponse(transfer, code, &lastModified, &etag);
             }
+            logFailure();
             throw Exception("Can't read the URL: " + url);
         }
         break;

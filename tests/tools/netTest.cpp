@@ -99,6 +99,17 @@ protected:
                 res.set_header("ETag", "\"v1\"");
             res.set_content("<rss/>", "application/rss+xml");
         });
+        // Two ETags, and a Last-Modified too long for the validator's buffer.
+        server.Get("/twice", [this](const httplib::Request& req, httplib::Response& res) {
+            {
+                std::lock_guard guard(m_mutex);
+                m_sent = req.headers;
+            }
+            res.set_header("ETag", "\"first\"");
+            res.set_header("ETag", "\"second\"");
+            res.set_header("Last-Modified", std::string(1024, 'L'));
+            res.set_content("<rss/>", "application/rss+xml");
+        });
         server.Get("/silent", [this](const httplib::Request&, httplib::Response& res) {
             m_silentArrived.open();
             for (int i = 0; i < 100 && !m_release; ++i)
@@ -216,6 +227,13 @@ TEST_F(ReadUrlServer, ConditionalRequestsCarryAndReturnTheValidators) {
     EXPECT_EQ(sent("If-None-Match"), "");
     EXPECT_EQ(sent("Pragma"), "no-cache");
     EXPECT_EQ(forced.status, 200);
+
+    // The first of two headers counts, one of 1,024 bytes or more is missing, and no accept
+    // types are sent.
+    EXPECT_EQ(fetch(m_session, url("/twice"), &lastModified, &etag).status, 200);
+    EXPECT_EQ(etag, "\"first\"");
+    EXPECT_EQ(lastModified, "");
+    EXPECT_EQ(sent("Accept"), "");
 
     // A 200 without an ETag empties the stored one.
     m_withETag = false;
@@ -374,8 +392,12 @@ TEST(ReadUrl, AReplyThatIsNotHttpOrCutShortFails) {
             "HTTP/1.1 200 OK\r\nETag: \"e1\"\r\nContent-Length: 1000\r\n\r\nshort");
         EXPECT_EQ(failureOf(session, cut.url()), "Can't read the URL: " + cut.url());
     }
-    EXPECT_EQ(log.linesStartingWith({"HTTP response", "Found HTTP tag"}),
-              (std::vector<std::string>{"HTTP response: 200 OK", "Found HTTP tag: ETag='\"e1\"'"}));
+    const std::vector<std::string> lines =
+        log.linesStartingWith({"HTTP response", "Found HTTP tag", "- Transfer failed"});
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(lines[0], "HTTP response: 200 OK");
+    EXPECT_EQ(lines[1], "Found HTTP tag: ETag='\"e1\"'");
+    EXPECT_EQ(lines[2].rfind("- Transfer failed: ", 0), 0u) << lines[2];
 }
 
 TEST(ReadUrl, DownloadsForWebPagesNeverConnectToThisComputer) {
