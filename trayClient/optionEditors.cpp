@@ -313,12 +313,19 @@ void takeOption(const OptionEditorRow& entry, const QWidget* editor, app::Global
             T& value = options.*field;
             if constexpr (std::is_same_v<T, bool>)
                 value = qobject_cast<const QCheckBox*>(editor)->isChecked();
-            else if constexpr (std::is_same_v<T, int>)
-                value = IntAccess{entry}.take(editor);
-            else if constexpr (std::is_same_v<T, std::string>)
+            else if constexpr (std::is_same_v<T, int>) {
+                // A stored value the editor can't show stays unless the user changed it.
+                const int shown = IntAccess{entry}.take(editor);
+                if (shown != IntAccess{entry}.showable(value))
+                    value = shown;
+            } else if constexpr (std::is_same_v<T, std::string>)
                 value = toLatin1(textOf(editor).trimmed());
-            else
-                value = toColourRef(qobject_cast<const CColourButton*>(editor)->colour());
+            else {
+                const auto shown =
+                    toColourRef(qobject_cast<const CColourButton*>(editor)->colour());
+                if (shown != toColourRef(fromColourRef(value)))
+                    value = shown;
+            }
         },
         entry.field);
 }

@@ -181,6 +181,27 @@ TEST_F(GlobalOptionsDialogTest, EditorsKeepToBoundsTheLoaderAccepts) {
               4);
 }
 
+// Values the editors can't show (numbers below their range, colours beyond RGB) are saved as
+// they were unless the user changes them.
+TEST_F(GlobalOptionsDialogTest, OkKeepsStoredValuesTheEditorsCantShow) {
+    GlobalOptions options;
+    options.maxNotificationQueueLength = -7;
+    options.maxConsecutiveChannelUpdateErrors = -1;
+    options.maxErrorLogMsgs = -3;
+    options.captionBarFgdCol = 0xFFFFFFFFu;
+    options.captionBarBgdCol = 0x020000FF;
+    const GlobalOptions before = options;
+    CGlobalOptionsDialog dialog(options, config(), "");
+    qobject_cast<QSpinBox*>(dialog.editorFor("MaxErrorLogMsgs"))->setValue(50);
+    dialog.accept();
+    ASSERT_EQ(dialog.result(), QDialog::Accepted) << dialog.errorText().toStdString();
+    EXPECT_EQ(options.maxNotificationQueueLength, -7);
+    EXPECT_EQ(options.maxConsecutiveChannelUpdateErrors, -1);
+    EXPECT_EQ(options.maxErrorLogMsgs, 50);
+    EXPECT_EQ(options.captionBarFgdCol, before.captionBarFgdCol);
+    EXPECT_EQ(options.captionBarBgdCol, before.captionBarBgdCol);
+}
+
 TEST_F(GlobalOptionsDialogTest, AFailedSaveKeepsTheDialogOpenAndTheRecordUnchanged) {
     std::filesystem::create_directory(config()); // a folder where the file should be
     GlobalOptions options;
