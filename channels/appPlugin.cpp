@@ -5,6 +5,7 @@
 #include "lib/log/log.h"
 #include "lib/misc/iniValues.h"
 
+#include <algorithm>
 #include <filesystem>
 
 namespace channels {
@@ -39,7 +40,10 @@ std::string AppPlugin::pluginPath(const std::string& configFilename) const {
     const std::string value = profile::readIniString(configFilename, kConfigSection, "Plugin");
     if (value.empty())
         throw Exception("Missing 'Plugin' parameter: " + value);
-    return (std::filesystem::path(configFilename).parent_path() / value).string();
+    // Written with either separator ("scripts\\news.py"), as the plugin's id is read.
+    std::string relative = value;
+    std::replace(relative.begin(), relative.end(), '\\', '/');
+    return (std::filesystem::path(configFilename).parent_path() / relative).string();
 }
 
 #define PELSU_PLUGIN_GETTER(name, member)                                                          \

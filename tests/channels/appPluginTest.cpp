@@ -66,12 +66,13 @@ protected:
 } // namespace
 
 TEST_F(AppPluginTest, ScriptPluginWritesItsMainPageAndAnswersRequests) {
-    fs::create_directories(m_dir.file("deep/er"));
+    // The script's path may be written with backslashes.
+    fs::create_directories(m_dir.file("deep/er/scripts"));
     writeFile(m_dir.file("deep/er/Stats.PLUGIN"),
-              "[Config]\nPlugin=stats.sh\nAppPluginDisplayName=Statistics\n"
+              "[Config]\nPlugin=scripts\\stats.sh\nAppPluginDisplayName=Statistics\n"
               "[PluginParameterDefinition-1]\nName=Greeting\nType=string\nDefaultValue=hello\n"
               "[ChannelParameterDefinition-1]\nName=Topic\nType=string\nDefaultValue=t0\n");
-    script("deep/er/stats.sh",
+    script("deep/er/scripts/stats.sh",
            "sed -n 's/^Command=//p; s/^Greeting=//p; s/^PluginRequest=//p; s/^ParamString=//p;"
            " s/^Topic=//p' \"$1\" | tr '\\n' ' '\n");
     m_manager.loadAppPlugins();
