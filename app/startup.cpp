@@ -140,12 +140,14 @@ bool prepareUserDirectory(const AppPaths& paths) {
             }
             fs::remove_all(staging, error); // left when another start's directory came first
         }
-        fs::create_directories(paths.channelsDir);
-        fs::create_directories(paths.logsDir);
     } catch (const std::exception& failure) {
         throw StartupError("Can't create a new directory for user: " + paths.userName,
                            failure.what());
     }
+    // A folder missing from a user's directory comes back; one that can't is a failure of
+    // its own, not of making a new user.
+    fs::create_directories(paths.channelsDir);
+    fs::create_directories(paths.logsDir);
     return isNew;
 }
 

@@ -87,6 +87,12 @@ TEST(Startup, UserDirectoryThatCannotBeCreatedIsReportedWithTheUserName) {
         EXPECT_STREQ(failure.what(), "Can't create a new directory for user: bob");
         EXPECT_THAT(failure.detail(), HasSubstr("Not a directory"));
     }
+    // In a user's directory that exists, a folder that can't be made is another failure.
+    fs::remove(home.file("Users"));
+    prepareUserDirectory(paths);
+    fs::remove_all(paths.logsDir);
+    writeFile(paths.logsDir, "a file where the folder should be");
+    EXPECT_THROW(prepareUserDirectory(paths), fs::filesystem_error);
 }
 
 // The user name comes from the program's debug.ini unless empty; the user's own debug.ini wins
