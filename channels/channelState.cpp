@@ -33,6 +33,9 @@ void ChannelState::save(const std::string& file) const {
     const bool written = m_feedOnFile && m_writtenStamp.exists &&
                          m_savedGeneration == m_feedGeneration &&
                          profile::fileStamp(file) == m_writtenStamp;
+    // A file written by hand may lack the section: it gets the one a load would read.
+    if (!m_feed && !written && !profile::hasSection(file, kFeedSection))
+        loadedFeed();
     if (m_feed && !written)
         m_feed->save(file, kFeedSection);
     m_savedGeneration = m_feedGeneration;

@@ -148,6 +148,16 @@ TEST_F(SaveTest, UnchangedFeedIsNotReadYetTheFileIsWhatAWholeSaveWrites) {
     }
 }
 
+TEST_F(SaveTest, FileWrittenByHandWithoutAFeedGetsTheEmptyFeedsSection) {
+    for (const char* id : {"fast", "full"})
+        writeFile(file(id), "[Config]\nRssChannelUrl=" + m_server.url() + "/missing\n");
+    restart();
+    updateBoth(); // fails: nothing fetched
+    expectSameFiles("after a failed update");
+    EXPECT_NE(readFile(file("fast")).find("[Last Feed]\nFeedTime=0\nChannelDisplayName=\n"),
+              std::string::npos);
+}
+
 TEST_F(SaveTest, FileEditedByHandBetweenLoadAndSaveEndsAsAWholeSaveLeavesIt) {
     restart();
     updateBoth();
