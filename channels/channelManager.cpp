@@ -228,11 +228,7 @@ void ChannelManager::stop(SaveAtStop which) {
             if (channel->needsSave() || (which == SaveAtStop::Every && !channel->savedThisRun()))
                 channel->save();
         } catch (const std::exception& failure) {
-            PELSU_LOG(channelManagerGroup(),
-                      "Can't save the channel details for " << channel->name());
-            ChannelErrorEvent event(now(), channel, "Can't save the channel details.",
-                                    failure.what());
-            TEventSource<Event>::raise(event);
+            reportFailedSave(*channel, failure);
         }
     }
     PELSU_LOG(channelManagerGroup(), "Cleaning up the channel table.");
@@ -326,13 +322,15 @@ void ChannelManager::changeLoopbackPort(int oldPort, int newPort) {
         try {
             channel->changeLoopbackPort(oldPort, newPort);
         } catch (const std::exception& failure) {
-            PELSU_LOG(channelManagerGroup(),
-                      "Can't save the channel details for " << channel->name());
-            ChannelErrorEvent event(now(), channel, "Can't save the channel details.",
-                                    failure.what());
-            raiseEvent(event);
+            reportFailedSave(*channel, failure);
         }
     }
+}
+
+void ChannelManager::reportFailedSave(Channel& channel, const std::exception& failure) {
+    PELSU_LOG(channelManagerGroup(), "Can't save the channel details for " << channel.name());
+    ChannelErrorEvent event(now(), &channel, "Can't save the channel details.", failure.what());
+    TEventSource<Event>::raise(event); // also while a stop saves the channels
 }
 
 void ChannelManager::raiseEvent(Event& event) {

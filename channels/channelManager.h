@@ -120,6 +120,8 @@ public:
     void raiseEvent(Event& event);
 
 private:
+    // Logs "Can't save the channel details for" and raises the channel's error event.
+    void reportFailedSave(Channel& channel, const std::exception& failure);
     bool listChannelsDir(std::vector<std::filesystem::path>& files);
     void removeSaveLeftovers(const std::vector<std::filesystem::path>& files);
     void loadChannelFiles(const std::vector<std::filesystem::path>& files, const char* extension);

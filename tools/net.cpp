@@ -361,16 +361,21 @@ void perform(Transfer& transfer, const std::string& failedText) {
     // Aborted when a stop gave up waiting for the worker: a worker ended that way says nothing.
     if (transfer.aborted)
         throw Exception("The download was aborted: " + url);
-    const auto logFailure = [&] {
-        PELSU_LOG(downloadsGroup(),
-                  "- Transfer failed: " << (*error ? error : curl_easy_strerror(rc)));
-    };
-    // A body that fails after the headers came is logged after them (below).
-    const bool afterHeaders = !transfer.statusLine.empty() &&
-                              (rc == CURLE_RECV_ERROR || rc == CURLE_PARTIAL_FILE ||
-                               rc == CURLE_BAD_CONTENT_ENCODING || rc == CURLE_WRITE_ERROR);
-    if (!afterHeaders)
-        logFailure();
+    const bool bodyFailed = !transfer.statusLine.empty() && !transfer.tooLarge &&
+                            (rc == CURLE_RECV_ERROR || rc == CURLE_PARTIAL_FILE ||
+                             rc == CURLE_BAD_CONTENT_ENCODING || rc == CURLE_WRITE_ERROR);
+    if (bodyFailed) {
+        // The headers came: they are logged as for a whole response before the body fails.
+        long code = 0;
+        if (!transfer.simple &&
+            curl_easy_getinfo(transfer.handle, CURLINFO_RESPONSE_CODE, &code) == CURLE_OK) {
+            std::string lastModified, etag; // not kept: the download failed
+            reportResponse(transfer, code, &lastModified, &etag);
+        }
+    }
+    PELSU_LOG(downloadsGroup(), "- Transfer failed: " << (*error ? error : curl_easy_strerror(rc)));
+    if (bodyFailed)
+        throw Exception("Can't read the URL: " + url);
     const long maxSeconds = transfer.session.options().maxTransferSeconds;
     if (!transfer.refusedAddress.empty() && rc == CURLE_COULDNT_CONNECT)
         throw Exception("A channel that a web page added may not fetch from this computer (" +
@@ -392,22 +397,6 @@ void perform(Transfer& transfer, const std::string& failedText) {
         throw Exception((transfer.simple ? failedText : "Can't read the HTTP response: ") + url);
     case CURLE_OPERATION_TIMEDOUT:
         throw Exception("The download timed out: " + url);
-    case CURLE_RECV_ERROR:
-    case CURLE_PARTIAL_FILE:
-    case CURLE_BAD_CONTENT_ENCODING:
-    case CURLE_WRITE_ERROR:
-        if (!transfer.statusLine.empty()) {
-            // The headers came: they are logged as for a whole response before the body fails.
-            long code = 0;
-            if (!transfer.simple &&
-                curl_easy_getinfo(transfer.handle, CURLINFO_RESPONSE_CODE, &code) == CURLE_OK) {
-                std::string lastModified, etag; // not kept: the download failed
-                reportResponse(transfer, code, &lastModified, &etag);
-            }
-            logFailure();
-            throw Exception("Can't read the URL: " + url);
-        }
-        break;
     default:
         break;
     }

@@ -41,10 +41,6 @@ const Key kKeys[] = {
     {"LastNewItemTime", &S::lastNewItemTime},
 };
 
-std::string displayName(const std::string& channelName) {
-    return channelName.empty() ? "<Unspecified channel>" : channelName;
-}
-
 std::string viewedKey(std::size_t number) { return kViewedKeyPrefix + std::to_string(number); }
 
 void readKey(const std::string& file, const Key& key, S& settings, const S& defaults) {
@@ -162,6 +158,10 @@ std::vector<std::string> feedItemIds(const channels::Channel& channel) {
             ids.push_back(feed.itemId(index));
     });
     return ids;
+}
+
+std::string displayName(const std::string& channelName) {
+    return channelName.empty() ? "<Unspecified channel>" : channelName;
 }
 
 ChannelDesktopSettingsTable::ChannelDesktopSettingsTable(std::string userDir)

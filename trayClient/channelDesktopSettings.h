@@ -76,6 +76,9 @@ std::vector<ChannelRef> channelsInDirectory(const std::string& channelsDir);
 // passes so that ids of items that left the feed are dropped from the viewed list.
 std::vector<std::string> feedItemIds(const channels::Channel& channel);
 
+// A channel's name as the lines about its record show it: "<Unspecified channel>" when empty.
+std::string displayName(const std::string& channelName);
+
 class ChannelDesktopSettingsTable {
 public:
     // The records are kept in <userDir>/DesktopSettings/.

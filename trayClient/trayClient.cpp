@@ -204,9 +204,8 @@ void CTrayClientApp::loadChannelDesktopSettings(app::Environment& environment) {
         if (!failure.keptAs.empty())
             detail += "\n\nThe file was kept as " + failure.keptAs + ".";
         const ChannelRef& channel = failure.channel;
-        tell("Can't load the channel desktop settings for " +
-                 (channel.name.empty() ? std::string("<Unspecified channel>") : channel.name),
-             false, detail);
+        tell("Can't load the channel desktop settings for " + displayName(channel.name), false,
+             detail);
     }
 }
 
